@@ -1,0 +1,59 @@
+/// @file
+/// The embedded platform's own operations for hosts: what no AOI message carries. The plug-in does not know them.
+///
+/// A media port receives the RTP of one session, counts it, and records it. Open it before the session's object is
+/// created, create the object with the same identifiers, address and port, and close the port after the object was
+/// deleted.
+#pragma once
+
+#include "zr_common.h"
+#include "zr_types.h"
+
+extern "C"
+{
+    /// What a media port has received so far, all tracks together.
+    struct ZrMediaStatistics
+    {
+        uint64_t ullPackets;      ///< RTP packets taken
+        uint64_t ullBytes;        ///< their bytes, RTP headers included
+        uint64_t ullLost;         ///< packets missing by their sequence numbers (RFC 3550, A.3)
+        ZR_ULONG ulJitterUs;      ///< the worst track's interarrival jitter in microseconds (RFC 3550, A.8)
+        ZR_ULONG ulLastArrivalMs; ///< milliseconds since the last packet; 0xFFFFFFFF: none yet
+        ZR_ULONG ulTracks;        ///< tracks that were set up
+    };
+
+    /// Opens the media port of a session before its object is created: binds two consecutive even RTP/RTCP pairs (one a
+    /// track) on the local address and says the first port.
+    /// @param ulPortID     the session's media port identifier; one that is open is refused
+    /// @param ulAOIPortID  the identifier of the session's object, by which the dispatcher finds the port
+    /// @param pszLocalIP   a numeric local address
+    /// @param pusPort      receives the first port
+    /// @return 0, else a code and nothing is open
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortOpen(ZR_ULONG ulPortID, ZR_ULONG ulAOIPortID, const char *pszLocalIP,
+                                              ZR_USHORT *pusPort);
+
+    /// Says what the session's tracks carry.
+    /// @param pszSdp  the DESCRIBE answer's SDP (CMediaAbility::getDescribeRspSdp)
+    /// @return 0; 2 when it names no track that is understood
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortSetDescription(ZR_ULONG ulPortID, const char *pszSdp);
+
+    /// Records what arrives into a Matroska file, or ends the recording and returns when the file is whole.
+    /// @param pszFile  the file; NULL ends
+    /// @return 0; a code when it cannot be written, no track is known, or the library was built without GStreamer
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *pszFile);
+
+    /// Writes the next whole picture into a PNG file.
+    /// @param ulTimeoutMs  how long to wait for it, in milliseconds
+    /// @return 0; a code when none came in time or it cannot be written
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG ulTimeoutMs);
+
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortStatistics(ZR_ULONG ulPortID, ZrMediaStatistics *pstOut);
+
+    /// Closes a port: ends its recording, closes its sockets. Nothing of it runs when this returns.
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortClose(ZR_ULONG ulPortID);
+
+    /// Lines below this level are not written (default: ZR_LOG_INFO to a file, ZR_LOG_WARNING to stderr).
+    ZR_PLATFORM_API void ZR_LogSetLevel(tagZrLogLevel enLevel);
+    /// Writes the log to a rotating file instead of stderr; NULL: back to stderr.
+    ZR_PLATFORM_API void ZR_LogSetFile(const char *pszFile);
+}

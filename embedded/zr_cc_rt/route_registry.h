@@ -1,0 +1,22 @@
+/// @file
+/// Routes as the dispatcher looks them up.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zr::route
+{
+
+struct Address
+{
+    std::string host;
+    uint16_t port = 0;
+};
+
+/// The addresses under which a UA pair is registered, each once: none, one (the route), or more (no route, for nobody
+/// knows which). Any thread.
+std::vector<Address> find(const std::string &srcUaId, const std::string &dstUaId);
+
+} // namespace zr::route

@@ -1,0 +1,52 @@
+/// @file
+/// Media ports as the dispatcher sees them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "zr_types.h"
+
+namespace zr::media
+{
+
+/// What a SETUP answer agreed on for one track.
+struct TrackTransport
+{
+    bool interleaved = false;
+    uint8_t rtpChannel = 0; ///< interleaved
+    uint8_t rtcpChannel = 1;
+    std::string peerAddress;  ///< numeric; of the packets' sender, UDP
+    uint16_t peerRtpPort = 0; ///< 0: the answer named none, any port of that address is taken
+    uint16_t peerRtcpPort = 0;
+    uint16_t clientRtpPort = 0; ///< the local port of the track
+    bool multicast = false;
+    std::string group; ///< multicast
+    uint16_t groupPort = 0;
+};
+
+/// Sends an interleaved frame back (RTCP); false when the connection is gone. Any thread, never blocks.
+using InterleavedWriter = std::function<bool(uint8_t channel, const void *data, size_t size)>;
+
+/// The port of one session. Any thread.
+class Port
+{
+public:
+    virtual ~Port() = default;
+    /// A track was set up.
+    /// @param number  0 for the session's first SETUP
+    /// @param writer  of an interleaved session; empty otherwise
+    virtual void setUpTrack(unsigned number, const TrackTransport &transport, InterleavedWriter writer) = 0;
+    /// An interleaved frame arrived. Returns soon; the bytes are the caller's.
+    virtual void interleavedFrame(uint8_t channel, const uint8_t *data, size_t size) = 0;
+    /// The connection is gone or the session ended: no more frames, and the writer is let go.
+    virtual void connectionClosed() = 0;
+};
+
+/// The open port of an AOI port identifier; null when there is none.
+std::shared_ptr<Port> findByAoiPort(ZR_ULONG aoiPortId);
+
+} // namespace zr::media
