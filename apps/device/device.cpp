@@ -1,0 +1,199 @@
+#include "device.h"
+
+#include <csignal>
+#include <stdexcept>
+
+#include <gio/gio.h>
+#include <glib-unix.h>
+#include <gst/rtsp-server/rtsp-server.h>
+
+#include "recording.h"
+
+namespace zr::device
+{
+namespace
+{
+
+constexpr const char *role = "viewer";
+
+struct Unref
+{
+    void operator()(gpointer object) const { g_object_unref(object); }
+    void operator()(GMainLoop *loop) const { g_main_loop_unref(loop); }
+    void operator()(GError *error) const { g_error_free(error); }
+};
+template <typename T>
+using Owned = std::unique_ptr<T, Unref>;
+
+// A source of the main context; destroyed with its owner.
+class Source
+{
+public:
+    Source() = default;
+    ~Source()
+    {
+        if (m_source != nullptr)
+        {
+            g_source_destroy(m_source);
+            g_source_unref(m_source);
+        }
+    }
+    Source(const Source &) = delete;
+    Source &operator=(const Source &) = delete;
+
+    void attach(GSource *source, GSourceFunc callback, gpointer user)
+    {
+        m_source = source;
+        g_source_set_callback(source, callback, user, nullptr);
+        attach(source);
+    }
+    void attach(GSource *source)
+    {
+        m_source = source;
+        g_source_attach(source, nullptr);
+    }
+
+private:
+    GSource *m_source = nullptr;
+};
+
+void addMount(GstRTSPMountPoints *mounts, const char *path, const std::string &pipeline, bool shared)
+{
+    GstRTSPMediaFactory *factory = gst_rtsp_media_factory_new();
+    gst_rtsp_media_factory_set_launch(factory, pipeline.c_str());
+    gst_rtsp_media_factory_set_shared(factory, shared ? TRUE : FALSE);
+    gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
+                                    GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
+    gst_rtsp_mount_points_add_factory(mounts, path, factory); // which takes it over
+}
+
+void requireUser(GstRTSPServer *server, const DeviceOptions &options)
+{
+    const Owned<GstRTSPAuth> auth(gst_rtsp_auth_new());
+    GstRTSPToken *token = gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, role, nullptr);
+    gst_rtsp_auth_set_realm(auth.get(), "zr_rtsp_device");
+    if (options.authentication == Authentication::Basic)
+    {
+        gchar *credentials = gst_rtsp_auth_make_basic(options.user.c_str(), options.password.c_str());
+        gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_BASIC);
+        gst_rtsp_auth_add_basic(auth.get(), credentials, token);
+        g_free(credentials);
+    }
+    else
+    {
+        gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_DIGEST);
+        gst_rtsp_auth_add_digest(auth.get(), options.user.c_str(), options.password.c_str(), token);
+    }
+    gst_rtsp_token_unref(token);
+    gst_rtsp_server_set_auth(server, auth.get());
+}
+
+// The library gives every new session 60 s; the answer to its SETUP, made after this, tells the client what holds.
+void onNewSession(GstRTSPClient *, GstRTSPSession *session, gpointer user)
+{
+    gst_rtsp_session_set_timeout(session, static_cast<guint>(GPOINTER_TO_INT(user)));
+}
+
+void onClient(GstRTSPServer *, GstRTSPClient *client, gpointer user)
+{
+    g_signal_connect(client, "new-session", G_CALLBACK(onNewSession), user);
+}
+
+gboolean onSessionTimeout(GstRTSPSessionPool *pool, gpointer)
+{
+    gst_rtsp_session_pool_cleanup(pool);
+    return G_SOURCE_CONTINUE;
+}
+
+gboolean onSignal(gpointer loop)
+{
+    g_main_loop_quit(static_cast<GMainLoop *>(loop));
+    return G_SOURCE_CONTINUE;
+}
+
+GstRTSPFilterResult removeClient(GstRTSPServer *, GstRTSPClient *, gpointer)
+{
+    return GST_RTSP_FILTER_REMOVE;
+}
+
+GstRTSPFilterResult removeSession(GstRTSPSessionPool *, GstRTSPSession *, gpointer)
+{
+    return GST_RTSP_FILTER_REMOVE;
+}
+
+} // namespace
+
+struct Device::Parts
+{
+    explicit Parts(const DeviceOptions &chosen)
+        : options(chosen)
+        , recording(chosen.picture, chosen.recordingSeconds)
+        , loop(g_main_loop_new(nullptr, FALSE))
+        , server(gst_rtsp_server_new())
+    {
+    }
+
+    DeviceOptions options;
+    Recording recording;
+    Owned<GMainLoop> loop;
+    Owned<GstRTSPServer> server;
+    Source listener;
+    Source sessionWatch;
+};
+
+Device::Device(const DeviceOptions &options)
+    : m_parts(std::make_unique<Parts>(options))
+{
+    GstRTSPServer *server = m_parts->server.get();
+    gst_rtsp_server_set_address(server, options.address.c_str());
+    gst_rtsp_server_set_service(server, std::to_string(options.port).c_str());
+    if (!options.user.empty())
+    {
+        requireUser(server, options);
+    }
+
+    const Owned<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server));
+    addMount(mounts.get(), "/live", livePipeline(options.picture, true), true);
+    addMount(mounts.get(), "/video", livePipeline(options.picture, false), true);
+    addMount(mounts.get(), "/vod", playbackPipeline(m_parts->recording.path()), false);
+
+    g_signal_connect(server, "client-connected", G_CALLBACK(onClient), GINT_TO_POINTER(options.sessionTimeout));
+    const Owned<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server));
+    m_parts->sessionWatch.attach(gst_rtsp_session_pool_create_watch(sessions.get()), G_SOURCE_FUNC(onSessionTimeout),
+                                 nullptr);
+
+    GError *raw = nullptr;
+    GSource *listener = gst_rtsp_server_create_source(server, nullptr, &raw);
+    const Owned<GError> failed(raw);
+    if (listener == nullptr)
+    {
+        throw std::runtime_error("cannot listen on " + options.address + ":" + std::to_string(options.port) + ": " +
+                                 (failed ? failed->message : "unknown error"));
+    }
+    m_parts->listener.attach(listener);
+}
+
+Device::~Device() = default;
+
+std::vector<std::string> Device::urls() const
+{
+    const std::string base = "rtsp://" + m_parts->options.address + ":" +
+                             std::to_string(gst_rtsp_server_get_bound_port(m_parts->server.get()));
+    return {base + "/live", base + "/video", base + "/vod"};
+}
+
+void Device::run()
+{
+    GMainLoop *loop = m_parts->loop.get();
+    Source interrupt;
+    Source terminate;
+    interrupt.attach(g_unix_signal_source_new(SIGINT), onSignal, loop);
+    terminate.attach(g_unix_signal_source_new(SIGTERM), onSignal, loop);
+    g_main_loop_run(loop);
+
+    gst_rtsp_server_client_filter(m_parts->server.get(), removeClient, nullptr);
+    const Owned<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(m_parts->server.get()));
+    gst_rtsp_session_pool_filter(sessions.get(), removeSession, nullptr);
+}
+
+} // namespace zr::device
