@@ -2,6 +2,7 @@
 /// AOI requests to RTSP requests, RTSP answers to AOI answers. Nothing here knows sockets or threads.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "aoi_message.h"
 #include "media_port.h"
+#include "play_position.h"
 #include "rtsp_message.h"
 
 namespace zr::dispatch
@@ -21,10 +23,11 @@ struct Session
     std::string id;               ///< without parameters
     unsigned timeoutSeconds = 60; ///< of the Session header's "timeout" (RFC 2326, 12.37)
     unsigned setups = 0;          ///< SETUPs of the session itself that were answered 2xx, relations not counted
-    std::string lastUrl;          ///< of the last request
-    std::vector<std::string> publicMethods; ///< of the last Public header; empty: unknown
-    std::string challengedBy;               ///< host and port that asked for credentials last
+    std::string lastUrl;          ///< of the last answered request of the session itself
+    std::vector<std::string> publicMethods; ///< of the last Public header, in capitals; empty: unknown
+    std::string challengedBy;               ///< hostAndPort of who asked for credentials last
     bool played = false;                    ///< a PLAY was answered 2xx
+    PlayPosition position;                  ///< what plays, for the Range of OPTIONS answers
 };
 
 /// The connection's far and near ends, as an answer's mapping needs them.
@@ -34,14 +37,32 @@ struct Ends
     uint16_t peerPort = 0;
 };
 
+/// "192.0.2.1:554", "[2001:db8::1]:554": the form of Session::challengedBy.
+std::string hostAndPort(const Ends &ends);
+
 /// "DESCRIBE" for AOI_MSG_RTSP_DESCRIBE and so on; null for what is no request.
 const char *methodOf(ZR_ULONG messageId);
 
-/// The bytes of a request.
+/// The URL that a request asks for on the wire: its own, else the session's last; of a control URL joined to a base
+/// the last rtsps URL; without credentials, blanks and controls percent-encoded. Empty when there is no usable one.
+std::string wireUrl(const aoi::Request &request, const Session &session);
+
+/// The bytes of a request. An Authorization is written whenever the request has one: whether the far side may see it
+/// is for the caller to judge (Session::challengedBy). A SET_PARAMETER to a server that does not list it goes out as
+/// keepAliveMethod.
 /// @param cseq  its sequence number
+/// @return empty when the request cannot be written: no usable URL, or ports, channels or a destination out of bounds
 /// n of a SETUP's Transport is session.setups (RTP and RTCP ports or channels are P + 2n and P + 2n + 1).
 std::string writeRequest(const aoi::Request &request, unsigned cseq, const Session &session,
                          const std::string &userAgent);
+
+/// What keeps a session alive: GET_PARAMETER where the server lists it, else OPTIONS.
+const char *keepAliveMethod(const Session &session);
+
+/// The bytes of a keep-alive of the platform's own.
+/// @param authorization  may be empty
+std::string writeKeepAlive(const Session &session, const std::string &authorization, unsigned cseq,
+                           const std::string &userAgent);
 
 /// What came of an answer.
 struct Mapped
@@ -53,12 +74,22 @@ struct Mapped
 };
 
 /// Maps the final answer of a request (1xx are the caller's to pass over), and brings the session up to date.
-/// @param requestUrl  the URL that was asked in the end (after redirects)
+/// @param request     as the plug-in made it
+/// @param requestUrl  the URL that was asked in the end (wireUrl, or the redirect's target)
+/// @param now         when the answer came
 Mapped mapResponse(const aoi::Request &request, const std::string &requestUrl, const rtsp::Message &response,
-                   Session &session, const Ends &ends);
+                   Session &session, const Ends &ends,
+                   std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now());
 
 /// The failure answer that the platform itself gives (503: the far side is not reachable ...).
 aoi::Answer failureAnswer(const aoi::Request &request, ZR_ULONG status);
+
+/// The absolute URL that a 301 or 302 points to; none when it has no usable one, or leads from rtsps to rtsp.
+std::optional<std::string> redirectTarget(const std::string &requestUrl, const rtsp::Message &response);
+
+/// A reference made absolute against a base URL (RFC 3986, 5.2, without its dot segments); none when the result is no
+/// RTSP URL. Credentials are cut off.
+std::optional<std::string> resolveUrl(const std::string &base, std::string_view reference);
 
 /// A URL's parts; none when it is no rtsp or rtsps URL with a host. Brackets of an IPv6 literal are cut off.
 struct Url

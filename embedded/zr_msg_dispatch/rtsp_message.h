@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,7 +34,7 @@ struct Message
     std::vector<std::string_view> findAll(std::string_view name) const;
 };
 
-/// An interleaved frame; the bytes are the parser's until the next append.
+/// An interleaved frame; the bytes are the parser's, valid until its next call of append or next.
 struct Frame
 {
     uint8_t channel = 0;
@@ -41,15 +42,19 @@ struct Frame
     size_t size = 0;
 };
 
+/// What a far side may send, in bytes but for the number of headers.
 struct Limits
 {
-    size_t line = 4096;
+    size_t line = 4096; ///< without its LF
     size_t headers = 128;
-    size_t head = 65536;
+    size_t head = 65536; ///< start line and headers
     size_t body = 1048576;
 };
 
 /// Takes bytes, gives messages and frames. One thread at a time. After an Error it stays there.
+///
+/// The events depend on the bytes alone, not on the pieces in which they came. A caller that asks for events until
+/// NeedMore after each append has no more than the limits in memory; the cost is linear in the bytes.
 class Parser
 {
 public:
@@ -64,23 +69,57 @@ public:
     explicit Parser(const Limits &limits = Limits());
 
     void append(const char *data, size_t size);
+    /// The next thing that the bytes hold. Blank lines between messages are passed over.
     Event next();
 
-    /// The message of the last Event::Message; may be moved from.
+    /// The message of the last Event::Message; may be moved from, and is gone with the following call of next.
     Message &message() { return m_message; }
     /// The frame of the last Event::Frame.
     const Frame &frame() const { return m_frame; }
     /// What was wrong, naming the limit or the offending line (bounded, printable); valid after Event::Error.
     const std::string &error() const { return m_error; }
-    /// Whether the first byte of a message or frame has come, but not its last.
+    /// Whether the first byte of a message or frame has come, but not its last; asked after Event::NeedMore.
     bool midMessage() const;
 
 private:
-    // the implementation's members, the parser's author's to choose
+    enum class State
+    {
+        Between,
+        StartLine,
+        Headers,
+        Body,
+        Failed
+    };
+
+    // each works on its state's bytes: an event, or none when the state has changed and work goes on
+    std::optional<Event> between();
+    std::optional<Event> frameStart();
+    std::optional<Event> headLine();
+    std::optional<Event> headerLine(std::string_view line);
+    std::optional<Event> endOfHead();
+    std::optional<Event> bodyPart();
+
+    Event deliver();
+    Event fail(std::string problem);
+    size_t pending() const { return m_buffer.size() - m_taken; }
+    void take(size_t size);
+
     Limits m_limits;
+    State m_state = State::Between;
+    std::string m_buffer;
+    size_t m_taken = 0;     ///< bytes at the buffer's front that are used up
+    size_t m_scanned = 0;   ///< no line ends between m_taken and here
+    size_t m_headBytes = 0; ///< of the message's head so far
+    size_t m_bodyLeft = 0;  ///< of the message's body
+    bool m_delivered = false;
     Message m_message;
     Frame m_frame;
     std::string m_error;
 };
+
+/// The bytes of an answer to a request of the far side's own: its CSeq and Session, no body.
+/// @param status  200, 501 ...; the reason phrase follows from it
+/// @param more    further headers, such as Public
+std::string writeResponse(const Message &request, int status, const std::vector<Header> &more = {});
 
 } // namespace zr::rtsp

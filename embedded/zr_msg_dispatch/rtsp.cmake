@@ -1,0 +1,1 @@
+zr_platform_part(rtsp SOURCES rtsp_message.cpp rtsp_text.cpp play_position.cpp mapping_request.cpp mapping_url.cpp)

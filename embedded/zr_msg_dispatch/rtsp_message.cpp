@@ -1,0 +1,344 @@
+#include "rtsp_message.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "rtsp_text.h"
+
+namespace
+{
+
+using namespace zr::rtsp;
+
+/// An idle parser keeps no larger buffer than this.
+constexpr size_t keptCapacity = 16384;
+
+bool isTokenCharacter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           (c != 0 && std::strchr("!#$%&'*+-.^_`|~", c) != nullptr);
+}
+
+bool isToken(std::string_view text)
+{
+    return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
+}
+
+bool hasControlCharacter(std::string_view text)
+{
+    return std::any_of(text.begin(), text.end(),
+                       [](char c)
+                       {
+                           const auto byte = static_cast<unsigned char>(c);
+                           return (byte < 0x20 && c != '\t') || byte == 0x7f;
+                       });
+}
+
+/// Takes the first word off a line.
+std::string_view nextWord(std::string_view &line)
+{
+    line = trimmed(line);
+    const size_t end = std::min(line.find_first_of(" \t"), line.size());
+    const std::string_view word = line.substr(0, end);
+    line = trimmed(line.substr(end));
+    return word;
+}
+
+/// What is wrong with a protocol version; empty when nothing is (RTSP/1.0, other minor numbers are tolerated).
+std::string versionProblem(std::string_view version)
+{
+    constexpr std::string_view protocol = "RTSP/";
+    if (version.substr(0, protocol.size()) != protocol)
+        return "not an RTSP start line: ";
+    version.remove_prefix(protocol.size());
+    if (version.substr(0, 2) == "1." && parseNumber(version.substr(2), 99))
+        return {};
+    return "unsupported RTSP version: ";
+}
+
+/// Reads a start line (RFC 2326, 6.1 and 7.1) into a message.
+/// @return what is wrong; empty when nothing is
+std::string readStartLine(std::string_view line, Message &message)
+{
+    std::string_view rest = line;
+    const std::string_view first = nextWord(rest);
+    const std::string_view second = nextWord(rest);
+    message.response = first.substr(0, 5) == "RTSP/";
+    const std::string problem = versionProblem(message.response ? first : rest);
+    if (!problem.empty())
+        return problem + quoted(line);
+    if (!message.response)
+    {
+        message.method = first;
+        message.uri = second;
+        return isToken(first) ? std::string() : "not an RTSP method: " + quoted(line);
+    }
+    const auto status = second.size() == 3 ? parseNumber(second, 999) : std::nullopt;
+    if (!status || *status < 100)
+        return "not an RTSP status: " + quoted(line);
+    message.status = static_cast<int>(*status);
+    message.reason = rest;
+    return {};
+}
+
+const char *reasonOf(int status)
+{
+    switch (status)
+    {
+    case 200:
+        return "OK";
+    case 400:
+        return "Bad Request";
+    case 404:
+        return "Not Found";
+    case 405:
+        return "Method Not Allowed";
+    case 454:
+        return "Session Not Found";
+    case 501:
+        return "Not Implemented";
+    default:
+        return status < 300 ? "Success" : "Failure";
+    }
+}
+
+} // namespace
+
+namespace zr::rtsp
+{
+
+const std::string *Message::find(std::string_view name) const
+{
+    const auto found = std::find_if(headers.begin(), headers.end(),
+                                    [name](const Header &header) { return sameText(header.name, name); });
+    return found == headers.end() ? nullptr : &found->value;
+}
+
+std::vector<std::string_view> Message::findAll(std::string_view name) const
+{
+    std::vector<std::string_view> values;
+    for (const Header &header : headers)
+    {
+        if (sameText(header.name, name))
+            values.emplace_back(header.value);
+    }
+    return values;
+}
+
+Parser::Parser(const Limits &limits)
+    : m_limits(limits)
+{
+}
+
+void Parser::append(const char *data, size_t size)
+{
+    if (m_state == State::Failed)
+        return;
+    // what is used up goes when it is at least half of the buffer, so that each byte moves once at most on average
+    if (m_taken * 2 >= m_buffer.size())
+    {
+        m_buffer.erase(0, m_taken);
+        m_scanned -= m_taken;
+        m_taken = 0;
+    }
+    m_buffer.append(data, size);
+}
+
+Parser::Event Parser::next()
+{
+    if (m_delivered)
+    {
+        m_message = Message();
+        m_delivered = false;
+    }
+    std::optional<Event> event;
+    while (!event)
+    {
+        switch (m_state)
+        {
+        case State::Between:
+            event = between();
+            break;
+        case State::StartLine:
+        case State::Headers:
+            event = headLine();
+            break;
+        case State::Body:
+            event = bodyPart();
+            break;
+        case State::Failed:
+            event = Event::Error;
+            break;
+        }
+    }
+    return *event;
+}
+
+bool Parser::midMessage() const
+{
+    return m_state != State::Failed && (m_state != State::Between || pending() > 0);
+}
+
+std::optional<Parser::Event> Parser::between()
+{
+    while (pending() > 0 && (m_buffer[m_taken] == '\r' || m_buffer[m_taken] == '\n'))
+        take(1);
+    if (pending() == 0)
+    {
+        if (m_buffer.capacity() > keptCapacity)
+        {
+            m_buffer = std::string();
+            m_taken = m_scanned = 0;
+        }
+        return Event::NeedMore;
+    }
+    if (m_buffer[m_taken] == '$')
+        return frameStart();
+    m_message = Message();
+    m_headBytes = 0;
+    m_state = State::StartLine;
+    return std::nullopt;
+}
+
+std::optional<Parser::Event> Parser::frameStart()
+{
+    constexpr size_t headSize = 4;
+    if (pending() < headSize)
+        return Event::NeedMore;
+    const auto *const bytes = reinterpret_cast<const uint8_t *>(m_buffer.data()) + m_taken;
+    const size_t size = static_cast<size_t>(bytes[2]) << 8 | bytes[3];
+    if (pending() < headSize + size)
+        return Event::NeedMore;
+    m_frame.channel = bytes[1];
+    m_frame.data = bytes + headSize;
+    m_frame.size = size;
+    take(headSize + size);
+    return Event::Frame;
+}
+
+std::optional<Parser::Event> Parser::headLine()
+{
+    const size_t end = m_buffer.find('\n', m_scanned);
+    const size_t size = std::min(end, m_buffer.size()) - m_taken;
+    std::string_view line(m_buffer.data() + m_taken, size);
+    if (size > m_limits.line)
+        return fail("a line exceeds the limit of " + std::to_string(m_limits.line) +
+                    " bytes: " + quoted(line.substr(0, m_limits.line)));
+    if (end == std::string::npos)
+    {
+        m_scanned = m_buffer.size();
+        return Event::NeedMore;
+    }
+    take(size + 1);
+    m_headBytes += size + 1;
+    if (m_headBytes > m_limits.head)
+        return fail("a message's head exceeds the limit of " + std::to_string(m_limits.head) + " bytes");
+    while (!line.empty() && line.back() == '\r')
+        line.remove_suffix(1);
+    if (hasControlCharacter(line))
+        return fail("a control character in the line " + quoted(line));
+    if (m_state == State::Headers)
+        return line.empty() ? endOfHead() : headerLine(line);
+    std::string problem = readStartLine(line, m_message);
+    if (!problem.empty())
+        return fail(std::move(problem));
+    m_state = State::Headers;
+    return std::nullopt;
+}
+
+std::optional<Parser::Event> Parser::headerLine(std::string_view line)
+{
+    if (line.front() == ' ' || line.front() == '\t')
+    {
+        if (m_message.headers.empty())
+            return fail("a continued header without its first line: " + quoted(line));
+        std::string &value = m_message.headers.back().value;
+        line = trimmed(line);
+        if (!value.empty() && !line.empty())
+            value += ' ';
+        value += line;
+        return std::nullopt;
+    }
+    const size_t colon = line.find(':');
+    const std::string_view name = trimmed(line.substr(0, std::min(colon, line.size())));
+    if (colon == std::string_view::npos || name.empty())
+        return fail("not a header line: " + quoted(line));
+    if (m_message.headers.size() >= m_limits.headers)
+        return fail("more than " + std::to_string(m_limits.headers) + " headers in a message");
+    m_message.headers.push_back({std::string(name), std::string(trimmed(line.substr(colon + 1)))});
+    return std::nullopt;
+}
+
+std::optional<Parser::Event> Parser::endOfHead()
+{
+    const std::vector<std::string_view> lengths = m_message.findAll("Content-Length");
+    m_bodyLeft = 0;
+    for (const std::string_view &length : lengths)
+    {
+        if (length.empty() || length.find_first_not_of("0123456789") != std::string_view::npos)
+            return fail((length.substr(0, 1) == "-" ? "a negative Content-Length: " : "not a Content-Length: ") +
+                        quoted(length));
+        const auto number = parseNumber(length, UINT32_MAX);
+        if (!number || *number > m_limits.body)
+            return fail("the Content-Length " + quoted(length) + " exceeds the limit of " +
+                        std::to_string(m_limits.body) + " bytes");
+        if (&length != &lengths.front() && *number != m_bodyLeft)
+            return fail("contradicting Content-Lengths: " + quoted(lengths.front()) + " and " + quoted(length));
+        m_bodyLeft = *number;
+    }
+    if (m_bodyLeft == 0)
+        return deliver();
+    m_state = State::Body;
+    return std::nullopt;
+}
+
+std::optional<Parser::Event> Parser::bodyPart()
+{
+    const size_t size = std::min(pending(), m_bodyLeft);
+    m_message.body.append(m_buffer, m_taken, size);
+    take(size);
+    m_bodyLeft -= size;
+    if (m_bodyLeft > 0)
+        return Event::NeedMore;
+    return deliver();
+}
+
+Parser::Event Parser::deliver()
+{
+    m_state = State::Between;
+    m_delivered = true;
+    return Event::Message;
+}
+
+Parser::Event Parser::fail(std::string problem)
+{
+    m_error = std::move(problem);
+    m_state = State::Failed;
+    m_buffer = std::string();
+    m_taken = m_scanned = 0;
+    m_message = Message();
+    return Event::Error;
+}
+
+void Parser::take(size_t size)
+{
+    m_taken += size;
+    m_scanned = m_taken;
+}
+
+std::string writeResponse(const Message &request, int status, const std::vector<Header> &more)
+{
+    std::string out = "RTSP/1.0 " + std::to_string(status) + ' ' + reasonOf(status) + "\r\n";
+    const auto add = [&out](std::string_view name, std::string_view value)
+    { out.append(headerSafe(name)).append(": ").append(headerSafe(value)).append("\r\n"); };
+    for (const char *name : {"CSeq", "Session"})
+    {
+        if (const std::string *value = request.find(name))
+            add(name, *value);
+    }
+    for (const Header &header : more)
+        add(header.name, header.value);
+    return out + "\r\n";
+}
+
+} // namespace zr::rtsp
