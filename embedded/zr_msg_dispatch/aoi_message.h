@@ -12,6 +12,9 @@
 namespace zr::aoi
 {
 
+/// The User-Agent of requests where ZR_MSGDISP_Init was given none.
+extern const char *const defaultUserAgent;
+
 struct TransportAddress
 {
     std::string address;
@@ -44,7 +47,8 @@ struct Request
 };
 
 /// Decodes a request message.
-/// @return 0; a code when it is not a well-formed request of a known identifier
+/// @return 0; a code (zr::mdp::Status) when it is not a well-formed request of a known identifier, or holds what no
+/// RTSP request can carry: `out` is then as before
 ZR_ULONG readRequest(const tagMDPMsg *message, Request &out);
 
 /// What an answer (kind 1 or 2) or a request to a processor (kind 0) says; what is not set is not in the message.

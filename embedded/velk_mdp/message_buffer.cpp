@@ -1,0 +1,157 @@
+#include "message_buffer.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace zr::mdp
+{
+namespace
+{
+
+constexpr size_t capacityOffset = sizeof(tagMDPMsgHeader);
+constexpr size_t usedOffset = capacityOffset + sizeof(ZR_ULONG);
+
+ZR_ULONG load(const char *at)
+{
+    ZR_ULONG value = 0;
+    std::memcpy(&value, at, sizeof(value));
+    return value;
+}
+
+void store(char *at, size_t value)
+{
+    const auto narrow = static_cast<ZR_ULONG>(value);
+    std::memcpy(at, &narrow, sizeof(narrow));
+}
+
+/// Walks the IEs; each step checks that the next one lies within the used length.
+class Walk
+{
+public:
+    explicit Walk(const tagAOIMsg *message)
+        : m_base(reinterpret_cast<const char *>(message))
+        , m_used(load(m_base + usedOffset))
+        , m_sound(m_used >= prefixSize && m_used <= load(m_base + capacityOffset) && m_used % sizeof(ZR_ULONG) == 0)
+    {
+    }
+
+    /// Steps to the next IE; false at the end, and where the lengths contradict each other.
+    bool next()
+    {
+        if (!m_sound || m_next == m_used)
+            return false;
+        const size_t left = m_used - m_next;
+        m_sound = left >= elementSize(0) && load(m_base + m_next + sizeof(ZR_ULONG)) <= left - elementSize(0);
+        if (!m_sound)
+            return false;
+        m_id = load(m_base + m_next);
+        m_value = std::string_view(m_base + m_next + elementSize(0), load(m_base + m_next + sizeof(ZR_ULONG)));
+        // the used length is a multiple of 4, so the padding lies within it too
+        m_next += elementSize(m_value.size());
+        return true;
+    }
+
+    bool sound() const { return m_sound; }
+    ZR_ULONG id() const { return m_id; }
+    std::string_view value() const { return m_value; }
+
+private:
+    const char *m_base;
+    size_t m_used;
+    bool m_sound;
+    size_t m_next = prefixSize;
+    ZR_ULONG m_id = 0;
+    std::string_view m_value;
+};
+
+} // namespace
+
+void initialise(tagMDPMsg *message, ZR_ULONG capacity)
+{
+    auto *const base = reinterpret_cast<char *>(message);
+    std::memset(base, 0, prefixSize);
+    store(base + capacityOffset, capacity);
+    store(base + usedOffset, prefixSize);
+}
+
+Status find(const tagAOIMsg *message, ZR_ULONG id, std::string_view &value)
+{
+    if (message == nullptr)
+        return NullArgument;
+    Walk walk(message);
+    while (walk.next())
+    {
+        if (walk.id() == id)
+        {
+            value = walk.value();
+            return Ok;
+        }
+    }
+    return walk.sound() ? NotFound : Malformed;
+}
+
+Status check(const tagAOIMsg *message)
+{
+    if (message == nullptr)
+        return NullArgument;
+    Walk walk(message);
+    while (walk.next())
+    {
+    }
+    return walk.sound() ? Ok : Malformed;
+}
+
+Status append(tagAOIMsg *message, ZR_ULONG id, std::initializer_list<std::string_view> parts)
+{
+    std::string_view present;
+    const Status searched = find(message, id, present);
+    if (searched != NotFound)
+        return searched == Ok ? Duplicate : searched;
+
+    size_t length = 0;
+    for (const std::string_view part : parts)
+        length += part.size();
+    auto *const base = reinterpret_cast<char *>(message);
+    const size_t used = load(base + usedOffset);
+    const size_t room = load(base + capacityOffset) - used;
+    if (length > room || elementSize(length) > room)
+        return NoRoom;
+
+    char *at = base + used;
+    std::memset(at, 0, elementSize(length)); // no byte of the heap's past goes out with the padding
+    store(at, id);
+    store(at + sizeof(ZR_ULONG), length);
+    at += elementSize(0);
+    for (const std::string_view part : parts)
+    {
+        if (!part.empty())
+            std::memcpy(at, part.data(), part.size());
+        at += part.size();
+    }
+    store(base + usedOffset, used + elementSize(length));
+    return Ok;
+}
+
+} // namespace zr::mdp
+
+ZR_ULONG MDP_CreatReqMsgHeader(const tagMDPMsgHeader *pstHeader, tagMDPMsg *pstMsg)
+{
+    if (pstHeader == nullptr || pstMsg == nullptr)
+        return zr::mdp::NullArgument;
+    pstMsg->stHeader = *pstHeader;
+    pstMsg->stHeader.ulMsgKind = 0;
+    return zr::mdp::Ok;
+}
+
+ZR_ULONG MDP_GetMsgIE(const tagAOIMsg *pstAOIMsg, ZR_ULONG ulIEID, const void **ppvIE, ZR_ULONG *pulLen)
+{
+    if (ppvIE == nullptr || pulLen == nullptr)
+        return zr::mdp::NullArgument;
+    std::string_view value;
+    const zr::mdp::Status found = zr::mdp::find(pstAOIMsg, ulIEID, value);
+    if (found != zr::mdp::Ok)
+        return found;
+    *ppvIE = value.data();
+    *pulLen = static_cast<ZR_ULONG>(value.size());
+    return zr::mdp::Ok;
+}
