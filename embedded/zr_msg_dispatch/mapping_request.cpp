@@ -141,7 +141,7 @@ std::string writeRequest(const aoi::Request &request, unsigned cseq, const Sessi
 {
     const char *method = methodOf(request.messageId);
     const std::string url = wireUrl(request, session);
-    if (method == nullptr || url.empty())
+    if (method == nullptr || url.empty() || (request.messageId == AOI_MSG_RTSP_SETUP && !request.transport))
         return {};
     // some servers close the connection on a method that they do not know
     if (request.messageId == AOI_MSG_RTSP_SET_PARAMERTER && !session.publicMethods.empty() &&

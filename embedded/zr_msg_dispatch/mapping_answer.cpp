@@ -1,0 +1,226 @@
+#include <algorithm>
+
+#include "mapping_parts.h"
+#include "rtsp_text.h"
+
+namespace
+{
+
+using namespace zr::dispatch;
+namespace aoi = zr::aoi;
+namespace rtsp = zr::rtsp;
+
+constexpr ZR_ULONG successKind = 1;
+constexpr ZR_ULONG failureKind = 2;
+constexpr ZR_ULONG forbidden = 403;
+constexpr ZR_ULONG unsupportedMediaType = 415;
+constexpr ZR_ULONG unsupportedTransport = 461;
+constexpr ZR_ULONG badGateway = 502;
+
+/// Whether it sets up the relation to a TV wall, not the session itself.
+bool isRelation(const aoi::Request &request)
+{
+    return request.transport && !request.transport->method;
+}
+
+void fail(Mapped &mapped, const aoi::Request &request, ZR_ULONG status, std::string problem)
+{
+    mapped.answer = failureAnswer(request, status);
+    mapped.problem = std::move(problem);
+}
+
+/// Reads a Session header (RFC 2326, 12.37).
+/// @param timeoutSeconds  keeps its value when none is given
+/// @return the ID without its parameters; empty when there is none
+std::string readSession(const rtsp::Message &response, unsigned &timeoutSeconds)
+{
+    constexpr uint32_t day = 86400;
+    constexpr std::string_view timeout = "timeout=";
+    const std::string *header = response.find("Session");
+    if (header == nullptr)
+        return {};
+    const auto pieces = rtsp::split(*header, ';');
+    for (const std::string_view piece : pieces)
+    {
+        if (!rtsp::beginsWith(piece, timeout))
+            continue;
+        const auto seconds = rtsp::parseNumber(rtsp::trimmed(piece.substr(timeout.size())), day);
+        if (seconds && *seconds > 0)
+            timeoutSeconds = *seconds;
+    }
+    return std::string(pieces.front());
+}
+
+std::vector<std::string> readPublic(const rtsp::Message &response)
+{
+    constexpr size_t most = 64;
+    std::vector<std::string> methods;
+    for (const std::string_view header : response.findAll("Public"))
+    {
+        for (const std::string_view piece : rtsp::split(header, ','))
+        {
+            if (piece.empty() || methods.size() == most)
+                continue;
+            std::string &method = methods.emplace_back(piece);
+            std::transform(method.begin(), method.end(), method.begin(),
+                           [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
+        }
+    }
+    return methods;
+}
+
+void mapChallenge(const aoi::Request &request, const rtsp::Message &response, Session &session, const Ends &ends,
+                  Mapped &mapped)
+{
+    mapped.answer = failureAnswer(request, static_cast<ZR_ULONG>(response.status));
+    mapped.answer.challenge = chooseChallenge(response, mapped.problem);
+    if (!mapped.answer.challenge)
+        return fail(mapped, request, forbidden, std::move(mapped.problem));
+    mapped.problem.clear();
+    session.challengedBy = hostAndPort(ends);
+}
+
+/// The base that control URLs are joined to (RFC 2326, C.1.1); none: the request's own URL, by the requester's rules.
+std::optional<std::string> contentBase(const aoi::Request &request, const std::string &requestUrl,
+                                       const rtsp::Message &response, std::string_view sdp)
+{
+    std::optional<std::string> base;
+    for (const char *name : {"Content-Base", "Content-Location"})
+    {
+        const std::string *header = response.find(name);
+        if (header != nullptr && !base)
+            base = resolveUrl(requestUrl, *header);
+    }
+    if (!base && requestUrl != wireUrl(request, {}))
+        base = requestUrl;
+    if (base && base->back() != '/' && hasRelativeControls(sdp))
+        *base += '/';
+    return base;
+}
+
+void mapDescription(const aoi::Request &request, const std::string &requestUrl, const rtsp::Message &response,
+                    Mapped &mapped)
+{
+    const auto sdp = readDescription(response);
+    if (!sdp)
+    {
+        const std::string *type = response.find("Content-Type");
+        return fail(mapped, request, unsupportedMediaType,
+                    "the DESCRIBE answer holds no SDP: " + std::to_string(response.body.size()) + " bytes of type " +
+                        rtsp::quoted(type != nullptr ? *type : ""));
+    }
+    mapped.answer.body = completeRtpmaps(*sdp);
+    mapped.answer.contentBase = contentBase(request, requestUrl, response, *sdp);
+    if (const std::string *location = response.find("Content-Location"))
+        mapped.answer.url = resolveUrl(requestUrl, *location);
+}
+
+void mapSetup(const aoi::Request &request, const rtsp::Message &response, Session &session, const Ends &ends,
+              Mapped &mapped)
+{
+    const unsigned number = session.setups;
+    if (!isRelation(request))
+        ++session.setups;
+    if (!mapped.answer.sessionId)
+        return fail(mapped, request, badGateway, "the SETUP answer has no Session");
+    session.id = *mapped.answer.sessionId;
+    if (!request.transport)
+        return;
+    std::string problem;
+    const auto agreed = readTransport(*request.transport, number, response, ends, problem);
+    if (!agreed)
+        return fail(mapped, request, unsupportedTransport, std::move(problem));
+    mapped.answer.transport = agreed->plain;
+    if (isRelation(request))
+        return;
+    mapped.answer.method = request.transport->method;
+    mapped.answer.methodTransport = agreed->method;
+    mapped.track = agreed->track;
+    mapped.trackNumber = number;
+}
+
+void mapPlay(const aoi::Request &request, const rtsp::Message &response, Session &session, PlayPosition::Time now)
+{
+    constexpr double largestScale = 1000;
+    const std::string *range = response.find("Range");
+    const std::string *scale = response.find("Scale");
+    session.played = true;
+    session.position.play(range != nullptr ? *range : "", request.range,
+                          scale != nullptr ? rtsp::parseDecimal(*scale, largestScale).value_or(1) : 1, now);
+}
+
+/// What every 2xx answer says.
+void mapCommon(const aoi::Request &request, const rtsp::Message &response, Session &session, aoi::Answer &answer)
+{
+    answer.messageId = request.messageId;
+    answer.kind = successKind;
+    answer.destinationId = request.sourceId;
+    std::string id = readSession(response, session.timeoutSeconds);
+    if (id.empty())
+        id = session.id.empty() ? request.sessionId : session.id;
+    if (!id.empty())
+        answer.sessionId = std::move(id);
+    if (const std::string *server = response.find("Server"))
+        answer.server = *server;
+    if (const std::string *range = response.find("Range"))
+        answer.range = *range;
+    std::vector<std::string> methods = readPublic(response);
+    if (!methods.empty())
+        session.publicMethods = std::move(methods);
+}
+
+} // namespace
+
+namespace zr::dispatch
+{
+
+Mapped mapResponse(const aoi::Request &request, const std::string &requestUrl, const rtsp::Message &response,
+                   Session &session, const Ends &ends, std::chrono::steady_clock::time_point now)
+{
+    Mapped mapped;
+    // a TEARDOWN may be a relation's; nothing follows the session's own
+    if (!isRelation(request) && request.messageId != AOI_MSG_RTSP_TEARDOWN)
+        session.lastUrl = requestUrl;
+    if (response.status < 200 || response.status >= 300)
+    {
+        mapped.answer = failureAnswer(request, static_cast<ZR_ULONG>(response.status));
+        if (response.status == 401)
+            mapChallenge(request, response, session, ends, mapped);
+        return mapped;
+    }
+    mapCommon(request, response, session, mapped.answer);
+    switch (request.messageId)
+    {
+    case AOI_MSG_RTSP_DESCRIBE:
+        mapDescription(request, requestUrl, response, mapped);
+        break;
+    case AOI_MSG_RTSP_SETUP:
+        mapSetup(request, response, session, ends, mapped);
+        break;
+    case AOI_MSG_RTSP_PLAY:
+        mapPlay(request, response, session, now);
+        break;
+    case AOI_MSG_RTSP_PAUSE:
+        session.position.pause(now);
+        break;
+    case AOI_MSG_RTSP_OPTIONS:
+        if (!mapped.answer.range)
+            mapped.answer.range = session.position.range(now);
+        break;
+    default:
+        break;
+    }
+    return mapped;
+}
+
+aoi::Answer failureAnswer(const aoi::Request &request, ZR_ULONG status)
+{
+    aoi::Answer answer;
+    answer.messageId = request.messageId;
+    answer.kind = failureKind;
+    answer.destinationId = request.sourceId;
+    answer.errorCode = status;
+    return answer;
+}
+
+} // namespace zr::dispatch

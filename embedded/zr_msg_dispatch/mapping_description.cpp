@@ -1,0 +1,156 @@
+#include <algorithm>
+
+#include "mapping_parts.h"
+#include "rtsp_text.h"
+
+namespace
+{
+
+namespace rtsp = zr::rtsp;
+
+struct StaticType
+{
+    unsigned number;
+    const char *rtpmap;
+};
+
+/// RFC 3551, tables 4 and 5.
+constexpr StaticType staticTypes[] = {
+    {0, "PCMU/8000"},   {3, "GSM/8000"},   {4, "G723/8000"},   {5, "DVI4/8000"},    {6, "DVI4/16000"},
+    {7, "LPC/8000"},    {8, "PCMA/8000"},  {9, "G722/8000"},   {10, "L16/44100/2"}, {11, "L16/44100"},
+    {12, "QCELP/8000"}, {13, "CN/8000"},   {14, "MPA/90000"},  {15, "G728/8000"},   {16, "DVI4/11025"},
+    {17, "DVI4/22050"}, {18, "G729/8000"}, {25, "CelB/90000"}, {26, "JPEG/90000"},  {28, "nv/90000"},
+    {31, "H261/90000"}, {32, "MPV/90000"}, {33, "MP2T/90000"}, {34, "H263/90000"},
+};
+
+const StaticType *findStaticType(std::string_view number)
+{
+    const auto value = rtsp::parseNumber(number, 127);
+    const auto found = std::find_if(std::begin(staticTypes), std::end(staticTypes),
+                                    [value](const StaticType &type) { return type.number == value; });
+    return found == std::end(staticTypes) ? nullptr : found;
+}
+
+/// Takes a line with its end off the text.
+std::string_view takeLine(std::string_view &text)
+{
+    const size_t end = text.find('\n');
+    const std::string_view line = text.substr(0, end == std::string_view::npos ? end : end + 1);
+    text.remove_prefix(line.size());
+    return line;
+}
+
+std::string_view withoutEnd(std::string_view line)
+{
+    return line.substr(0, std::min(line.find_first_of("\r\n"), line.size()));
+}
+
+/// Copies a description line by line and completes each section when it ends.
+class RtpmapWriter
+{
+public:
+    void add(std::string_view line)
+    {
+        constexpr std::string_view attribute = "a=rtpmap:";
+        const std::string_view text = withoutEnd(line);
+        if (text.substr(0, 2) == "m=")
+        {
+            end();
+            beginSection(line, text);
+        }
+        else if (text.substr(0, 2) == "a=" && m_attributes == std::string::npos)
+            m_attributes = m_out.size();
+        if (m_type != nullptr && text.substr(0, attribute.size()) == attribute)
+        {
+            const std::string_view value = rtsp::trimmed(text.substr(attribute.size()));
+            if (rtsp::parseNumber(value.substr(0, value.find_first_of(" \t")), 127) == m_type->number)
+                m_type = nullptr;
+        }
+        m_out += line;
+    }
+
+    /// Ends the section: what it lacks goes before its other attributes, for the reader takes the first.
+    void end()
+    {
+        if (m_type == nullptr)
+            return;
+        if (m_attributes == std::string::npos)
+        {
+            if (m_out.back() != '\n')
+                m_out += m_lineEnd;
+            m_attributes = m_out.size();
+        }
+        std::string line = "a=rtpmap:" + std::to_string(m_type->number) + ' ' + m_type->rtpmap;
+        m_out.insert(m_attributes, line.append(m_lineEnd));
+        m_type = nullptr;
+    }
+
+    std::string take() { return std::move(m_out); }
+
+private:
+    void beginSection(std::string_view line, std::string_view text)
+    {
+        std::string_view payload;
+        for (int word = 0; word < 4; ++word) // m=<media> <port> <protocol> <payload type> ...
+        {
+            const size_t blank = std::min(text.find(' '), text.size());
+            payload = text.substr(0, blank);
+            text.remove_prefix(std::min(blank + 1, text.size()));
+        }
+        m_type = findStaticType(payload);
+        m_lineEnd = line.find('\r') == std::string_view::npos ? "\n" : "\r\n";
+        m_attributes = std::string::npos;
+    }
+
+    std::string m_out;
+    const StaticType *m_type = nullptr; ///< of the section, as long as no rtpmap of it was seen
+    const char *m_lineEnd = "\r\n";
+    size_t m_attributes = 0; ///< where the section's first attribute begins
+};
+
+} // namespace
+
+namespace zr::dispatch
+{
+
+std::optional<std::string> readDescription(const rtsp::Message &response)
+{
+    if (const std::string *header = response.find("Content-Type"))
+    {
+        const auto pieces = rtsp::split(*header, ';');
+        if (!rtsp::sameText(pieces.front(), "application/sdp"))
+            return std::nullopt;
+    }
+    // some devices count a terminating zero; whatever follows one, readers of C strings would not see
+    std::string text = response.body.substr(0, response.body.find('\0'));
+    const size_t begin = text.find_first_not_of("\r\n \t");
+    if (begin == std::string::npos || (text.compare(begin, 2, "v=") != 0 && text.find("\nm=") == std::string::npos))
+        return std::nullopt;
+    return text;
+}
+
+std::string completeRtpmaps(std::string_view sdp)
+{
+    RtpmapWriter writer;
+    while (!sdp.empty())
+        writer.add(takeLine(sdp));
+    writer.end();
+    return writer.take();
+}
+
+bool hasRelativeControls(std::string_view sdp)
+{
+    constexpr std::string_view attribute = "a=control:";
+    while (!sdp.empty())
+    {
+        const std::string_view line = withoutEnd(takeLine(sdp));
+        if (line.substr(0, attribute.size()) != attribute)
+            continue;
+        const std::string_view value = rtsp::trimmed(line.substr(attribute.size()));
+        if (!value.empty() && value != "*" && value.find("://") == std::string_view::npos)
+            return true;
+    }
+    return false;
+}
+
+} // namespace zr::dispatch

@@ -1,0 +1,45 @@
+/// @file
+/// The parts of an answer's mapping, each read on its own.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "mapping.h"
+
+namespace zr::dispatch
+{
+
+/// What a SETUP answer's Transport header agreed on.
+struct AgreedTransport
+{
+    aoi::TransportAddress plain;  ///< the sender, or the connection's far end when interleaved
+    aoi::TransportAddress method; ///< the group when multicast was asked for, else the same
+    media::TrackTransport track;  ///< not filled for the relation to a TV wall
+};
+
+/// Reads it (RFC 2326, 12.39).
+/// @param asked    what the request asked for
+/// @param setups   n of the request
+/// @param problem  receives what is wrong when there is nothing usable, or another kind than asked
+std::optional<AgreedTransport> readTransport(const aoi::TransportElement &asked, unsigned setups,
+                                             const rtsp::Message &response, const Ends &ends, std::string &problem);
+
+/// Chooses among the challenges of an answer (RFC 2617, 3.2.1 and 2) and writes the choice as the plug-in reads it:
+/// Digest with MD5, or Basic where no Digest is offered at all, so that nobody can talk a password out of a client that
+/// could do better.
+/// @param problem  receives why there is none
+std::optional<std::string> chooseChallenge(const rtsp::Message &response, std::string &problem);
+
+/// The description in an answer's body, ended before its first NUL; none when it is not SDP.
+std::optional<std::string> readDescription(const rtsp::Message &response);
+
+/// The description with the rtpmap attribute of RFC 3551 in each section whose (first) payload type is a static one
+/// that has none.
+std::string completeRtpmaps(std::string_view sdp);
+
+/// Whether a control attribute is to be joined to the content base.
+bool hasRelativeControls(std::string_view sdp);
+
+} // namespace zr::dispatch

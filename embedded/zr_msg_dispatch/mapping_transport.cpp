@@ -1,0 +1,201 @@
+#include <arpa/inet.h>
+
+#include <algorithm>
+
+#include "mapping_parts.h"
+#include "rtsp_text.h"
+
+namespace
+{
+
+using namespace zr::dispatch;
+namespace aoi = zr::aoi;
+namespace rtsp = zr::rtsp;
+
+/// One transport of a Transport header.
+struct Offer
+{
+    bool tcp = false;
+    bool unicast = false;
+    bool multicast = false;
+    std::optional<std::string_view> interleaved, clientPort, serverPort, port;
+    std::string_view source, destination;
+};
+
+void readParameter(std::string_view text, Offer &offer)
+{
+    const size_t equals = std::min(text.find('='), text.size());
+    const std::string_view name = rtsp::trimmed(text.substr(0, equals));
+    const std::string_view value = rtsp::trimmed(text.substr(std::min(equals + 1, text.size())));
+    if (rtsp::sameText(name, "unicast"))
+        offer.unicast = true;
+    else if (rtsp::sameText(name, "multicast"))
+        offer.multicast = true;
+    else if (rtsp::sameText(name, "interleaved"))
+        offer.interleaved = value;
+    else if (rtsp::sameText(name, "client_port"))
+        offer.clientPort = value;
+    else if (rtsp::sameText(name, "server_port"))
+        offer.serverPort = value;
+    else if (rtsp::sameText(name, "port"))
+        offer.port = value;
+    else if (rtsp::sameText(name, "source"))
+        offer.source = value;
+    else if (rtsp::sameText(name, "destination"))
+        offer.destination = value;
+}
+
+std::optional<Offer> readOffer(std::string_view text)
+{
+    const auto pieces = rtsp::split(text, ';');
+    Offer offer;
+    offer.tcp = rtsp::sameText(pieces.front(), "RTP/AVP/TCP");
+    if (!offer.tcp && !rtsp::sameText(pieces.front(), "RTP/AVP") && !rtsp::sameText(pieces.front(), "RTP/AVP/UDP"))
+        return std::nullopt;
+    for (const std::string_view piece : pieces)
+        readParameter(piece, offer);
+    return offer;
+}
+
+bool isKindAsked(const Offer &offer, const aoi::TransportElement &asked)
+{
+    const bool tcp = asked.protocol == PROTOCOL_TCP;
+    if (asked.method && tcp)
+        return (offer.tcp || offer.interleaved) && !offer.multicast;
+    if (offer.interleaved || offer.tcp != tcp)
+        return false;
+    if (asked.method == BROADCASTMETHOD_MULTICAST)
+        return offer.multicast || !offer.unicast;
+    return !offer.multicast;
+}
+
+struct Pair
+{
+    uint16_t first = 0;
+    uint16_t second = 0;
+};
+
+/// "4588-4589" or "4588", whose second is the next; none when it is neither or exceeds the maximum.
+std::optional<Pair> readPair(std::string_view text, uint16_t maximum)
+{
+    const size_t dash = std::min(text.find('-'), text.size());
+    const auto first = rtsp::parseNumber(rtsp::trimmed(text.substr(0, dash)), maximum);
+    if (!first)
+        return std::nullopt;
+    auto second = std::optional<uint32_t>(*first == 0 && maximum == UINT16_MAX ? 0 : *first + 1);
+    if (dash < text.size())
+        second = rtsp::parseNumber(rtsp::trimmed(text.substr(dash + 1)), maximum);
+    if (!second || *second > maximum)
+        return std::nullopt;
+    return Pair{static_cast<uint16_t>(*first), static_cast<uint16_t>(*second)};
+}
+
+std::optional<Pair> readPorts(const std::optional<std::string_view> &text, Pair absent)
+{
+    return text ? readPair(*text, UINT16_MAX) : absent;
+}
+
+/// A numeric address that packets can come from; empty when it is none.
+std::string numericAddress(std::string_view text)
+{
+    while (!text.empty() && (text.front() == '"' || text.front() == '['))
+        text.remove_prefix(1);
+    while (!text.empty() && (text.back() == '"' || text.back() == ']'))
+        text.remove_suffix(1);
+    const std::string address(text);
+    in_addr v4{};
+    in6_addr v6{};
+    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
+        return v4.s_addr == INADDR_ANY ? std::string() : address;
+    if (inet_pton(AF_INET6, address.c_str(), &v6) == 1)
+        return IN6_IS_ADDR_UNSPECIFIED(&v6) ? std::string() : address;
+    return {};
+}
+
+bool isGroup(const std::string &address)
+{
+    in_addr v4{};
+    in6_addr v6{};
+    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
+        return IN_MULTICAST(ntohl(v4.s_addr));
+    return inet_pton(AF_INET6, address.c_str(), &v6) == 1 && IN6_IS_ADDR_MULTICAST(&v6);
+}
+
+bool readInterleaved(const Offer &offer, unsigned setups, const Ends &ends, AgreedTransport &agreed)
+{
+    const auto asked = static_cast<uint8_t>(2 * setups);
+    const auto channels =
+        offer.interleaved ? readPair(*offer.interleaved, UINT8_MAX) : Pair{asked, static_cast<uint16_t>(asked + 1)};
+    if (!channels || channels->first == channels->second)
+        return false;
+    agreed.track.interleaved = true;
+    agreed.track.rtpChannel = static_cast<uint8_t>(channels->first);
+    agreed.track.rtcpChannel = static_cast<uint8_t>(channels->second);
+    agreed.track.peerAddress = ends.peerAddress;
+    agreed.plain = aoi::TransportAddress{ends.peerAddress, ends.peerPort};
+    agreed.method = agreed.plain;
+    return true;
+}
+
+bool readUdp(const Offer &offer, const aoi::TransportElement &asked, unsigned setups, const Ends &ends,
+             AgreedTransport &agreed)
+{
+    const auto sender = readPorts(offer.serverPort, {});
+    const auto receiver = readPorts(offer.clientPort, {});
+    if (!sender || !receiver)
+        return false;
+    zr::media::TrackTransport &track = agreed.track;
+    track.peerAddress = numericAddress(offer.source);
+    if (track.peerAddress.empty())
+        track.peerAddress = ends.peerAddress;
+    track.peerRtpPort = sender->first;
+    track.peerRtcpPort = sender->second;
+    track.clientRtpPort = receiver->first;
+    if (track.clientRtpPort == 0)
+        track.clientRtpPort = static_cast<uint16_t>(asked.port + 2 * setups);
+    agreed.plain = aoi::TransportAddress{track.peerAddress, track.peerRtpPort};
+    agreed.method = agreed.plain;
+    if (asked.method != BROADCASTMETHOD_MULTICAST)
+        return true;
+    const auto ports = readPorts(offer.port, *receiver);
+    if (!ports || ports->first == 0)
+        return false;
+    track.multicast = true;
+    track.group = numericAddress(offer.destination);
+    track.groupPort = ports->first;
+    track.clientRtpPort = ports->first;
+    agreed.method = aoi::TransportAddress{track.group, track.groupPort};
+    return isGroup(track.group);
+}
+
+} // namespace
+
+namespace zr::dispatch
+{
+
+std::optional<AgreedTransport> readTransport(const aoi::TransportElement &asked, unsigned setups,
+                                             const rtsp::Message &response, const Ends &ends, std::string &problem)
+{
+    const std::string *header = response.find("Transport");
+    if (header == nullptr)
+    {
+        problem = "the SETUP answer has no Transport";
+        return std::nullopt;
+    }
+    const auto offer = readOffer(rtsp::split(*header, ',').front());
+    if (!offer || !isKindAsked(*offer, asked))
+    {
+        problem = "the SETUP answer has a Transport of another kind than asked: " + rtsp::quoted(*header);
+        return std::nullopt;
+    }
+    AgreedTransport agreed;
+    const bool interleaved = asked.method && asked.protocol == PROTOCOL_TCP;
+    if (!(interleaved ? readInterleaved(*offer, setups, ends, agreed) : readUdp(*offer, asked, setups, ends, agreed)))
+    {
+        problem = "the SETUP answer's Transport has unusable ports, channels or addresses: " + rtsp::quoted(*header);
+        return std::nullopt;
+    }
+    return agreed;
+}
+
+} // namespace zr::dispatch
