@@ -1,0 +1,276 @@
+// The object itself: its life, its media parameters, its observers, and its relation to a TV wall.
+
+#include "rtsp_mediactrl.h"
+
+#include "rtsp_impl.h"
+#include "tw_system.h"
+#include "zr_cc_rt.h"
+
+namespace
+{
+
+constexpr ZR_USHORT DEFAULT_RTSP_PORT = 554;
+constexpr ZR_ULONG KEEPLIVE_TICK_MS = 800;
+
+/// A decoder description, parsed: tag, transport type, packet type.
+struct tagDecoderDesc
+{
+    std::string strTag;
+    ZR_ULONG ulTransportType;
+    ZR_ULONG ulPacketType;
+};
+
+ZR_ULONG digit(char cDigit)
+{
+    return cDigit >= '0' && cDigit <= '9' ? static_cast<ZR_ULONG>(cDigit - '0') : 0;
+}
+
+ZR_ULONG transportCode(char cDigit)
+{
+    switch (digit(cDigit))
+    {
+    case 1:
+        return 4;
+    case 2:
+        return 5;
+    case 3:
+        return 6;
+    case 6:
+        return 7;
+    default:
+        return 3;
+    }
+}
+
+ZR_ULONG packetCode(char cDigit)
+{
+    switch (digit(cDigit))
+    {
+    case 1:
+        return 8;
+    case 2:
+        return 4;
+    default:
+        return 3;
+    }
+}
+
+ZR_ULONG transportType(ZR_ULONG ulTransportCode)
+{
+    switch (ulTransportCode)
+    {
+    case 4:
+        return 3;
+    case 5:
+        return 1;
+    case 6:
+        return 4;
+    default:
+        return 2;
+    }
+}
+
+tagDecoderDesc parseDecoderDesc(const std::string &strDesc)
+{
+    const size_t ulAt = strDesc.find('@');
+    const std::string strSuffix = ulAt == std::string::npos ? std::string() : strDesc.substr(ulAt + 1);
+    const bool bCodes = strSuffix.size() == 2;
+    ZR_ULONG ulTransport = bCodes ? transportCode(strSuffix[0]) : 3;
+    ZR_ULONG ulPacket = bCodes ? packetCode(strSuffix[1]) : 3;
+
+    const std::string strTag = strDesc.substr(0, ulAt);
+    if (strTag == "omz-v1")
+    {
+        ulPacket = 1;
+    }
+    else if (strTag == "guobiao")
+    {
+        ulTransport = 5;
+        ulPacket = 4;
+    }
+    else if (strTag == "guodian")
+    {
+        ulTransport = 5;
+        ulPacket = 9;
+    }
+    return {strTag, transportType(ulTransport), ulPacket};
+}
+
+ACE_Condition_Attributes_T<ACE_Monotonic_Time_Policy> &monotonicAttributes()
+{
+    static ACE_Condition_Attributes_T<ACE_Monotonic_Time_Policy> oAttributes;
+    return oAttributes;
+}
+
+} // namespace
+
+CRtspMediaCtrl::CRtspMediaCtrl(ZR_ULONG ulPortID, const std::string &strSrcUaID, const std::string &strDstUaID,
+                               const std::string &strLocalIP, ZR_USHORT usLocalPort, const std::string &strServerIP,
+                               ZR_USHORT usServerPort, ZR_ULONG ulAOIPortID)
+    : m_ulAOIPortID(ulAOIPortID)
+    , m_oCond(m_oMutex, monotonicAttributes())
+    , m_ulPortID(ulPortID)
+{
+    const ZR_USHORT usPort = usServerPort != 0 ? usServerPort : DEFAULT_RTSP_PORT;
+    CRouteMgr::addUAAddr(strSrcUaID, strDstUaID, strServerIP, usPort);
+    m_oMediaAbility.setServerIP(strServerIP);
+    m_oMediaAbility.setServerPort(usPort);
+    m_oMediaAbility.setLocalIP(strLocalIP);
+    m_oMediaAbility.setLocalPort(usLocalPort);
+    m_oMediaAbility.setLocalUaID(strSrcUaID);
+    m_oMediaAbility.setRemoteUaID(strDstUaID);
+    CIAOIMsgDisp *pDispatcher = g_pAOIMsgDispInter;
+    if (pDispatcher != nullptr)
+        pDispatcher->registerAOIMsgProc(ulAOIPortID, this);
+    CJugeMediaKeepLive::RefreshMediaKeepLive(m_ulPortID);
+    m_fPlaySpeed = 0.0F;
+}
+
+CRtspMediaCtrl::~CRtspMediaCtrl()
+{
+    try
+    {
+        CRtspMediaCtrl::tearDown();
+        unregisterFromDispatcher();
+        leaveAlone();
+        if (m_bAbilityFromHost == 0)
+            m_oMediaAbility.release();
+        CRouteMgr::deleteUAAddr(m_oMediaAbility.getLocalUaID(), m_oMediaAbility.getRemoteUaID());
+        CJugeMediaKeepLive::RefreshMediaKeepLive(m_ulPortID);
+    }
+    catch (...)
+    {
+        leaveAlone();
+        RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] Exception when resetDefault of Rtsp!", "CRtspMediaCtrl::~CRtspMediaCtrl");
+    }
+}
+
+/// Outside m_oMutex: unregistering waits for a handler, and a handler waits for the mutex.
+void CRtspMediaCtrl::unregisterFromDispatcher()
+{
+    CIAOIMsgDisp *pDispatcher = g_pAOIMsgDispInter;
+    if (pDispatcher == nullptr)
+        return;
+    const ZR_ULONG ulAOIPortID = m_ulAOIPortID.exchange(0);
+    if (ulAOIPortID != 0)
+        pDispatcher->unregisterAOIMsgProc(ulAOIPortID);
+}
+
+/// Wakes who waits for an answer, and returns when no call is inside the object any more. An observer may have torn the
+/// session down a moment ago, on a call that still runs: so it is waited for even when nothing had to be unregistered.
+void CRtspMediaCtrl::leaveAlone()
+{
+    {
+        const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+        m_bLeaving = true;
+        signalResponse();
+    }
+    m_oCalls.waitForNobody();
+}
+
+CMediaAbility &CRtspMediaCtrl::getMediaAbility(CMediaAbility &oOut)
+{
+    inside("CRtspMediaCtrl::getMediaAbility", [&] { oOut = m_oMediaAbility; });
+    return oOut;
+}
+
+void CRtspMediaCtrl::setMediaAbility(const CMediaAbility &oIn)
+{
+    inside("CRtspMediaCtrl::setMediaAbility",
+           [&]
+           {
+               m_oMediaAbility = oIn;
+               m_bAbilityFromHost = 1;
+           });
+}
+
+void CRtspMediaCtrl::setDecoderDesc(const std::string &strDesc)
+{
+    inside("CRtspMediaCtrl::setDecoderDesc",
+           [&]
+           {
+               const tagDecoderDesc stDesc = parseDecoderDesc(strDesc);
+               m_oMediaAbility.setDecoderTag(stDesc.strTag);
+               m_oMediaAbility.setPacketType(stDesc.ulPacketType);
+               m_oMediaAbility.setTransportType(stDesc.ulTransportType);
+           });
+}
+
+ZR_ULONG CRtspMediaCtrl::attachObserver(CIMediaCtrlObserver *pObserver)
+{
+    static const char szFunction[] = "CRtspMediaCtrl::attachObserver";
+    const auto fnAttach = [&]() -> ZR_ULONG
+    {
+        if (pObserver == nullptr)
+        {
+            RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] invalid parameter.", szFunction);
+            return ZR_RTSP_INVALID_PARAMETER;
+        }
+        const ZR_ULONG ulResult = m_oObserverList.add(pObserver);
+        if (ulResult == ZR_RTSP_OK)
+            return ZR_RTSP_OK;
+        RTSP_LOG(ERROR, ulResult, "[%s] attach an observer failed.", szFunction);
+        return ZR_RTSP_FAILED;
+    };
+    return inside(szFunction, fnAttach, ZR_RTSP_FAILED);
+}
+
+void CRtspMediaCtrl::detachObserver(CIMediaCtrlObserver *pObserver)
+{
+    static const char szFunction[] = "CRtspMediaCtrl::detachObserver";
+    inside(szFunction,
+           [&]
+           {
+               if (pObserver == nullptr)
+               {
+                   RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] invalid parameter.", szFunction);
+                   return;
+               }
+               const ZR_ULONG ulResult = m_oObserverList.remove(pObserver);
+               if (ulResult != ZR_RTSP_OK)
+                   RTSP_LOG(ERROR, ulResult, "[%s] detach an observer failed.", szFunction);
+           });
+}
+
+std::string CRtspMediaCtrl::getRange()
+{
+    return inside(
+        "CRtspMediaCtrl::getRange",
+        [&]
+        {
+            const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+            return oGuard.locked() ? m_strRange : std::string();
+        },
+        "");
+}
+
+void CRtspMediaCtrl::setPlaybackNowFlag(ZR_ULONG ulFlag)
+{
+    m_ulPlaybackNowFlag = ulFlag;
+}
+
+void CRtspMediaCtrl::setPlayNormalFlag(ZR_ULONG ulFlag)
+{
+    m_ulPlayNormalFlag = ulFlag;
+}
+
+void CRtspMediaCtrl::setKeepLiveInterval(ZR_ULONG ulMilliseconds)
+{
+    inside("CRtspMediaCtrl::setKeepLiveInterval",
+           [&]
+           {
+               if (m_oMediaAbility.isOnvif() != 1)
+                   m_ulKeepLivePeriod = ulMilliseconds / KEEPLIVE_TICK_MS;
+           });
+}
+
+ZR_ULONG CRtspMediaCtrl::setupToTV(ZR_ULONG /*ulProtocol*/, const tagTransportAddr & /*stTransport*/)
+{
+    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::setupToTV");
+    return ZR_RTSP_FAILED;
+}
+
+void CRtspMediaCtrl::teardownToTV()
+{
+    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::teardownToTV");
+}

@@ -1,0 +1,371 @@
+// Speeds, PLAY in its forms, PAUSE, and what the server announces.
+
+#include "rtsp_mediactrl.h"
+
+#include <iterator>
+
+#include "request.h"
+#include "tw_system.h"
+
+namespace
+{
+
+const std::string PLAY_NORMAL_SUFFIX = "/play_normal";
+const std::string PLAYBACK_NOW_SUFFIX = "/playback_now";
+
+constexpr float NORMAL_SPEED = 1.0F;
+constexpr ZR_ULONG PACKET_TYPE_GUOBIAO = 4;
+
+/// Scale by speed code; the codes 0 and 17 turn round for the "omz-v1" variant.
+constexpr float PLAY_SCALES[] = {256.0F, -256.0F, -16.0F, -8.0F, -4.0F, -2.0F, -1.0F,  -0.5F,  -0.25F,  0.25F,
+                                 0.5F,   1.0F,    2.0F,   4.0F,  8.0F,  16.0F, 108.0F, 258.0F, -258.0F, 0.125F};
+constexpr ZR_ULONG SPEED_FASTEST = 0;
+constexpr ZR_ULONG SPEED_FASTEST_ALL = 17;
+
+/// Scale by download code: full frames, sampled frames.
+constexpr float FULL_FRAME_SCALES[] = {101.0F, 102.0F, 104.0F, 108.0F};
+constexpr float SAMPLED_SCALES[] = {301.0F, 302.0F, 304.0F, 308.0F};
+
+/// The wrappers' status: what the host can act on passes, the rest is the operation's own failure.
+ZR_ULONG playStatus(ZR_ULONG ulStatus, ZR_ULONG ulFallback)
+{
+    switch (ulStatus)
+    {
+    case ZR_RTSP_OK:
+    case ZR_RTSP_NO_MEMORY:
+    case ZR_RTSP_WRONG_STATE:
+        return ulStatus;
+    default:
+        return ulFallback;
+    }
+}
+
+} // namespace
+
+float CRtspMediaCtrl::convetPlaySpeedParam(ZR_ULONG ulSpeed)
+{
+    if (ulSpeed >= std::size(PLAY_SCALES))
+    {
+        RTSP_SPEED_LOG(WARNING, ZR_RTSP_FAILED, "[%s] unknown vod media speed[%d], use default instead.",
+                       "CRtspMediaCtrl::convetPlaySpeedParam", static_cast<int>(ulSpeed));
+        return NORMAL_SPEED;
+    }
+    const float fScale = PLAY_SCALES[ulSpeed];
+    if (ulSpeed != SPEED_FASTEST && ulSpeed != SPEED_FASTEST_ALL)
+        return fScale;
+    // 7 characters: the terminating zero counts, so that a longer tag does not match
+    return VELK_strncasecmp(m_oMediaAbility.getDecoderTag().c_str(), "omz-v1", 7) == 0 ? -fScale : fScale;
+}
+
+float CRtspMediaCtrl::convetFullFrameDownloadSpeedParam(ZR_ULONG ulSpeed)
+{
+    if (ulSpeed < std::size(FULL_FRAME_SCALES))
+        return FULL_FRAME_SCALES[ulSpeed];
+    RTSP_SPEED_LOG(WARNING, ZR_RTSP_FAILED, "[%s] unknown download media speed[%d], use default instead.",
+                   "CRtspMediaCtrl::convetFullFrameDownloadSpeedParam", static_cast<int>(ulSpeed));
+    return FULL_FRAME_SCALES[0];
+}
+
+float CRtspMediaCtrl::convertSampleFrameDownloadSpeedParam(ZR_ULONG ulSpeed)
+{
+    if (ulSpeed < std::size(SAMPLED_SCALES))
+        return SAMPLED_SCALES[ulSpeed];
+    RTSP_SPEED_LOG(WARNING, ZR_RTSP_FAILED, "[%s] unknown download media speed[%d], use default instead.",
+                   "CRtspMediaCtrl::convertSampleFrameDownloadSpeedParam", static_cast<int>(ulSpeed));
+    return SAMPLED_SCALES[0];
+}
+
+float CRtspMediaCtrl::downloadSpeed(ZR_ULONG ulSpeed, int32_t iFullFrame)
+{
+    return iFullFrame != 0 ? convetFullFrameDownloadSpeedParam(ulSpeed) : convertSampleFrameDownloadSpeedParam(ulSpeed);
+}
+
+ZR_ULONG CRtspMediaCtrl::play(const std::string &strStartTime, const std::string &strStopTime)
+{
+    const auto fnPlay = [&]
+    {
+        const ZR_ULONG ulHandOff = sendOnvifRtp();
+        if (ulHandOff != ZR_RTSP_OK)
+            return ulHandOff;
+        return playStatus(generalPlay(NORMAL_SPEED, strStartTime, strStopTime), ZR_RTSP_PLAY_FAILED);
+    };
+    return inside("CRtspMediaCtrl::play", fnPlay, ZR_RTSP_PLAY_FAILED);
+}
+
+ZR_ULONG CRtspMediaCtrl::playAtSpeed(ZR_ULONG ulSpeed)
+{
+    const auto fnPlay = [&]
+    { return playStatus(playFromHere(convetPlaySpeedParam(ulSpeed)), ZR_RTSP_SPEED_PLAY_FAILED); };
+    return inside("CRtspMediaCtrl::playAtSpeed", fnPlay, ZR_RTSP_SPEED_PLAY_FAILED);
+}
+
+ZR_ULONG CRtspMediaCtrl::changeSpeed(ZR_ULONG ulSpeed)
+{
+    const auto fnPlay = [&]
+    { return playStatus(playFromHere(convetPlaySpeedParam(ulSpeed)), ZR_RTSP_SPEED_CHANGE_FAILED); };
+    return inside("CRtspMediaCtrl::changeSpeed", fnPlay, ZR_RTSP_SPEED_CHANGE_FAILED);
+}
+
+ZR_ULONG CRtspMediaCtrl::download(const std::string &strStartTime, const std::string &strStopTime, ZR_ULONG ulSpeed,
+                                  int32_t iFullFrame)
+{
+    const auto fnPlay = [&]
+    {
+        const float fScale = downloadSpeed(ulSpeed, iFullFrame);
+        return playStatus(generalPlay(fScale, strStartTime, strStopTime), ZR_RTSP_SPEED_CHANGE_FAILED);
+    };
+    return inside("CRtspMediaCtrl::download", fnPlay, ZR_RTSP_SPEED_CHANGE_FAILED);
+}
+
+/// Plays on without a range.
+ZR_ULONG CRtspMediaCtrl::playFromHere(float fSpeed)
+{
+    const std::string strStartTime;
+    const std::string strStopTime;
+    return generalPlay(fSpeed, strStartTime, strStopTime);
+}
+
+/// Whether the session's URL takes the suffixes of the "guobiao" variant.
+bool CRtspMediaCtrl::takesURLSuffix() const
+{
+    return m_oMediaAbility.getDecoderTag() == "guobiao" || m_oMediaAbility.getPacketType() == PACKET_TYPE_GUOBIAO;
+}
+
+/// Builds and sends the PLAY of generalPlay.
+ZR_ULONG CRtspMediaCtrl::sendGeneralPlay(const char *pszFunction, float fSpeed, const std::string &strStartTime,
+                                         const std::string &strStopTime)
+{
+    const COnvifInfo oInfo = m_oMediaAbility.getOnvifInfo();
+    CAOIRequest oRequest(pszFunction, AOI_MSG_RTSP_PLAY, m_ulAOIPortID);
+    oRequest.header(ZR_RTSP_PLAY_FAILED)
+        .add("[%s] add IE SessionID failed", ZR_RTSP_IE_NOT_ADDED, CAOIIETool::addAOIIESessionID,
+             m_oMediaAbility.getSessionID())
+        .row("[%s] add IE AOI_IE_URL failed", ZR_RTSP_IE_NOT_ADDED,
+             [&](tagAOIMsg *pstMsg)
+             {
+                 const bool bSuffix = takesURLSuffix() && m_ulPlayNormalFlag == 1;
+                 return CAOIIETool::addAOIIEURL(bSuffix ? m_strURL + PLAY_NORMAL_SUFFIX : m_strURL, pstMsg);
+             });
+    if (!strStartTime.empty() && m_oMediaAbility.getDecoderTag() != "omz-v1")
+        oRequest.row("[%s] add IE RangeTime failed", ZR_RTSP_DRAG_FAILED,
+                     [&](tagAOIMsg *pstMsg)
+                     {
+                         RTSP_LOG(INFO, 0, "[%s] start range time is %s, stop rang time is %s.", pszFunction,
+                                  strStartTime.c_str(), strStopTime.c_str());
+                         return CAOIIETool::addAOIIERangetime(strStartTime, strStopTime, pstMsg);
+                     });
+    // an ONVIF device is asked for a Scale only where it asked for credentials
+    if (m_oMediaAbility.isOnvif() != 1 || !oInfo.m_strPlayAuth.empty())
+        oRequest.row({"[%s] add IE Scale failed, the play speed is %f", fSpeed}, ZR_RTSP_IE_NOT_ADDED,
+                     [&](tagAOIMsg *pstMsg) { return CAOIIETool::addAOIIEScale(fSpeed, pstMsg); });
+    oRequest.add("[%s] add IE Authorization failed", 0, CAOIIETool::addAOIIEAuth, oInfo.m_strPlayAuth);
+    return oRequest.send({"[%s] send AOI_MSG_RTSP_PLAY message failed,the play speed is %f", fSpeed},
+                         ZR_RTSP_REQUEST_SEND_FAILED, ZR_RTSP_REQUEST_SEND_FAILED);
+}
+
+ZR_ULONG CRtspMediaCtrl::generalPlay(float fSpeed, const std::string &strStartTime, const std::string &strStopTime)
+{
+    static const char szFunction[] = "CRtspMediaCtrl::generalPlay";
+    const double dSpeed = static_cast<double>(fSpeed);
+    CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+    if (!oGuard.locked())
+        return ZR_RTSP_LOCK_FAILED;
+    if (m_ulState < MEDIACTRL_STATE_SUCCESS)
+    {
+        RTSP_LOG(ERROR, ZR_RTSP_WRONG_STATE, "[%s] current RTSPMediaCtrl is idle or not in MEDIACTRL_STATE_SUCCESS!",
+                 szFunction);
+        return ZR_RTSP_WRONG_STATE;
+    }
+    const ZR_ULONG ulSent = sendGeneralPlay(szFunction, fSpeed, strStartTime, strStopTime);
+    if (ulSent != ZR_RTSP_OK)
+        return ulSent;
+
+    ZR_ULONG ulRspResult = 0;
+    switch (exchange(EXCHANGE_PLAY, oGuard, ulRspResult))
+    {
+    case EOutcome::lockLost:
+        return ZR_RTSP_LOCK_FAILED;
+    case EOutcome::idle:
+        RTSP_LOG(
+            WARNING, ZR_RTSP_FAILED,
+            "[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg, the play speed is %f",
+            szFunction, dSpeed);
+        return ZR_RTSP_FAILED;
+    case EOutcome::timedOut:
+        RTSP_LOG(WARNING, ZR_RTSP_NO_ANSWER,
+                 "[%s] don't receive a AOI_MSG_RTSP_PLAY OK response Message, the play speed is %f", szFunction,
+                 dSpeed);
+        return ZR_RTSP_NO_ANSWER;
+    case EOutcome::refused:
+        RTSP_LOG(ERROR, ZR_RTSP_PLAY_REFUSED,
+                 "[%s] receive a AOI_MSG_RTSP_PLAY ERR[RTSP_errcode:%u] response Message, the play speed is %f",
+                 szFunction, ulRspResult, dSpeed);
+        return ZR_RTSP_PLAY_REFUSED;
+    case EOutcome::answered:
+        break;
+    }
+    m_ulPlayFlag = 1;
+    return ZR_RTSP_OK;
+}
+
+/// Builds and sends the PLAY of dragPlay.
+ZR_ULONG CRtspMediaCtrl::sendDragPlay(const char *pszFunction, const std::string &strStartTime,
+                                      const std::string &strStopTime, ZR_ULONG ulSpeed)
+{
+    CAOIRequest oRequest(pszFunction, AOI_MSG_RTSP_PLAY, m_ulAOIPortID);
+    oRequest.header(ZR_RTSP_DRAG_FAILED)
+        .add("[%s] add IE SessionID failed", ZR_RTSP_DRAG_FAILED, CAOIIETool::addAOIIESessionID,
+             m_oMediaAbility.getSessionID())
+        .row("[%s] add IE AOI_IE_URL failed", ZR_RTSP_DRAG_FAILED,
+             [&](tagAOIMsg *pstMsg)
+             {
+                 ZR_ULONG ulSet = 1;
+                 const bool bSuffix = takesURLSuffix() && m_ulPlaybackNowFlag.compare_exchange_strong(ulSet, 0);
+                 return CAOIIETool::addAOIIEURL(bSuffix ? m_strURL + PLAYBACK_NOW_SUFFIX : m_strURL, pstMsg);
+             })
+        .row("[%s] add IE RangeTime failed", ZR_RTSP_DRAG_FAILED,
+             [&](tagAOIMsg *pstMsg) { return CAOIIETool::addAOIIERangetime(strStartTime, strStopTime, pstMsg); })
+        .row("[%s] add IE Scale failed", ZR_RTSP_DRAG_FAILED,
+             [&](tagAOIMsg *pstMsg) { return CAOIIETool::addAOIIEScale(convetPlaySpeedParam(ulSpeed), pstMsg); })
+        .add("[%s] add IE Authorization failed", 0, CAOIIETool::addAOIIEAuth,
+             m_oMediaAbility.getOnvifInfo().m_strPlayAuth);
+    return oRequest.send("[%s] send AOI_MSG_RTSP_PLAY message failed", ZR_RTSP_REQUEST_SEND_FAILED,
+                         ZR_RTSP_DRAG_FAILED);
+}
+
+ZR_ULONG CRtspMediaCtrl::dragPlay(const std::string &strStartTime, const std::string &strStopTime, ZR_ULONG ulSpeed)
+{
+    static const char szFunction[] = "CRtspMediaCtrl::dragPlay";
+    const auto fnDrag = [&]() -> ZR_ULONG
+    {
+        m_usRangeSkipCount = 1;
+        CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+        if (!oGuard.locked())
+            return ZR_RTSP_LOCK_FAILED;
+        m_strRange = strStartTime;
+        const ZR_ULONG ulSent = sendDragPlay(szFunction, strStartTime, strStopTime, ulSpeed);
+        if (ulSent != ZR_RTSP_OK)
+            return ulSent;
+
+        ZR_ULONG ulRspResult = 0;
+        switch (exchange(EXCHANGE_PLAY, oGuard, ulRspResult))
+        {
+        case EOutcome::lockLost:
+            return ZR_RTSP_LOCK_FAILED;
+        case EOutcome::idle:
+            RTSP_LOG(WARNING, ZR_RTSP_DRAG_FAILED,
+                     "[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg", szFunction);
+            return ZR_RTSP_DRAG_FAILED;
+        case EOutcome::timedOut:
+            RTSP_LOG(ERROR, ZR_RTSP_NO_ANSWER, "[%s] don't receive a AOI_MSG_RTSP_PALY OK response Message",
+                     szFunction);
+            return ZR_RTSP_DRAG_FAILED;
+        case EOutcome::refused:
+            RTSP_LOG(ERROR, ZR_RTSP_PLAY_REFUSED,
+                     "[%s] receive a AOI_MSG_RTSP_PALY ERR[RTSP_errcode:%u] response Message", szFunction, ulRspResult);
+            return ZR_RTSP_DRAG_FAILED;
+        case EOutcome::answered:
+            break;
+        }
+        m_ulPlayFlag = 1;
+        return ZR_RTSP_OK;
+    };
+    return inside(szFunction, fnDrag, ZR_RTSP_DRAG_FAILED);
+}
+
+ZR_ULONG CRtspMediaCtrl::AOIProcRtspPlayRsp(const tagAOIMsg *pstAOIMsg)
+{
+    static const tagAnswerRule stRule = {"CRtspMediaCtrl::AOIProcRtspPlayRsp",
+                                         MEDIACTRL_STATE_PLAY_WAIT,
+                                         MEDIACTRL_STATE_PLAY_OK,
+                                         MEDIACTRL_STATE_PLAY_FAIL,
+                                         "[%s] get AOI_MSG_RTSP_PLAY reponse message's IE Errcode failed",
+                                         "[%s] discard a Msg ",
+                                         &CRtspMediaCtrl::takePlayAnswer};
+    return answer(stRule, pstAOIMsg);
+}
+
+ZR_ULONG CRtspMediaCtrl::takePlayAnswer(const tagAOIMsg *pstAOIMsg)
+{
+    return readOwnSessionID(pstAOIMsg, "CRtspMediaCtrl::AOIProcRtspPlayRsp",
+                            "[%s] get AOI_MSG_RTSP_PLAY OK reponse message's IE SessionID failed");
+}
+
+ZR_ULONG CRtspMediaCtrl::pause()
+{
+    static const char szFunction[] = "CRtspMediaCtrl::pause";
+    const auto fnPause = [&]() -> ZR_ULONG
+    {
+        CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+        if (!oGuard.locked())
+            return ZR_RTSP_LOCK_FAILED;
+        if (m_ulState != MEDIACTRL_STATE_PLAY)
+        {
+            RTSP_LOG(ERROR, ZR_RTSP_WRONG_STATE, "[%s] current RTSPMediaCtrl is idle or not in MEDIACTRL_STATE_PLAY!",
+                     szFunction);
+            return ZR_RTSP_WRONG_STATE;
+        }
+        CAOIRequest oRequest(szFunction, AOI_MSG_RTSP_PAUSE, m_ulAOIPortID);
+        oRequest.header(ZR_RTSP_PAUSE_FAILED)
+            .add("[%s] add IE SessionID failed", ZR_RTSP_PAUSE_FAILED, CAOIIETool::addAOIIESessionID,
+                 m_oMediaAbility.getSessionID())
+            .add("[%s] add IE AOI_IE_URL failed", ZR_RTSP_PAUSE_FAILED, CAOIIETool::addAOIIEURL, m_strURL);
+        if (oRequest.send("[%s] send AOI_MSG_RTSP_PAUSE message failed", ZR_RTSP_SEND_FAILED, ZR_RTSP_PAUSE_FAILED) !=
+            ZR_RTSP_OK)
+            return oRequest.status();
+
+        ZR_ULONG ulRspResult = 0;
+        switch (exchange(EXCHANGE_PAUSE, oGuard, ulRspResult))
+        {
+        case EOutcome::lockLost:
+            return ZR_RTSP_LOCK_FAILED;
+        case EOutcome::idle:
+            RTSP_LOG(WARNING, ZR_RTSP_PAUSE_FAILED,
+                     "[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg", szFunction);
+            return ZR_RTSP_PAUSE_FAILED;
+        case EOutcome::timedOut:
+            RTSP_LOG(ERROR, ZR_RTSP_PAUSE_TIMEOUT, "[%s] don't receive a AOI_MSG_RTSP_PAUSE OK response Message",
+                     szFunction);
+            return ZR_RTSP_PAUSE_FAILED;
+        case EOutcome::refused:
+            RTSP_LOG(ERROR, ZR_RTSP_PAUSE_FAILED,
+                     "[%s] receive a AOI_MSG_RTSP_PAUSE ERR[RTSP_errcode:%u] response Message", szFunction,
+                     ulRspResult);
+            return ZR_RTSP_PAUSE_FAILED;
+        case EOutcome::answered:
+            break;
+        }
+        return ZR_RTSP_OK;
+    };
+    return inside(szFunction, fnPause, ZR_RTSP_PAUSE_FAILED);
+}
+
+ZR_ULONG CRtspMediaCtrl::AOIProcRtspPauseRsp(const tagAOIMsg *pstAOIMsg)
+{
+    static const tagAnswerRule stRule = {"CRtspMediaCtrl::AOIProcRtspPauseRsp",
+                                         MEDIACTRL_STATE_PAUSE_WAIT,
+                                         MEDIACTRL_STATE_PAUSE_OK,
+                                         MEDIACTRL_STATE_PAUSE_FAIL,
+                                         "[%s] get AOI_MSG_RTSP_PAUSE reponse message's IE Errcode failed",
+                                         "[%s] discard a Msg",
+                                         &CRtspMediaCtrl::takePauseAnswer};
+    return answer(stRule, pstAOIMsg);
+}
+
+ZR_ULONG CRtspMediaCtrl::takePauseAnswer(const tagAOIMsg *pstAOIMsg)
+{
+    return readOwnSessionID(pstAOIMsg, "CRtspMediaCtrl::AOIProcRtspPauseRsp",
+                            "[%s] get AOI_MSG_RTSP_PAUSE OK reponse message's IE SessionID failed");
+}
+
+ZR_ULONG CRtspMediaCtrl::AOIProcRtspAdminAnnounReq(const tagAOIMsg * /*pstAOIMsg*/)
+{
+    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::AOIProcRtspAdminAnnounReq");
+    return ZR_RTSP_FAILED;
+}
+
+ZR_ULONG CRtspMediaCtrl::AOIProcRtspNotifyReq(const tagAOIMsg * /*pstAOIMsg*/)
+{
+    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::AOIProcRtspNotifyReq");
+    return ZR_RTSP_FAILED;
+}
