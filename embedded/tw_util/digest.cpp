@@ -1,0 +1,121 @@
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+#include <strings.h>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
+#include "platform_log.h"
+#include "tw_util.h"
+
+namespace
+{
+
+constexpr ZR_ULONG codeFailed = 1; ///< the cryptographic library refuses (MD5 is not allowed everywhere)
+constexpr ZR_ULONG codeInvalid = 2;
+
+constexpr size_t hashText = 33;      ///< 32 digits and the zero
+constexpr ZR_ULONG base64Input = 93; ///< what 128 bytes with the zero hold
+
+bool anyNull(std::initializer_list<const char *> texts)
+{
+    return std::any_of(texts.begin(), texts.end(), [](const char *text) { return text == nullptr; });
+}
+
+/// A text that held a password leaves nothing behind.
+class SecretText
+{
+public:
+    explicit SecretText(std::initializer_list<const char *> fields)
+    {
+        size_t length = 0;
+        for (const char *field : fields)
+            length += std::strlen(field) + 1;
+        m_text.reserve(length); // so that it is never moved
+        for (const char *field : fields)
+            m_text.append(field).append(1, ':');
+        m_text.pop_back();
+    }
+    ~SecretText() { OPENSSL_cleanse(m_text.data(), m_text.size()); }
+    SecretText(const SecretText &) = delete;
+    SecretText &operator=(const SecretText &) = delete;
+    const std::string &text() const { return m_text; }
+
+private:
+    std::string m_text;
+};
+
+/// MD5 of the fields joined by colons, as text; the output is written only on success.
+ZR_ULONG hash(std::initializer_list<const char *> fields, char *out)
+{
+    const SecretText joined(fields);
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    size_t length = 0;
+    if (EVP_Q_digest(nullptr, "MD5", nullptr, joined.text().data(), joined.text().size(), digest.data(), &length) != 1)
+    {
+        ZR_PLATFORM_LOG(ERROR, codeFailed, Util, "[hash] MD5 is not available in the cryptographic library");
+        return codeFailed;
+    }
+    static constexpr char digits[] = "0123456789abcdef";
+    for (size_t i = 0; i < length; ++i)
+    {
+        *out++ = digits[digest[i] >> 4];
+        *out++ = digits[digest[i] & 15];
+    }
+    *out = '\0';
+    return 0;
+}
+
+} // namespace
+
+ZR_ULONG TW_DigestCalcHA1(const char *pszAlg, const char *pszUserName, const char *pszRealm, const char *pszPassword,
+                          const char *pszNonce, const char *pszCNonce, char *pszHA1)
+{
+    if (anyNull({pszAlg, pszUserName, pszRealm, pszPassword, pszHA1}))
+        return codeInvalid;
+    const bool session = strcasecmp(pszAlg, "md5-sess") == 0;
+    if ((!session && strcasecmp(pszAlg, "MD5") != 0) || (session && anyNull({pszNonce, pszCNonce})))
+        return codeInvalid;
+    if (!session)
+        return hash({pszUserName, pszRealm, pszPassword}, pszHA1);
+    std::array<char, hashText> user{};
+    const ZR_ULONG result = hash({pszUserName, pszRealm, pszPassword}, user.data());
+    return result != 0 ? result : hash({user.data(), pszNonce, pszCNonce}, pszHA1);
+}
+
+ZR_ULONG TW_DigestCalcResponse(const char *pszHA1, const char *pszNonce, const char *pszNonceCount,
+                               const char *pszCNonce, const char *pszQop, const char *pszMethod,
+                               const char *pszDigestUri, const char *pszHEntity, char *pszResponse)
+{
+    if (anyNull({pszHA1, pszNonce, pszMethod, pszDigestUri, pszResponse}))
+        return codeInvalid;
+    const bool plain = pszQop == nullptr || *pszQop == '\0';
+    const bool integrity = !plain && strcasecmp(pszQop, "auth-int") == 0;
+    if (!plain && ((!integrity && strcasecmp(pszQop, "auth") != 0) || anyNull({pszNonceCount, pszCNonce}) ||
+                   (integrity && pszHEntity == nullptr)))
+        return codeInvalid;
+
+    std::array<char, hashText> ha2{};
+    const ZR_ULONG result = integrity ? hash({pszMethod, pszDigestUri, pszHEntity}, ha2.data())
+                                      : hash({pszMethod, pszDigestUri}, ha2.data());
+    if (result != 0)
+        return result;
+    return plain ? hash({pszHA1, pszNonce, ha2.data()}, pszResponse)
+                 : hash({pszHA1, pszNonce, pszNonceCount, pszCNonce, pszQop, ha2.data()}, pszResponse);
+}
+
+ZR_ULONG TW_VODstr2Base64(const char *pszIn, ZR_ULONG ulInLength, char *pszOut)
+{
+    if (pszOut == nullptr || (pszIn == nullptr && ulInLength > 0))
+        return codeInvalid;
+    if (ulInLength > base64Input)
+        ZR_PLATFORM_LOG(WARNING, 0, Util, "[TW_VODstr2Base64] of %u bytes only the first %u fit into the result",
+                        ulInLength, base64Input);
+    const ZR_ULONG taken = std::min(ulInLength, base64Input);
+    EVP_EncodeBlock(reinterpret_cast<unsigned char *>(pszOut), reinterpret_cast<const unsigned char *>(pszIn),
+                    static_cast<int>(taken));
+    return 0;
+}

@@ -1,0 +1,186 @@
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "callback_thread.h"
+#include "tw_util.h"
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+/// A callback that tells its test when it begins, and ends when it may.
+struct Held
+{
+    std::promise<void> begun;
+    std::shared_future<void> mayEnd;
+    std::atomic<int> calls{0};
+    std::atomic<bool> ended{false};
+    std::atomic<bool> marked{false};
+
+    static void callback(void *user)
+    {
+        auto *const self = static_cast<Held *>(user);
+        if (self->calls++ > 0)
+            return;
+        self->marked = zr::common::onCallbackThread();
+        self->begun.set_value();
+        self->mayEnd.wait();
+        self->ended = true;
+    }
+};
+
+struct Counter
+{
+    std::atomic<int> calls{0};
+    std::promise<void> third;
+
+    static void callback(void *user)
+    {
+        auto *const self = static_cast<Counter *>(user);
+        if (++self->calls == 3)
+            self->third.set_value();
+    }
+};
+
+TEST(Timers, ThatAreStoppedHaveReturnedAndAreNotCalledAgain)
+{
+    Held held;
+    std::promise<void> release;
+    held.mayEnd = release.get_future().share();
+    ZR_ULONG handle = 0;
+    ASSERT_EQ(TW_StartIndependTimer(1, Held::callback, &held, &handle), 0U);
+    ASSERT_NE(handle, 0U);
+    held.begun.get_future().wait();
+
+    std::future<bool> stopped = std::async(std::launch::async,
+                                           [&]
+                                           {
+                                               EXPECT_EQ(TW_StopIndependTimer(handle), 0U);
+                                               return held.ended.load();
+                                           });
+    EXPECT_EQ(stopped.wait_for(50ms), std::future_status::timeout) << "stop came back while the callback ran";
+    release.set_value();
+    EXPECT_TRUE(stopped.get());
+    EXPECT_TRUE(held.marked);
+    EXPECT_FALSE(zr::common::onCallbackThread());
+}
+
+TEST(Timers, RunSideBySideAndAfterAnotherWasStopped)
+{
+    Counter first;
+    Counter second;
+    ZR_ULONG firstHandle = 0;
+    ZR_ULONG secondHandle = 0;
+    ASSERT_EQ(TW_StartIndependTimer(1, Counter::callback, &first, &firstHandle), 0U);
+    ASSERT_EQ(TW_StartIndependTimer(2, Counter::callback, &second, &secondHandle), 0U);
+    EXPECT_NE(firstHandle, secondHandle);
+    ASSERT_EQ(first.third.get_future().wait_for(30s), std::future_status::ready);
+    EXPECT_EQ(TW_StopIndependTimer(firstHandle), 0U);
+    const int callsOfFirst = first.calls;
+    ASSERT_EQ(second.third.get_future().wait_for(30s), std::future_status::ready);
+    EXPECT_EQ(TW_StopIndependTimer(secondHandle), 0U);
+    EXPECT_EQ(first.calls, callsOfFirst);
+    EXPECT_NE(TW_StopIndependTimer(firstHandle), 0U) << "a handle was used again";
+}
+
+struct SelfStopping
+{
+    std::promise<void> handleKnown;
+    std::promise<ZR_ULONG> stopped;
+    ZR_ULONG handle = 0;
+    std::atomic<int> calls{0};
+
+    static void callback(void *user)
+    {
+        auto *const self = static_cast<SelfStopping *>(user);
+        ++self->calls;
+        self->handleKnown.get_future().wait();
+        self->stopped.set_value(TW_StopIndependTimer(self->handle));
+    }
+};
+
+TEST(Timers, StopFromTheirOwnCallbackAndTheNextStillRuns)
+{
+    SelfStopping own;
+    ASSERT_EQ(TW_StartIndependTimer(1, SelfStopping::callback, &own, &own.handle), 0U);
+    own.handleKnown.set_value();
+    EXPECT_EQ(own.stopped.get_future().get(), 0U);
+
+    Counter next;
+    ZR_ULONG handle = 0;
+    ASSERT_EQ(TW_StartIndependTimer(1, Counter::callback, &next, &handle), 0U);
+    ASSERT_EQ(next.third.get_future().wait_for(30s), std::future_status::ready);
+    EXPECT_EQ(own.calls, 1);
+    EXPECT_EQ(TW_StopIndependTimer(handle), 0U);
+}
+
+// every last stop ends the thread while another thread's start may need one
+TEST(Timers, StartAndStopFromManyThreadsAtOnce)
+{
+    const auto work = []
+    {
+        for (int i = 0; i < 50; ++i)
+        {
+            Counter counter;
+            ZR_ULONG handle = 0;
+            ASSERT_EQ(TW_StartIndependTimer(1, Counter::callback, &counter, &handle), 0U);
+            if (i % 10 == 0)
+            {
+                ASSERT_EQ(counter.third.get_future().wait_for(30s), std::future_status::ready);
+            }
+            ASSERT_EQ(TW_StopIndependTimer(handle), 0U);
+        }
+    };
+    std::thread other(work);
+    work();
+    other.join();
+}
+
+TEST(Timers, ThatThrowGoOn)
+{
+    struct Thrower
+    {
+        Counter counter;
+        static void callback(void *user)
+        {
+            Counter::callback(&static_cast<Thrower *>(user)->counter);
+            throw 1;
+        }
+    } thrower;
+    ZR_ULONG handle = 0;
+    ASSERT_EQ(TW_StartIndependTimer(1, Thrower::callback, &thrower, &handle), 0U);
+    ASSERT_EQ(thrower.counter.third.get_future().wait_for(30s), std::future_status::ready);
+    EXPECT_EQ(TW_StopIndependTimer(handle), 0U);
+}
+
+TEST(Timers, RefuseWhatCannotRun)
+{
+    ZR_ULONG handle = 0;
+    EXPECT_NE(TW_StartIndependTimer(0, Counter::callback, nullptr, &handle), 0U);
+    EXPECT_NE(TW_StartIndependTimer(1, nullptr, nullptr, &handle), 0U);
+    EXPECT_NE(TW_StartIndependTimer(1, Counter::callback, nullptr, nullptr), 0U);
+    EXPECT_NE(TW_StopIndependTimer(0), 0U);
+}
+
+// a host may end with a timer running: the process must end, clean under the sanitizers
+TEST(TimersAtExit, DoNotHoldTheProcess)
+{
+    static Counter counter;
+    const auto endWithARunningTimer = []
+    {
+        ZR_ULONG handle = 0;
+        if (TW_StartIndependTimer(1, Counter::callback, &counter, &handle) != 0)
+            std::_Exit(1);
+        counter.third.get_future().wait();
+        std::exit(7);
+    };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(endWithARunningTimer(), testing::ExitedWithCode(7), "");
+}
+
+} // namespace
