@@ -1,0 +1,45 @@
+# What is installed: headers, libraries with their SONAMEs, the programs, CMake and pkg-config files; and the .deb.
+include(CMakePackageConfigHelpers)
+
+set(ZR_PLATFORM_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/zr_rtsp/platform)
+
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/zr_rtsp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/ DESTINATION ${ZR_PLATFORM_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+
+set(targets zr_rtsp)
+if(TARGET zr_platform)
+  list(APPEND targets zr_platform)
+  install(FILES ${CMAKE_SOURCE_DIR}/embedded/include/zr_platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zr_rtsp)
+endif()
+if(TARGET zr_platform_media)
+  install(TARGETS zr_platform_media LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
+install(TARGETS ${targets} EXPORT zr_rtspTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${ZR_PLATFORM_INCLUDEDIR} ${CMAKE_INSTALL_INCLUDEDIR}/zr_rtsp)
+foreach(program zr_rtsp_host zr_rtsp_device)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
+endforeach()
+
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zr_rtsp)
+install(EXPORT zr_rtspTargets NAMESPACE zr_rtsp:: DESTINATION ${config_dir})
+configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/zr_rtspConfig.cmake.in
+                              ${CMAKE_BINARY_DIR}/zr_rtspConfig.cmake INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/zr_rtspConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/zr_rtspConfig.cmake ${CMAKE_BINARY_DIR}/zr_rtspConfigVersion.cmake
+        DESTINATION ${config_dir})
+
+configure_file(${CMAKE_SOURCE_DIR}/packaging/zr_rtsp.pc.in ${CMAKE_BINARY_DIR}/zr_rtsp.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/zr_rtsp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VENDOR "zr_rtsp")
+set(CPACK_PACKAGE_CONTACT "the zr_rtsp maintainers")
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "the zr_rtsp maintainers")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "RTSP media control for video surveillance clients")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+include(CPack)
