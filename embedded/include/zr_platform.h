@@ -9,6 +9,21 @@
 #include "zr_common.h"
 #include "zr_types.h"
 
+/// What the operations of media ports return besides 0; the log says more.
+enum tagZrMediaCode : ZR_ULONG
+{
+    ZR_MEDIA_FAILED = 1,       ///< the system refused something
+    ZR_MEDIA_INVALID = 2,      ///< an argument; a packet or description that is not understood
+    ZR_MEDIA_UNKNOWN_PORT = 3, ///< the port is not open, or was closed meanwhile
+    ZR_MEDIA_PORT_IN_USE = 4,  ///< an identifier is in use
+    ZR_MEDIA_ADDRESS = 5,      ///< no free ports at the address, or it is not this machine's
+    ZR_MEDIA_NO_TRACK = 6,     ///< no track is known that it could be done with
+    ZR_MEDIA_UNAVAILABLE = 7,  ///< built or installed without recording and pictures
+    ZR_MEDIA_BUSY = 8,         ///< the port is at it already; nothing to end
+    ZR_MEDIA_UNWRITABLE = 9,   ///< the file cannot be written
+    ZR_MEDIA_NO_MEDIA = 10     ///< nothing that could be used arrived (in time)
+};
+
 extern "C"
 {
     /// What a media port has received so far, all tracks together.

@@ -1,0 +1,211 @@
+/// The operations of hosts and of the plug-in, by port identifier.
+
+#include <exception>
+#include <map>
+
+#include "platform_log.h"
+#include "port.h"
+#include "zr_player.h"
+
+namespace
+{
+
+using zr::media::MediaPort;
+
+struct Entry
+{
+    ZR_ULONG aoiPortId = 0;
+    std::shared_ptr<MediaPort> port; ///< null while it is being opened
+};
+
+struct Registry
+{
+    std::mutex mutex; ///< guards the table; nothing is called under it
+    std::map<ZR_ULONG, Entry> table;
+};
+
+/// Never destroyed: a port that a host left open must not be closed after the log is gone.
+Registry &registry()
+{
+    static Registry *const instance = new Registry;
+    return *instance;
+}
+
+std::shared_ptr<MediaPort> find(ZR_ULONG portId)
+{
+    Registry &ports = registry();
+    const std::lock_guard<std::mutex> lock(ports.mutex);
+    const auto found = ports.table.find(portId);
+    return found == ports.table.end() ? nullptr : found->second.port;
+}
+
+ZR_ULONG refuse(ZR_ULONG code, const char *operation, ZR_ULONG portId, const char *why)
+{
+    ZR_PLATFORM_LOG(WARNING, code, Player, "media port %u: %s refused: %s", portId, operation, why);
+    return code;
+}
+
+/// Runs an operation of an open port; nothing is thrown out.
+template <typename Operation>
+ZR_ULONG withPort(const char *name, ZR_ULONG portId, Operation operation)
+{
+    try
+    {
+        const std::shared_ptr<MediaPort> port = find(portId);
+        return port == nullptr ? refuse(ZR_MEDIA_UNKNOWN_PORT, name, portId, "it is not open") : operation(*port);
+    }
+    catch (const std::exception &error)
+    {
+        return refuse(ZR_MEDIA_FAILED, name, portId, error.what());
+    }
+}
+
+/// Takes the identifiers, so that two openers do not get them both.
+bool reserve(ZR_ULONG portId, ZR_ULONG aoiPortId)
+{
+    Registry &ports = registry();
+    const std::lock_guard<std::mutex> lock(ports.mutex);
+    for (const auto &[id, entry] : ports.table)
+    {
+        if (id == portId || entry.aoiPortId == aoiPortId)
+        {
+            return false;
+        }
+    }
+    ports.table[portId].aoiPortId = aoiPortId;
+    return true;
+}
+
+/// Fills a reserved place, or gives it back when there is no port.
+void settle(ZR_ULONG portId, const std::shared_ptr<MediaPort> &port)
+{
+    Registry &ports = registry();
+    const std::lock_guard<std::mutex> lock(ports.mutex);
+    if (port == nullptr)
+    {
+        ports.table.erase(portId);
+    }
+    else
+    {
+        ports.table[portId].port = port;
+    }
+}
+
+/// Takes an open port out of the table.
+std::shared_ptr<MediaPort> take(ZR_ULONG portId)
+{
+    Registry &ports = registry();
+    const std::lock_guard<std::mutex> lock(ports.mutex);
+    const auto found = ports.table.find(portId);
+    if (found == ports.table.end() || found->second.port == nullptr)
+    {
+        return nullptr;
+    }
+    std::shared_ptr<MediaPort> port = std::move(found->second.port);
+    ports.table.erase(found);
+    return port;
+}
+
+} // namespace
+
+std::shared_ptr<zr::media::Port> zr::media::findByAoiPort(ZR_ULONG aoiPortId)
+{
+    Registry &ports = registry();
+    const std::lock_guard<std::mutex> lock(ports.mutex);
+    for (const auto &[id, entry] : ports.table)
+    {
+        if (entry.aoiPortId == aoiPortId)
+        {
+            return entry.port;
+        }
+    }
+    return nullptr;
+}
+
+int PlayerInputOnvifRtpInfo(ZR_ULONG ulPortID, const unsigned char *pucPacket, ZR_ULONG ulLen)
+{
+    if (find(ulPortID) == nullptr)
+    {
+        return 0;
+    }
+    return static_cast<int>(withPort("stream information", ulPortID,
+                                     [=](MediaPort &port)
+                                     {
+                                         return pucPacket == nullptr
+                                                    ? refuse(ZR_MEDIA_INVALID, "stream information", ulPortID, "null")
+                                                    : port.handOff(pucPacket, ulLen);
+                                     }));
+}
+
+ZR_ULONG ZR_MediaPortOpen(ZR_ULONG ulPortID, ZR_ULONG ulAOIPortID, const char *pszLocalIP, ZR_USHORT *pusPort)
+{
+    if (pszLocalIP == nullptr || pusPort == nullptr)
+    {
+        return refuse(ZR_MEDIA_INVALID, "open", ulPortID, "no address, or no place for its port");
+    }
+    if (!reserve(ulPortID, ulAOIPortID))
+    {
+        return refuse(ZR_MEDIA_PORT_IN_USE, "open", ulPortID, "it, or its AOI port identifier, is in use");
+    }
+    std::shared_ptr<MediaPort> port;
+    ZR_ULONG code = ZR_MEDIA_FAILED;
+    try
+    {
+        code = MediaPort::open(ulPortID, pszLocalIP, port);
+    }
+    catch (const std::exception &error)
+    {
+        refuse(code, "open", ulPortID, error.what());
+    }
+    settle(ulPortID, port);
+    if (port != nullptr)
+    {
+        *pusPort = port->firstPort();
+    }
+    return code;
+}
+
+ZR_ULONG ZR_MediaPortSetDescription(ZR_ULONG ulPortID, const char *pszSdp)
+{
+    return withPort("description", ulPortID,
+                    [=](MediaPort &port)
+                    {
+                        return pszSdp == nullptr ? refuse(ZR_MEDIA_INVALID, "description", ulPortID, "null")
+                                                 : port.setDescription(pszSdp);
+                    });
+}
+
+ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *)
+{
+    return refuse(ZR_MEDIA_UNAVAILABLE, "recording", ulPortID, "this build cannot record");
+}
+
+ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *, ZR_ULONG)
+{
+    return refuse(ZR_MEDIA_UNAVAILABLE, "picture", ulPortID, "this build cannot take pictures");
+}
+
+ZR_ULONG ZR_MediaPortStatistics(ZR_ULONG ulPortID, ZrMediaStatistics *pstOut)
+{
+    return withPort("statistics", ulPortID,
+                    [=](MediaPort &port) -> ZR_ULONG
+                    {
+                        if (pstOut == nullptr)
+                        {
+                            return refuse(ZR_MEDIA_INVALID, "statistics", ulPortID, "null");
+                        }
+                        port.statistics(*pstOut);
+                        return 0;
+                    });
+}
+
+ZR_ULONG ZR_MediaPortClose(ZR_ULONG ulPortID)
+{
+    const std::shared_ptr<MediaPort> port = take(ulPortID);
+    if (port == nullptr)
+    {
+        return refuse(ZR_MEDIA_UNKNOWN_PORT, "close", ulPortID, "it is not open");
+    }
+    port->close();
+    return 0;
+}

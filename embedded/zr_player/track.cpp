@@ -1,0 +1,132 @@
+#include "track.h"
+
+#include <random>
+#include <utility>
+
+namespace zr::media
+{
+
+namespace
+{
+
+/// Half to one and a half times 5 s, so that many receivers do not report at once (RFC 3550, 6.2 and 6.3.1).
+std::chrono::milliseconds reportInterval()
+{
+    static thread_local std::minstd_rand random{std::random_device{}()};
+    return std::chrono::milliseconds(std::uniform_int_distribution<int>(2500, 7500)(random));
+}
+
+} // namespace
+
+bool Track::setUp(const TrackTransport &transport, TrackSockets sockets, InterleavedWriter writer)
+{
+    m_setUp = true;
+    m_closed = false;
+    m_heard = false;
+    m_transport = transport;
+    m_interleaved = transport.interleaved;
+    m_sockets = sockets;
+    m_writer = std::move(writer);
+    m_peer = {};
+    m_reportTo = {};
+    m_nextReport = Clock::now() + reportInterval();
+    if (m_interleaved)
+    {
+        return true;
+    }
+    const auto peer = Endpoint::parse(transport.peerAddress, transport.peerRtpPort);
+    if (!peer)
+    {
+        return false;
+    }
+    m_peer = m_reportTo = *peer;
+    m_reportTo.setPort(transport.peerRtcpPort);
+    if (const auto group = Endpoint::parse(transport.group, static_cast<uint16_t>(transport.groupPort + 1));
+        transport.multicast && group)
+    {
+        m_reportTo = *group;
+    }
+    return true;
+}
+
+void Track::connectionClosed()
+{
+    m_closed = true;
+    m_interleaved = false;
+    m_writer = nullptr;
+}
+
+bool Track::rtpFromPeer(const Endpoint &from) const
+{
+    return from.sameHost(m_peer) && (m_transport.peerRtpPort == 0 || from.port() == m_transport.peerRtpPort);
+}
+
+bool Track::rtcpFromPeer(const Endpoint &from)
+{
+    if (!from.sameHost(m_peer) || (m_transport.peerRtcpPort != 0 && from.port() != m_transport.peerRtcpPort))
+    {
+        return false;
+    }
+    if (m_reportTo.port() == 0)
+    {
+        m_reportTo.setPort(from.port());
+    }
+    return true;
+}
+
+bool Track::takeRtp(const RtpPacket &packet, size_t size, uint32_t clockRate, TimePoint arrival)
+{
+    ++m_packets;
+    m_bytes += size;
+    m_lastArrival = arrival;
+    m_heard = true;
+    return m_reception.take(packet, clockRate, arrival);
+}
+
+void Track::takeSenderReport(const RtcpReading::SenderReport &report, TimePoint arrival)
+{
+    m_reception.senderReport(report.ssrc, report.ntpMiddle, arrival);
+}
+
+Track::Report Track::report(TimePoint now, uint32_t ssrc, const std::string &cname)
+{
+    m_nextReport = now + reportInterval();
+    const bool heard = std::exchange(m_heard, false);
+    Report report;
+    if (!m_setUp || (m_closed && !heard))
+    {
+        return report;
+    }
+    if (m_interleaved)
+    {
+        report.writer = m_writer;
+        report.channel = m_transport.rtcpChannel;
+    }
+    else if (m_reportTo.port() != 0)
+    {
+        report.fd = m_sockets.rtcp;
+        report.to = m_reportTo;
+    }
+    if (report.writer || report.fd >= 0)
+    {
+        const auto block = m_reception.report(now);
+        report.bytes = writeReceiverReport(ssrc, block ? &*block : nullptr, cname);
+    }
+    return report;
+}
+
+void Track::punch(uint32_t ssrc, const std::string &cname) const
+{
+    if (m_interleaved || m_transport.multicast || m_peer.length() == 0 || m_transport.peerRtpPort == 0)
+    {
+        return;
+    }
+    const std::vector<uint8_t> bytes = writeReceiverReport(ssrc, nullptr, cname);
+    sendTo(m_sockets.rtp, m_peer, bytes);
+    Endpoint rtcp = m_peer;
+    rtcp.setPort(m_transport.peerRtcpPort != 0 ? m_transport.peerRtcpPort
+                                               : static_cast<uint16_t>(m_transport.peerRtpPort + 1));
+    sendTo(m_sockets.rtcp, rtcp, bytes);
+}
+
+} // namespace zr::media

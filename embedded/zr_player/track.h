@@ -1,0 +1,81 @@
+/// @file
+/// One track of a media port: which packets are its own, what it has received, what it reports. Guarded by its port.
+#pragma once
+
+#include <string>
+
+#include "media_port.h"
+#include "rtcp.h"
+#include "udp.h"
+
+namespace zr::media
+{
+
+/// The sockets that a UDP track sends from; the port owns them.
+struct TrackSockets
+{
+    int rtp = -1;
+    int rtcp = -1;
+};
+
+class Track
+{
+public:
+    /// Begins the track, or begins it again for another session; what was counted stays.
+    /// @return false when the transport's peer is no numeric address: nothing will be taken
+    bool setUp(const TrackTransport &transport, TrackSockets sockets, InterleavedWriter writer);
+    /// No more interleaved frames; a UDP track goes on as long as packets come.
+    void connectionClosed();
+
+    bool isSetUp() const { return m_setUp; }
+    bool interleavedRtp(uint8_t channel) const { return m_interleaved && channel == m_transport.rtpChannel; }
+    bool interleavedRtcp(uint8_t channel) const { return m_interleaved && channel == m_transport.rtcpChannel; }
+    bool ownsRtp(int fd) const { return m_setUp && fd == m_sockets.rtp; }
+    bool ownsRtcp(int fd) const { return m_setUp && fd == m_sockets.rtcp; }
+    bool rtpFromPeer(const Endpoint &from) const;
+    /// Also learns the peer's RTCP port where the answer named none.
+    bool rtcpFromPeer(const Endpoint &from);
+
+    /// Counts a packet.
+    /// @return whether a new source begins with it
+    bool takeRtp(const RtpPacket &packet, size_t size, uint32_t clockRate, TimePoint arrival);
+    void takeSenderReport(const RtcpReading::SenderReport &report, TimePoint arrival);
+
+    /// Where a report goes.
+    struct Report
+    {
+        std::vector<uint8_t> bytes;
+        int fd = -1;
+        Endpoint to;
+        InterleavedWriter writer; ///< of an interleaved track
+        uint8_t channel = 0;
+    };
+    /// The report that is due; bytes are empty when there is nobody to send it to.
+    Report report(TimePoint now, uint32_t ssrc, const std::string &cname);
+    /// Sends an empty report from both sockets to a peer whose ports are known, which opens the firewalls between.
+    void punch(uint32_t ssrc, const std::string &cname) const;
+    TimePoint nextReport() const { return m_nextReport; }
+
+    const Reception &reception() const { return m_reception; }
+    uint64_t packets() const { return m_packets; }
+    uint64_t bytes() const { return m_bytes; }
+    TimePoint lastArrival() const { return m_lastArrival; } ///< valid once there are packets
+
+private:
+    bool m_setUp = false;
+    bool m_interleaved = false; ///< and its connection is there
+    bool m_closed = false;      ///< its connection is gone: reports only answer packets
+    bool m_heard = false;       ///< a packet since the last report
+    TrackTransport m_transport;
+    TrackSockets m_sockets;
+    InterleavedWriter m_writer;
+    Endpoint m_peer;
+    Endpoint m_reportTo; ///< port 0: not known yet
+    Reception m_reception;
+    uint64_t m_packets = 0;
+    uint64_t m_bytes = 0;
+    TimePoint m_lastArrival;
+    TimePoint m_nextReport = TimePoint::max();
+};
+
+} // namespace zr::media
