@@ -262,7 +262,7 @@ void MediaPort::readable(int fd, PacketBatch &batch)
         {
             if (fd != m_pairs[0].rtp.get() || !takeHandOff(packet))
             {
-                discard("a hand-off packet from elsewhere, or after the media began,", packet.from);
+                discard("a hand-off packet from elsewhere, or after the media began", packet.from);
             }
         }
         else if (owner == m_tracks.end())
@@ -369,8 +369,8 @@ void MediaPort::discard(const char *what, const Endpoint &from)
 {
     if (++m_discarded <= maxRepeatedLines)
     {
-        ZR_PLATFORM_LOG(WARNING, 0, Player, "media port %u: %s is discarded (sender %s)%s", m_portId, what,
-                        from.length() == 0 ? "negotiated" : from.text().c_str(),
+        ZR_PLATFORM_LOG(WARNING, 0, Player, "media port %u: discarded %s (from %s)%s", m_portId, what,
+                        from.length() == 0 ? "the peer" : from.text().c_str(),
                         m_discarded == maxRepeatedLines ? "; further ones are only counted" : "");
     }
 }

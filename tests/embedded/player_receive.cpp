@@ -1,0 +1,313 @@
+#include <gmock/gmock.h>
+
+#include "description.h"
+#include "hand_off.h"
+#include "player_tools.h"
+#include "port.h"
+#include "rtcp.h"
+#include "rtp.h"
+#include "zr_player.h"
+
+using namespace zr::test;
+using namespace zr::media;
+using testing::ElementsAre;
+
+namespace
+{
+
+const std::string handOffText = "VRMP:96 H264;ARMP:0 PCMU;SPS:sprop-parameter-sets=Z0IA,aM4;";
+
+Bytes handOffPacket(const std::string &text)
+{
+    Bytes bytes = {0x90, 0x01, 0x10, 0x27, 0x10, 0x27, 0, 0, 0x10, 0x27, 0, 0, 0, 0};
+    const size_t words = (text.size() + 3) / 4;
+    bytes.push_back(static_cast<uint8_t>(words >> 8));
+    bytes.push_back(static_cast<uint8_t>(words));
+    bytes.insert(bytes.end(), text.begin(), text.end());
+    bytes.resize(16 + 4 * words);
+    return bytes;
+}
+
+int input(const Bytes &bytes, ZR_ULONG port = portId)
+{
+    return PlayerInputOnvifRtpInfo(port, bytes.data(), static_cast<ZR_ULONG>(bytes.size()));
+}
+
+uint32_t word(const Bytes &bytes, size_t index)
+{
+    return readU32(bytes.data() + 4 * index);
+}
+
+} // namespace
+
+TEST(HandOffPacket, IsReadWholeOrRefused)
+{
+    const Bytes whole = handOffPacket(handOffText);
+    HandOff read;
+    std::string problem;
+    ASSERT_TRUE(readHandOff(whole.data(), whole.size(), read, problem)) << problem;
+    EXPECT_EQ(read.videoRtpmap, "96 H264");
+    EXPECT_EQ(read.audioRtpmap, "0 PCMU");
+    EXPECT_EQ(read.parameterSets, "sprop-parameter-sets=Z0IA,aM4");
+    for (size_t size = 0; size < whole.size(); ++size)
+    {
+        const Bytes part(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)); // its end is guarded
+        EXPECT_FALSE(readHandOff(part.data(), part.size(), read, problem)) << size;
+    }
+    std::vector<Bytes> refused(6, whole);
+    refused[0][14] = 0xFF;                                // claims 64 KiB and more
+    refused[1][15] = static_cast<uint8_t>(whole[15] - 1); // claims less than is there
+    refused[2][0] = 0x80;                                 // no extension
+    refused[3][20] = 0;                                   // a zero inside
+    refused[4] = handOffPacket("VRMP:96 H264");           // no end of the piece
+    refused[5] = handOffPacket("VRMP:" + std::string(640, '9') + ";");
+    for (const Bytes &bytes : refused)
+    {
+        EXPECT_FALSE(readHandOff(bytes.data(), bytes.size(), read, problem));
+    }
+    const Bytes empty = handOffPacket("");
+    EXPECT_TRUE(readHandOff(empty.data(), empty.size(), read, problem));
+    EXPECT_EQ(read.videoRtpmap, "");
+}
+
+TEST(Description, GivesEachTracksFormats)
+{
+    const Description described =
+        Description::fromSdp("v=0\r\nm=audio 0 RTP/AVP 0 96\r\na=rtpmap:96 mpeg4-generic/48000/2\r\n"
+                             "a=fmtp:96 mode=AAC-hbr\r\nm=video 0 RTP/AVP 96\n"
+                             "a=rtpmap:96 H264/90000\na=rtpmap:97 H265/90000\n"
+                             "m=text 0 TCP 99\nm=video");
+    struct
+    {
+        unsigned track;
+        uint8_t payloadType;
+        const char *encoding;
+        uint32_t clockRate;
+    } const cases[] = {{0, 96, "MPEG4-GENERIC", 48000}, {1, 96, "H264", 90000}, {1, 0, "PCMU", 8000},
+                       {5, 96, "MPEG4-GENERIC", 48000}, {0, 26, "JPEG", 90000}, {0, 97, nullptr, 0}};
+    for (const auto &expected : cases)
+    {
+        const Format *format = described.find(expected.track, expected.payloadType);
+        ASSERT_EQ(format != nullptr, expected.encoding != nullptr) << int{expected.payloadType};
+        if (format != nullptr)
+        {
+            EXPECT_EQ(format->encoding, expected.encoding);
+            EXPECT_EQ(format->clockRate, expected.clockRate);
+        }
+    }
+    EXPECT_EQ(described.find(0, 96)->fmtp, "mode=AAC-hbr");
+    EXPECT_EQ(described.find(0, 96)->parameters, "2");
+    EXPECT_TRUE(Description::fromSdp("v=0\nm=video 0 RTP/AVP 96\nm=audio x RTP/AVP 999\n").empty());
+}
+
+TEST_F(OpenPort, PlayerInputTakesWhatFitsThePort)
+{
+    EXPECT_EQ(input(handOffPacket(handOffText)), 0);
+    EXPECT_NE(input({0x90, 0x01, 0}), 0);
+    EXPECT_EQ(input({0x90, 0x01, 0}, portId + 1), 0) << "nobody opened that port";
+    EXPECT_NE(PlayerInputOnvifRtpInfo(portId, nullptr, 16), 0);
+}
+
+TEST_F(OpenPort, CountsLossOverWrapsJumpsAndSources)
+{
+    struct
+    {
+        const char *what;
+        std::vector<uint16_t> sequences;
+        std::vector<uint16_t> ofAnotherSource;
+        uint64_t lost;
+    } const cases[] = {
+        {"in order, over the wrap", {65534, 65535, 0, 1}, {}, 0},
+        {"two missing", {10, 11, 14}, {}, 2},
+        {"missing over the wrap", {65533, 2}, {}, 4},
+        {"out of order", {10, 12, 11, 13}, {}, 0},
+        {"twice", {10, 10, 11}, {}, 0},
+        {"one stray number", {10, 40000, 11}, {}, 0},
+        {"a jump that goes on", {10, 12, 40000, 40001, 40003}, {}, 2},
+        {"another source", {10, 12}, {500, 502, 503}, 2},
+    };
+    setUpInterleaved();
+    uint64_t lost = 0;
+    uint64_t packets = 0;
+    uint32_t ssrc = 100;
+    for (const auto &row : cases)
+    {
+        ++ssrc; // each row is a source of its own
+        for (const uint16_t sequence : row.sequences)
+        {
+            feed(rtp(sequence, 0, ssrc));
+        }
+        ssrc += row.ofAnotherSource.empty() ? 0 : 1;
+        for (const uint16_t sequence : row.ofAnotherSource)
+        {
+            feed(rtp(sequence, 0, ssrc));
+        }
+        lost += row.lost;
+        packets += row.sequences.size() + row.ofAnotherSource.size();
+        EXPECT_EQ(statistics().ullLost, lost) << row.what;
+        EXPECT_EQ(statistics().ullPackets, packets) << row.what;
+    }
+    for (const Bytes &bytes : {Bytes{}, Bytes(11, 0x80), Bytes{0x8F, 96, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1},
+                               Bytes{0xA0, 96, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 200}, rtp(1, 0, 7, 72)})
+    {
+        feed(bytes);
+    }
+    feed(rtp(1), 9);
+    EXPECT_EQ(statistics().ullPackets, packets) << "no RTP, or no track's channel";
+    EXPECT_EQ(statistics().ullBytes, packets * 100);
+}
+
+TEST(ReceptionOfASource, MeasuresJitterByTheAppendix)
+{
+    Reception reception;
+    const TimePoint start{std::chrono::seconds(1000)};
+    // every 20 ms at 8 kHz, the third 10 ms late: 80 units off twice, a sixteenth of each added
+    const int arrivals[] = {0, 20, 50, 60};
+    for (uint16_t i = 0; i < 4; ++i)
+    {
+        RtpPacket packet;
+        packet.sequence = i;
+        packet.timestamp = 0xFFFFFF00U + 160U * i; // over the wrap
+        reception.take(packet, 8000, start + std::chrono::milliseconds(arrivals[i]));
+    }
+    const uint32_t jitter16 = 80 + (80 - (80 + 8) / 16);
+    EXPECT_EQ(reception.report(start)->jitter, jitter16 / 16);
+    EXPECT_EQ(reception.jitterUs(), jitter16 / 16 * 1000000 / 8000);
+}
+
+TEST_F(OpenPort, TakesOnlyTheNegotiatedPeer)
+{
+    const Sender peer("127.0.0.1");
+    const Sender foreign("127.0.0.2");
+    const Sender otherPort("127.0.0.1");
+    setUpUdp(0, peer.port(), 0);
+    setUpUdp(1, 0, 0);
+    CJugeMediaKeepLive::RefreshMediaKeepLive(portId);
+    foreign.send(m_first, rtp(2));
+    otherPort.send(m_first, rtp(3));
+    foreign.send(static_cast<uint16_t>(m_first + 2), rtp(4));
+    peer.send(m_first, rtp(5));
+    ASSERT_TRUE(arrived(1));
+    EXPECT_NE(CJugeMediaKeepLive::CheckIfRecvPkt(portId), 0U);
+    otherPort.send(static_cast<uint16_t>(m_first + 2), rtp(6)); // the answer named no port there
+    ASSERT_TRUE(arrived(2));
+    const ZrMediaStatistics counted = statistics();
+    EXPECT_EQ(counted.ullPackets, 2U);
+    EXPECT_EQ(counted.ulTracks, 2U);
+    EXPECT_LT(counted.ulLastArrivalMs, 60000U);
+}
+
+TEST_F(OpenPort, TakesTheHandOffBeforeTheMediaOnly)
+{
+    const Sender local("127.0.0.1");
+    const auto jitterOf = [this, &local](uint8_t payloadType, uint16_t first)
+    {
+        const uint64_t before = statistics().ullPackets;
+        for (uint16_t i = 0; i < 3; ++i)
+        {
+            // a tenth of a second apart by their timestamps, at once on the wire
+            local.send(m_first, rtp(static_cast<uint16_t>(first + i), 9000U * i, first, payloadType));
+        }
+        EXPECT_TRUE(arrived(before + 3));
+        return statistics().ulJitterUs;
+    };
+    setUpUdp(0, local.port(), 0);
+    local.send(m_first, handOffPacket("VRMP:98 H264;"));
+    EXPECT_GT(jitterOf(98, 100), 0U) << "its clock rate was not learnt";
+    local.send(m_first, handOffPacket("ARMP:99 PCMA;"));
+    EXPECT_EQ(jitterOf(99, 200), 0U) << "taken after the media began";
+    EXPECT_EQ(statistics().ullPackets, 6U);
+}
+
+TEST_F(OpenPort, ReportsToThePeer)
+{
+    const Sender peer("127.0.0.1");
+    const Sender control("127.0.0.1");
+    setUpUdp(0, peer.port(), control.port());
+    for (const Sender *far : {&peer, &control})
+    {
+        const Bytes punch = far->receive();
+        ASSERT_GE(punch.size(), 8U);
+        EXPECT_EQ(word(punch, 0), 0x80C90001U) << "an empty receiver report";
+    }
+    for (const uint16_t sequence : std::vector<uint16_t>{65534, 65535, 1})
+    {
+        peer.send(m_first, rtp(sequence));
+    }
+    ASSERT_TRUE(arrived(3));
+    // a sender report of source 7, then a BYE of another
+    control.send(static_cast<uint16_t>(m_first + 1), {0x80, 200, 0, 6, 0, 0, 0, 7, 1, 2, 3,    4,   5, 6, 7, 8, 0, 0,
+                                                      0,    0,   0, 0, 0, 0, 0, 0, 0, 0, 0x81, 203, 0, 1, 0, 0, 0, 9});
+    Bytes report;
+    auto now = std::chrono::steady_clock::now();
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            now += std::chrono::seconds(10);
+            static_cast<MediaPort &>(*m_port).tick(now);
+            report = control.receive();
+            return report.size() >= 44 && word(report, 6) != 0;
+        }));
+    EXPECT_EQ(word(report, 0), 0x81C90007U);
+    EXPECT_EQ(word(report, 2), 7U);
+    EXPECT_EQ(word(report, 3) & 0xFFFFFFU, 1U) << "one is lost";
+    EXPECT_EQ(word(report, 4), 0x10001U) << "extended by the wrap";
+    EXPECT_EQ(word(report, 6), 0x03040506U) << "the middle of the NTP time";
+    EXPECT_GE(word(report, 7), 65536U * 9) << "ten seconds since, in 1/65536 s";
+    EXPECT_EQ(word(report, 8) >> 16, 0x81CAU) << "the CNAME follows";
+    EXPECT_EQ(word(report, 9), word(report, 1));
+    EXPECT_EQ(report[40], 1U);
+    EXPECT_EQ(report.size(), 32 + 4 * (1 + readU16(report.data() + 34)));
+}
+
+TEST_F(OpenPort, LetsGoOfAConnection)
+{
+    const auto token = std::make_shared<int>();
+    std::vector<Bytes> written;
+    setUpInterleaved(
+        [token, &written](uint8_t channel, const void *data, size_t size)
+        {
+            EXPECT_EQ(channel, 1U);
+            written.emplace_back(static_cast<const uint8_t *>(data), static_cast<const uint8_t *>(data) + size);
+            return true;
+        });
+    feed(rtp(1));
+    static_cast<MediaPort &>(*m_port).tick(std::chrono::steady_clock::now() + std::chrono::seconds(10));
+    ASSERT_EQ(written.size(), 1U);
+    EXPECT_EQ(word(written[0], 2), 7U);
+    m_port->connectionClosed();
+    EXPECT_EQ(token.use_count(), 1) << "the writer is held beyond the connection";
+    feed(rtp(2));
+    EXPECT_EQ(statistics().ullPackets, 1U);
+}
+
+TEST_F(OpenPort, OpensOncePerIdentifierAndEndsWhole)
+{
+    EXPECT_EQ(m_first % 2, 0);
+    ZR_USHORT other = 0;
+    EXPECT_EQ(ZR_MediaPortOpen(portId, 1, "127.0.0.1", &other), ZR_ULONG{ZR_MEDIA_PORT_IN_USE});
+    EXPECT_EQ(ZR_MediaPortOpen(1, aoiPortId, "127.0.0.1", &other), ZR_ULONG{ZR_MEDIA_PORT_IN_USE});
+    EXPECT_EQ(ZR_MediaPortOpen(1, 1, "192.0.2.1", &other), ZR_ULONG{ZR_MEDIA_ADDRESS});
+    EXPECT_EQ(ZR_MediaPortOpen(1, 1, "localhost", &other), ZR_ULONG{ZR_MEDIA_INVALID});
+    ASSERT_EQ(ZR_MediaPortOpen(1, 1, "127.0.0.1", &other), 0U);
+    EXPECT_GE(std::abs(other - m_first), 4);
+    EXPECT_EQ(ZR_MediaPortClose(1), 0U);
+    EXPECT_EQ(findByAoiPort(1), nullptr);
+
+    std::thread frames(
+        [this]
+        {
+            setUpInterleaved();
+            for (uint16_t i = 0; i < 5000; ++i)
+            {
+                feed(rtp(i));
+            }
+        });
+    ASSERT_TRUE(arrived(1));
+    EXPECT_EQ(ZR_MediaPortClose(portId), 0U);
+    frames.join();
+    EXPECT_EQ(ZR_MediaPortClose(portId), ZR_ULONG{ZR_MEDIA_UNKNOWN_PORT});
+    EXPECT_EQ(findByAoiPort(aoiPortId), nullptr);
+    EXPECT_FALSE(Endpoint::parse("192.0.2.1", 1)->isOwn());
+    EXPECT_TRUE(Endpoint::parse("::1", 1)->isOwn());
+}

@@ -1,0 +1,137 @@
+/// @file
+/// What the media port tests share: an open port, packets, sockets.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "endpoint.h"
+#include "media_port.h"
+#include "udp.h"
+#include "zr_platform.h"
+
+namespace zr::test
+{
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr ZR_ULONG portId = 4711;
+constexpr ZR_ULONG aoiPortId = 815;
+
+inline Bytes rtp(uint16_t sequence, uint32_t timestamp = 0, uint32_t ssrc = 7, uint8_t payloadType = 96)
+{
+    Bytes bytes = {0x80, payloadType};
+    const auto append = [&bytes](uint32_t value, int bits)
+    {
+        for (int shift = bits - 8; shift >= 0; shift -= 8)
+        {
+            bytes.push_back(static_cast<uint8_t>(value >> shift));
+        }
+    };
+    append(sequence, 16);
+    append(timestamp, 32);
+    append(ssrc, 32);
+    bytes.resize(100, 0xAB);
+    return bytes;
+}
+
+inline bool eventually(const std::function<bool()> &condition)
+{
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20); !condition();)
+    {
+        if (std::chrono::steady_clock::now() > end)
+        {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+/// A UDP socket of the far side.
+class Sender
+{
+public:
+    explicit Sender(const char *host)
+        : m_at(*media::Endpoint::parse(host, 0))
+        , m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        EXPECT_EQ(bind(m_fd.get(), m_at.address(), m_at.length()), 0);
+        sockaddr_storage address{};
+        socklen_t length = sizeof address;
+        EXPECT_EQ(getsockname(m_fd.get(), reinterpret_cast<sockaddr *>(&address), &length), 0);
+        m_at = media::Endpoint(address, length);
+    }
+
+    uint16_t port() const { return m_at.port(); }
+    void send(uint16_t to, const Bytes &bytes) const
+    {
+        media::sendTo(m_fd.get(), *media::Endpoint::parse("127.0.0.1", to), bytes);
+    }
+    /// The next packet; empty when none comes.
+    Bytes receive() const
+    {
+        pollfd ready{m_fd.get(), POLLIN, 0};
+        Bytes bytes(2000);
+        const ssize_t size = poll(&ready, 1, 20000) == 1 ? recv(m_fd.get(), bytes.data(), bytes.size(), 0) : 0;
+        bytes.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
+        return bytes;
+    }
+
+private:
+    media::Endpoint m_at;
+    media::Descriptor m_fd;
+};
+
+class OpenPort : public testing::Test
+{
+protected:
+    OpenPort()
+    {
+        EXPECT_EQ(ZR_MediaPortOpen(portId, aoiPortId, "127.0.0.1", &m_first), 0U);
+        m_port = media::findByAoiPort(aoiPortId);
+    }
+    ~OpenPort() override { ZR_MediaPortClose(portId); }
+
+    static ZrMediaStatistics statistics()
+    {
+        ZrMediaStatistics counted{};
+        EXPECT_EQ(ZR_MediaPortStatistics(portId, &counted), 0U);
+        return counted;
+    }
+    static bool arrived(uint64_t packets)
+    {
+        return eventually([packets] { return statistics().ullPackets >= packets; });
+    }
+    void feed(const Bytes &bytes, uint8_t channel = 0) const
+    {
+        m_port->interleavedFrame(channel, bytes.data(), bytes.size());
+    }
+    void setUpInterleaved(media::InterleavedWriter writer = {}) const
+    {
+        media::TrackTransport transport;
+        transport.interleaved = true;
+        m_port->setUpTrack(0, transport, std::move(writer));
+    }
+    void setUpUdp(unsigned number, uint16_t peerRtpPort, uint16_t peerRtcpPort) const
+    {
+        media::TrackTransport transport;
+        transport.peerAddress = "127.0.0.1";
+        transport.peerRtpPort = peerRtpPort;
+        transport.peerRtcpPort = peerRtcpPort;
+        transport.clientRtpPort = static_cast<uint16_t>(m_first + 2 * number);
+        m_port->setUpTrack(number, transport, {});
+    }
+
+    ZR_USHORT m_first = 0;
+    std::shared_ptr<media::Port> m_port;
+};
+
+} // namespace zr::test
