@@ -9,6 +9,7 @@
 #include "log.h"
 #include "observer_list.h"
 #include "rtsp_mediactrl.h"
+#include "tw_util.h"
 #include "zr_rtsp/zr_rtsp.h"
 
 std::atomic<CIAOIMsgDisp *> g_pAOIMsgDispInter{nullptr};
@@ -53,11 +54,44 @@ ZR_ULONG unregisterObject(CIMediaCtrl *poCIMediaCtrl)
     return ZR_RTSP_OK;
 }
 
-/// Starts what keeps sessions alive. The timers are not there yet: until then a session lives as long as its server
-/// lets it live by its RTCP.
-void startKeepLiveTimers(const char *pszFunction)
+/// Handles of the keep-alive timers, 0: none. Written by init and destroy, which a host calls one after the other.
+ZR_ULONG g_ulRtspKeepLiveTimer = 0;
+ZR_ULONG g_ulOnvifKeepLiveTimer = 0;
+
+constexpr ZR_ULONG RTSP_KEEPLIVE_PERIOD_MS = 800;
+constexpr ZR_ULONG ONVIF_KEEPLIVE_PERIOD_MS = 30000;
+
+/// A timer's callback: one keep-alive step of every object, under the registry's mutex, so that a step never meets an
+/// object that is being destroyed.
+template <void (CRtspMediaCtrl::*pmStep)()>
+void keepLiveForRtsp(void * /*pvUser*/)
 {
-    RTSP_IMPL_LOG(INFO, 0, "[%s] sessions are not kept alive yet: no timers", pszFunction);
+    static const char szFunction[] = "zr_rtsp.dll::keepLiveForRtsp";
+    guarded(FILE_RTSP_IMPL, szFunction,
+            []
+            {
+                const ACE_Guard<ACE_Thread_Mutex> oGuard(g_oMediaCtrlListMutex);
+                if (!oGuard.locked())
+                    return;
+                for (CIMediaCtrl *poCIMediaCtrl : g_lstMediaCtrl)
+                {
+                    auto *poMediaCtrl = dynamic_cast<CRtspMediaCtrl *>(poCIMediaCtrl);
+                    if (poMediaCtrl == nullptr)
+                        RTSP_IMPL_LOG(WARNING, ZR_RTSP_FAILED, "[%s] The RtspMediaCtrl is not support", szFunction);
+                    else
+                        (poMediaCtrl->*pmStep)();
+                }
+            });
+}
+
+void stopTimer(ZR_ULONG &ulTimer, const char *pszFunction)
+{
+    if (ulTimer == 0)
+        return;
+    const ZR_ULONG ulResult = TW_StopIndependTimer(ulTimer);
+    if (ulResult != ZR_RTSP_OK)
+        RTSP_IMPL_LOG(ERROR, ulResult, "[%s] stop timer for rtsp keeping live failed.", pszFunction);
+    ulTimer = 0;
 }
 
 } // namespace
@@ -74,7 +108,10 @@ ZR_ULONG init(ZR_ULONG ulMaxMessageBytes, ZR_ULONG ulConnectTimeoutMs, const cha
             return ulResult;
         }
         g_pAOIMsgDispInter = ZR_MSGDISP_GetAOIMsgDispInter();
-        startKeepLiveTimers(szFunction);
+        TW_StartIndependTimer(RTSP_KEEPLIVE_PERIOD_MS, keepLiveForRtsp<&CRtspMediaCtrl::keepLive>, nullptr,
+                              &g_ulRtspKeepLiveTimer);
+        TW_StartIndependTimer(ONVIF_KEEPLIVE_PERIOD_MS, keepLiveForRtsp<&CRtspMediaCtrl::onvifKeepLive>, nullptr,
+                              &g_ulOnvifKeepLiveTimer);
         return static_cast<ZR_ULONG>(ZR_RTSP_OK);
     };
     return guarded(FILE_RTSP_IMPL, szFunction, fnInit, ZR_RTSP_FAILED);
@@ -82,7 +119,14 @@ ZR_ULONG init(ZR_ULONG ulMaxMessageBytes, ZR_ULONG ulConnectTimeoutMs, const cha
 
 void destroy()
 {
-    guarded(FILE_RTSP_IMPL, "zr_rtsp.dll::destroy", [] { ZR_MSGDISP_Destroy(); });
+    static const char szFunction[] = "zr_rtsp.dll::destroy";
+    guarded(FILE_RTSP_IMPL, szFunction,
+            []
+            {
+                stopTimer(g_ulRtspKeepLiveTimer, szFunction);
+                stopTimer(g_ulOnvifKeepLiveTimer, szFunction);
+                ZR_MSGDISP_Destroy();
+            });
 }
 
 CIMediaCtrl *createMediaCtrlInter(ZR_ULONG ulPortID, const std::string &strSrcUaID, const std::string &strDstUaID,

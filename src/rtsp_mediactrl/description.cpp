@@ -426,9 +426,3 @@ std::string CRtspMediaCtrl::calcMethodAuth(const char *pszHA1, const COnvifInfo 
                   "nonce=", oInfo.m_strNonce.c_str(), "uri=", oInfo.m_strOnvifURL.c_str(), "response=", szResponse);
     return szHeader;
 }
-
-ZR_ULONG CRtspMediaCtrl::AOIProcRtspOptionsRsp(const tagAOIMsg * /*pstAOIMsg*/)
-{
-    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::AOIProcRtspOptionsRsp");
-    return ZR_RTSP_FAILED;
-}

@@ -21,6 +21,9 @@ struct tagExchangeRule
 
 inline constexpr tagExchangeRule EXCHANGE_SETUP = {MEDIACTRL_STATE_SETUP_WAIT, MEDIACTRL_STATE_SETUP_OK,
                                                    MEDIACTRL_STATE_SUCCESS, STATE_KEPT, STATE_KEPT};
+/// The relation to a TV wall never changes the session's own state.
+inline constexpr tagExchangeRule EXCHANGE_SETUP_TO_TV = {MEDIACTRL_STATE_SETUP_WAIT, MEDIACTRL_STATE_SETUP_OK,
+                                                         STATE_PUT_BACK, STATE_PUT_BACK, STATE_PUT_BACK};
 inline constexpr tagExchangeRule EXCHANGE_PLAY = {MEDIACTRL_STATE_PLAY_WAIT, MEDIACTRL_STATE_PLAY_OK,
                                                   MEDIACTRL_STATE_PLAY, STATE_PUT_BACK, STATE_PUT_BACK};
 inline constexpr tagExchangeRule EXCHANGE_PAUSE = {MEDIACTRL_STATE_PAUSE_WAIT, MEDIACTRL_STATE_PAUSE_OK,

@@ -2,8 +2,8 @@
 
 #include "rtsp_mediactrl.h"
 
+#include "request.h"
 #include "rtsp_impl.h"
-#include "tw_system.h"
 #include "zr_cc_rt.h"
 
 namespace
@@ -264,13 +264,77 @@ void CRtspMediaCtrl::setKeepLiveInterval(ZR_ULONG ulMilliseconds)
            });
 }
 
-ZR_ULONG CRtspMediaCtrl::setupToTV(ZR_ULONG /*ulProtocol*/, const tagTransportAddr & /*stTransport*/)
+ZR_ULONG CRtspMediaCtrl::setupToTV(ZR_ULONG ulProtocol, const tagTransportAddr &stTransport)
 {
-    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::setupToTV");
-    return ZR_RTSP_FAILED;
+    static const char szFunction[] = "CRtspMediaCtrl::setupToTV";
+    const auto fnSetup = [&]() -> ZR_ULONG
+    {
+        if (g_pAOIMsgDispInter == nullptr)
+        {
+            RTSP_LOG(ERROR, ZR_RTSP_NO_DISPATCHER, "[%s] can't find an AOI msg dispatch module", szFunction);
+            return ZR_RTSP_SETUP_FAILED;
+        }
+        CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+        if (!oGuard.locked())
+            return ZR_RTSP_LOCK_FAILED;
+        if (m_strVodToTvURL.empty())
+        {
+            RTSP_LOG(ERROR, ZR_RTSP_SETUP_FAILED, "[%s] not support vod to tv.", szFunction);
+            return ZR_RTSP_SETUP_FAILED;
+        }
+        if (m_ulState < MEDIACTRL_STATE_SUCCESS || m_ulState > MEDIACTRL_STATE_PAUSE)
+        {
+            RTSP_LOG(ERROR, ZR_RTSP_WRONG_STATE, "[%s] can not setup vod to tv, media ctrl state is %d.", szFunction,
+                     static_cast<int>(m_ulState));
+            return ZR_RTSP_WRONG_STATE;
+        }
+        const ZR_ULONG ulOnvif = m_oMediaAbility.isOnvif();
+        CAOIRequest oRequest(szFunction, AOI_MSG_RTSP_SETUP, m_ulAOIPortID);
+        oRequest.header(0)
+            .add("[%s] add IE AOI_IE_SESSION_ID failed", 0, CAOIIETool::addAOIIESessionID,
+                 m_oMediaAbility.getSessionID())
+            .add("[%s] add IE AOI_IE_URL failed", 0, CAOIIETool::addAOIIEURL, m_strVodToTvURL)
+            .add("[%s] add IE SrcUaID failed", 0, CAOIIETool::addAOIIESrcUaID, m_oMediaAbility.getLocalUaID(), ulOnvif)
+            .add("[%s] add IE DstUaID failed", 0, CAOIIETool::addAOIIEDstUaID, m_oMediaAbility.getRemoteUaID(), ulOnvif)
+            .row("[%s] add IE AOI_IE_TRANSPORT failed", 0,
+                 [&](tagAOIMsg *pstMsg)
+                 {
+                     return CAOIIETool::addAOIIETransport(stTransport.strIP, stTransport.usPort,
+                                                          static_cast<tagProtocol>(ulProtocol), pstMsg, 0);
+                 })
+            .add("[%s] add IE Authorization failed", 0, CAOIIETool::addAOIIEAuth,
+                 m_oMediaAbility.getOnvifInfo().m_strSetupAuth);
+        if (oRequest.send("[%s] send AOI_MSG_RTSP_SETUP message failed", 0, 0) != ZR_RTSP_OK)
+            return oRequest.status();
+        return concludeSetup(szFunction, EXCHANGE_SETUP_TO_TV, oGuard);
+    };
+    return inside(szFunction, fnSetup, ZR_RTSP_SETUP_FAILED);
 }
 
 void CRtspMediaCtrl::teardownToTV()
 {
-    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::teardownToTV");
+    static const char szFunction[] = "CRtspMediaCtrl::teardownToTV";
+    inside(szFunction,
+           [&]
+           {
+               if (g_pAOIMsgDispInter == nullptr)
+               {
+                   RTSP_LOG(ERROR, ZR_RTSP_NO_DISPATCHER, "[%s] can't find an AOI msg dispatch module", szFunction);
+                   return;
+               }
+               const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+               if (!oGuard.locked())
+                   return;
+               if (m_ulState == MEDIACTRL_STATE_IDLE)
+               {
+                   RTSP_LOG(WARNING, ZR_RTSP_WRONG_STATE, "[%s] current RTSPMediaCtrl is idle", szFunction);
+                   return;
+               }
+               CAOIRequest oRequest(szFunction, AOI_MSG_RTSP_TEARDOWN, m_ulAOIPortID);
+               oRequest.header(0)
+                   .add("[%s] add IE SessionID failed", 0, CAOIIETool::addAOIIESessionID,
+                        m_oMediaAbility.getSessionID())
+                   .add("[%s] add IE AOI_IE_URL failed", 0, CAOIIETool::addAOIIEURL, m_strVodToTvURL)
+                   .send("[%s] send AOI_MSG_RTSP_TEARDOWN message failed", ZR_RTSP_SEND_FAILED, 0);
+           });
 }

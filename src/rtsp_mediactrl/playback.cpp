@@ -16,6 +16,12 @@ const std::string PLAYBACK_NOW_SUFFIX = "/playback_now";
 constexpr float NORMAL_SPEED = 1.0F;
 constexpr ZR_ULONG PACKET_TYPE_GUOBIAO = 4;
 
+constexpr ZR_ULONG QUIT_REASON_END_OF_STREAM = 2001;
+constexpr ZR_ULONG QUIT_REASON_DEFAULT = 2002;
+constexpr ZR_ULONG QUIT_REASON_SERVER_RESOURCES = 2003;
+constexpr ZR_ULONG ACTION_SESSION_LOST = 1;
+constexpr size_t PORT_LABEL_SIZE = 32;
+
 /// Scale by speed code; the codes 0 and 17 turn round for the "omz-v1" variant.
 constexpr float PLAY_SCALES[] = {256.0F, -256.0F, -16.0F, -8.0F, -4.0F, -2.0F, -1.0F,  -0.5F,  -0.25F,  0.25F,
                                  0.5F,   1.0F,    2.0F,   4.0F,  8.0F,  16.0F, 108.0F, 258.0F, -258.0F, 0.125F};
@@ -358,14 +364,87 @@ ZR_ULONG CRtspMediaCtrl::takePauseAnswer(const tagAOIMsg *pstAOIMsg)
                             "[%s] get AOI_MSG_RTSP_PAUSE OK reponse message's IE SessionID failed");
 }
 
-ZR_ULONG CRtspMediaCtrl::AOIProcRtspAdminAnnounReq(const tagAOIMsg * /*pstAOIMsg*/)
+/// "[PortID: %u]", for the log.
+/// @param pszBuffer  32 bytes at least; returned
+char *CRtspMediaCtrl::formatPort(char *pszBuffer, ZR_ULONG ulPortID)
 {
-    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::AOIProcRtspAdminAnnounReq");
-    return ZR_RTSP_FAILED;
+    VELK_snprintf(pszBuffer, PORT_LABEL_SIZE, "[PortID: %u]", ulPortID);
+    pszBuffer[PORT_LABEL_SIZE - 1] = '\0';
+    return pszBuffer;
 }
 
-ZR_ULONG CRtspMediaCtrl::AOIProcRtspNotifyReq(const tagAOIMsg * /*pstAOIMsg*/)
+/// Tells the observers a code. Not under m_oMutex: an observer may tear the session down, and would take the locks in
+/// the other order.
+void CRtspMediaCtrl::notifyObservers(const char *pszFunction, ZR_ULONG ulCode)
 {
-    RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] is not there yet", "CRtspMediaCtrl::AOIProcRtspNotifyReq");
-    return ZR_RTSP_FAILED;
+    char szPort[PORT_LABEL_SIZE];
+    RTSP_LOG(INFO, 0, "[%s] %s Notify rtsp error: %u to MCM", pszFunction, formatPort(szPort, m_ulPortID), ulCode);
+    m_oObserverList.notify(&ulCode, 0);
+}
+
+ZR_ULONG CRtspMediaCtrl::AOIProcRtspAdminAnnounReq(const tagAOIMsg *pstAOIMsg)
+{
+    static const char szFunction[] = "CRtspMediaCtrl::AOIProcRtspAdminAnnounReq";
+    if (isNull(pstAOIMsg, szFunction))
+        return ZR_RTSP_INVALID_PARAMETER;
+    const ZR_ULONG ulSession = readOwnSessionID(
+        pstAOIMsg, szFunction, "[%s] get AOI_MSG_RTSP_ADMINSSION_ANNOUNCE requst message's IE SessionID failed");
+    if (ulSession != ZR_RTSP_OK)
+        return ulSession;
+
+    auto enReason = static_cast<tagAOIIEQuitReason>(0xFFFFFFFF);
+    const ZR_ULONG ulResult = CAOIIETool::getAOIIEQuitReason(pstAOIMsg, enReason);
+    if (ulResult != ZR_RTSP_OK)
+    {
+        RTSP_LOG(ERROR, ulResult,
+                 "[%s] get AOI_MSG_RTSP_ADMINSSION_ANNOUNCE requst message's IE QuitReason failed, use default",
+                 szFunction);
+        enReason = static_cast<tagAOIIEQuitReason>(QUIT_REASON_DEFAULT);
+    }
+    const ZR_ULONG ulReason = enReason;
+    ZR_ULONG ulCode = ZR_RTSP_NOTICE_ENDED;
+    if (ulReason == QUIT_REASON_END_OF_STREAM)
+    {
+        ulCode = ZR_RTSP_NOTICE_END_OF_STREAM;
+    }
+    else if (ulReason == QUIT_REASON_SERVER_RESOURCES)
+    {
+        ulCode = ZR_RTSP_NOTICE_SERVER_RESOURCES;
+    }
+    else
+    {
+        if (ulReason != QUIT_REASON_DEFAULT)
+            RTSP_LOG(WARNING, ZR_RTSP_DISCARDED,
+                     "[%s] AOI_MSG_RTSP_ADMINSSION_ANNOUNCE requst message's IE QuitReason:(%u) illegal", szFunction,
+                     ulReason);
+        const std::string strTag = m_oMediaAbility.getDecoderTag();
+        if (VELK_strnstr("guobiao", strTag.c_str(), strTag.size()) != nullptr)
+            ulCode = ZR_RTSP_NOTICE_ENDED_GUOBIAO;
+    }
+    notifyObservers(szFunction, ulCode);
+    return ZR_RTSP_OK;
+}
+
+ZR_ULONG CRtspMediaCtrl::AOIProcRtspNotifyReq(const tagAOIMsg *pstAOIMsg)
+{
+    static const char szFunction[] = "CRtspMediaCtrl::AOIProcRtspNotifyReq";
+    if (isNull(pstAOIMsg, szFunction))
+        return ZR_RTSP_INVALID_PARAMETER;
+    const ZR_ULONG ulSession = readOwnSessionID(
+        pstAOIMsg, szFunction, "[%s] get AOI_MSG_INTERNAL_NOTIFY_RTSP requst message's IE SessionID failed");
+    if (ulSession != ZR_RTSP_OK)
+        return ulSession;
+
+    auto enAction = static_cast<tagAOIIERtspActionType>(255);
+    const ZR_ULONG ulResult = CAOIIETool::getAOIIESAction(pstAOIMsg, enAction);
+    if (ulResult != ZR_RTSP_OK)
+    {
+        RTSP_LOG(ERROR, ulResult, "[%s] get AOI_MSG_INTERNAL_NOTIFY_RTSP request message's IE SessionAction failed",
+                 szFunction);
+        return ZR_RTSP_IE_UNREADABLE;
+    }
+    if (enAction == ACTION_SESSION_LOST && m_ulPlayFlag == 1)
+        notifyObservers(szFunction,
+                        m_oMediaAbility.isOnvif() == 1 ? ZR_RTSP_NOTICE_ONVIF_LOST : ZR_RTSP_NOTICE_CONNECTION_LOST);
+    return ZR_RTSP_OK;
 }

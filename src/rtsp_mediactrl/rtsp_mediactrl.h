@@ -75,6 +75,10 @@ public:
     ZR_ULONG setup(const std::string &strURL, tagProtocol enProtocol, ZR_ULONG ulSpeed,
                    int32_t iFullFrame) override; // signalling.cpp
 
+    // the keep-alive timers' steps, under the registry's mutex
+    void keepLive();      // liveness.cpp
+    void onvifKeepLive(); // liveness.cpp
+
 private:
     friend struct CRtspMediaCtrlProbe; // the tests' view of the fields
 
@@ -99,12 +103,15 @@ private:
         return guarded(FILE_RTSP_MEDIACTRL, pszFunction, std::forward<Body>(fnBody), tFailure...);
     }
 
-    // signalling.cpp: the exchange of a request and its answer, all under m_oMutex
+    // exchange.cpp: the rendezvous of a request with its answer, all under m_oMutex
     int waitForResponse(ZR_ULONG ulSeconds);
     int signalResponse();
     EOutcome exchange(const tagExchangeRule &stRule, CObjectGuard &oGuard, ZR_ULONG &ulRspResult);
     void beginExchange(const tagExchangeRule &stRule);
     ZR_ULONG acceptAnswer(const char *pszFunction, ZR_ULONG ulWait);
+
+    // signalling.cpp: the frame of the answers
+    static bool isNull(const tagAOIMsg *pstAOIMsg, const char *pszFunction);
     ZR_ULONG answer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg);
     void readErrcode(const tagAOIMsg *pstAOIMsg, const char *pszFunction, const tagLogText &stText);
     ZR_ULONG readOwnSessionID(const tagAOIMsg *pstAOIMsg, const char *pszFunction, const tagLogText &stText);
@@ -118,6 +125,7 @@ private:
     ZR_ULONG takeMulticastAddress(const tagAOIMsg *pstAOIMsg);
     static std::string withoutCredentialTail(const std::string &strURL);
     ZR_ULONG sendSetup(const char *pszFunction, const std::string &strURL, const COnvifInfo &oInfo);
+    ZR_ULONG concludeSetup(const char *pszFunction, const tagExchangeRule &stRule, CObjectGuard &oGuard);
     ZR_ULONG setupSession(const char *pszFunction, const std::string &strURL, tagProtocol enProtocol);
 
     // object.cpp
@@ -142,6 +150,8 @@ private:
     ZR_ULONG takePauseAnswer(const tagAOIMsg *pstAOIMsg);
     ZR_ULONG AOIProcRtspAdminAnnounReq(const tagAOIMsg *pstAOIMsg);
     ZR_ULONG AOIProcRtspNotifyReq(const tagAOIMsg *pstAOIMsg);
+    void notifyObservers(const char *pszFunction, ZR_ULONG ulCode);
+    static char *formatPort(char *pszBuffer, ZR_ULONG ulPortID);
 
     // description.cpp
     ZR_ULONG describe();
@@ -154,6 +164,10 @@ private:
                                    char *pszOut);
     ZR_ULONG calcAuth(COnvifInfo &oInfo);
     std::string calcMethodAuth(const char *pszHA1, const COnvifInfo &oInfo, const std::string &strMethod);
+
+    // liveness.cpp
+    ZR_ULONG options();
+    ZR_ULONG set_parameter();
     ZR_ULONG AOIProcRtspOptionsRsp(const tagAOIMsg *pstAOIMsg);
 
     // handoff.cpp

@@ -1,156 +1,21 @@
-// The exchange of requests and answers, the routing of incoming messages, SETUP and TEARDOWN.
+// The frame of the answers, the routing of incoming messages, SETUP and TEARDOWN.
 
 #include "rtsp_mediactrl.h"
 
 #include <cmath>
 
-#include "ace/Monotonic_Time_Policy.h"
-#include "ace/Time_Value.h"
-
 #include "request.h"
 #include "rtsp_impl.h"
-#include "windows_kernel.h"
 
 namespace
 {
 
-constexpr ZR_ULONG RESPONSE_TIMEOUT_SECONDS = 25;
 constexpr ZR_ULONG KIND_REQUEST = 0;
 constexpr ZR_ULONG KIND_SUCCESS = 1;
 constexpr ZR_ULONG KIND_FAILURE = 2;
 constexpr float NO_PLAY_SPEED = -1.0F;
 
-ACE_Time_Value timeOfDay()
-{
-    constexpr uint64_t UNITS_A_SECOND = 10'000'000; // of 100 ns
-    constexpr uint64_t SECONDS_1601_TO_1970 = 11'644'473'600;
-    FILETIME stNow = {};
-    GetSystemTimeAsFileTime(&stNow);
-    const uint64_t ullUnits = (static_cast<uint64_t>(stNow.dwHighDateTime) << 32) | stNow.dwLowDateTime;
-    return ACE_Time_Value(static_cast<time_t>(ullUnits / UNITS_A_SECOND - SECONDS_1601_TO_1970),
-                          static_cast<suseconds_t>(ullUnits % UNITS_A_SECOND / 10));
-}
-
-/// Reads the high-resolution counter, in whole milliseconds.
-/// @return false when it has no frequency (asked once a process) or cannot be read
-bool counterNow(ACE_Time_Value &oNow)
-{
-    static const int64_t llFrequency = []
-    {
-        LARGE_INTEGER stFrequency = {};
-        return QueryPerformanceFrequency(&stFrequency) != 0 ? stFrequency.QuadPart : 0;
-    }();
-    LARGE_INTEGER stCounter = {};
-    if (llFrequency <= 0 || QueryPerformanceCounter(&stCounter) == 0)
-        return false;
-    const int64_t llMilliseconds = stCounter.QuadPart % llFrequency * 1000 / llFrequency;
-    oNow.set(static_cast<time_t>(stCounter.QuadPart / llFrequency), static_cast<suseconds_t>(llMilliseconds * 1000));
-    return true;
-}
-
-/// The deadline on the monotonic clock, on which the condition measures it.
-ACE_Time_Value deadlineAfter(ZR_ULONG ulSeconds)
-{
-    const ACE_Time_Value oTimeout(static_cast<time_t>(ulSeconds), 0);
-    ACE_Time_Value oNow;
-    if (counterNow(oNow))
-        return oNow + oTimeout;
-    const ACE_Time_Value oDeadline = timeOfDay() + oTimeout;
-    return ACE_Monotonic_Time_Policy()() + (oDeadline - timeOfDay());
-}
-
 } // namespace
-
-/// Waits for an answer to the newest exchange, that of the caller. The wait lets m_oMutex go, every level of it.
-/// @return 0 when it was answered; -1 when the deadline passed, a later exchange overtook it, or the object is leaving
-int CRtspMediaCtrl::waitForResponse(ZR_ULONG ulSeconds)
-{
-    const std::shared_ptr<tagExchange> poExchange = m_poExchange;
-    const ACE_Time_Value oDeadline = deadlineAfter(ulSeconds);
-    while (!poExchange->bMarked && !poExchange->bOvertaken && !m_bLeaving)
-    {
-        const ZR_ULONG ulLevels = m_ulLockDepth;
-        m_ulLockDepth = 0; // who takes the lock meanwhile counts from the start
-        for (ZR_ULONG ulLevel = 1; ulLevel < ulLevels; ++ulLevel)
-            m_oMutex.release();
-        const int iResult = m_oCond.wait(&oDeadline);
-        for (ZR_ULONG ulLevel = 1; ulLevel < ulLevels; ++ulLevel)
-            m_oMutex.acquire();
-        m_ulLockDepth = ulLevels;
-        if (iResult != 0)
-            break;
-    }
-    return poExchange->bMarked ? 0 : -1;
-}
-
-/// Wakes all who wait; each looks into its own exchange.
-int CRtspMediaCtrl::signalResponse()
-{
-    return m_oCond.broadcast();
-}
-
-/// Opens a new exchange and sets its waiting state. One that is outstanding is overtaken: it ends at once, and what it
-/// would have left is what the new one puts back.
-void CRtspMediaCtrl::beginExchange(const tagExchangeRule &stRule)
-{
-    const auto poExchange = std::make_shared<tagExchange>();
-    poExchange->stRule = stRule;
-    poExchange->ulStateBefore = m_ulState;
-    if (m_poExchange != nullptr)
-    {
-        m_poExchange->bOvertaken = true;
-        poExchange->ulStateBefore =
-            m_poExchange->stateAfter(m_poExchange->bMarked ? m_ulState : m_poExchange->ulStateBefore);
-        signalResponse();
-    }
-    m_poExchange = poExchange;
-    m_ulState = stRule.ulWait;
-    m_ulRspResult = ZR_RTSP_FAILED;
-}
-
-/// Waits for the answer to a request that was just sent, and leaves the state that the rule gives.
-/// @param oGuard       the caller's; released and taken again after the wait, but for lockLost and for DESCRIBE, which
-///                     reads its result before it lets go
-/// @param ulRspResult  receives the answer's result
-EOutcome CRtspMediaCtrl::exchange(const tagExchangeRule &stRule, CObjectGuard &oGuard, ZR_ULONG &ulRspResult)
-{
-    beginExchange(stRule);
-    const std::shared_ptr<tagExchange> poExchange = m_poExchange;
-    waitForResponse(RESPONSE_TIMEOUT_SECONDS);
-    if (stRule.ulWait != MEDIACTRL_STATE_SUCCESS)
-    {
-        oGuard.release();
-        if (!oGuard.retake())
-            return EOutcome::lockLost;
-    }
-    // judged once, here: an answer may have come while the lock was free
-    ulRspResult = poExchange->ulRspResult;
-    if (poExchange->bOvertaken)
-        return poExchange->outcome();
-    m_poExchange.reset();
-    if (m_ulState == MEDIACTRL_STATE_IDLE)
-        return EOutcome::idle;
-    m_ulState = poExchange->stateAfter(m_ulState);
-    return poExchange->outcome();
-}
-
-/// The end of every answer that was taken: marks the exchange it belongs to, and wakes who waits.
-/// @param ulWait  the waiting state of the answer's kind
-ZR_ULONG CRtspMediaCtrl::acceptAnswer(const char *pszFunction, ZR_ULONG ulWait)
-{
-    if (m_poExchange != nullptr && m_poExchange->stRule.ulWait == ulWait && !m_poExchange->bMarked)
-    {
-        m_poExchange->bMarked = true;
-        m_poExchange->ulState = m_ulState;
-        m_poExchange->ulRspResult = m_ulRspResult;
-    }
-    if (signalResponse() != 0)
-    {
-        RTSP_LOG(ERROR, ZR_RTSP_SIGNAL_FAILED, "[%s] condition signal failed", pszFunction);
-        return ZR_RTSP_SIGNAL_FAILED;
-    }
-    return ZR_RTSP_OK;
-}
 
 /// A failure answer's RTSP status; what cannot be read leaves the read's own result in its place.
 void CRtspMediaCtrl::readErrcode(const tagAOIMsg *pstAOIMsg, const char *pszFunction, const tagLogText &stText)
@@ -163,14 +28,18 @@ void CRtspMediaCtrl::readErrcode(const tagAOIMsg *pstAOIMsg, const char *pszFunc
     m_ulRspResult = ulResult != ZR_RTSP_OK ? ulResult : ulErrcode;
 }
 
+bool CRtspMediaCtrl::isNull(const tagAOIMsg *pstAOIMsg, const char *pszFunction)
+{
+    if (pstAOIMsg == nullptr)
+        RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] parameter char *pstAOIMsg can't be NULL", pszFunction);
+    return pstAOIMsg == nullptr;
+}
+
 /// The frame of the answers that have waiting states of their own.
 ZR_ULONG CRtspMediaCtrl::answer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg)
 {
-    if (pstAOIMsg == nullptr)
-    {
-        RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] parameter char *pstAOIMsg can't be NULL", stRule.pszFunction);
+    if (isNull(pstAOIMsg, stRule.pszFunction))
         return ZR_RTSP_INVALID_PARAMETER;
-    }
     const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
@@ -256,11 +125,8 @@ ZR_ULONG CRtspMediaCtrl::AOIMsgPro(tagAOIMsg *pstAOIMsg)
 
     const auto fnDispatch = [&]() -> ZR_ULONG
     {
-        if (pstAOIMsg == nullptr)
-        {
-            RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] parameter char *pstAOIMsg can't be NULL", szFunction);
+        if (isNull(pstAOIMsg, szFunction))
             return ZR_RTSP_INVALID_PARAMETER;
-        }
         const tagMDPMsgHeader &stHeader = pstAOIMsg->stHeader;
         for (const tagProcRow &stRow : aRows)
         {
@@ -355,6 +221,32 @@ ZR_ULONG CRtspMediaCtrl::sendSetup(const char *pszFunction, const std::string &s
     return oRequest.send("[%s] send AOI_MSG_RTSP_SETUP message failed", 0, 0);
 }
 
+/// Waits for the answer to a SETUP that was sent, and says what came of it.
+ZR_ULONG CRtspMediaCtrl::concludeSetup(const char *pszFunction, const tagExchangeRule &stRule, CObjectGuard &oGuard)
+{
+    ZR_ULONG ulRspResult = 0;
+    switch (exchange(stRule, oGuard, ulRspResult))
+    {
+    case EOutcome::lockLost:
+        return ZR_RTSP_LOCK_FAILED;
+    case EOutcome::timedOut:
+        RTSP_LOG(ERROR, ZR_RTSP_SETUP_TIMEOUT, "[%s] don't receive a AOI_MSG_RTSP_SETUP OK response Message",
+                 pszFunction);
+        return ZR_RTSP_SETUP_FAILED;
+    case EOutcome::idle:
+    case EOutcome::refused:
+        RTSP_LOG(ERROR, ZR_RTSP_SETUP_FAILED,
+                 "[%s] receive a AOI_MSG_RTSP_SETUP ERR[RTSP_errcode: %u] response Message", pszFunction, ulRspResult);
+        // a refusal is never a success, whatever status it bears
+        return ulRspResult != ZR_RTSP_OK ? ulRspResult : ZR_RTSP_SETUP_FAILED;
+    case EOutcome::answered:
+        break;
+    }
+    RTSP_LOG(INFO, 0, "[%s] successful setup the MediaCtrl relation, SID is : %s", pszFunction,
+             m_oMediaAbility.getSessionID().c_str());
+    return ZR_RTSP_OK;
+}
+
 ZR_ULONG CRtspMediaCtrl::setupSession(const char *pszFunction, const std::string &strURL, tagProtocol enProtocol)
 {
     m_enProtocol = enProtocol;
@@ -383,28 +275,7 @@ ZR_ULONG CRtspMediaCtrl::setupSession(const char *pszFunction, const std::string
     const ZR_ULONG ulSent = sendSetup(pszFunction, strURL, oInfo);
     if (ulSent != ZR_RTSP_OK)
         return ulSent;
-
-    ZR_ULONG ulRspResult = 0;
-    switch (exchange(EXCHANGE_SETUP, oGuard, ulRspResult))
-    {
-    case EOutcome::lockLost:
-        return ZR_RTSP_LOCK_FAILED;
-    case EOutcome::timedOut:
-        RTSP_LOG(ERROR, ZR_RTSP_SETUP_TIMEOUT, "[%s] don't receive a AOI_MSG_RTSP_SETUP OK response Message",
-                 pszFunction);
-        return ZR_RTSP_SETUP_FAILED;
-    case EOutcome::idle:
-    case EOutcome::refused:
-        RTSP_LOG(ERROR, ZR_RTSP_SETUP_FAILED,
-                 "[%s] receive a AOI_MSG_RTSP_SETUP ERR[RTSP_errcode: %u] response Message", pszFunction, ulRspResult);
-        // a refusal is never a success, whatever status it bears
-        return ulRspResult != ZR_RTSP_OK ? ulRspResult : ZR_RTSP_SETUP_FAILED;
-    case EOutcome::answered:
-        break;
-    }
-    RTSP_LOG(INFO, 0, "[%s] successful setup the MediaCtrl relation, SID is : %s", pszFunction,
-             m_oMediaAbility.getSessionID().c_str());
-    return ZR_RTSP_OK;
+    return concludeSetup(pszFunction, EXCHANGE_SETUP, oGuard);
 }
 
 ZR_ULONG CRtspMediaCtrl::AOIProcRtspSetupRsp(const tagAOIMsg *pstAOIMsg)
