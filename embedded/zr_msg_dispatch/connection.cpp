@@ -1,0 +1,385 @@
+#include "connection.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <ace/SOCK_Connector.h>
+
+namespace zr::dispatch
+{
+
+namespace
+{
+
+/// What one wake-up reads at most, so that no server starves the others.
+constexpr size_t readBudget = 65536;
+
+std::string systemText(int error)
+{
+    return std::strerror(error);
+} // NOLINT(concurrency-mt-unsafe): glibc's is safe
+
+rtsp::Limits limitsOf(const Settings &settings)
+{
+    rtsp::Limits limits;
+    limits.body = settings.maxBody;
+    return limits;
+}
+
+void setOption(int handle, int level, int name, int value)
+{
+    setsockopt(handle, level, name, &value, sizeof(value));
+}
+
+/// A far side that lost its power says nothing: the system is to notice within half a minute.
+void tune(int handle)
+{
+    setOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
+    setOption(handle, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(handle, IPPROTO_TCP, TCP_KEEPIDLE, 10);
+    setOption(handle, IPPROTO_TCP, TCP_KEEPINTVL, 5);
+    setOption(handle, IPPROTO_TCP, TCP_KEEPCNT, 4);
+    setOption(handle, IPPROTO_TCP, TCP_USER_TIMEOUT, 30000);
+}
+
+} // namespace
+
+Connection::Connection(IoLoop &loop, const Settings &settings, Owner &owner)
+    : m_loop(loop)
+    , m_settings(settings)
+    , m_owner(&owner)
+    , m_parser(limitsOf(settings))
+    , m_timer(loop, [this] { onTimer(); })
+{
+}
+
+Connection::~Connection()
+{
+    m_stream.close();
+}
+
+void Connection::open(std::vector<ACE_INET_Addr> addresses)
+{
+    m_state = State::Connecting;
+    m_connectDeadline = Clock::now() + m_settings.connectTimeout;
+    m_lastFailure = "its name is not resolved in time";
+    if (addresses.empty())
+        m_timer.start(m_settings.connectTimeout);
+    else
+        takeAddresses(std::move(addresses), {});
+}
+
+void Connection::takeAddresses(std::vector<ACE_INET_Addr> addresses, const std::string &error)
+{
+    if (m_state != State::Connecting)
+        return;
+    m_timer.stop();
+    if (!error.empty())
+        m_lastFailure = "its name is not resolved: " + error;
+    m_addresses = std::move(addresses);
+    std::reverse(m_addresses.begin(), m_addresses.end());
+    tryNextAddress();
+}
+
+void Connection::tryNextAddress()
+{
+    while (!m_addresses.empty())
+    {
+        const ACE_INET_Addr address = m_addresses.back();
+        const auto remaining = std::chrono::duration_cast<milliseconds>(m_connectDeadline - Clock::now());
+        // a silent first address is not to use up the time of those behind it
+        const milliseconds share = remaining / static_cast<int>(m_addresses.size());
+        m_addresses.pop_back();
+        if (beginConnect(address))
+        {
+            m_timer.start(share);
+            return;
+        }
+    }
+    failLater(m_lastFailure);
+}
+
+bool Connection::beginConnect(const ACE_INET_Addr &address)
+{
+    ACE_SOCK_Connector connector;
+    if (connector.connect(m_stream, address, &ACE_Time_Value::zero) == -1 && errno != EWOULDBLOCK &&
+        errno != EINPROGRESS)
+    {
+        m_lastFailure = systemText(errno);
+        m_stream.close();
+        return false;
+    }
+    fcntl(m_stream.get_handle(), F_SETFD, FD_CLOEXEC);
+    m_stream.enable(ACE_NONBLOCK);
+    tune(m_stream.get_handle());
+    if (m_loop.reactor().register_handler(this, ACE_Event_Handler::WRITE_MASK) == -1)
+    {
+        m_lastFailure = "the reactor takes no further descriptor: " + systemText(errno);
+        m_stream.close();
+        return false;
+    }
+    return true;
+}
+
+void Connection::abandonAttempt()
+{
+    m_timer.stop();
+    m_loop.reactor().remove_handler(this, ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL);
+    m_stream.close();
+}
+
+void Connection::finishConnect()
+{
+    int error = 0;
+    socklen_t size = sizeof(error);
+    if (getsockopt(m_stream.get_handle(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+        error = errno;
+    if (error == 0)
+    {
+        becomeUp();
+        return;
+    }
+    m_lastFailure = systemText(error);
+    abandonAttempt();
+    tryNextAddress();
+}
+
+void Connection::becomeUp()
+{
+    m_timer.stop();
+    ACE_INET_Addr peer;
+    std::array<char, INET6_ADDRSTRLEN> text = {};
+    if (m_stream.get_remote_addr(peer) == 0 && peer.get_host_addr(text.data(), static_cast<int>(text.size())))
+    {
+        m_ends.peerAddress = text.data();
+        m_ends.peerPort = peer.get_port_number();
+    }
+    m_state = State::Up;
+    m_loop.reactor().cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK);
+    m_loop.reactor().schedule_wakeup(this, ACE_Event_Handler::READ_MASK);
+    m_owner->connected();
+}
+
+int Connection::handle_input(ACE_HANDLE)
+{
+    if (m_state != State::Up)
+        return 0;
+    std::array<char, readBudget> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init): recv fills it
+    const ssize_t size = m_stream.recv(buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (size == 0)
+    {
+        const bool orderly = !m_parser.midMessage();
+        fail(orderly ? "the server closed the connection" : "the server closed the connection within a message",
+             orderly);
+    }
+    else if (size > 0)
+    {
+        m_parser.append(buffer.data(), static_cast<size_t>(size));
+        watchMessageTime(parse());
+    }
+    else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+    {
+        fail(systemText(errno));
+    }
+    return 0;
+}
+
+/// @return whether a message or frame has ended
+bool Connection::parse()
+{
+    bool progressed = false;
+    while (m_state == State::Up)
+    {
+        switch (m_parser.next())
+        {
+        case rtsp::Parser::Event::NeedMore:
+            return progressed;
+        case rtsp::Parser::Event::Message:
+            m_owner->received(m_parser.message());
+            break;
+        case rtsp::Parser::Event::Frame:
+            m_owner->received(m_parser.frame());
+            break;
+        case rtsp::Parser::Event::Error:
+            fail(m_parser.error());
+            return progressed;
+        }
+        progressed = true;
+    }
+    return progressed;
+}
+
+/// The timer is left alone while media flows: it looks when it fires whether its message is still the one that began.
+void Connection::watchMessageTime(bool progressed)
+{
+    if (m_state != State::Up)
+        return;
+    const bool wasMidMessage = m_midMessage && !progressed;
+    m_midMessage = m_parser.midMessage();
+    if (!m_midMessage || wasMidMessage)
+        return;
+    m_messageBegun = Clock::now();
+    if (!m_timer.armed())
+        m_timer.start(m_settings.messageTimeout);
+}
+
+void Connection::onTimer()
+{
+    if (m_state == State::Connecting)
+    {
+        if (m_stream.get_handle() != ACE_INVALID_HANDLE)
+            m_lastFailure = "no connection in time";
+        abandonAttempt();
+        tryNextAddress();
+        return;
+    }
+    if (m_state != State::Up || !m_midMessage)
+        return;
+    const auto age = std::chrono::duration_cast<milliseconds>(Clock::now() - m_messageBegun);
+    if (age < m_settings.messageTimeout)
+    {
+        m_timer.start(m_settings.messageTimeout - age + milliseconds(1));
+        return;
+    }
+    fail("a message was not complete " + std::to_string(m_settings.messageTimeout.count()) +
+         " ms after its first byte");
+}
+
+void Connection::write(std::string_view bytes)
+{
+    if (m_state != State::Up)
+        return;
+    if (m_out.size() - m_outSent + bytes.size() > m_settings.maxOutgoing)
+    {
+        failLater("the server leaves more than " + std::to_string(m_settings.maxOutgoing) + " bytes unread");
+        return;
+    }
+    m_out.append(bytes);
+    flush();
+}
+
+bool Connection::writeFrame(uint8_t channel, std::string_view payload)
+{
+    if (m_state != State::Up || m_finishWriting || payload.size() > UINT16_MAX ||
+        m_out.size() - m_outSent + payload.size() > m_settings.maxOutgoingMedia)
+        return false;
+    const std::array<char, 4> header = {'$', static_cast<char>(channel), static_cast<char>(payload.size() >> 8U),
+                                        static_cast<char>(payload.size() & 0xFFU)};
+    m_out.append(header.data(), header.size());
+    m_out.append(payload);
+    flush();
+    return true;
+}
+
+void Connection::finishWriting()
+{
+    m_finishWriting = true;
+    if (m_state == State::Up)
+        flush();
+}
+
+void Connection::flush()
+{
+    while (m_outSent < m_out.size())
+    {
+        const ssize_t size =
+            m_stream.send(m_out.data() + m_outSent, m_out.size() - m_outSent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (size >= 0)
+        {
+            m_outSent += static_cast<size_t>(size);
+            continue;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK)
+            break;
+        failLater(systemText(errno));
+        return;
+    }
+    if (m_outSent == m_out.size() || m_outSent > readBudget)
+    {
+        m_out.erase(0, m_outSent);
+        m_outSent = 0;
+    }
+    wantOutput(!m_out.empty());
+    if (m_out.empty() && m_finishWriting)
+        m_stream.close_writer();
+}
+
+void Connection::wantOutput(bool wanted)
+{
+    if (wanted == m_wantsOutput)
+        return;
+    m_wantsOutput = wanted;
+    if (wanted)
+        m_loop.reactor().schedule_wakeup(this, ACE_Event_Handler::WRITE_MASK);
+    else
+        m_loop.reactor().cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK);
+}
+
+int Connection::handle_output(ACE_HANDLE)
+{
+    if (m_state == State::Connecting)
+        finishConnect();
+    else if (m_state == State::Up)
+        flush();
+    return 0;
+}
+
+/// The reactor gave the descriptor up: an error or hang-up without anything to read.
+int Connection::handle_close(ACE_HANDLE, ACE_Reactor_Mask)
+{
+    if (m_state == State::Connecting)
+    {
+        m_lastFailure = "the connection was reset";
+        abandonAttempt();
+        tryNextAddress();
+    }
+    else if (m_state == State::Up)
+    {
+        fail("the connection was reset");
+    }
+    return 0;
+}
+
+void Connection::fail(const std::string &reason, bool orderly)
+{
+    Owner *const owner = m_owner;
+    close();
+    if (owner)
+        owner->lost(reason, orderly);
+}
+
+void Connection::failLater(const std::string &reason)
+{
+    m_state = State::Failing;
+    m_loop.post(
+        [self = shared_from_this(), reason]
+        {
+            if (self->m_state == State::Failing)
+                self->fail(reason);
+        });
+}
+
+void Connection::close()
+{
+    if (m_state == State::Closed)
+        return;
+    m_state = State::Closed;
+    m_owner = nullptr;
+    m_timer.stop();
+    if (m_stream.get_handle() != ACE_INVALID_HANDLE)
+        m_loop.reactor().remove_handler(this, ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL);
+    m_stream.close();
+    m_loop.post([self = shared_from_this()] { /* the reactor may still be on its way out of this object */ });
+}
+
+} // namespace zr::dispatch

@@ -1,0 +1,115 @@
+/// @file
+/// One TCP connection to a server: connecting, bytes in through the parser, bytes out, its limits.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <ace/Event_Handler.h>
+#include <ace/INET_Addr.h>
+#include <ace/SOCK_Stream.h>
+
+#include "io_loop.h"
+#include "mapping.h"
+#include "rtsp_message.h"
+#include "settings.h"
+
+namespace zr::dispatch
+{
+
+/// Everything here is the I/O thread's. Held by shared pointers; whoever lets the last one go does so by a job, never
+/// from inside a callback (close sees to that).
+class Connection final : public ACE_Event_Handler, public std::enable_shared_from_this<Connection>
+{
+public:
+    /// Who uses the connection. Callbacks come from the reactor or from a job, never from inside one of the operations
+    /// below, and never after close.
+    class Owner
+    {
+    public:
+        virtual void connected() = 0;
+        virtual void received(rtsp::Message &message) = 0;
+        virtual void received(const rtsp::Frame &frame) = 0;
+        /// The connection is closed already, and calls nothing more.
+        /// @param orderly  the server closed it between messages
+        virtual void lost(const std::string &reason, bool orderly) = 0;
+
+    protected:
+        ~Owner() = default;
+    };
+
+    Connection(IoLoop &loop, const Settings &settings, Owner &owner);
+    ~Connection() override;
+
+    /// Tries addresses one after the other: these, or those of takeAddresses when there are none yet. connected() or
+    /// lost() follows, within the connect time.
+    void open(std::vector<ACE_INET_Addr> addresses);
+    /// The addresses, once they are known. Without effect when the connection does not wait for them any more.
+    /// @param error  why there are none
+    void takeAddresses(std::vector<ACE_INET_Addr> addresses, const std::string &error);
+    bool up() const { return m_state == State::Up; }
+    /// Far end; valid once connected.
+    const Ends &ends() const { return m_ends; }
+
+    /// Sends, or queues what the socket does not take now. A server that leaves too much unread is lost() for it.
+    void write(std::string_view bytes);
+    /// Sends an interleaved frame (RFC 2326, 10.12). @return false: dropped, because the connection is congested
+    bool writeFrame(uint8_t channel, std::string_view payload);
+    /// Shuts down for writing once all is sent; goes on reading.
+    void finishWriting();
+    /// Ends it at once, without lost(). Idempotent.
+    void close();
+
+private:
+    enum class State
+    {
+        Idle,
+        Connecting,
+        Up,
+        Failing, ///< lost() is on its way as a job
+        Closed
+    };
+
+    ACE_HANDLE get_handle() const override { return m_stream.get_handle(); }
+    int handle_input(ACE_HANDLE handle) override;
+    int handle_output(ACE_HANDLE handle) override;
+    int handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
+
+    void tryNextAddress();
+    bool beginConnect(const ACE_INET_Addr &address);
+    void finishConnect();
+    void becomeUp();
+    void abandonAttempt();
+    bool parse();
+    void watchMessageTime(bool progressed);
+    void onTimer();
+    void flush();
+    void wantOutput(bool wanted);
+    void fail(const std::string &reason, bool orderly = false);
+    void failLater(const std::string &reason);
+
+    IoLoop &m_loop;
+    const Settings &m_settings;
+    Owner *m_owner;
+    State m_state = State::Idle;
+    ACE_SOCK_Stream m_stream;
+    Ends m_ends;
+
+    std::vector<ACE_INET_Addr> m_addresses; ///< still to be tried, the next one last
+    std::string m_lastFailure;
+    Clock::time_point m_connectDeadline;
+
+    rtsp::Parser m_parser;
+    std::string m_out; ///< not taken by the socket yet, from m_outSent on
+    size_t m_outSent = 0;
+    bool m_wantsOutput = false;
+    bool m_finishWriting = false;
+
+    bool m_midMessage = false;
+    Clock::time_point m_messageBegun;
+    LoopTimer m_timer; ///< of the connecting attempt, then of the message that has begun
+};
+
+} // namespace zr::dispatch

@@ -1,0 +1,100 @@
+/// @file
+/// Who is registered, and the threads that call them.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "aoi_message.h"
+#include "io_loop.h"
+
+namespace zr::dispatch
+{
+
+/// One registration of a processor. An identifier that is registered again gets a new one, so that nothing addressed to
+/// the old one reaches the new.
+class Registration
+{
+public:
+    Registration(ZR_ULONG identifier, CIAOIMsgProc *messageProcessor)
+        : id(identifier)
+        , processor(messageProcessor)
+    {
+    }
+
+    const ZR_ULONG id;
+    /// Requests that were accepted and are neither answered nor dropped. Any thread.
+    std::atomic<size_t> requests{0};
+
+private:
+    friend class Delivery;
+    CIAOIMsgProc *const processor;
+    // the rest is guarded by the delivery's mutex
+    std::deque<aoi::MessagePtr> messages;
+    bool scheduled = false; ///< in the ready list, or its call is running
+    bool running = false;
+    bool retired = false; ///< for good; from then on messages stays empty and no call begins
+};
+using RegistrationPtr = std::shared_ptr<Registration>;
+
+/// A registration's messages come one after the other; a registration whose processor blocks holds one thread and
+/// nobody else. Two threads or so do the work; when all have been stuck in their calls while somebody waits, one more
+/// is started, up to a bound.
+///
+/// One mutex guards everything here, and no call into a processor and no destruction of a message happens under it. So
+/// "retired" and "running" change in one order that all agree on: a call begins only for a registration that is not
+/// retired, and whoever retires sees whether one is running.
+class Delivery
+{
+public:
+    explicit Delivery(IoLoop &loop);
+    ~Delivery();
+    Delivery(const Delivery &) = delete;
+    Delivery &operator=(const Delivery &) = delete;
+
+    /// Any thread. @return 0; codeInvalidArgument; codeInUse
+    ZR_ULONG add(ZR_ULONG id, CIAOIMsgProc *processor);
+    /// Any thread. @return null when there is none
+    RegistrationPtr find(ZR_ULONG id);
+    /// Whether it has ended. Any thread.
+    bool retired(const Registration &registration);
+    /// Ends a registration: its identifier is free, what is queued is dropped, no call begins any more. One may still
+    /// be running. Any thread. @return null when there is none
+    RegistrationPtr retire(ZR_ULONG id);
+    /// Waits until no call into a retired registration's processor is running; on a callback thread returns at once.
+    void waitIdle(const Registration &registration);
+    /// Queues a message; dropped when the registration is retired. I/O thread.
+    void deliver(const RegistrationPtr &registration, aoi::MessagePtr message);
+
+    /// Retires all, wherever they are. Any thread.
+    std::vector<RegistrationPtr> retireAll();
+    /// Waits for the running calls and ends the threads, once the loop has stopped.
+    void stop();
+
+private:
+    void work();
+    void callNext(std::unique_lock<std::mutex> &lock);
+    void grow();
+    void checkStalled();
+
+    std::mutex m_mutex;             ///< guards all below, and the registrations
+    std::condition_variable m_wake; ///< a registration is ready, or the end
+    std::condition_variable m_idle; ///< a call into a retired registration's processor has ended
+    std::unordered_map<ZR_ULONG, RegistrationPtr> m_registrations;
+    std::deque<RegistrationPtr> m_ready;
+    std::vector<std::thread> m_threads;
+    size_t m_idleThreads = 0;
+    uint64_t m_taken = 0;        ///< calls begun
+    uint64_t m_takenAtCheck = 0; ///< the same, when the stall timer was started
+    bool m_stopped = false;
+
+    LoopTimer m_stallTimer; ///< I/O thread
+};
+
+} // namespace zr::dispatch

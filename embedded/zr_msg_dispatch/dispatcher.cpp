@@ -1,0 +1,166 @@
+#include "dispatcher.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+#include "callback_thread.h"
+#include "platform_log.h"
+#include "result_codes.h"
+
+namespace zr::dispatch
+{
+
+namespace
+{
+
+/// What nobody can do for the caller becomes a code: no exception leaves the library.
+template <typename Operation>
+ZR_ULONG guarded(const char *name, Operation operation)
+{
+    try
+    {
+        return operation();
+    }
+    catch (const std::exception &error)
+    {
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "%s failed: %s", name, error.what());
+        return codeNoResources;
+    }
+}
+
+} // namespace
+
+Dispatcher &Dispatcher::instance()
+{
+    // never destroyed: hosts keep the interface, and other threads may be inside it when the process ends
+    static Dispatcher *const dispatcher = []
+    {
+        std::atexit([] { instance().abandon(); }); // NOLINT(cert-err33-c): without it the end is less tidy
+        return new Dispatcher;
+    }();
+    return *dispatcher;
+}
+
+std::shared_ptr<Engine> Dispatcher::engine() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_engine;
+}
+
+bool Dispatcher::everStarted() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_everStarted;
+}
+
+ZR_ULONG Dispatcher::init(const Settings &settings)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_count == 0)
+    {
+        auto engine = std::make_shared<Engine>(settings);
+        if (!engine->start())
+            return codeNoResources;
+        m_engine = std::move(engine);
+        m_everStarted = true;
+    }
+    ++m_count;
+    return 0;
+}
+
+void Dispatcher::destroy()
+{
+    if (common::onCallbackThread())
+    {
+        ZR_PLATFORM_LOG(ERROR, codeInvalidArgument, Dispatch, "ZR_MSGDISP_Destroy is not for a callback: nothing done");
+        return;
+    }
+    std::shared_ptr<Engine> last;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_count == 0 || --m_count > 0)
+            return;
+        last = std::move(m_engine);
+        m_engine.reset();
+    }
+    last->shutDown();
+}
+
+void Dispatcher::abandon()
+{
+    if (const auto running = engine())
+        running->abandon();
+}
+
+ZR_ULONG Dispatcher::sendAOIMsg(tagMDPMsg *pstMDPMsg)
+{
+    return guarded("sendAOIMsg",
+                   [this, pstMDPMsg]
+                   {
+                       const auto running = engine();
+                       return running ? running->send(pstMDPMsg) : codeNotStarted;
+                   });
+}
+
+ZR_ULONG Dispatcher::registerAOIMsgProc(ZR_ULONG ulID, CIAOIMsgProc *poProc)
+{
+    return guarded("registerAOIMsgProc",
+                   [this, ulID, poProc]
+                   {
+                       const auto running = engine();
+                       return running ? running->add(ulID, poProc) : codeNotStarted;
+                   });
+}
+
+ZR_ULONG Dispatcher::unregisterAOIMsgProc(ZR_ULONG ulID)
+{
+    return guarded("unregisterAOIMsgProc",
+                   [this, ulID]
+                   {
+                       const auto running = engine();
+                       return running ? running->remove(ulID) : codeNotStarted;
+                   });
+}
+
+} // namespace zr::dispatch
+
+using zr::dispatch::Dispatcher;
+
+ZR_ULONG ZR_MSGDISP_Init(ZR_ULONG ulMaxMessageBytes, ZR_ULONG ulConnectTimeoutMs, const char *pszUserAgent,
+                         const char *pszCaFile)
+{
+    return zr::dispatch::guarded("ZR_MSGDISP_Init",
+                                 [&]() -> ZR_ULONG
+                                 {
+                                     zr::dispatch::Settings settings;
+                                     settings.userAgent = pszUserAgent ? pszUserAgent : zr::aoi::defaultUserAgent;
+                                     if (ulMaxMessageBytes != 0)
+                                         settings.maxBody = ulMaxMessageBytes;
+                                     if (ulConnectTimeoutMs != 0)
+                                         settings.connectTimeout = std::chrono::milliseconds(ulConnectTimeoutMs);
+                                     if (pszCaFile)
+                                         settings.caFile = pszCaFile;
+                                     const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+                                     if (std::any_of(settings.userAgent.begin(), settings.userAgent.end(), isControl))
+                                     {
+                                         ZR_PLATFORM_LOG(
+                                             ERROR, zr::dispatch::codeInvalidArgument, Dispatch,
+                                             "ZR_MSGDISP_Init is refused: a User-Agent has no control characters");
+                                         return zr::dispatch::codeInvalidArgument;
+                                     }
+                                     return Dispatcher::instance().init(settings);
+                                 });
+}
+
+void ZR_MSGDISP_Destroy()
+{
+    Dispatcher::instance().destroy();
+}
+
+CIAOIMsgDisp *ZR_MSGDISP_GetAOIMsgDispInter()
+{
+    Dispatcher &dispatcher = Dispatcher::instance();
+    return dispatcher.everStarted() ? &dispatcher : nullptr;
+}

@@ -1,0 +1,41 @@
+/// @file
+/// The public face of the dispatcher.
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "engine.h"
+#include "zr_msg_dispatch.h"
+
+namespace zr::dispatch
+{
+
+/// Made once and never destroyed; its engine comes and goes. Any thread.
+class Dispatcher final : public CIAOIMsgDisp
+{
+public:
+    static Dispatcher &instance();
+
+    /// Starts the engine, or counts: then the settings of the first call stay.
+    ZR_ULONG init(const Settings &settings);
+    void destroy();
+    bool everStarted() const;
+    /// The process ends. @see Engine::abandon
+    void abandon();
+
+    ZR_ULONG sendAOIMsg(tagMDPMsg *pstMDPMsg) override;
+    ZR_ULONG registerAOIMsgProc(ZR_ULONG ulID, CIAOIMsgProc *poProc) override;
+    ZR_ULONG unregisterAOIMsgProc(ZR_ULONG ulID) override;
+
+private:
+    Dispatcher() = default;
+    std::shared_ptr<Engine> engine() const;
+
+    mutable std::mutex m_mutex; ///< guards the members; nothing waits under it
+    std::shared_ptr<Engine> m_engine;
+    unsigned m_count = 0;
+    bool m_everStarted = false;
+};
+
+} // namespace zr::dispatch

@@ -1,0 +1,212 @@
+#include "engine.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "platform_log.h"
+#include "result_codes.h"
+
+namespace zr::dispatch
+{
+
+namespace
+{
+
+/// DESCRIBE, and a SETUP that belongs to no session yet.
+bool mayOpen(const aoi::Request &request)
+{
+    return request.messageId == AOI_MSG_RTSP_DESCRIBE ||
+           (request.messageId == AOI_MSG_RTSP_SETUP && request.sessionId.empty());
+}
+
+std::string describe(const aoi::Request &request)
+{
+    return std::string(methodOf(request.messageId)) + " of " + std::to_string(request.sourceId);
+}
+
+/// The one address of a request's UA pair.
+ZR_ULONG findRoute(const aoi::Request &request, route::Address &target)
+{
+    const std::vector<route::Address> addresses = route::find(request.srcUaId, request.dstUaId);
+    if (addresses.size() == 1)
+    {
+        target = addresses.front();
+        return 0;
+    }
+    const ZR_ULONG code = addresses.empty() ? codeNoRoute : codeAmbiguousRoute;
+    std::string text;
+    for (const route::Address &address : addresses)
+        text += (text.empty() ? ": " : " or ") + hostAndPort({address.host, address.port});
+    ZR_PLATFORM_LOG(ERROR, code, Dispatch, "%s is refused: \"%s\" to \"%s\" has %s route%s", describe(request).c_str(),
+                    request.srcUaId.c_str(), request.dstUaId.c_str(), addresses.empty() ? "no" : "no unambiguous",
+                    text.c_str());
+    return code;
+}
+
+/// Lets one thread wait for another's job.
+class Gate
+{
+public:
+    void open()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+    }
+    bool wait(milliseconds patience)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, patience, [this] { return m_open; });
+    }
+
+private:
+    std::mutex m_mutex; ///< guards m_open
+    std::condition_variable m_changed;
+    bool m_open = false;
+};
+
+} // namespace
+
+Engine::Engine(Settings settings)
+    : m_settings(std::move(settings))
+    , m_delivery(m_loop)
+{
+}
+
+Engine::~Engine()
+{
+    shutDown();
+}
+
+bool Engine::start()
+{
+    return m_loop.start();
+}
+
+ZR_ULONG Engine::send(const tagMDPMsg *message)
+{
+    aoi::Request request;
+    const ZR_ULONG code = message ? aoi::readRequest(message, request) : codeInvalidArgument;
+    if (code != 0)
+    {
+        ZR_PLATFORM_LOG(ERROR, code, Dispatch, "a message is refused: %s",
+                        message ? "it is no request that is understood" : "there is none");
+        return code;
+    }
+    if (isDroppable(request.messageId) && request.sessionId.empty())
+        return 0;
+    const RegistrationPtr registration = m_delivery.find(request.sourceId);
+    if (registration)
+        return accept(std::move(request), registration);
+    if (isDroppable(request.messageId))
+        return 0;
+    ZR_PLATFORM_LOG(ERROR, codeNotRegistered, Dispatch, "%s is refused: nobody is registered so",
+                    describe(request).c_str());
+    return codeNotRegistered;
+}
+
+ZR_ULONG Engine::accept(aoi::Request request, const RegistrationPtr &registration)
+{
+    if (registration->requests >= m_settings.maxRequests)
+    {
+        ZR_PLATFORM_LOG(ERROR, codeTooManyRequests, Dispatch, "%s is refused: %zu requests wait already",
+                        describe(request).c_str(), m_settings.maxRequests);
+        return codeTooManyRequests;
+    }
+    const auto accepted =
+        std::make_shared<Accepted>(registration, std::move(request), Clock::now() + m_settings.requestTimeout);
+    if (mayOpen(accepted->request))
+    {
+        const ZR_ULONG code = findRoute(accepted->request, accepted->target.emplace());
+        if (code != 0)
+            return code;
+    }
+    return m_loop.post([this, accepted] { submit(accepted); }) ? ZR_ULONG{0} : codeNotStarted;
+}
+
+void Engine::submit(const AcceptedPtr &accepted)
+{
+    const RegistrationPtr &registration = accepted->registration;
+    auto found = m_channels.find(registration.get());
+    if (found == m_channels.end())
+    {
+        // one that has just been ended must not come to life again
+        if (m_allEnded || m_delivery.retired(*registration))
+            return;
+        const Registration *const key = registration.get();
+        found = m_channels
+                    .emplace(key, std::make_shared<SessionChannel>(
+                                      ChannelServices{m_loop, m_delivery, m_resolver, m_settings}, registration,
+                                      [this, key] { m_loop.post([this, key] { forget(key); }); }))
+                    .first;
+    }
+    found->second->submit(accepted);
+}
+
+ZR_ULONG Engine::remove(ZR_ULONG id)
+{
+    const RegistrationPtr registration = m_delivery.retire(id);
+    if (!registration)
+    {
+        ZR_PLATFORM_LOG(WARNING, codeNotRegistered, Dispatch, "%u is not registered", id);
+        return codeNotRegistered;
+    }
+    // before the wait: a TEARDOWN is not to be held up by a call that takes its time
+    m_loop.post([this, registration] { end(registration); });
+    m_delivery.waitIdle(*registration);
+    return 0;
+}
+
+void Engine::end(const RegistrationPtr &registration)
+{
+    const auto found = m_channels.find(registration.get());
+    if (found != m_channels.end())
+        found->second->end();
+}
+
+void Engine::forget(const Registration *registration)
+{
+    m_channels.erase(registration);
+    if (m_channels.empty() && m_allEnded)
+        m_allEnded();
+}
+
+void Engine::endAll(std::function<void()> done)
+{
+    m_allEnded = std::move(done);
+    for (const auto &entry : m_channels)
+        entry.second->end();
+    if (m_channels.empty())
+        m_allEnded();
+}
+
+void Engine::shutDown()
+{
+    if (std::exchange(m_down, true))
+        return;
+    m_delivery.retireAll();
+    const auto allEnded = std::make_shared<Gate>();
+    constexpr milliseconds grace{1000}; // for the thread to come to it
+    if (m_loop.post([this, allEnded] { endAll([allEnded] { allEnded->open(); }); }) &&
+        !allEnded->wait(m_settings.linger + grace))
+        ZR_PLATFORM_LOG(WARNING, codeTimedOut, Dispatch, "connections are closed before their sessions have ended");
+    m_loop.post(
+        [this]
+        {
+            for (const auto &entry : m_channels)
+                entry.second->abort();
+        });
+    m_loop.stop();
+    m_channels.clear();
+    m_delivery.stop();
+    m_resolver.stop(m_settings.linger);
+}
+
+void Engine::abandon()
+{
+    m_loop.abandon(milliseconds(500));
+}
+
+} // namespace zr::dispatch

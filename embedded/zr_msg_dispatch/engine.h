@@ -1,0 +1,62 @@
+/// @file
+/// The dispatcher at work: what lives between the first ZR_MSGDISP_Init and the last ZR_MSGDISP_Destroy.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <unordered_map>
+
+#include "delivery.h"
+#include "io_loop.h"
+#include "resolver.h"
+#include "session_channel.h"
+#include "settings.h"
+
+namespace zr::dispatch
+{
+
+/// The operations may be called on any thread, also while shutDown runs: they fail then.
+///
+/// How the threads meet: callers put requests into the loop's job queue, in the order in which they were accepted. All
+/// that concerns connections and sessions happens on the I/O thread and needs no lock. Answers go through the delivery,
+/// whose mutex alone decides whether a registration still gets calls. Nobody holds a lock while he waits for another
+/// thread.
+class Engine
+{
+public:
+    explicit Engine(Settings settings);
+    ~Engine();
+    Engine(const Engine &) = delete;
+    Engine &operator=(const Engine &) = delete;
+
+    bool start();
+    /// Ends all registrations, lets connections that wait for their TEARDOWN's answer linger, ends the threads. Not on
+    /// a delivery thread. Idempotent.
+    void shutDown();
+    /// The process ends without shutDown: lets the I/O thread run out, so that it does not meet what is destroyed then.
+    void abandon();
+
+    ZR_ULONG send(const tagMDPMsg *message);
+    ZR_ULONG add(ZR_ULONG id, CIAOIMsgProc *processor) { return m_delivery.add(id, processor); }
+    ZR_ULONG remove(ZR_ULONG id);
+
+private:
+    ZR_ULONG accept(aoi::Request request, const RegistrationPtr &registration);
+    // I/O thread
+    void submit(const AcceptedPtr &accepted);
+    void end(const RegistrationPtr &registration);
+    void forget(const Registration *registration);
+    void endAll(std::function<void()> done);
+
+    const Settings m_settings;
+    IoLoop m_loop;
+    Delivery m_delivery;
+    Resolver m_resolver;
+    bool m_down = false; ///< the thread of shutDown only
+
+    // I/O thread
+    std::unordered_map<const Registration *, std::shared_ptr<SessionChannel>> m_channels;
+    std::function<void()> m_allEnded;
+};
+
+} // namespace zr::dispatch

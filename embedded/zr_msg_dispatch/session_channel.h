@@ -1,0 +1,156 @@
+/// @file
+/// The requests and answers of one registration: their order, their matching, the connection under them.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "connection.h"
+#include "delivery.h"
+#include "mapping.h"
+#include "resolver.h"
+#include "route_registry.h"
+#include "settings.h"
+
+namespace zr::dispatch
+{
+
+constexpr bool isTeardown(ZR_ULONG messageId)
+{
+    return messageId == AOI_MSG_RTSP_TEARDOWN;
+}
+
+constexpr bool isKeepAlive(ZR_ULONG messageId)
+{
+    return messageId == AOI_MSG_RTSP_OPTIONS || messageId == AOI_MSG_RTSP_SET_PARAMERTER;
+}
+
+/// Requests for whose answers nobody waits: an ordinary tear-down sends some after the session has gone.
+constexpr bool isDroppable(ZR_ULONG messageId)
+{
+    return isTeardown(messageId) || isKeepAlive(messageId);
+}
+
+/// A request that sendAOIMsg took, until it is answered or dropped.
+struct Accepted
+{
+    Accepted(RegistrationPtr whose, aoi::Request what, Clock::time_point until)
+        : registration(std::move(whose))
+        , request(std::move(what))
+        , deadline(until)
+    {
+        ++registration->requests;
+    }
+    ~Accepted() { --registration->requests; }
+    Accepted(const Accepted &) = delete;
+    Accepted &operator=(const Accepted &) = delete;
+
+    const RegistrationPtr registration;
+    const aoi::Request request;
+    const Clock::time_point deadline;     ///< nobody waits for the answer after that
+    std::optional<route::Address> target; ///< of a request that may open the connection
+};
+using AcceptedPtr = std::shared_ptr<Accepted>;
+
+/// What all channels share; outlives them.
+struct ChannelServices
+{
+    IoLoop &loop;
+    Delivery &delivery;
+    Resolver &resolver;
+    const Settings &settings;
+};
+
+/// Everything here is the I/O thread's. The channel comes with the registration's first request that may open a
+/// connection and goes with the registration: one request on the wire at a time, the others behind it.
+class SessionChannel final : private Connection::Owner, public std::enable_shared_from_this<SessionChannel>
+{
+public:
+    /// @param finished  called once, after end(), when nothing is left to do: the channel may be let go (by a job)
+    SessionChannel(const ChannelServices &services, RegistrationPtr registration, std::function<void()> finished);
+    ~SessionChannel();
+
+    void submit(AcceptedPtr accepted);
+    /// The registration is over: a TEARDOWN that was accepted is written at once, the rest dropped; the connection
+    /// lingers until it is answered.
+    void end();
+    /// Drops everything now.
+    void abort();
+
+private:
+    /// A request on the wire.
+    struct Exchange
+    {
+        AcceptedPtr accepted; ///< null: its requester has given up, the answer will be dropped
+        ZR_ULONG messageId = 0;
+        unsigned cseq = 0;
+        std::string url;
+        Clock::time_point sent;
+    };
+
+    void connected() override;
+    void received(rtsp::Message &message) override;
+    void received(const rtsp::Frame &frame) override;
+    void lost(const std::string &reason, bool orderly) override;
+
+    bool prepareConnection(const Accepted &accepted);
+    void openConnection();
+    void dropConnection();
+    bool keepAliveWaits() const;
+    bool wireBusy() const;
+    void pump();
+    void send(AcceptedPtr accepted);
+
+    void takeResponse(const rtsp::Message &response);
+    std::deque<Exchange>::iterator match(const rtsp::Message &response);
+    void answer(const Exchange &exchange, const rtsp::Message &response);
+    void setUpTrack(const Mapped &mapped);
+    void answerServer(const rtsp::Message &request);
+
+    void deliver(const aoi::Answer &answer);
+    void refuse(const Accepted &accepted, ZR_ULONG status, const std::string &why);
+    void failAll(const std::string &why);
+    void notifyLost();
+    void resetSession();
+    bool mayNote();
+
+    void startTimer();
+    void onTimer();
+    void flushTeardown();
+    void finish();
+
+    std::string name() const;
+
+    const ChannelServices m_services;
+    const RegistrationPtr m_registration;
+    std::function<void()> m_finished;
+
+    route::Address m_target;
+    std::shared_ptr<Connection> m_connection; ///< null: none; else being resolved, connecting, or up
+    Session m_session;
+    bool m_interleaved = false;
+    bool m_mayReconnect = false; ///< a UDP session whose server closed between requests
+    std::shared_ptr<media::Port> m_port;
+
+    std::deque<AcceptedPtr> m_queue;
+    std::deque<Exchange> m_inFlight; ///< in the order of sending
+    unsigned m_cseq = 0;
+    unsigned m_notes = 0; ///< lines logged about the server's oddities on this connection
+
+    enum class Life
+    {
+        Open,
+        Lingering,
+        Over
+    };
+    Life m_life = Life::Open;
+    bool m_teardownWritten = false;
+    LoopTimer m_timer; ///< fires at the earliest deadline, or earlier
+    Clock::time_point m_timerDue;
+    LoopTimer m_linger;
+};
+
+} // namespace zr::dispatch
