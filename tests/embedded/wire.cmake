@@ -1,0 +1,2 @@
+zr_test(embedded_wire SOURCES wire_parser.cpp wire_requests.cpp wire_answers.cpp LIBRARIES zr_platform_rtsp
+        LABELS embedded)
