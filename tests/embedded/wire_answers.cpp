@@ -6,7 +6,6 @@
 using namespace zr::dispatch;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
-using zr::aoi::Answer;
 using zr::aoi::Request;
 using zr::rtsp::Header;
 using zr::rtsp::Message;
@@ -195,6 +194,8 @@ TEST(WireAnswers, ReadTheDescription)
          "v=0\nm=video 0 RTP/AVP 26\na=rtpmap:26 JPEG/90000\na=control:1\nm=audio 0 RTP/AVP 0 8\na=rtpmap:0 PCMU/8000\n"},
         {"application/sdp", "v=0\r\nm=audio 0 RTP/AVP 8\r\na=rtpmap:8 x/1\r\nm=video 0 RTP/AVP 33\r\nb=AS:1\r\n",
          "v=0\r\nm=audio 0 RTP/AVP 8\r\na=rtpmap:8 x/1\r\nm=video 0 RTP/AVP 33\r\nb=AS:1\r\na=rtpmap:33 MP2T/90000\r\n"},
+        {"application/sdp", "v=0\nm=audio 0 RTP/AVP 0 96\na=rtpmap:96 x/1\n",
+         "v=0\nm=audio 0 RTP/AVP 0 96\na=rtpmap:0 PCMU/8000\na=rtpmap:96 x/1\n"},
         {"application/sdp", "v=0\nm=\nm=video 0 RTP/AVP 999\nm=video 0 RTP/AVP 80",
          "v=0\nm=\nm=video 0 RTP/AVP 999\nm=video 0 RTP/AVP 80"},
         {"application/sdp", "", ""},

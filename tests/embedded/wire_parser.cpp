@@ -221,6 +221,7 @@ TEST(WireParser, TakesManyPiecesThatWereNotAskedForInBetween)
     }
     EXPECT_EQ(messages, 2000);
     EXPECT_EQ(frames, 2000);
+    EXPECT_TRUE(parser.message().body.empty()) << "an idle parser keeps no message";
 }
 
 TEST(WireParser, AnswersTheServersOwnRequests)
