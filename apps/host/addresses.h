@@ -1,0 +1,15 @@
+/// @file
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zr::host
+{
+
+/// The address of this machine from which a server is reached, IPv4 and numeric: where its media can be received.
+/// @param host  a name or an address; resolving a name may take seconds
+/// @throws Failure  Unreachable, for a name that cannot be resolved or an address without a way to it
+std::string localAddressTowards(const std::string &host, uint16_t port);
+
+} // namespace zr::host

@@ -1,0 +1,78 @@
+#include "failure.h"
+
+#include "zr_rtsp/codes.h"
+
+namespace zr::host
+{
+namespace
+{
+
+struct Words
+{
+    ZR_ULONG code;
+    ExitCode exit;
+    const char *meaning;
+    const char *advice;
+};
+
+constexpr const char *readTheLog = "run it again with --log-level info: the log says what the server answered";
+constexpr const char *checkAddress =
+    "check the address and the port, and that the device is on and reachable from here";
+
+// Below 600 RTSP's statuses (RFC 2326, 7.1.1). 503 is also what the platform answers itself when there is no
+// connection.
+constexpr Words words[] = {
+    {400, ExitCode::Refused, "the server did not understand the request", readTheLog},
+    {401, ExitCode::Credentials, "the server asks for credentials", "give --user and --password, with --tag onvif"},
+    {403, ExitCode::Credentials, "the server forbids it, or asks for an authentication that is not known here",
+     readTheLog},
+    {404, ExitCode::Refused, "the server has no such stream", "check the path of the URL"},
+    {415, ExitCode::Refused, "the server's answer holds no description (SDP)", "check that the URL names a stream"},
+    {453, ExitCode::Refused, "the server has not enough bandwidth left", "end other sessions of this device"},
+    {454, ExitCode::Refused, "the server does not know the session", readTheLog},
+    {457, ExitCode::Refused, "the server cannot play this range",
+     "check --from and --to against the recording's length"},
+    {461, ExitCode::Refused, "the server does not offer this transport", "try the other one: --tcp or --udp"},
+    {502, ExitCode::Refused, "the server's answer names no session", readTheLog},
+    {503, ExitCode::Unreachable, "the server cannot be reached", checkAddress},
+    {ZR_RTSP_NO_ANSWER, ExitCode::Unreachable, "no answer came that could be used", readTheLog},
+    {ZR_RTSP_SETUP_FAILED, ExitCode::Unreachable, "the server did not answer", readTheLog},
+    {ZR_RTSP_REQUEST_SEND_FAILED, ExitCode::Internal, "the request could not be sent", readTheLog},
+    {ZR_RTSP_WRONG_STATE, ExitCode::Internal, "the session is not in a state for it", readTheLog},
+    {ZR_RTSP_PLAY_FAILED, ExitCode::Refused, "the server refused to play, or did not answer", readTheLog},
+    {ZR_RTSP_DRAG_FAILED, ExitCode::Refused, "the server refused to play so, or did not answer", readTheLog},
+    {ZR_RTSP_PAUSE_FAILED, ExitCode::Refused, "the server refused to pause, or did not answer", readTheLog},
+};
+
+} // namespace
+
+Failure::Failure(ExitCode exit, const std::string &step, ZR_ULONG code, const std::string &meaning,
+                 const std::string &advice)
+    : std::runtime_error(step + " failed: " + meaning + (code == 0 ? "" : " (code " + std::to_string(code) + ")"))
+    , m_exit(exit)
+    , m_step(step)
+    , m_code(code)
+    , m_advice(advice)
+{
+}
+
+Failure requestFailed(const std::string &step, ZR_ULONG code)
+{
+    for (const Words &row : words)
+    {
+        if (row.code == code)
+        {
+            return {row.exit, step, code, row.meaning, row.advice};
+        }
+    }
+    const bool status = code >= 300 && code < 600;
+    return {status ? ExitCode::Refused : ExitCode::Internal, step, code,
+            status ? "the server refused the request" : "it could not be done", readTheLog};
+}
+
+Failure wrongUsage(const std::string &meaning)
+{
+    return {ExitCode::Usage, "reading the command line", 0, meaning, "see --help"};
+}
+
+} // namespace zr::host

@@ -1,0 +1,55 @@
+/// @file
+/// What went wrong, as data; its words are made in one place.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "zr_types.h"
+
+namespace zr::host
+{
+
+/// The program's exit codes. They are told in --help: keep both together.
+enum class ExitCode
+{
+    Ok = 0,          ///< media arrived (play), or the stream was described (describe)
+    Internal = 1,    ///< none of the others
+    Usage = 2,       ///< wrong options
+    Unreachable = 3, ///< no connection, or no answer
+    Credentials = 4, ///< the server wants credentials, or other ones
+    Refused = 5,     ///< the server refused a request
+    NoMedia = 6,     ///< nothing arrived, or it stopped
+    Output = 7,      ///< a picture or a recording could not be written
+    Interrupted = 130
+};
+
+/// The program cannot go on.
+class Failure : public std::runtime_error
+{
+public:
+    /// @param step    what was being done, such as "describe"
+    /// @param code    the plug-in's or platform's code, or the server's status; 0: none
+    /// @param advice  what to try next; may be empty
+    Failure(ExitCode exit, const std::string &step, ZR_ULONG code, const std::string &meaning,
+            const std::string &advice = {});
+
+    ExitCode exit() const { return m_exit; }
+    const std::string &step() const { return m_step; }
+    ZR_ULONG code() const { return m_code; }
+    const std::string &advice() const { return m_advice; }
+
+private:
+    ExitCode m_exit;
+    std::string m_step;
+    ZR_ULONG m_code;
+    std::string m_advice;
+};
+
+/// @param code  what an operation of the plug-in or the platform returned
+Failure requestFailed(const std::string &step, ZR_ULONG code);
+
+/// A command line that cannot be followed.
+Failure wrongUsage(const std::string &meaning);
+
+} // namespace zr::host

@@ -1,0 +1,74 @@
+// zr_rtsp_host: a host of the plug-in for the command line. It loads the library as any host does, with dlopen, and
+// drives one session.
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+
+#include "commands.h"
+#include "zr_platform.h"
+
+namespace
+{
+
+using namespace zr::host;
+
+void setUpLog(const CommonOptions &options)
+{
+    if (!options.logFile.empty())
+    {
+        ZR_LogSetFile(options.logFile.c_str());
+    }
+    // on the terminal the program's own lines come first; in a file there is room
+    ZR_LogSetLevel(options.logLevel.value_or(options.logFile.empty() ? ZR_LOG_ERROR : ZR_LOG_INFO));
+}
+
+int run(int argc, char **argv, Report &report)
+{
+    try
+    {
+        const Options options = parseOptions(argc, argv);
+        setUpLog(options.common);
+        switch (options.command)
+        {
+        case Command::Help:
+            break;
+        case Command::Describe:
+            describeCommand(options.common, report);
+            break;
+        case Command::Play:
+            playCommand(options.common, options.play, report);
+            break;
+        }
+        return static_cast<int>(ExitCode::Ok);
+    }
+    catch (const Failure &failed)
+    {
+        report.failure(failed);
+        return static_cast<int>(failed.exit());
+    }
+    catch (const std::exception &failed)
+    {
+        report.failure(Failure(ExitCode::Internal, "running", 0, failed.what()));
+        return static_cast<int>(ExitCode::Internal);
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try
+    {
+        std::signal(SIGPIPE, SIG_IGN); // a failed write is told by the write
+        // known before the options are, so that also a wrong one is told in the form that was asked for
+        const bool json =
+            std::any_of(argv, argv + argc, [](const char *text) { return std::strcmp(text, "--json") == 0; });
+        const auto report = makeReport(json);
+        return run(argc, argv, *report);
+    }
+    catch (...)
+    {
+        return static_cast<int>(ExitCode::Internal);
+    }
+}

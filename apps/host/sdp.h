@@ -1,0 +1,37 @@
+/// @file
+/// What the host wants to know of a description (SDP, RFC 4566).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zr::host
+{
+
+struct Track
+{
+    std::string media;   ///< "video", "audio" ...
+    int payloadType = 0; ///< the first one offered
+    std::string codec;   ///< its rtpmap's encoding name; empty without one
+    int clockRate = 0;   ///< Hz; 0 without an rtpmap
+    std::string control; ///< as it stands; may be empty or relative
+};
+
+struct Description
+{
+    std::string name;          ///< s=
+    std::string tool;          ///< a=tool
+    std::string range;         ///< a=range, such as npt=0-24
+    std::vector<Track> tracks; ///< in their order
+    const Track *first(const std::string &media) const;
+    std::optional<double> length() const; ///< seconds of a recording, where the range tells them
+};
+
+/// Reads what it understands and passes over the rest; never fails.
+Description parseDescription(const std::string &sdp);
+
+/// A control URL: absolute as it stands, "*" or none the URL itself, else joined to it.
+std::string controlUrl(const std::string &url, const std::string &control);
+
+} // namespace zr::host

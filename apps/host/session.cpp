@@ -1,0 +1,206 @@
+#include "session.h"
+
+#include <atomic>
+
+#include <unistd.h>
+
+#include "addresses.h"
+#include "failure.h"
+
+namespace zr::host
+{
+namespace
+{
+
+ZR_ULONG nextId()
+{
+    static std::atomic<ZR_ULONG> last{0};
+    return ++last;
+}
+
+void check(const std::string &step, ZR_ULONG result)
+{
+    if (result != 0)
+    {
+        throw requestFailed(step, result);
+    }
+}
+
+Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG code)
+{
+    return {ExitCode::Output, what, code, file + " could not be written",
+            "check the folder, and that the library was built with GStreamer; --log-level info tells more"};
+}
+
+} // namespace
+
+Session::Session(Plugin &plugin, const Source &source, Mailbox &mailbox)
+    : m_plugin(plugin)
+    , m_source(source)
+    , m_mailbox(mailbox)
+    , m_id(nextId())
+{
+    const std::string local = localAddressTowards(source.url.host, source.url.port);
+    ZR_USHORT port = 0;
+    check("opening a media port on " + local, ZR_MediaPortOpen(m_id, m_id, local.c_str(), &port));
+
+    const std::string agent = "zr_rtsp_host-" + std::to_string(getpid()) + "-" + std::to_string(m_id);
+    m_control = plugin.create(m_id, agent, source.url.host + ":" + std::to_string(source.url.port), local, port,
+                              source.url.host, source.url.port, m_id);
+    m_controlEx = dynamic_cast<CIMediaCtrlEx *>(m_control);
+    if (m_controlEx == nullptr)
+    {
+        plugin.remove(&m_control);
+        ZR_MediaPortClose(m_id);
+        throw Failure(ExitCode::Internal, "creating the session", 0, "the plug-in gave no object");
+    }
+    m_control->setDecoderDesc(source.tag);
+    m_control->attachObserver(this);
+}
+
+Session::~Session()
+{
+    if (m_control != nullptr)
+    {
+        m_control->detachObserver(this);
+        m_plugin.remove(&m_control); // which ends the session if it still runs
+    }
+    ZR_MediaPortClose(m_id);
+}
+
+ZR_ULONG Session::getObserverID()
+{
+    return m_id;
+}
+
+void Session::notify(ZR_ULONG *code, uintptr_t)
+{
+    m_mailbox.post(*code);
+}
+
+CMediaAbility Session::ability() const
+{
+    CMediaAbility copy;
+    m_control->getMediaAbility(copy);
+    return copy;
+}
+
+bool Session::onvif() const
+{
+    return ability().isOnvif() == 1;
+}
+
+void Session::throwDescribeFailed(ZR_ULONG result) const
+{
+    const CMediaAbility record = ability();
+    const bool challenged = result == ZR_RTSP_INVALID_PARAMETER && !record.getOnvifInfo().m_strDescribeAuth.empty() &&
+                            record.getDescribeRspSdp().empty();
+    if (challenged && m_source.credentials.user.empty())
+    {
+        throw requestFailed("describe", 401);
+    }
+    if (challenged)
+    {
+        throw Failure(ExitCode::Credentials, "describe", 401, "the server refused the user name or the password",
+                      "check --user and --password");
+    }
+    if (result == ZR_RTSP_INVALID_PARAMETER)
+    {
+        throw Failure(ExitCode::Refused, "describe", result, "the description names no video",
+                      "try another URL of the device, or --tag plain for a source without video");
+    }
+    throw requestFailed("describe", result);
+}
+
+const Description &Session::describe()
+{
+    const ZR_ULONG result = m_control->describe(urlForDescribe(m_source.url.text, m_source.credentials));
+    if (result != 0)
+    {
+        throwDescribeFailed(result);
+    }
+    const std::string sdp = ability().getDescribeRspSdp();
+    m_description = parseDescription(sdp);
+    if (ZR_MediaPortSetDescription(m_id, sdp.c_str()) != 0)
+    {
+        throw Failure(ExitCode::Refused, "describe", 0, "the description names no track that is understood here",
+                      "zr_rtsp_host describe shows what there is");
+    }
+    return m_description;
+}
+
+std::vector<TrackUrl> Session::tracks() const
+{
+    const COnvifInfo info = ability().getOnvifInfo();
+    std::vector<TrackUrl> found;
+    for (const auto &[media, control] :
+         {std::pair("video", info.m_strVideoControl), std::pair("audio", info.m_strAudioControl)})
+    {
+        const Track *track = m_description.first(media);
+        if (track != nullptr)
+        {
+            found.push_back({media, onvif() ? control : controlUrl(m_source.url.text, track->control)});
+        }
+    }
+    return found;
+}
+
+void Session::setUp(const TrackUrl &track, tagProtocol protocol)
+{
+    check("setup of " + track.media, m_control->setup(urlForSetup(track.url), protocol));
+}
+
+void Session::play(const Playback &playback)
+{
+    // without a start no Range goes out at all
+    const std::string from = playback.from.empty() && !playback.to.empty() ? "0" : playback.from;
+    // only dragPlay sends an ONVIF source its Scale whether or not it authenticates
+    check("play", playback.speedCode ? m_controlEx->dragPlay(from, playback.to, *playback.speedCode)
+                                     : m_control->play(from, playback.to));
+}
+
+void Session::pause()
+{
+    check("pause", m_controlEx->pause());
+}
+
+void Session::end()
+{
+    m_control->tearDown();
+}
+
+void Session::record(const std::string &file)
+{
+    const ZR_ULONG result = ZR_MediaPortRecord(m_id, file.c_str());
+    if (result != 0)
+    {
+        throw notWritten("recording", file, result);
+    }
+}
+
+void Session::endRecording()
+{
+    const ZR_ULONG result = ZR_MediaPortRecord(m_id, nullptr);
+    if (result != 0)
+    {
+        throw notWritten("recording", "the file", result);
+    }
+}
+
+void Session::snapshot(const std::string &file, ZR_ULONG timeoutMs)
+{
+    const ZR_ULONG result = ZR_MediaPortSnapshot(m_id, file.c_str(), timeoutMs);
+    if (result != 0)
+    {
+        throw notWritten("taking the picture", file, result);
+    }
+}
+
+ZrMediaStatistics Session::statistics() const
+{
+    ZrMediaStatistics now{};
+    ZR_MediaPortStatistics(m_id, &now);
+    return now;
+}
+
+} // namespace zr::host

@@ -1,0 +1,84 @@
+/// @file
+/// One RTSP session: the plug-in's object and its media port, opened together and closed together.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "mailbox.h"
+#include "plugin.h"
+#include "sdp.h"
+#include "url.h"
+#include "zr_platform.h"
+
+namespace zr::host
+{
+
+struct Source
+{
+    Url url;
+    Credentials credentials;
+    std::string tag = "onvif"; ///< decoder description
+};
+
+struct Playback
+{
+    std::string from; ///< as the source understands it; empty: from where it is
+    std::string to;   ///< empty: to the end
+    std::optional<ZR_ULONG> speedCode;
+};
+
+/// A track to be set up.
+struct TrackUrl
+{
+    std::string media;
+    std::string url; ///< absolute control URL
+};
+
+/// Operations block until the server answers, 25 s at most, and throw a Failure for what goes wrong. One thread.
+class Session : private CIMediaCtrlObserver
+{
+public:
+    /// Opens the media port and makes the object; nothing goes out yet.
+    /// @param mailbox  receives the object's notifications; outlives the session
+    Session(Plugin &plugin, const Source &source, Mailbox &mailbox);
+    /// Ends the session if end did not.
+    ~Session() override;
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+
+    const Description &describe();
+    /// @return the first video and the first audio track, video first
+    std::vector<TrackUrl> tracks() const;
+    void setUp(const TrackUrl &track, tagProtocol protocol);
+    void play(const Playback &playback);
+    void pause();
+    /// Tells the server that the session is over.
+    void end();
+
+    /// Starts a recording of all that arrives; before play, so that it begins with the stream.
+    void record(const std::string &file);
+    /// Ends it and returns when the file is whole.
+    void endRecording();
+    /// Writes the next whole picture.
+    void snapshot(const std::string &file, ZR_ULONG timeoutMs);
+    ZrMediaStatistics statistics() const;
+
+private:
+    ZR_ULONG getObserverID() override;
+    void notify(ZR_ULONG *code, uintptr_t argument) override;
+    [[noreturn]] void throwDescribeFailed(ZR_ULONG result) const;
+    CMediaAbility ability() const;
+    bool onvif() const;
+
+    Plugin &m_plugin;
+    Source m_source;
+    Mailbox &m_mailbox;
+    ZR_ULONG m_id; ///< of the port and of the object
+    CIMediaCtrl *m_control = nullptr;
+    CIMediaCtrlEx *m_controlEx = nullptr;
+    Description m_description;
+};
+
+} // namespace zr::host

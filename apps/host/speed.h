@@ -1,0 +1,21 @@
+/// @file
+/// Play speeds as people write them, and as the plug-in's codes.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "zr_types.h"
+
+namespace zr::host
+{
+
+/// @param text  a factor from 0.125 to 16 or -0.25 to -16, with or without a final "x"; or "code:N" with N from 0 to 19
+/// @return the code; nothing for 1, which is plain play
+/// @throws Failure  of wrong usage, naming the factors there are
+std::optional<ZR_ULONG> speedCode(const std::string &text);
+
+/// How much faster than time a code plays; 1 for a code without a factor of its own.
+double speedFactor(std::optional<ZR_ULONG> code);
+
+} // namespace zr::host
