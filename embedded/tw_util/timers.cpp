@@ -55,6 +55,7 @@ public:
     {
         const ACE_Time_Value period(static_cast<time_t>(periodMs / 1000),
                                     static_cast<suseconds_t>(periodMs % 1000) * 1000);
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the heap carries a pointer for its user, and the handle is in it
         return m_adapter.schedule(handler, reinterpret_cast<const void *>(static_cast<uintptr_t>(handle)),
                                   m_adapter.timer_queue()->gettimeofday() + period, period);
     }

@@ -22,7 +22,7 @@ namespace
 
 /// Time with milliseconds, level, thread, line.
 constexpr const char *pattern = "%Y-%m-%d %H:%M:%S.%e %l %t %v";
-constexpr size_t fileBytes = 10 * 1024 * 1024;
+constexpr size_t fileBytes = 10 * size_t{1024} * 1024;
 constexpr size_t oldFiles = 3;
 
 /// The lowest level that is written; 0 (all) until the log is made. Apart from the log so that a line that is not

@@ -1,6 +1,5 @@
+#include <algorithm>
 #include <cerrno>
-#include <clocale>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -9,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "tw_system.h"
-#include "windows_kernel.h"
 
 namespace
 {
@@ -39,23 +37,7 @@ TEST(System, SearchesNoFurtherThanItMay)
     }
 }
 
-TEST(System, FormatsInTheCLocaleWhateverTheHosts)
-{
-    // not every machine has one with a decimal comma; the thread's own locale must come back in any case
-    for (const char *name : {"de_DE.UTF-8", "fr_FR.UTF-8"})
-        if (std::setlocale(LC_ALL, name) != nullptr)
-            break;
-    const std::string before = std::setlocale(LC_ALL, nullptr);
-    char out[8];
-    EXPECT_EQ(VELK_snprintf(out, sizeof(out), "%.2f", 1.5), 4);
-    EXPECT_STREQ(out, "1.50");
-    EXPECT_EQ(VELK_snprintf(out, sizeof(out), "%s", "longer than that"), 16);
-    EXPECT_STREQ(out, "longer ");
-    EXPECT_EQ(std::setlocale(LC_ALL, nullptr), before);
-    std::setlocale(LC_ALL, "C");
-}
-
-TEST(System, SendsWithoutASignalAndFreesOnce)
+TEST(System, SendsWithoutASignal)
 {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
@@ -66,34 +48,6 @@ TEST(System, SendsWithoutASignalAndFreesOnce)
     EXPECT_EQ(VELK_sendto(pair[0], "abc", 3, 0, nullptr, 0), -1); // without MSG_NOSIGNAL the test would die here
     EXPECT_EQ(VELK_getlasterr(), EPIPE);
     VELK_closesocket(pair[0]);
-
-    void *memory = std::malloc(1);
-    VELK_free(&memory);
-    EXPECT_EQ(memory, nullptr);
-    VELK_free(&memory);
-    EXPECT_EQ(VELK_atol("99999999999999999999"), std::numeric_limits<long>::max());
-}
-
-TEST(Kernel, CountsForwardAndKnowsTheTime)
-{
-    LARGE_INTEGER frequency;
-    LARGE_INTEGER first;
-    LARGE_INTEGER second;
-    ASSERT_NE(QueryPerformanceFrequency(&frequency), 0);
-    ASSERT_NE(QueryPerformanceCounter(&first), 0);
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    ASSERT_NE(QueryPerformanceCounter(&second), 0);
-    EXPECT_LE(first.QuadPart / frequency.QuadPart, now.tv_sec);
-    EXPECT_GE(second.QuadPart / frequency.QuadPart, now.tv_sec);
-
-    FILETIME file{};
-    const auto unixNow = static_cast<uint64_t>(std::time(nullptr));
-    GetSystemTimeAsFileTime(&file);
-    const uint64_t ticks = (static_cast<uint64_t>(file.dwHighDateTime) << 32) | file.dwLowDateTime;
-    const uint64_t seconds = ticks / 10'000'000 - 11'644'473'600; // 1601 to 1970
-    EXPECT_GE(seconds, unixNow);
-    EXPECT_LE(seconds, unixNow + 60);
 }
 
 } // namespace

@@ -1,0 +1,128 @@
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "zr_platform.h"
+
+namespace
+{
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+
+std::vector<std::string> linesOf(const std::filesystem::path &file)
+{
+    std::vector<std::string> all;
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);)
+        all.push_back(line);
+    return all;
+}
+
+void write(tagZrLogLevel level, const std::string &text)
+{
+    CZRWriteLog::writeLog(level, 13501, 0x6000003, "rtsp_mediactrl", 42, "%s", text.c_str());
+}
+
+/// The log goes into a file of the test's own.
+class Log : public testing::Test
+{
+protected:
+    Log() { ZR_LogSetFile(m_file.c_str()); }
+    ~Log() override
+    {
+        ZR_LogSetFile(nullptr);
+        std::filesystem::remove_all(m_folder);
+    }
+
+    std::filesystem::path m_folder{testing::TempDir() + "zr_log_test." + std::to_string(getpid())};
+    std::filesystem::path m_file{m_folder / "log.txt"};
+};
+
+TEST_F(Log, HasOneLineForEachCallWhateverItsTextHolds)
+{
+    const std::pair<std::string, std::string> rows[] = {
+        {"plain", " 0x6000003 13501 rtsp_mediactrl:42 plain"},
+        {"a\r\n2030-01-01 error forged", "a\\x0d\\x0a2030-01-01 error forged"},
+        {"\x1b[2J\x7f", "\\x1b[2J\\x7f"},
+        {"tab\tand GBK \xa3\xac", "tab\tand GBK \xa3\xac"},
+        {std::string(4096, 'x'), std::string(4096, 'x')},
+        {std::string(4097, 'y'), std::string(4096, 'y') + "... (cut)"},
+        {std::string(100000, '\n'), "\\x0a... (cut)"},
+    };
+    for (const auto &row : rows)
+        write(ZR_LOG_ERROR, row.first);
+    const std::vector<std::string> all = linesOf(m_file);
+    ASSERT_EQ(all.size(), std::size(rows));
+    for (size_t i = 0; i < all.size(); ++i)
+        EXPECT_THAT(all[i], EndsWith(rows[i].second));
+    EXPECT_THAT(all[0], testing::MatchesRegex("....-..-.. ..:..:..\\.[0-9]+ error [0-9]+ 0x.*"));
+}
+
+TEST_F(Log, TakesTheLevelsThatWereAskedFor)
+{
+    write(ZR_LOG_DEBUG, "off by default");
+    errno = EAGAIN;
+    write(ZR_LOG_INFO, "on in a file");
+    EXPECT_EQ(errno, EAGAIN);
+    ZR_LogSetLevel(ZR_LOG_DEBUG);
+    write(ZR_LOG_DEBUG, "on");
+    ZR_LogSetLevel(ZR_LOG_ERROR);
+    write(ZR_LOG_WARNING, "off");
+    write(ZR_LOG_ERROR, "on");
+    EXPECT_EQ(linesOf(m_file).size(), 3U);
+    ZR_LogSetLevel(ZR_LOG_INFO);
+}
+
+TEST_F(Log, MayBeTurnedElsewhereWhileOthersWrite)
+{
+    std::thread other(
+        []
+        {
+            for (int i = 0; i < 500; ++i)
+                write(ZR_LOG_INFO, "other");
+        });
+    for (int i = 0; i < 20; ++i)
+    {
+        ZR_LogSetLevel(i % 2 == 0 ? ZR_LOG_ERROR : ZR_LOG_INFO);
+        ZR_LogSetFile((m_folder / std::to_string(i % 3)).c_str());
+    }
+    other.join();
+    ZR_LogSetFile(m_file.c_str());
+    write(ZR_LOG_ERROR, "last");
+    EXPECT_THAT(linesOf(m_file).back(), EndsWith("last"));
+}
+
+/// Of a process of its own, whose log is made anew.
+void writeAndExit()
+{
+    write(ZR_LOG_INFO, "information");
+    write(ZR_LOG_WARNING, "warning");
+    std::exit(0);
+}
+
+TEST(LogOfAProcess, GoesWhereTheEnvironmentSaysOrToStderr)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto warningsOnly = testing::AllOf(HasSubstr(":42 warning"), Not(HasSubstr("information")));
+    EXPECT_EXIT(writeAndExit(), testing::ExitedWithCode(0), AllOf(warningsOnly, Not(HasSubstr("stays on"))));
+    setenv("ZR_RTSP_LOG_FILE", "/dev/null/log.txt", 1);
+    EXPECT_EXIT(writeAndExit(), testing::ExitedWithCode(0), AllOf(warningsOnly, HasSubstr("stays on stderr")));
+    const std::string file = testing::TempDir() + "zr_log_environment.txt";
+    setenv("ZR_RTSP_LOG_FILE", file.c_str(), 1);
+    EXPECT_EXIT(writeAndExit(), testing::ExitedWithCode(0), Not(HasSubstr("warning")));
+    EXPECT_THAT(linesOf(file), testing::ElementsAre(EndsWith("information"), EndsWith("warning")));
+    std::filesystem::remove(file);
+    unsetenv("ZR_RTSP_LOG_FILE");
+}
+
+} // namespace
