@@ -1,5 +1,7 @@
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <cxxabi.h>
 #include <map>
 #include <memory>
@@ -119,6 +121,16 @@ public:
         return 0;
     }
 
+    /// No callback begins any more, for what it would use is about to be destroyed. One that runs gets a moment, but no
+    /// more: the thread that ends the process may hold what it waits for.
+    void processEnds()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_processEnds = true;
+        if (!onTimerThread)
+            m_returned.wait_for(lock, std::chrono::seconds(1), [this] { return m_running == 0; });
+    }
+
     int handle_timeout(const ACE_Time_Value & /*now*/, const void *act) override
     {
         const auto handle = static_cast<ZR_ULONG>(reinterpret_cast<uintptr_t>(act));
@@ -126,7 +138,7 @@ public:
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             const auto found = m_timers.find(handle);
-            if (found == m_timers.end())
+            if (found == m_timers.end() || m_processEnds)
                 return 0;
             timer = found->second;
             m_running = handle;
@@ -179,12 +191,14 @@ private:
     std::map<ZR_ULONG, Timer> m_timers;
     ZR_ULONG m_lastHandle = 0;
     ZR_ULONG m_running = 0; ///< the timer whose callback runs, 0: none
+    bool m_processEnds = false;
     std::unique_ptr<TimerThread> m_thread;
 };
 
 Timers &timers()
 {
     static Timers &instance = *new Timers; // never freed: a host may end its process with timers running
+    [[maybe_unused]] static const int registered = std::atexit([] { timers().processEnds(); });
     return instance;
 }
 

@@ -135,16 +135,35 @@ TEST(Timers, RefuseWhatCannotRun)
     EXPECT_NE(TW_StopIndependTimer(0), 0U);
 }
 
-// a host may end with a timer running: the process must end, clean under the sanitizers
-TEST(TimersAtExit, DoNotHoldTheProcess)
+/// What a callback uses, destroyed when the process ends.
+struct Used
 {
-    static Counter counter;
+    Counter counter;
+    std::atomic<bool> alive{true};
+    ~Used()
+    {
+        alive = false;
+        std::this_thread::sleep_for(20ms); // a callback that still begins shall have the time to
+    }
+    static void callback(void *user)
+    {
+        auto *const self = static_cast<Used *>(user);
+        if (!self->alive)
+            std::_Exit(1);
+        Counter::callback(&self->counter);
+    }
+};
+
+// a host may end with a timer running
+TEST(TimersAtExit, NeitherHoldTheProcessNorTouchWhatIsDestroyed)
+{
     const auto endWithARunningTimer = []
     {
+        static Used used;
         ZR_ULONG handle = 0;
-        if (TW_StartIndependTimer(1, Counter::callback, &counter, &handle) != 0)
+        if (TW_StartIndependTimer(1, Used::callback, &used, &handle) != 0)
             std::_Exit(1);
-        counter.third.get_future().wait();
+        used.counter.third.get_future().wait();
         std::exit(7);
     };
     GTEST_FLAG_SET(death_test_style, "threadsafe");
