@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <utility>
 
 #include <fcntl.h>
@@ -24,8 +24,8 @@ constexpr size_t readBudget = 65536;
 
 std::string systemText(int error)
 {
-    return std::strerror(error);
-} // NOLINT(concurrency-mt-unsafe): glibc's is safe
+    return std::generic_category().message(error);
+}
 
 rtsp::Limits limitsOf(const Settings &settings)
 {
@@ -69,7 +69,7 @@ Connection::~Connection()
 void Connection::open(std::vector<ACE_INET_Addr> addresses)
 {
     m_state = State::Connecting;
-    m_connectDeadline = Clock::now() + m_settings.connectTimeout;
+    m_connectDeadline = SteadyClock::now() + m_settings.connectTimeout;
     m_lastFailure = "its name is not resolved in time";
     if (addresses.empty())
         m_timer.start(m_settings.connectTimeout);
@@ -94,7 +94,7 @@ void Connection::tryNextAddress()
     while (!m_addresses.empty())
     {
         const ACE_INET_Addr address = m_addresses.back();
-        const auto remaining = std::chrono::duration_cast<milliseconds>(m_connectDeadline - Clock::now());
+        const auto remaining = std::chrono::duration_cast<milliseconds>(m_connectDeadline - SteadyClock::now());
         // a silent first address is not to use up the time of those behind it
         const milliseconds share = remaining / static_cast<int>(m_addresses.size());
         m_addresses.pop_back();
@@ -226,7 +226,7 @@ void Connection::watchMessageTime(bool progressed)
     m_midMessage = m_parser.midMessage();
     if (!m_midMessage || wasMidMessage)
         return;
-    m_messageBegun = Clock::now();
+    m_messageBegun = SteadyClock::now();
     if (!m_timer.armed())
         m_timer.start(m_settings.messageTimeout);
 }
@@ -243,7 +243,7 @@ void Connection::onTimer()
     }
     if (m_state != State::Up || !m_midMessage)
         return;
-    const auto age = std::chrono::duration_cast<milliseconds>(Clock::now() - m_messageBegun);
+    const auto age = std::chrono::duration_cast<milliseconds>(SteadyClock::now() - m_messageBegun);
     if (age < m_settings.messageTimeout)
     {
         m_timer.start(m_settings.messageTimeout - age + milliseconds(1));

@@ -99,7 +99,7 @@ private:
 
     std::vector<ACE_INET_Addr> m_addresses; ///< still to be tried, the next one last
     std::string m_lastFailure;
-    Clock::time_point m_connectDeadline;
+    SteadyClock::time_point m_connectDeadline;
 
     rtsp::Parser m_parser;
     std::string m_out; ///< not taken by the socket yet, from m_outSent on
@@ -108,7 +108,7 @@ private:
     bool m_finishWriting = false;
 
     bool m_midMessage = false;
-    Clock::time_point m_messageBegun;
+    SteadyClock::time_point m_messageBegun;
     LoopTimer m_timer; ///< of the connecting attempt, then of the message that has begun
 };
 

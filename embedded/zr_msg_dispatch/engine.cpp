@@ -116,7 +116,7 @@ ZR_ULONG Engine::accept(aoi::Request request, const RegistrationPtr &registratio
         return codeTooManyRequests;
     }
     const auto accepted =
-        std::make_shared<Accepted>(registration, std::move(request), Clock::now() + m_settings.requestTimeout);
+        std::make_shared<Accepted>(registration, std::move(request), SteadyClock::now() + m_settings.requestTimeout);
     if (mayOpen(accepted->request))
     {
         const ZR_ULONG code = findRoute(accepted->request, accepted->target.emplace());

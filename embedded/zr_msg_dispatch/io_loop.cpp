@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -40,6 +40,20 @@ size_t handleTableSize()
     return std::clamp<size_t>(static_cast<size_t>(limit.rlim_cur), leastHandles, mostHandles);
 }
 
+/// What cannot be done for want of memory costs one session's request, not the thread.
+template <typename Work>
+void guarded(const Work &work)
+{
+    try
+    {
+        work();
+    }
+    catch (const std::exception &error)
+    {
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O thread goes on after: %s", error.what());
+    }
+}
+
 } // namespace
 
 bool JobQueue::post(Job job)
@@ -48,12 +62,12 @@ bool JobQueue::post(Job job)
     if (!m_wake)
         return false;
     m_jobs.push_back(std::move(job));
-    if (m_jobs.size() == 1) // else the loop has been woken for this batch already
-        m_wake();
+    if (!m_woken)
+        m_woken = m_wake();
     return true;
 }
 
-void JobQueue::open(std::function<void()> wake)
+void JobQueue::open(std::function<bool()> wake)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_wake = std::move(wake);
@@ -72,6 +86,7 @@ std::deque<Job> JobQueue::take()
     std::deque<Job> batch;
     const std::lock_guard<std::mutex> lock(m_mutex);
     batch.swap(m_jobs);
+    m_woken = false;
     return batch;
 }
 
@@ -86,8 +101,8 @@ public:
 
     int handle_exception(ACE_HANDLE) override
     {
-        for (Job &job : m_jobs.take())
-            job();
+        for (const Job &job : m_jobs.take())
+            guarded(job);
         return 0;
     }
 
@@ -112,14 +127,15 @@ bool IoLoop::start()
         handleTableSize(), restartAfterSignals, nullptr, timers.get(), keepNotifyPipe, nullptr, leaveSignalsAlone);
     if (!implementation->initialized())
     {
-        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O thread gets no reactor: %s", std::strerror(errno));
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O thread gets no reactor: %s",
+                        std::generic_category().message(errno).c_str());
         return false;
     }
     m_timers = std::move(timers);
     constexpr bool owned = true;
     m_reactor = std::make_unique<ACE_Reactor>(implementation.release(), owned);
     m_waker = std::make_unique<Waker>(*m_jobs);
-    m_jobs->open([this] { m_reactor->notify(m_waker.get()); });
+    m_jobs->open([this] { return m_reactor->notify(m_waker.get()) == 0; });
     try
     {
         m_ended = false;
@@ -139,14 +155,16 @@ void IoLoop::run()
     unsigned failures = 0;
     while (!m_stopping)
     {
-        if (m_reactor->handle_events() >= 0)
+        int handled = 0;
+        guarded([this, &handled] { handled = m_reactor->handle_events(); });
+        if (handled >= 0)
         {
             failures = 0;
         }
         else if (++failures == toleratedFailures)
         {
             ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O thread ends, its reactor fails: %s",
-                            std::strerror(errno));
+                            std::generic_category().message(errno).c_str());
             break;
         }
     }
@@ -169,6 +187,8 @@ void IoLoop::abandon(std::chrono::milliseconds patience)
     post([this] { m_stopping = true; });
     for (auto waited = std::chrono::milliseconds::zero(); waited < patience && !m_ended; waited += step)
         std::this_thread::sleep_for(step);
+    if (m_ended && m_thread.joinable())
+        m_thread.join();
     m_jobs->close();
 }
 
@@ -190,7 +210,8 @@ void LoopTimer::start(std::chrono::milliseconds delay)
     m_id = m_loop.reactor().schedule_timer(this, nullptr,
                                            ACE_Time_Value(whole / 1000, static_cast<suseconds_t>(whole % 1000 * 1000)));
     if (m_id == -1)
-        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "no timer: %s", std::strerror(errno));
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "no timer: %s",
+                        std::generic_category().message(errno).c_str());
 }
 
 void LoopTimer::stop()

@@ -29,14 +29,15 @@ public:
 
 private:
     friend class IoLoop;
-    void open(std::function<void()> wake);
+    void open(std::function<bool()> wake);
     void close();
     std::deque<Job> take();
 
     /// Guards all below. The wake-up is called under it, so that after close nobody touches the reactor.
     std::mutex m_mutex;
     std::deque<Job> m_jobs;
-    std::function<void()> m_wake;
+    std::function<bool()> m_wake; ///< none: closed
+    bool m_woken = false;         ///< for the jobs that wait
 };
 
 class IoLoop

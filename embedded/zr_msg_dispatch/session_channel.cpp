@@ -15,9 +15,6 @@ namespace
 
 /// A server may make us write so many lines a connection.
 constexpr unsigned mostNotes = 20;
-/// So many late answers are still recognised.
-constexpr size_t mostUnanswered = 32;
-constexpr uint32_t largestCseq = 0xFFFFFFFF;
 
 bool isUnauthorized(const rtsp::Message &response)
 {
@@ -36,6 +33,7 @@ SessionChannel::SessionChannel(const ChannelServices &services, RegistrationPtr 
     : m_services(services)
     , m_registration(std::move(registration))
     , m_finished(std::move(finished))
+    , m_exchanges(services.settings)
     , m_timer(services.loop, [this] { onTimer(); })
     , m_linger(services.loop, [this] { finish(); })
 {
@@ -63,7 +61,7 @@ void SessionChannel::submit(AcceptedPtr accepted)
         refuse(*accepted, statusServiceUnavailable, "TLS (rtsps) is not there yet");
         return;
     }
-    if (isKeepAlive(accepted->request.messageId) && keepAliveWaits())
+    if (isKeepAlive(accepted->request.messageId) && m_exchanges.hasKeepAlive())
         return;
     if (!prepareConnection(*accepted))
     {
@@ -71,7 +69,7 @@ void SessionChannel::submit(AcceptedPtr accepted)
             refuse(*accepted, statusServiceUnavailable, "there is no connection");
         return;
     }
-    m_queue.push_back(std::move(accepted));
+    m_exchanges.push(std::move(accepted));
     pump();
 }
 
@@ -98,6 +96,7 @@ void SessionChannel::openConnection()
 {
     m_mayReconnect = false;
     m_notes = 0;
+    m_wasUp = false;
     Connection::Owner &owner = *this;
     m_connection = std::make_shared<Connection>(m_services.loop, m_services.settings, owner);
     Resolved numeric = resolveNumeric(m_target.host, m_target.port);
@@ -124,42 +123,22 @@ void SessionChannel::dropConnection()
     if (m_connection)
         m_connection->close();
     m_connection.reset();
-    m_inFlight.clear();
-}
-
-bool SessionChannel::keepAliveWaits() const
-{
-    return std::any_of(m_queue.begin(), m_queue.end(),
-                       [](const AcceptedPtr &accepted) { return isKeepAlive(accepted->request.messageId); }) ||
-           std::any_of(m_inFlight.begin(), m_inFlight.end(),
-                       [](const Exchange &exchange) { return exchange.accepted && isKeepAlive(exchange.messageId); });
-}
-
-/// Whether the next request must wait: for the answer of the one before, but for a keep-alive's only a while.
-bool SessionChannel::wireBusy() const
-{
-    const auto now = Clock::now();
-    return std::any_of(m_inFlight.begin(), m_inFlight.end(),
-                       [this, now](const Exchange &exchange)
-                       {
-                           const bool heldLongEnough = isKeepAlive(exchange.messageId) &&
-                                                       now - exchange.sent >= m_services.settings.keepAliveHold;
-                           return exchange.accepted && !heldLongEnough;
-                       });
 }
 
 void SessionChannel::pump()
 {
-    while (m_connection && m_connection->up() && !m_queue.empty() && !wireBusy())
+    const auto now = SteadyClock::now();
+    while (m_connection && m_connection->up())
     {
-        const AcceptedPtr accepted = std::move(m_queue.front());
-        m_queue.pop_front();
+        const AcceptedPtr accepted = m_exchanges.next(now);
+        if (!accepted)
+            break;
         send(accepted);
     }
     startTimer();
 }
 
-void SessionChannel::send(AcceptedPtr accepted)
+void SessionChannel::send(const AcceptedPtr &accepted)
 {
     aoi::Request request = accepted->request;
     const std::string farSide = hostAndPort({m_target.host, m_target.port});
@@ -175,7 +154,7 @@ void SessionChannel::send(AcceptedPtr accepted)
         refuse(*accepted, statusBadRequest, "its URL or transport cannot be written");
         return;
     }
-    m_inFlight.push_back({accepted, request.messageId, ++m_cseq, wireUrl(request, m_session), Clock::now()});
+    m_exchanges.sent({accepted, request.messageId, ++m_cseq, wireUrl(request, m_session), SteadyClock::now()});
     m_connection->write(bytes);
 }
 
@@ -183,9 +162,10 @@ void SessionChannel::send(AcceptedPtr accepted)
 
 void SessionChannel::connected()
 {
+    m_wasUp = true;
     ZR_PLATFORM_LOG(DEBUG, 0, Dispatch, "%s: connected", name().c_str());
     if (m_life == Life::Lingering)
-        flushTeardown();
+        flushTeardowns();
     else
         pump();
 }
@@ -206,8 +186,8 @@ void SessionChannel::received(const rtsp::Frame &frame)
 
 void SessionChannel::takeResponse(const rtsp::Message &response)
 {
-    const auto found = match(response);
-    if (found == m_inFlight.end())
+    const std::optional<Exchange> exchange = m_exchanges.match(response);
+    if (!exchange)
     {
         const std::string *cseq = response.find("CSeq");
         if (mayNote())
@@ -215,41 +195,18 @@ void SessionChannel::takeResponse(const rtsp::Message &response)
                             name().c_str(), response.status, cseq ? rtsp::quoted(*cseq).c_str() : "none");
         return;
     }
-    const Exchange exchange = *found;
-    m_inFlight.erase(found);
-    if (!exchange.accepted)
+    if (m_life == Life::Lingering)
     {
-        if (mayNote())
-            ZR_PLATFORM_LOG(WARNING, codeTimedOut, Dispatch,
-                            "%s: the answer to %s (CSeq %u) came too late and is dropped", name().c_str(),
-                            methodOf(exchange.messageId), exchange.cseq);
-    }
-    else if (m_life == Life::Open)
-    {
-        answer(exchange, response);
-    }
-    else if (isTeardown(exchange.messageId))
-    {
-        finish();
+        if (isTeardown(exchange->messageId))
+            finish();
         return;
     }
+    if (exchange->accepted)
+        answer(*exchange, response);
+    else if (mayNote())
+        ZR_PLATFORM_LOG(WARNING, codeTimedOut, Dispatch, "%s: the answer to %s (CSeq %u) came too late and is dropped",
+                        name().c_str(), methodOf(exchange->messageId), exchange->cseq);
     pump();
-}
-
-/// By CSeq; without one, answers come in the order of the requests. What a server passed over it will not answer any
-/// more, so that is forgotten when its requester has given up.
-std::deque<SessionChannel::Exchange>::iterator SessionChannel::match(const rtsp::Message &response)
-{
-    const std::string *cseq = response.find("CSeq");
-    if (!cseq)
-        return m_inFlight.begin();
-    const auto number = rtsp::parseNumber(rtsp::trimmed(*cseq), largestCseq);
-    const auto sameCseq = [number](const Exchange &exchange) { return number && exchange.cseq == *number; };
-    if (std::none_of(m_inFlight.begin(), m_inFlight.end(), sameCseq))
-        return m_inFlight.end();
-    while (!m_inFlight.front().accepted && !sameCseq(m_inFlight.front()))
-        m_inFlight.pop_front();
-    return std::find_if(m_inFlight.begin(), m_inFlight.end(), sameCseq);
 }
 
 void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &response)
@@ -316,27 +273,25 @@ void SessionChannel::answerServer(const rtsp::Message &request)
 
 void SessionChannel::lost(const std::string &reason, bool orderly)
 {
-    const bool waited =
-        !m_queue.empty() || std::any_of(m_inFlight.begin(), m_inFlight.end(),
-                                        [](const Exchange &exchange) { return exchange.accepted != nullptr; });
     m_connection.reset();
     if (m_life != Life::Open)
     {
         finish();
         return;
     }
-    const bool quiet = orderly && !waited && !m_interleaved;
+    const bool quiet = orderly && !m_exchanges.awaited() && !m_interleaved;
     const bool goesOn = quiet && m_session.setups > 0;
     if (quiet)
         ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: %s; the next request opens it again", name().c_str(), reason.c_str());
     else
-        ZR_PLATFORM_LOG(WARNING, codeConnection, Dispatch, "%s: connection lost: %s", name().c_str(), reason.c_str());
+        ZR_PLATFORM_LOG(WARNING, codeConnection, Dispatch, "%s: %s: %s", name().c_str(),
+                        m_wasUp ? "the connection is lost" : "no connection", reason.c_str());
     failAll(reason);
     m_mayReconnect = goesOn;
     if (goesOn)
         return;
-    if (m_interleaved && m_port)
-        m_port->connectionClosed();
+    if (m_interleaved)
+        closePort();
     if (m_session.played)
         notifyLost();
     resetSession();
@@ -371,16 +326,7 @@ void SessionChannel::refuse(const Accepted &accepted, ZR_ULONG status, const std
 
 void SessionChannel::failAll(const std::string &why)
 {
-    std::deque<Exchange> inFlight;
-    std::deque<AcceptedPtr> queue;
-    inFlight.swap(m_inFlight);
-    queue.swap(m_queue);
-    for (const Exchange &exchange : inFlight)
-    {
-        if (exchange.accepted)
-            refuse(*exchange.accepted, statusServiceUnavailable, why);
-    }
-    for (const AcceptedPtr &accepted : queue)
+    for (const AcceptedPtr &accepted : m_exchanges.takeAll())
         refuse(*accepted, statusServiceUnavailable, why);
 }
 
@@ -409,42 +355,18 @@ void SessionChannel::startTimer()
 {
     if (m_life != Life::Open)
         return;
-    auto earliest = Clock::time_point::max();
-    for (const AcceptedPtr &accepted : m_queue)
-        earliest = std::min(earliest, accepted->deadline);
-    for (const Exchange &exchange : m_inFlight)
-    {
-        if (!exchange.accepted)
-            continue;
-        earliest = std::min(earliest, exchange.accepted->deadline);
-        if (isKeepAlive(exchange.messageId) && !m_queue.empty())
-            earliest = std::min(earliest, exchange.sent + m_services.settings.keepAliveHold);
-    }
-    if (earliest == Clock::time_point::max() || (m_timer.armed() && m_timerDue <= earliest))
+    const auto now = SteadyClock::now();
+    const auto due = m_exchanges.due(now);
+    if (!due || (m_timer.armed() && m_timerDue <= *due))
         return; // one that fires early is cheaper than one that is moved for every request
-    m_timerDue = earliest;
-    m_timer.start(std::chrono::ceil<milliseconds>(earliest - Clock::now()));
+    m_timerDue = *due;
+    m_timer.start(std::chrono::ceil<milliseconds>(*due - now));
 }
 
 void SessionChannel::onTimer()
 {
-    const auto now = Clock::now();
-    for (Exchange &exchange : m_inFlight)
-    {
-        if (!exchange.accepted || exchange.accepted->deadline > now)
-            continue;
-        exchange.accepted.reset();
-        ZR_PLATFORM_LOG(WARNING, codeTimedOut, Dispatch, "%s: no answer to %s (CSeq %u) in time", name().c_str(),
-                        methodOf(exchange.messageId), exchange.cseq);
-    }
-    while (!m_queue.empty() && m_queue.front()->deadline <= now)
-    {
-        ZR_PLATFORM_LOG(WARNING, codeTimedOut, Dispatch, "%s: %s waited too long and is never sent", name().c_str(),
-                        methodOf(m_queue.front()->request.messageId));
-        m_queue.pop_front();
-    }
-    while (m_inFlight.size() > mostUnanswered && !m_inFlight.front().accepted)
-        m_inFlight.pop_front();
+    for (const std::string &line : m_exchanges.expire(SteadyClock::now()))
+        ZR_PLATFORM_LOG(WARNING, codeTimedOut, Dispatch, "%s: %s", name().c_str(), line.c_str());
     pump();
 }
 
@@ -456,34 +378,30 @@ void SessionChannel::end()
         return;
     m_life = Life::Lingering;
     m_timer.stop();
-    if (m_port)
-        m_port->connectionClosed();
-    m_port.reset();
-    m_queue.erase(std::remove_if(m_queue.begin(), m_queue.end(),
-                                 [](const AcceptedPtr &accepted) { return !isTeardown(accepted->request.messageId); }),
-                  m_queue.end());
-    const bool onTheWire = std::any_of(m_inFlight.begin(), m_inFlight.end(),
-                                       [](const Exchange &exchange) { return isTeardown(exchange.messageId); });
-    if (!m_connection || (m_queue.empty() && !onTheWire))
+    closePort();
+    if (!m_connection || !m_exchanges.hasTeardown())
     {
         finish();
         return;
     }
     m_linger.start(m_services.settings.linger);
     if (m_connection->up())
-        flushTeardown();
+        flushTeardowns();
 }
 
 /// Whatever is outstanding: nobody waits for that any more.
-void SessionChannel::flushTeardown()
+void SessionChannel::flushTeardowns()
 {
-    while (!m_queue.empty())
-    {
-        const AcceptedPtr accepted = std::move(m_queue.front());
-        m_queue.pop_front();
+    for (const AcceptedPtr &accepted : m_exchanges.takeTeardowns())
         send(accepted);
-    }
     m_connection->finishWriting();
+}
+
+void SessionChannel::closePort()
+{
+    if (m_port)
+        m_port->connectionClosed();
+    m_port.reset();
 }
 
 void SessionChannel::abort()
@@ -499,10 +417,8 @@ void SessionChannel::finish()
     m_life = Life::Over;
     m_timer.stop();
     m_linger.stop();
-    if (m_port)
-        m_port->connectionClosed();
-    m_port.reset();
-    m_queue.clear();
+    closePort();
+    m_exchanges.takeAll();
     dropConnection();
     m_finished();
 }

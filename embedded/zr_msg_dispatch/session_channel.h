@@ -2,7 +2,6 @@
 /// The requests and answers of one registration: their order, their matching, the connection under them.
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -10,6 +9,7 @@
 
 #include "connection.h"
 #include "delivery.h"
+#include "exchange_queue.h"
 #include "mapping.h"
 #include "resolver.h"
 #include "route_registry.h"
@@ -17,43 +17,6 @@
 
 namespace zr::dispatch
 {
-
-constexpr bool isTeardown(ZR_ULONG messageId)
-{
-    return messageId == AOI_MSG_RTSP_TEARDOWN;
-}
-
-constexpr bool isKeepAlive(ZR_ULONG messageId)
-{
-    return messageId == AOI_MSG_RTSP_OPTIONS || messageId == AOI_MSG_RTSP_SET_PARAMERTER;
-}
-
-/// Requests for whose answers nobody waits: an ordinary tear-down sends some after the session has gone.
-constexpr bool isDroppable(ZR_ULONG messageId)
-{
-    return isTeardown(messageId) || isKeepAlive(messageId);
-}
-
-/// A request that sendAOIMsg took, until it is answered or dropped.
-struct Accepted
-{
-    Accepted(RegistrationPtr whose, aoi::Request what, Clock::time_point until)
-        : registration(std::move(whose))
-        , request(std::move(what))
-        , deadline(until)
-    {
-        ++registration->requests;
-    }
-    ~Accepted() { --registration->requests; }
-    Accepted(const Accepted &) = delete;
-    Accepted &operator=(const Accepted &) = delete;
-
-    const RegistrationPtr registration;
-    const aoi::Request request;
-    const Clock::time_point deadline;     ///< nobody waits for the answer after that
-    std::optional<route::Address> target; ///< of a request that may open the connection
-};
-using AcceptedPtr = std::shared_ptr<Accepted>;
 
 /// What all channels share; outlives them.
 struct ChannelServices
@@ -81,16 +44,6 @@ public:
     void abort();
 
 private:
-    /// A request on the wire.
-    struct Exchange
-    {
-        AcceptedPtr accepted; ///< null: its requester has given up, the answer will be dropped
-        ZR_ULONG messageId = 0;
-        unsigned cseq = 0;
-        std::string url;
-        Clock::time_point sent;
-    };
-
     void connected() override;
     void received(rtsp::Message &message) override;
     void received(const rtsp::Frame &frame) override;
@@ -99,13 +52,10 @@ private:
     bool prepareConnection(const Accepted &accepted);
     void openConnection();
     void dropConnection();
-    bool keepAliveWaits() const;
-    bool wireBusy() const;
     void pump();
-    void send(AcceptedPtr accepted);
+    void send(const AcceptedPtr &accepted);
 
     void takeResponse(const rtsp::Message &response);
-    std::deque<Exchange>::iterator match(const rtsp::Message &response);
     void answer(const Exchange &exchange, const rtsp::Message &response);
     void setUpTrack(const Mapped &mapped);
     void answerServer(const rtsp::Message &request);
@@ -119,7 +69,8 @@ private:
 
     void startTimer();
     void onTimer();
-    void flushTeardown();
+    void flushTeardowns();
+    void closePort();
     void finish();
 
     std::string name() const;
@@ -131,12 +82,12 @@ private:
     route::Address m_target;
     std::shared_ptr<Connection> m_connection; ///< null: none; else being resolved, connecting, or up
     Session m_session;
+    bool m_wasUp = false; ///< the connection
     bool m_interleaved = false;
     bool m_mayReconnect = false; ///< a UDP session whose server closed between requests
     std::shared_ptr<media::Port> m_port;
 
-    std::deque<AcceptedPtr> m_queue;
-    std::deque<Exchange> m_inFlight; ///< in the order of sending
+    ExchangeQueue m_exchanges;
     unsigned m_cseq = 0;
     unsigned m_notes = 0; ///< lines logged about the server's oddities on this connection
 
@@ -147,9 +98,8 @@ private:
         Over
     };
     Life m_life = Life::Open;
-    bool m_teardownWritten = false;
     LoopTimer m_timer; ///< fires at the earliest deadline, or earlier
-    Clock::time_point m_timerDue;
+    SteadyClock::time_point m_timerDue;
     LoopTimer m_linger;
 };
 

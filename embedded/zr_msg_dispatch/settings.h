@@ -10,7 +10,7 @@
 namespace zr::dispatch
 {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 struct Settings
@@ -24,7 +24,7 @@ struct Settings
     milliseconds requestTimeout{25000}; ///< sendAOIMsg to the answer, as long as a requester waits
     milliseconds keepAliveHold{2000};   ///< how long an unanswered keep-alive holds other requests back
     milliseconds linger{2000};          ///< how long a TEARDOWN's answer is waited for after unregistering
-    std::string userAgent = "zr_rtsp/0.1";
+    std::string userAgent;
     std::string caFile; ///< PEM; empty: the system's
 };
 

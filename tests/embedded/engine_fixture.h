@@ -53,7 +53,7 @@ enum class After
 /// What the server does with one request of a connection.
 struct Step
 {
-    std::string method;              ///< expected; anything else is a failure of the test
+    std::string method;              ///< expected; anything else is a failure of the test. Empty: any
     std::vector<std::string> pieces; ///< sent one after the other; "{cseq}" stands for the request's
     After after = After::Stay;
 };

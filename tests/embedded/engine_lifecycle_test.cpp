@@ -154,8 +154,7 @@ TEST_F(EngineLifecycle, SurvivesRaces)
             {
                 for (int round = 0; round < rounds; ++round)
                 {
-                    ScriptedServer server(
-                        {{{"DESCRIBE", {describeAnswer + describeAnswer}}, {"SETUP", {setupAnswer}}}});
+                    ScriptedServer server({{{"", {describeAnswer + describeAnswer}}, {"", {setupAnswer}}}});
                     Client client(engine, id, "127.0.0.1", server.port());
                     client.describe();
                     client.setup();

@@ -1,0 +1,150 @@
+#include "exchange_queue.h"
+
+#include <algorithm>
+
+#include "mapping.h"
+#include "rtsp_text.h"
+
+namespace zr::dispatch
+{
+
+namespace
+{
+
+/// So many late answers are still recognised.
+constexpr size_t mostForgotten = 32;
+constexpr uint32_t largestCseq = 0xFFFFFFFF;
+
+} // namespace
+
+ExchangeQueue::ExchangeQueue(const Settings &settings)
+    : m_settings(settings)
+{
+}
+
+AcceptedPtr ExchangeQueue::next(SteadyClock::time_point now)
+{
+    if (m_waiting.empty() || wireBusy(now))
+        return nullptr;
+    AcceptedPtr accepted = std::move(m_waiting.front());
+    m_waiting.pop_front();
+    return accepted;
+}
+
+bool ExchangeQueue::wireBusy(SteadyClock::time_point now) const
+{
+    return std::any_of(m_onWire.begin(), m_onWire.end(),
+                       [this, now](const Exchange &exchange)
+                       {
+                           const bool heldLongEnough =
+                               isKeepAlive(exchange.messageId) && now - exchange.sent >= m_settings.keepAliveHold;
+                           return exchange.accepted && !heldLongEnough;
+                       });
+}
+
+std::optional<Exchange> ExchangeQueue::match(const rtsp::Message &response)
+{
+    auto found = m_onWire.begin();
+    if (const std::string *cseq = response.find("CSeq"))
+    {
+        const auto number = rtsp::parseNumber(rtsp::trimmed(*cseq), largestCseq);
+        found = std::find_if(m_onWire.begin(), m_onWire.end(),
+                             [number](const Exchange &exchange) { return number && exchange.cseq == *number; });
+    }
+    if (found == m_onWire.end())
+        return std::nullopt;
+    Exchange exchange = std::move(*found);
+    // answers come in order: what the server passed over and nobody waits for will not be answered any more
+    const auto passedOver =
+        std::remove_if(m_onWire.begin(), found, [](const Exchange &older) { return !older.accepted; });
+    m_onWire.erase(m_onWire.erase(passedOver, found));
+    return exchange;
+}
+
+std::vector<std::string> ExchangeQueue::expire(SteadyClock::time_point now)
+{
+    std::vector<std::string> lines;
+    for (Exchange &exchange : m_onWire)
+    {
+        if (!exchange.accepted || exchange.accepted->deadline > now)
+            continue;
+        exchange.accepted.reset();
+        lines.push_back(std::string("no answer to ") + methodOf(exchange.messageId) + " (CSeq " +
+                        std::to_string(exchange.cseq) + ") in time");
+    }
+    while (!m_waiting.empty() && m_waiting.front()->deadline <= now)
+    {
+        lines.push_back(std::string(methodOf(m_waiting.front()->request.messageId)) +
+                        " waited too long and is never sent");
+        m_waiting.pop_front();
+    }
+    while (m_onWire.size() > mostForgotten && !m_onWire.front().accepted)
+        m_onWire.pop_front();
+    return lines;
+}
+
+std::optional<SteadyClock::time_point> ExchangeQueue::due(SteadyClock::time_point now) const
+{
+    auto earliest = SteadyClock::time_point::max();
+    if (!m_waiting.empty()) // the first was accepted first
+        earliest = m_waiting.front()->deadline;
+    for (const Exchange &exchange : m_onWire)
+    {
+        if (!exchange.accepted)
+            continue;
+        earliest = std::min(earliest, exchange.accepted->deadline);
+        const auto released = exchange.sent + m_settings.keepAliveHold;
+        if (isKeepAlive(exchange.messageId) && !m_waiting.empty() && released > now)
+            earliest = std::min(earliest, released);
+    }
+    return earliest == SteadyClock::time_point::max() ? std::nullopt : std::optional(earliest);
+}
+
+template <typename Kind>
+bool ExchangeQueue::has(Kind kind) const
+{
+    return std::any_of(m_waiting.begin(), m_waiting.end(),
+                       [kind](const AcceptedPtr &accepted) { return kind(accepted->request.messageId); }) ||
+           std::any_of(m_onWire.begin(), m_onWire.end(),
+                       [kind](const Exchange &exchange) { return exchange.accepted && kind(exchange.messageId); });
+}
+
+bool ExchangeQueue::hasKeepAlive() const
+{
+    return has(isKeepAlive);
+}
+
+bool ExchangeQueue::hasTeardown() const
+{
+    return has(isTeardown);
+}
+
+bool ExchangeQueue::awaited() const
+{
+    return has([](ZR_ULONG) { return true; });
+}
+
+std::vector<AcceptedPtr> ExchangeQueue::takeAll()
+{
+    std::vector<AcceptedPtr> all;
+    for (Exchange &exchange : m_onWire)
+    {
+        if (exchange.accepted)
+            all.push_back(std::move(exchange.accepted));
+    }
+    std::move(m_waiting.begin(), m_waiting.end(), std::back_inserter(all));
+    m_onWire.clear();
+    m_waiting.clear();
+    return all;
+}
+
+std::vector<AcceptedPtr> ExchangeQueue::takeTeardowns()
+{
+    std::vector<AcceptedPtr> teardowns;
+    std::copy_if(m_waiting.begin(), m_waiting.end(), std::back_inserter(teardowns),
+                 [](const AcceptedPtr &accepted) { return isTeardown(accepted->request.messageId); });
+    m_waiting.clear();
+    return teardowns;
+}
+
+} // namespace zr::dispatch

@@ -1,0 +1,112 @@
+/// @file
+/// The order of one session's requests: what waits, what is on the wire, and which answer belongs to which.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "aoi_message.h"
+#include "delivery.h"
+#include "route_registry.h"
+#include "rtsp_message.h"
+#include "settings.h"
+
+namespace zr::dispatch
+{
+
+constexpr bool isTeardown(ZR_ULONG messageId)
+{
+    return messageId == AOI_MSG_RTSP_TEARDOWN;
+}
+
+constexpr bool isKeepAlive(ZR_ULONG messageId)
+{
+    return messageId == AOI_MSG_RTSP_OPTIONS || messageId == AOI_MSG_RTSP_SET_PARAMERTER;
+}
+
+/// Requests for whose answers nobody waits: an ordinary tear-down sends some after the session has gone.
+constexpr bool isDroppable(ZR_ULONG messageId)
+{
+    return isTeardown(messageId) || isKeepAlive(messageId);
+}
+
+/// A request that sendAOIMsg took, until it is answered or dropped.
+struct Accepted
+{
+    Accepted(RegistrationPtr whose, aoi::Request what, SteadyClock::time_point until)
+        : registration(std::move(whose))
+        , request(std::move(what))
+        , deadline(until)
+    {
+        ++registration->requests;
+    }
+    ~Accepted() { --registration->requests; }
+    Accepted(const Accepted &) = delete;
+    Accepted &operator=(const Accepted &) = delete;
+
+    const RegistrationPtr registration;
+    const aoi::Request request;
+    const SteadyClock::time_point deadline; ///< nobody waits for the answer after that
+    std::optional<route::Address> target;   ///< of a request that may open the connection
+};
+using AcceptedPtr = std::shared_ptr<Accepted>;
+
+/// A request on the wire.
+struct Exchange
+{
+    AcceptedPtr accepted; ///< null: its requester has given up, the answer will be dropped
+    ZR_ULONG messageId = 0;
+    unsigned cseq = 0;
+    std::string url;
+    SteadyClock::time_point sent;
+};
+
+/// One request at a time is on the wire (many cameras fail on pipelining), but for two: a keep-alive that is not
+/// answered holds the others back for a while only, and a TEARDOWN waits for nobody when its session is over. One
+/// thread at a time.
+class ExchangeQueue
+{
+public:
+    explicit ExchangeQueue(const Settings &settings);
+
+    void push(AcceptedPtr accepted) { m_waiting.push_back(std::move(accepted)); }
+    /// Takes the request that may be sent now; null when none may.
+    AcceptedPtr next(SteadyClock::time_point now);
+    void sent(Exchange exchange) { m_onWire.push_back(std::move(exchange)); }
+    /// Takes the exchange that an answer belongs to: by CSeq, or without one (RFC 2326, 12.17 demands it) the oldest.
+    /// None when it belongs to no request.
+    std::optional<Exchange> match(const rtsp::Message &response);
+
+    /// Gives up what nobody waits for any more.
+    /// @return a line for the log about each
+    std::vector<std::string> expire(SteadyClock::time_point now);
+    /// When expire or next will have something to do, by time alone.
+    std::optional<SteadyClock::time_point> due(SteadyClock::time_point now) const;
+
+    /// Whether a keep-alive waits or is on the wire.
+    bool hasKeepAlive() const;
+    /// The same of a TEARDOWN.
+    bool hasTeardown() const;
+    /// Whether a requester still waits for an answer.
+    bool awaited() const;
+
+    /// Takes all that is awaited, in order, and forgets the rest.
+    std::vector<AcceptedPtr> takeAll();
+    /// Takes the TEARDOWNs that wait, drops what else waits.
+    std::vector<AcceptedPtr> takeTeardowns();
+
+private:
+    bool wireBusy(SteadyClock::time_point now) const;
+    template <typename Kind>
+    bool has(Kind kind) const;
+
+    const Settings &m_settings;
+    std::deque<AcceptedPtr> m_waiting;
+    std::deque<Exchange> m_onWire; ///< in the order of sending
+};
+
+} // namespace zr::dispatch
