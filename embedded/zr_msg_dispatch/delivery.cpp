@@ -6,6 +6,7 @@
 
 #include "callback_thread.h"
 #include "platform_log.h"
+#include "quiet_thread.h"
 #include "result_codes.h"
 
 namespace zr::dispatch
@@ -163,7 +164,7 @@ void Delivery::grow()
 {
     try
     {
-        m_threads.emplace_back([this] { work(); });
+        m_threads.push_back(quietThread([this] { work(); }));
     }
     catch (const std::system_error &error)
     {

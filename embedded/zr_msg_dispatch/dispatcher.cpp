@@ -100,7 +100,7 @@ ZR_ULONG Dispatcher::sendAOIMsg(tagMDPMsg *pstMDPMsg)
                    [this, pstMDPMsg]
                    {
                        const auto running = engine();
-                       return running ? running->send(pstMDPMsg) : codeNotStarted;
+                       return running ? running->sendAOIMsg(pstMDPMsg) : codeNotStarted;
                    });
 }
 
@@ -110,7 +110,7 @@ ZR_ULONG Dispatcher::registerAOIMsgProc(ZR_ULONG ulID, CIAOIMsgProc *poProc)
                    [this, ulID, poProc]
                    {
                        const auto running = engine();
-                       return running ? running->add(ulID, poProc) : codeNotStarted;
+                       return running ? running->registerAOIMsgProc(ulID, poProc) : codeNotStarted;
                    });
 }
 
@@ -120,7 +120,7 @@ ZR_ULONG Dispatcher::unregisterAOIMsgProc(ZR_ULONG ulID)
                    [this, ulID]
                    {
                        const auto running = engine();
-                       return running ? running->remove(ulID) : codeNotStarted;
+                       return running ? running->unregisterAOIMsgProc(ulID) : codeNotStarted;
                    });
 }
 

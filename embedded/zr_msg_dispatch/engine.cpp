@@ -85,7 +85,7 @@ bool Engine::start()
     return m_loop.start();
 }
 
-ZR_ULONG Engine::send(const tagMDPMsg *message)
+ZR_ULONG Engine::sendAOIMsg(tagMDPMsg *message)
 {
     aoi::Request request;
     const ZR_ULONG code = message ? aoi::readRequest(message, request) : codeInvalidArgument;
@@ -145,7 +145,7 @@ void Engine::submit(const AcceptedPtr &accepted)
     found->second->submit(accepted);
 }
 
-ZR_ULONG Engine::remove(ZR_ULONG id)
+ZR_ULONG Engine::unregisterAOIMsgProc(ZR_ULONG id)
 {
     const RegistrationPtr registration = m_delivery.retire(id);
     if (!registration)

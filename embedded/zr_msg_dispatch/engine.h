@@ -21,7 +21,7 @@ namespace zr::dispatch
 /// that concerns connections and sessions happens on the I/O thread and needs no lock. Answers go through the delivery,
 /// whose mutex alone decides whether a registration still gets calls. Nobody holds a lock while he waits for another
 /// thread.
-class Engine
+class Engine final : public CIAOIMsgDisp
 {
 public:
     explicit Engine(Settings settings);
@@ -36,9 +36,9 @@ public:
     /// The process ends without shutDown: lets the I/O thread run out, so that it does not meet what is destroyed then.
     void abandon();
 
-    ZR_ULONG send(const tagMDPMsg *message);
-    ZR_ULONG add(ZR_ULONG id, CIAOIMsgProc *processor) { return m_delivery.add(id, processor); }
-    ZR_ULONG remove(ZR_ULONG id);
+    ZR_ULONG sendAOIMsg(tagMDPMsg *message) override;
+    ZR_ULONG registerAOIMsgProc(ZR_ULONG id, CIAOIMsgProc *processor) override { return m_delivery.add(id, processor); }
+    ZR_ULONG unregisterAOIMsgProc(ZR_ULONG id) override;
 
 private:
     ZR_ULONG accept(aoi::Request request, const RegistrationPtr &registration);

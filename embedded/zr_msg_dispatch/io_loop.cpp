@@ -15,6 +15,7 @@
 #include <ace/Timer_Heap_T.h>
 
 #include "platform_log.h"
+#include "quiet_thread.h"
 #include "result_codes.h"
 
 namespace zr::dispatch
@@ -139,7 +140,7 @@ bool IoLoop::start()
     try
     {
         m_ended = false;
-        m_thread = std::thread([this] { run(); });
+        m_thread = quietThread([this] { run(); });
     }
     catch (const std::system_error &error)
     {

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 
 #include "platform_log.h"
+#include "quiet_thread.h"
 #include "result_codes.h"
 
 namespace zr::dispatch
@@ -110,7 +111,7 @@ Resolver::~Resolver()
     stop(std::chrono::milliseconds::zero());
 }
 
-void Resolver::resolve(std::string host, uint16_t port, Done done)
+void Resolver::resolve(std::string host, uint16_t port, const Done &done)
 {
     std::string refusal;
     {
@@ -128,7 +129,7 @@ void Resolver::resolve(std::string host, uint16_t port, Done done)
                 return;
             try
             {
-                std::thread([state = m_state] { State::work(state); }).detach();
+                quietThread([state = m_state] { State::work(state); }).detach();
                 ++m_state->threads;
                 return;
             }

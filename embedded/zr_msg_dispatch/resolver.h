@@ -37,7 +37,7 @@ public:
     Resolver &operator=(const Resolver &) = delete;
 
     /// Any thread; never blocks. When too many wait already, the answer (an error) comes from inside.
-    void resolve(std::string host, uint16_t port, Done done);
+    void resolve(std::string host, uint16_t port, const Done &done);
     /// Drops what waits and waits for what runs. The system's look-up cannot be cancelled: one that is still under way
     /// then is left to itself and its answer dropped.
     void stop(std::chrono::milliseconds patience);

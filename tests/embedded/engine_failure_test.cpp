@@ -66,9 +66,11 @@ TEST_F(EngineFailure, FailsAllRequestsOfADeadConnection)
     }
 }
 
-TEST_F(EngineFailure, FailsAtOnceWithoutAConnection)
+TEST_F(EngineFailure, FailsWithoutAConnection)
 {
-    dispatch::Engine &engine = start(quickSettings());
+    dispatch::Settings settings = quickSettings();
+    settings.connectTimeout = 200ms;
+    dispatch::Engine &engine = start(settings);
     const struct
     {
         const char *name;
@@ -79,6 +81,7 @@ TEST_F(EngineFailure, FailsAtOnceWithoutAConnection)
         {"refused over IPv6", "::1", refusedPort()},
         {"a name that is none", "no.such.name.invalid", 554},
         {"unreachable", "255.255.255.255", 554},
+        {"not answering", "127.0.0.1", silentPort(true)},
     };
     for (const auto &[name, host, port] : cases)
     {
@@ -108,7 +111,7 @@ TEST_F(EngineFailure, RefusesWhatItCannotUse)
 {
     dispatch::Engine &engine = start(quickSettings());
     Client client(engine, 5, "127.0.0.1", 554);
-    EXPECT_NE(engine.send(nullptr), 0U);
+    EXPECT_NE(engine.sendAOIMsg(nullptr), 0U);
     EXPECT_NE(client.send(AOI_MSG_INTERNAL_NOTIFY_RTSP), 0U);
     EXPECT_EQ(client.send(AOI_MSG_RTSP_TEARDOWN), 0U); // a tear-down of what is not there is none
     EXPECT_EQ(client.send(AOI_MSG_RTSP_OPTIONS, ""), 0U);
@@ -221,7 +224,23 @@ TEST_F(EngineFailure, KeepsCredentialsFromOtherHosts)
     EXPECT_THAT(other.requests(1).at(0), Not(HasSubstr("Authorization")));
 }
 
-/// Requests of the server's own are answered, also one that reads none of the answers.
+/// A server that asks and asks and reads no answer costs a bounded amount of memory.
+TEST_F(EngineFailure, GivesUpAServerThatReadsNothing)
+{
+    dispatch::Engine &engine = start(quickSettings());
+    std::string flood;
+    for (int request = 0; request < 200000; ++request)
+        flood += "OPTIONS * RTSP/1.0\r\nCSeq: 9\r\n\r\n";
+    ScriptedServer server({Script{{"DESCRIBE", {flood}}}});
+    Client client(engine, 6, "127.0.0.1", server.port());
+    ASSERT_EQ(client.describe(), 0U);
+    const auto answers = client.recorder.messages(1);
+    ASSERT_THAT(answers, SizeIs(1));
+    EXPECT_EQ(answers[0].error, 503U);
+    EXPECT_TRUE(server.ended(1));
+}
+
+/// Requests of the server's own are answered.
 TEST_F(EngineFailure, AnswersTheServer)
 {
     dispatch::Engine &engine = start(quickSettings());

@@ -183,6 +183,20 @@ uint16_t refusedPort()
     return port;
 }
 
+uint16_t silentPort(bool full)
+{
+    uint16_t port = 0;
+    const int listener = listenOn(port);
+    EXPECT_EQ(listen(listener, full ? 0 : 16), 0);
+    sockaddr_in address = {};
+    socklen_t size = sizeof(address);
+    auto *const plain = reinterpret_cast<sockaddr *>(&address);
+    getsockname(listener, plain, &size);
+    for (int filler = 0; full && filler < 4; ++filler)
+        connect(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), plain, size);
+    return port;
+}
+
 ZR_ULONG Recorder::AOIMsgPro(tagAOIMsg *message)
 {
     if (inside)
@@ -266,15 +280,15 @@ media::InterleavedWriter RecordingPort::writer()
     return copy;
 }
 
-Client::Client(dispatch::Engine &engine, ZR_ULONG id, const std::string &host, uint16_t port)
+Client::Client(CIAOIMsgDisp &dispatcher, ZR_ULONG id, const std::string &host, uint16_t port)
     : url("rtsp://" + host + ":" + std::to_string(port) + "/live")
-    , m_engine(engine)
+    , m_dispatcher(dispatcher)
     , m_id(id)
     , m_host(host)
     , m_port(port)
 {
     EXPECT_EQ(CRouteMgr::addUAAddr("ua" + std::to_string(id), "camera", host, port), 0U);
-    EXPECT_EQ(engine.add(id, &recorder), 0U);
+    EXPECT_EQ(dispatcher.registerAOIMsgProc(id, &recorder), 0U);
     m_registered = true;
 }
 
@@ -288,7 +302,7 @@ Client::~Client()
 ZR_ULONG Client::unregister()
 {
     m_registered = false;
-    return m_engine.remove(m_id);
+    return m_dispatcher.unregisterAOIMsgProc(m_id);
 }
 
 aoi::MessagePtr Client::create(ZR_ULONG messageId) const
@@ -310,7 +324,7 @@ ZR_ULONG Client::describe(const std::string &authorization)
     CAOIIETool::addAOIIEUserAgent(message.get());
     CAOIIETool::addAOIIEAccept(message.get());
     CAOIIETool::addAOIIEAuth(authorization, message.get());
-    return m_engine.send(message.get());
+    return m_dispatcher.sendAOIMsg(message.get());
 }
 
 ZR_ULONG Client::setup(const std::string &session, tagProtocol protocol)
@@ -319,14 +333,14 @@ ZR_ULONG Client::setup(const std::string &session, tagProtocol protocol)
     EXPECT_EQ(CAOIIETool::addAOIIETransport("127.0.0.1", 5000, protocol, BROADCASTMETHOD_NONE, message.get(), 0), 0U);
     if (!session.empty())
         CAOIIETool::addAOIIESessionID(session, message.get());
-    return m_engine.send(message.get());
+    return m_dispatcher.sendAOIMsg(message.get());
 }
 
 ZR_ULONG Client::send(ZR_ULONG messageId, const std::string &session)
 {
     aoi::MessagePtr message = create(messageId);
     CAOIIETool::addAOIIESessionID(session, message.get());
-    return m_engine.send(message.get());
+    return m_dispatcher.sendAOIMsg(message.get());
 }
 
 std::string ok(const std::string &headers, const std::string &body)

@@ -93,6 +93,8 @@ private:
 
 /// A port on which nobody listens.
 uint16_t refusedPort();
+/// A port on which connections are made but nobody answers; with `full` not even that. It stays so.
+uint16_t silentPort(bool full);
 
 struct Received
 {
@@ -137,12 +139,12 @@ private:
     media::InterleavedWriter m_writer;
 };
 
-/// Requests of one session, sent to an engine.
+/// Requests of one session, sent to a dispatcher or an engine.
 class Client
 {
 public:
     /// Registers itself, and the route of its own UA pair.
-    Client(dispatch::Engine &engine, ZR_ULONG id, const std::string &host, uint16_t port);
+    Client(CIAOIMsgDisp &dispatcher, ZR_ULONG id, const std::string &host, uint16_t port);
     ~Client();
     ZR_ULONG describe(const std::string &authorization = "");
     ZR_ULONG setup(const std::string &session = "", tagProtocol protocol = PROTOCOL_TCP);
@@ -157,7 +159,7 @@ private:
     ZR_ULONG post(aoi::MessagePtr message);
     aoi::MessagePtr create(ZR_ULONG messageId) const;
 
-    dispatch::Engine &m_engine;
+    CIAOIMsgDisp &m_dispatcher;
     const ZR_ULONG m_id;
     const std::string m_host;
     const uint16_t m_port;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "callback_thread.h"
+#include "dispatcher.h"
 #include "engine_fixture.h"
 
 namespace zr::test
@@ -42,14 +43,14 @@ private:
 TEST_F(EngineLifecycle, RegistersEachIdentifierOnce)
 {
     Recorder recorder;
-    EXPECT_NE(engine.add(0, &recorder), 0U);
-    EXPECT_NE(engine.add(0xFFFFFFFF, &recorder), 0U);
-    EXPECT_NE(engine.add(1, nullptr), 0U);
-    EXPECT_EQ(engine.add(1, &recorder), 0U);
-    EXPECT_NE(engine.add(1, &recorder), 0U);
-    EXPECT_EQ(engine.remove(1), 0U);
-    EXPECT_NE(engine.remove(1), 0U);
-    EXPECT_EQ(engine.add(1, &recorder), 0U);
+    EXPECT_NE(engine.registerAOIMsgProc(0, &recorder), 0U);
+    EXPECT_NE(engine.registerAOIMsgProc(0xFFFFFFFF, &recorder), 0U);
+    EXPECT_NE(engine.registerAOIMsgProc(1, nullptr), 0U);
+    EXPECT_EQ(engine.registerAOIMsgProc(1, &recorder), 0U);
+    EXPECT_NE(engine.registerAOIMsgProc(1, &recorder), 0U);
+    EXPECT_EQ(engine.unregisterAOIMsgProc(1), 0U);
+    EXPECT_NE(engine.unregisterAOIMsgProc(1), 0U);
+    EXPECT_EQ(engine.registerAOIMsgProc(1, &recorder), 0U);
 }
 
 /// From outside, unregistering returns after the running call, also one that blocks; others go on meanwhile.
@@ -211,9 +212,11 @@ TEST(Dispatcher, MayBeLeftRunningAtTheEnd)
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_EXIT(
         {
+            dispatch::Dispatcher &dispatcher = dispatch::Dispatcher::instance();
             ZR_MSGDISP_Init(0, 0, nullptr, nullptr);
-            Recorder *const recorder = new Recorder; // as the host's object: still registered
-            ZR_MSGDISP_GetAOIMsgDispInter()->registerAOIMsgProc(1, recorder);
+            static Client *client = nullptr; // as a host's object: still registered, its request unanswered
+            client = new Client(dispatcher, 1, "127.0.0.1", silentPort(false));
+            client->describe();
             std::exit(0); // NOLINT(concurrency-mt-unsafe)
         },
         testing::ExitedWithCode(0), "");

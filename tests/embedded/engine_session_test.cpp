@@ -8,7 +8,6 @@ namespace zr::test
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
 class EngineSession : public testing::Test
