@@ -17,23 +17,23 @@ constexpr size_t maxName = 64;
 
 struct StaticType
 {
-    uint8_t payloadType;
     const char *media;
     const char *encoding;
-    uint32_t clockRate;
     const char *parameters;
+    uint32_t clockRate;
+    uint8_t payloadType;
 };
 
 /// RFC 3551, tables 4 and 5.
 constexpr StaticType staticTypes[] = {
-    {0, "audio", "PCMU", 8000, ""},   {3, "audio", "GSM", 8000, ""},    {4, "audio", "G723", 8000, ""},
-    {5, "audio", "DVI4", 8000, ""},   {6, "audio", "DVI4", 16000, ""},  {7, "audio", "LPC", 8000, ""},
-    {8, "audio", "PCMA", 8000, ""},   {9, "audio", "G722", 8000, ""},   {10, "audio", "L16", 44100, "2"},
-    {11, "audio", "L16", 44100, "1"}, {12, "audio", "QCELP", 8000, ""}, {13, "audio", "CN", 8000, ""},
-    {14, "audio", "MPA", 90000, ""},  {15, "audio", "G728", 8000, ""},  {16, "audio", "DVI4", 11025, ""},
-    {17, "audio", "DVI4", 22050, ""}, {18, "audio", "G729", 8000, ""},  {25, "video", "CELB", 90000, ""},
-    {26, "video", "JPEG", 90000, ""}, {28, "video", "NV", 90000, ""},   {31, "video", "H261", 90000, ""},
-    {32, "video", "MPV", 90000, ""},  {33, "video", "MP2T", 90000, ""}, {34, "video", "H263", 90000, ""},
+    {"audio", "PCMU", "", 8000, 0},   {"audio", "GSM", "", 8000, 3},    {"audio", "G723", "", 8000, 4},
+    {"audio", "DVI4", "", 8000, 5},   {"audio", "DVI4", "", 16000, 6},  {"audio", "LPC", "", 8000, 7},
+    {"audio", "PCMA", "", 8000, 8},   {"audio", "G722", "", 8000, 9},   {"audio", "L16", "2", 44100, 10},
+    {"audio", "L16", "1", 44100, 11}, {"audio", "QCELP", "", 8000, 12}, {"audio", "CN", "", 8000, 13},
+    {"audio", "MPA", "", 90000, 14},  {"audio", "G728", "", 8000, 15},  {"audio", "DVI4", "", 11025, 16},
+    {"audio", "DVI4", "", 22050, 17}, {"audio", "G729", "", 8000, 18},  {"video", "CELB", "", 90000, 25},
+    {"video", "JPEG", "", 90000, 26}, {"video", "NV", "", 90000, 28},   {"video", "H261", "", 90000, 31},
+    {"video", "MPV", "", 90000, 32},  {"video", "MP2T", "", 90000, 33}, {"video", "H263", "", 90000, 34},
 };
 
 /// The static types as formats; each lives as long as the program.

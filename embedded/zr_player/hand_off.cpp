@@ -57,7 +57,7 @@ bool readHandOff(const uint8_t *data, size_t size, HandOff &out, std::string &pr
         problem = "not a hand-off packet, or its size is out of bounds";
         return false;
     }
-    const size_t textSize = 4U * readU16(data + 14);
+    const size_t textSize = size_t{4} * readU16(data + 14);
     if (textSize != size - headerSize)
     {
         problem = "its extension is said to have " + std::to_string(textSize) + " bytes, but " +

@@ -175,14 +175,20 @@ ZR_ULONG ZR_MediaPortSetDescription(ZR_ULONG ulPortID, const char *pszSdp)
                     });
 }
 
-ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *)
+ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *pszFile)
 {
-    return refuse(ZR_MEDIA_UNAVAILABLE, "recording", ulPortID, "this build cannot record");
+    return withPort("recording", ulPortID,
+                    [=](MediaPort &port) { return pszFile == nullptr ? port.endRecording() : port.record(pszFile); });
 }
 
-ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *, ZR_ULONG)
+ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG ulTimeoutMs)
 {
-    return refuse(ZR_MEDIA_UNAVAILABLE, "picture", ulPortID, "this build cannot take pictures");
+    return withPort("picture", ulPortID,
+                    [=](MediaPort &port)
+                    {
+                        return pszFile == nullptr ? refuse(ZR_MEDIA_INVALID, "picture", ulPortID, "no file")
+                                                  : port.snapshot(pszFile, std::chrono::milliseconds(ulTimeoutMs));
+                    });
 }
 
 ZR_ULONG ZR_MediaPortStatistics(ZR_ULONG ulPortID, ZrMediaStatistics *pstOut)

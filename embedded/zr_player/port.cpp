@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
+#include <exception>
 #include <random>
 #include <utility>
 
+#include "error_text.h"
 #include "media_mark.h"
 #include "platform_log.h"
 
@@ -53,7 +54,7 @@ ZR_ULONG MediaPort::open(ZR_ULONG portId, const std::string &localIp, std::share
     if (const int error = bindPairs(*local, pairs))
     {
         ZR_PLATFORM_LOG(ERROR, ZR_MEDIA_ADDRESS, Player, "media port %u: no four free UDP ports at %s: %s", portId,
-                        localIp.c_str(), std::strerror(error)); // NOLINT(concurrency-mt-unsafe): glibc's is safe
+                        localIp.c_str(), errorText(error).c_str());
         return ZR_MEDIA_ADDRESS;
     }
     const std::shared_ptr<MediaPort> port(new MediaPort(portId, *local, std::move(pairs)));
@@ -69,7 +70,7 @@ ZR_ULONG MediaPort::open(ZR_ULONG portId, const std::string &localIp, std::share
             if (const int error = MediaLoop::instance().watch(*port, fd->get()))
             {
                 ZR_PLATFORM_LOG(ERROR, ZR_MEDIA_FAILED, Player, "media port %u: a socket cannot be watched: %s", portId,
-                                std::strerror(error)); // NOLINT(concurrency-mt-unsafe): glibc's is safe
+                                errorText(error).c_str());
                 port->close();
                 return ZR_MEDIA_FAILED;
             }
@@ -98,7 +99,7 @@ MediaPort::~MediaPort()
 void MediaPort::close()
 {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        std::unique_lock<std::mutex> lock(m_mutex);
         if (std::exchange(m_closed, true))
         {
             return;
@@ -107,6 +108,18 @@ void MediaPort::close()
         {
             track.connectionClosed();
         }
+        if (m_picture.file != nullptr)
+        {
+            m_picture.file->cancel();
+        }
+        if (const std::shared_ptr<MediaFile> recording = std::move(m_recording.file))
+        {
+            lock.unlock();
+            recording->finish();
+            release(m_recording);
+            lock.lock();
+        }
+        m_released.wait(lock, [this] { return !m_recording.taken && !m_picture.taken; });
     }
     MediaLoop::instance().remove(*this);
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -159,6 +172,91 @@ void MediaPort::statistics(ZrMediaStatistics &out)
     out = sum;
 }
 
+ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &file)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const ZR_ULONG code = m_closed                ? ZR_MEDIA_UNKNOWN_PORT
+                              : slot.taken            ? ZR_MEDIA_BUSY
+                              : m_description.empty() ? ZR_MEDIA_NO_TRACK
+                                                      : 0U;
+        if (code != 0)
+        {
+            ZR_PLATFORM_LOG(WARNING, code, Player, "media port %u: '%s' is not begun: %s", m_portId, file.c_str(),
+                            code == ZR_MEDIA_BUSY       ? "another file is being made"
+                            : code == ZR_MEDIA_NO_TRACK ? "the tracks are not described"
+                                                        : "the port was closed");
+            return code;
+        }
+        slot.taken = true;
+    }
+    std::shared_ptr<MediaFile> made;
+    ZR_ULONG code = ZR_MEDIA_FAILED;
+    try
+    {
+        code = MediaFile::start(m_portId, kind, file, made);
+    }
+    catch (const std::exception &error)
+    {
+        ZR_PLATFORM_LOG(ERROR, code, Player, "media port %u: '%s' is not begun: %s", m_portId, file.c_str(),
+                        error.what());
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (code == 0 && !m_closed)
+    {
+        slot.file = std::move(made);
+        return 0;
+    }
+    slot = {};
+    m_released.notify_all();
+    return code == 0 ? ZR_ULONG{ZR_MEDIA_UNKNOWN_PORT} : code;
+}
+
+void MediaPort::release(FileSlot &slot)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    slot = {};
+    m_released.notify_all();
+}
+
+ZR_ULONG MediaPort::record(const std::string &file)
+{
+    return begin(m_recording, ZR_MEDIA_KIND_RECORDING, file);
+}
+
+ZR_ULONG MediaPort::endRecording()
+{
+    std::shared_ptr<MediaFile> recording;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        recording = std::move(m_recording.file);
+    }
+    if (recording == nullptr)
+    {
+        ZR_PLATFORM_LOG(WARNING, ZR_MEDIA_BUSY, Player, "media port %u: there is no recording to end", m_portId);
+        return ZR_MEDIA_BUSY;
+    }
+    const ZR_ULONG code = recording->finish();
+    release(m_recording);
+    return code;
+}
+
+ZR_ULONG MediaPort::snapshot(const std::string &file, std::chrono::milliseconds timeout)
+{
+    if (const ZR_ULONG code = begin(m_picture, ZR_MEDIA_KIND_PICTURE, file))
+    {
+        return code;
+    }
+    std::shared_ptr<MediaFile> picture;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        picture = m_picture.file;
+    }
+    const ZR_ULONG code = picture->waitForPicture(timeout);
+    release(m_picture);
+    return code;
+}
+
 void MediaPort::setUpTrack(unsigned number, const TrackTransport &transport, InterleavedWriter writer)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -194,8 +292,7 @@ bool MediaPort::socketsFor(unsigned number, const TrackTransport &transport, Tra
         if (error != 0)
         {
             ZR_PLATFORM_LOG(ERROR, ZR_MEDIA_ADDRESS, Player, "media port %u: cannot join group '%.64s' port %u: %s",
-                            m_portId, transport.group.c_str(), transport.groupPort,
-                            std::strerror(error)); // NOLINT(concurrency-mt-unsafe): glibc's is safe
+                            m_portId, transport.group.c_str(), transport.groupPort, errorText(error).c_str());
             return false;
         }
         out = {pair.rtp.get(), pair.rtcp.get()};
@@ -301,7 +398,7 @@ void MediaPort::takeRtp(Track &track, unsigned number, const uint8_t *data, size
         discard("bytes that are no RTP packet", {});
         return;
     }
-    m_mark->store(true, std::memory_order_relaxed);
+    m_mark->store(true, std::memory_order_relaxed); // no lock: who checks does so at its own time
     m_rtpSeen = true;
     const Format *format = m_description.find(number, packet->payloadType);
     if (track.takeRtp(*packet, size, format == nullptr ? 0 : format->clockRate, arrival) &&
@@ -310,6 +407,13 @@ void MediaPort::takeRtp(Track &track, unsigned number, const uint8_t *data, size
         ZR_PLATFORM_LOG(INFO, 0, Player, "media port %u: track %u: source %08x begins, payload type %u (%s)", m_portId,
                         number, packet->ssrc, packet->payloadType,
                         format == nullptr ? "unknown" : format->encoding.c_str());
+    }
+    for (const FileSlot *slot : {&m_recording, &m_picture})
+    {
+        if (slot->file != nullptr && format != nullptr)
+        {
+            slot->file->offer(number, static_cast<unsigned>(m_tracks.size()), *format, data, size, arrival);
+        }
     }
 }
 

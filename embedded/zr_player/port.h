@@ -3,12 +3,16 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "description.h"
+#include "media_file.h"
 #include "media_loop.h"
 #include "media_port.h"
 #include "track.h"
@@ -36,6 +40,9 @@ public:
     ZR_ULONG setDescription(const char *sdp);
     /// A hand-off packet from inside this process.
     ZR_ULONG handOff(const uint8_t *data, size_t size);
+    ZR_ULONG record(const std::string &file);
+    ZR_ULONG endRecording();
+    ZR_ULONG snapshot(const std::string &file, std::chrono::milliseconds timeout);
     void statistics(ZrMediaStatistics &out);
     /// Nothing of the port runs when this returns. Not on the media thread. Once or more.
     void close();
@@ -53,7 +60,16 @@ public:
 private:
     MediaPort(ZR_ULONG portId, const Endpoint &local, std::array<UdpPair, 2> pairs);
 
+    /// A file that is made of the packets; one of each kind at a time.
+    struct FileSlot
+    {
+        bool taken = false; ///< by the host thread that begins or ends it as well
+        std::shared_ptr<MediaFile> file;
+    };
+
     void readable(int fd, PacketBatch &batch) override;
+    ZR_ULONG begin(FileSlot &slot, ZrMediaKind kind, const std::string &file);
+    void release(FileSlot &slot);
 
     // under m_mutex
     void takeDatagram(Track &track, unsigned number, bool rtp, const PacketBatch::Packet &packet, TimePoint arrival);
@@ -70,8 +86,12 @@ private:
     const std::string m_cname; ///< of no meaning outside this session (RFC 7022)
     const std::shared_ptr<std::atomic<bool>> m_mark;
 
-    /// Guards what follows, taken once a batch or frame. Media loop's lock may be taken under it; no writer is called.
+    /// Guards what follows, taken once a batch or frame. The loop's and the files' locks may
+    /// be taken under it; no writer is called.
     std::mutex m_mutex;
+    std::condition_variable m_released; ///< a slot was released
+    FileSlot m_recording;
+    FileSlot m_picture;
     bool m_closed = false;
     std::array<UdpPair, 2> m_pairs;
     std::vector<UdpPair> m_groups; ///< multicast

@@ -85,7 +85,7 @@ std::optional<RtcpReading> readRtcp(const uint8_t *data, size_t size)
         {
             return std::nullopt;
         }
-        const size_t length = 4U * (readU16(data + at + 2) + 1U);
+        const size_t length = size_t{4} * (readU16(data + at + 2) + 1U);
         // a compound packet begins with a report; cameras that send a lone BYE are understood as well
         const bool known = data[at + 1] >= typeSenderReport && data[at + 1] <= typeLast;
         if (length > size - at || !known)

@@ -22,14 +22,14 @@ std::optional<RtpPacket> readRtp(const uint8_t *data, size_t size)
     {
         return std::nullopt;
     }
-    size_t used = headerSize + 4U * (data[0] & 0x0FU);
+    size_t used = headerSize + size_t{4} * (data[0] & 0x0FU);
     if ((data[0] & 0x10U) != 0)
     {
         if (size < used + 4)
         {
             return std::nullopt;
         }
-        used += 4U + 4U * readU16(data + used + 2);
+        used += 4 + size_t{4} * readU16(data + used + 2);
     }
     if ((data[0] & 0x20U) != 0)
     {

@@ -1,0 +1,79 @@
+/// @file
+/// RTP timestamps as a file's time.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+
+namespace zr::media
+{
+
+/// A file's time follows the RTP timestamps, not the arrival: a recording that is downloaded faster than it was made
+/// keeps its own length. Where the timestamps jump (a seek, another source) the file goes on after what it holds. One
+/// thread.
+class RtpTimeline
+{
+public:
+    /// @param clockRate  Hz, not 0
+    explicit RtpTimeline(uint32_t clockRate)
+        : m_clockRate(clockRate)
+    {
+    }
+
+    /// @param arrival  nanoseconds; the first packet's becomes its time
+    /// @return the packet's time in nanoseconds
+    uint64_t map(uint32_t ssrc, uint32_t timestamp, uint64_t arrival)
+    {
+        const auto step = static_cast<int32_t>(timestamp - m_timestamp);
+        if (!m_begun || ssrc != m_ssrc || jumps(step, arrival))
+        {
+            const uint64_t silence = m_begun && arrival > m_arrival ? arrival - m_arrival : 0;
+            m_origin = m_begun ? m_latest + std::clamp(silence, shortestGap, longestGap) : arrival;
+            m_ticks = 0;
+            m_begun = true;
+            m_ssrc = ssrc;
+        }
+        else
+        {
+            m_ticks += step;
+        }
+        m_timestamp = timestamp;
+        m_arrival = arrival;
+        const int64_t offset = nanoseconds(m_ticks);
+        const uint64_t time =
+            offset < 0 && static_cast<uint64_t>(-offset) > m_origin ? 0 : m_origin + static_cast<uint64_t>(offset);
+        m_latest = std::max(m_latest, time);
+        return time;
+    }
+
+private:
+    static constexpr int64_t second = 1000000000;
+    static constexpr uint64_t shortestGap = 1000000;
+    static constexpr uint64_t longestGap = second;
+
+    int64_t nanoseconds(int64_t ticks) const
+    {
+        // whole seconds apart, so that the product fits
+        return ticks / m_clockRate * second + ticks % m_clockRate * second / m_clockRate;
+    }
+
+    /// Far off, and the arrival does not say the same.
+    bool jumps(int32_t step, uint64_t arrival) const
+    {
+        const int64_t media = nanoseconds(step);
+        const auto passed = static_cast<int64_t>(arrival - m_arrival);
+        return std::abs(media) > 10 * second && std::abs(media - passed) > 2 * second;
+    }
+
+    int64_t m_clockRate;
+    bool m_begun = false;
+    uint32_t m_ssrc = 0;
+    uint32_t m_timestamp = 0;
+    uint64_t m_arrival = 0;
+    uint64_t m_origin = 0;
+    uint64_t m_latest = 0;
+    int64_t m_ticks = 0;
+};
+
+} // namespace zr::media

@@ -1,0 +1,100 @@
+/// @file
+/// A file that is made of a port's packets: a recording, or one picture.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "description.h"
+#include "media_library.h"
+#include "rtp.h"
+#include "zr_platform.h"
+
+namespace zr::media
+{
+
+/// The media library; loads it when it is first asked for. Null, and a log line, when it is not there. Host threads.
+const ZrMediaLibrary *mediaLibrary();
+
+/// The port offers packets; a thread of the file's own gives them to the media library, for that may take its time. A
+/// file begins once every track was heard of, or a second after the first: a container wants its tracks beforehand, and
+/// a track that was set up but stays silent would hold it up for ever.
+class MediaFile
+{
+public:
+    /// Host threads: may load the library.
+    /// @param out  written on success only
+    /// @return 0; a code when it cannot be written or there is no media library
+    static ZR_ULONG start(ZR_ULONG portId, ZrMediaKind kind, const std::string &file, std::shared_ptr<MediaFile> &out);
+    /// Ends it as it is.
+    ~MediaFile();
+    MediaFile(const MediaFile &) = delete;
+    MediaFile &operator=(const MediaFile &) = delete;
+
+    /// A packet of a track arrived. Returns soon; any thread.
+    /// @param tracks  how many tracks are set up
+    void offer(unsigned track, unsigned tracks, const Format &format, const uint8_t *data, size_t size,
+               TimePoint arrival);
+    /// Ends a recording and returns when the file is whole. One thread, once.
+    ZR_ULONG finish();
+    /// Waits for the picture. One thread, once.
+    ZR_ULONG waitForPicture(std::chrono::milliseconds timeout);
+    /// Makes waitForPicture return. Any thread.
+    void cancel();
+
+private:
+    /// A track that goes into the file.
+    struct Source
+    {
+        unsigned track;
+        Format format;
+    };
+    struct Packet
+    {
+        uint32_t source;
+        TimePoint arrival;
+        std::vector<uint8_t> bytes;
+    };
+    using Lock = std::unique_lock<std::mutex>;
+
+    MediaFile(ZR_ULONG portId, ZrMediaKind kind, const ZrMediaLibrary &library, const std::string &file);
+
+    ZR_ULONG prepare();
+    ZR_ULONG unwritable(const std::string &file, int error) const;
+    Source *sourceOf(unsigned track, const Format &format);
+    void run();
+    bool gather(Lock &lock);
+    ZrMediaState write(Lock &lock);
+    ZrMediaSink *open(const std::vector<Source> &sources);
+    void conclude(ZrMediaState state);
+    static void writeLog(void *user, int error, const char *text);
+
+    const ZR_ULONG m_portId;
+    const ZrMediaKind m_kind;
+    const ZrMediaLibrary &m_library;
+    const std::string m_file;
+    std::string m_target; ///< what is written: the file, or a picture's temporary name beside it
+    std::thread m_thread;
+
+    /// Guards what follows; the media library is not called under it, but for accepts().
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Source> m_sources;
+    unsigned m_heard = 0; ///< a bit for each track that was heard of
+    unsigned m_tracks = 0;
+    std::deque<Packet> m_packets;
+    size_t m_queuedBytes = 0;
+    uint64_t m_dropped = 0;
+    bool m_opened = false;
+    bool m_ending = false;
+    bool m_cancelled = false;
+    bool m_done = false;
+    ZR_ULONG m_result = 0; ///< valid once done
+};
+
+} // namespace zr::media
