@@ -218,6 +218,7 @@ bool MediaFile::gather(Lock &lock)
 ZrMediaSink *MediaFile::open(const std::vector<Source> &sources)
 {
     std::vector<ZrMediaFormat> formats;
+    formats.reserve(sources.size());
     for (const Source &source : sources)
     {
         formats.push_back(plainFormat(source.format));

@@ -14,6 +14,7 @@
 // Of the sanitizers. GLib replaces the table that it made when it was loaded and leaves the old one behind; the encoder
 // that makes H.265 for the test leaks as well. The first is told by the loader's frame, which the quick unwinder
 // misses.
+// NOLINTBEGIN(bugprone-reserved-identifier): the sanitizers chose the names
 extern "C" __attribute__((visibility("default"))) const char *__asan_default_options()
 {
     return "fast_unwind_on_malloc=0";
@@ -22,6 +23,7 @@ extern "C" __attribute__((visibility("default"))) const char *__lsan_default_sup
 {
     return "leak:call_init\nleak:libx265\n";
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 using namespace zr::test;
 using namespace zr::media;
@@ -305,12 +307,12 @@ TEST_F(PlayerMedia, TakesAPictureOfARunningStream)
         outputOf("filesrc location=" + file("picture.png") + " ! pngdec ! videoconvert ! video/x-raw,format=RGB", caps);
     ASSERT_EQ(pictures.size(), 1U);
     EXPECT_NE(caps.find("width=(int)160, height=(int)120"), std::string::npos) << caps;
-    const auto pixel = [&pictures](int x, int y) { return pictures[0].begin() + 3 * (y * width + x); };
+    const auto pixel = [&pictures](int x, int y) { return pictures[0].begin() + std::ptrdiff_t{3} * (y * width + x); };
     // the test picture's bars: white, then yellow, blue to the right
     EXPECT_GT(*(pixel(10, 20) + 2), 150);
     EXPECT_LT(*(pixel(34, 20) + 2), 90);
     EXPECT_LT(*pixel(width - 10, 20), 90);
-    EXPECT_EQ(pictures[0].size(), static_cast<size_t>(3 * width * height));
+    EXPECT_EQ(pictures[0].size(), size_t{3} * width * height);
 }
 
 TEST_F(PlayerMedia, SaysAtOnceWhatCannotBeWritten)

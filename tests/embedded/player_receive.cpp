@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include "description.h"
 #include "hand_off.h"
 #include "player_tools.h"
@@ -10,7 +8,6 @@
 
 using namespace zr::test;
 using namespace zr::media;
-using testing::ElementsAre;
 
 namespace
 {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <sstream>
 #include <string_view>
 
 namespace zr::media
@@ -102,14 +103,15 @@ GstPtr<GstElement> makePipeline(ZrMediaKind kind, const std::string &file, const
 {
     std::string text =
         kind == ZR_MEDIA_KIND_RECORDING ? "matroskamux name=mux offset-to-zero=true ! filesink name=file" : "";
+    const char *const end = kind == ZR_MEDIA_KIND_RECORDING
+                                ? "mux."
+                                : "decodebin name=decoder ! videoconvert ! pngenc snapshot=true ! filesink name=file";
     for (size_t i = 0; i < tracks.size(); ++i)
     {
-        const std::string number = std::to_string(i);
-        text += " appsrc name=source" + number + " is-live=true format=time ! rtpjitterbuffer name=order" + number +
-                " ! " + chainOf(tracks[i].pszEncoding) + " name=parsed" + number + " ! ";
-        text += kind == ZR_MEDIA_KIND_RECORDING
-                    ? "mux."
-                    : "decodebin name=decoder ! videoconvert ! pngenc snapshot=true ! filesink name=file";
+        std::ostringstream track;
+        track << " appsrc name=source" << i << " is-live=true format=time ! rtpjitterbuffer name=order" << i << " ! "
+              << chainOf(tracks[i].pszEncoding) << " name=parsed" << i << " ! " << end;
+        text += track.str();
     }
     GError *error = nullptr;
     GstPtr<GstElement> pipeline(gst_parse_launch_full(text.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error));
