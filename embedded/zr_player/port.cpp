@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <random>
 #include <utility>
 
@@ -172,91 +171,6 @@ void MediaPort::statistics(ZrMediaStatistics &out)
     out = sum;
 }
 
-ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &file)
-{
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        const ZR_ULONG code = m_closed                ? ZR_MEDIA_UNKNOWN_PORT
-                              : slot.taken            ? ZR_MEDIA_BUSY
-                              : m_description.empty() ? ZR_MEDIA_NO_TRACK
-                                                      : 0U;
-        if (code != 0)
-        {
-            ZR_PLATFORM_LOG(WARNING, code, Player, "media port %u: '%s' is not begun: %s", m_portId, file.c_str(),
-                            code == ZR_MEDIA_BUSY       ? "another file is being made"
-                            : code == ZR_MEDIA_NO_TRACK ? "the tracks are not described"
-                                                        : "the port was closed");
-            return code;
-        }
-        slot.taken = true;
-    }
-    std::shared_ptr<MediaFile> made;
-    ZR_ULONG code = ZR_MEDIA_FAILED;
-    try
-    {
-        code = MediaFile::start(m_portId, kind, file, made);
-    }
-    catch (const std::exception &error)
-    {
-        ZR_PLATFORM_LOG(ERROR, code, Player, "media port %u: '%s' is not begun: %s", m_portId, file.c_str(),
-                        error.what());
-    }
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (code == 0 && !m_closed)
-    {
-        slot.file = std::move(made);
-        return 0;
-    }
-    slot = {};
-    m_released.notify_all();
-    return code == 0 ? ZR_ULONG{ZR_MEDIA_UNKNOWN_PORT} : code;
-}
-
-void MediaPort::release(FileSlot &slot)
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    slot = {};
-    m_released.notify_all();
-}
-
-ZR_ULONG MediaPort::record(const std::string &file)
-{
-    return begin(m_recording, ZR_MEDIA_KIND_RECORDING, file);
-}
-
-ZR_ULONG MediaPort::endRecording()
-{
-    std::shared_ptr<MediaFile> recording;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        recording = std::move(m_recording.file);
-    }
-    if (recording == nullptr)
-    {
-        ZR_PLATFORM_LOG(WARNING, ZR_MEDIA_BUSY, Player, "media port %u: there is no recording to end", m_portId);
-        return ZR_MEDIA_BUSY;
-    }
-    const ZR_ULONG code = recording->finish();
-    release(m_recording);
-    return code;
-}
-
-ZR_ULONG MediaPort::snapshot(const std::string &file, std::chrono::milliseconds timeout)
-{
-    if (const ZR_ULONG code = begin(m_picture, ZR_MEDIA_KIND_PICTURE, file))
-    {
-        return code;
-    }
-    std::shared_ptr<MediaFile> picture;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        picture = m_picture.file;
-    }
-    const ZR_ULONG code = picture->waitForPicture(timeout);
-    release(m_picture);
-    return code;
-}
-
 void MediaPort::setUpTrack(unsigned number, const TrackTransport &transport, InterleavedWriter writer)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -271,6 +185,7 @@ void MediaPort::setUpTrack(unsigned number, const TrackTransport &transport, Int
     {
         m_tracks.resize(number + 1);
     }
+    m_rtpSeen = m_rtpSeen && number != 0; // a new session brings its own hand-off
     Track &track = m_tracks[number];
     if (!track.setUp(transport, sockets, std::move(writer)))
     {
@@ -359,7 +274,7 @@ void MediaPort::readable(int fd, PacketBatch &batch)
         {
             if (fd != m_pairs[0].rtp.get() || !takeHandOff(packet))
             {
-                discard("a hand-off packet from elsewhere, or after the media began", packet.from);
+                discard("a hand-off packet from elsewhere", packet.from);
             }
         }
         else if (owner == m_tracks.end())
@@ -441,9 +356,16 @@ void MediaPort::takeRtcp(Track &track, unsigned number, const uint8_t *data, siz
 
 bool MediaPort::takeHandOff(const PacketBatch::Packet &packet)
 {
-    if (m_rtpSeen || !(packet.from.sameHost(m_local) || packet.from.isOwn()))
+    if (!packet.from.sameHost(m_local) && !packet.from.isOwn())
     {
         return false;
+    }
+    if (m_rtpSeen)
+    {
+        // every PLAY of the session brings one
+        ZR_PLATFORM_LOG(DEBUG, 0, Player, "media port %u: hand-off packet of %s ignored, the media began", m_portId,
+                        packet.from.text().c_str());
+        return true;
     }
     readHandOffPacket(packet.data, packet.size, packet.from.text().c_str());
     return true;

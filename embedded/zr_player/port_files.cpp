@@ -1,0 +1,97 @@
+/// The files that are made of a port's packets.
+
+#include <exception>
+#include <utility>
+
+#include "platform_log.h"
+#include "port.h"
+
+namespace zr::media
+{
+
+ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &file)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const ZR_ULONG code = m_closed                ? ZR_MEDIA_UNKNOWN_PORT
+                              : slot.taken            ? ZR_MEDIA_BUSY
+                              : m_description.empty() ? ZR_MEDIA_NO_TRACK
+                                                      : 0U;
+        if (code != 0)
+        {
+            ZR_PLATFORM_LOG(WARNING, code, Player, "media port %u: '%s' is not begun: %s", m_portId, file.c_str(),
+                            code == ZR_MEDIA_BUSY       ? "another file is being made"
+                            : code == ZR_MEDIA_NO_TRACK ? "the tracks are not described"
+                                                        : "the port was closed");
+            return code;
+        }
+        slot.taken = true;
+    }
+    std::shared_ptr<MediaFile> made;
+    ZR_ULONG code = ZR_MEDIA_FAILED;
+    try
+    {
+        code = MediaFile::start(m_portId, kind, file, made);
+    }
+    catch (const std::exception &error)
+    {
+        ZR_PLATFORM_LOG(ERROR, code, Player, "media port %u: '%s' is not begun: %s", m_portId, file.c_str(),
+                        error.what());
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (code == 0 && !m_closed)
+    {
+        slot.file = std::move(made);
+        return 0;
+    }
+    slot = {};
+    m_released.notify_all();
+    return code == 0 ? ZR_ULONG{ZR_MEDIA_UNKNOWN_PORT} : code;
+}
+
+void MediaPort::release(FileSlot &slot)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    slot = {};
+    m_released.notify_all();
+}
+
+ZR_ULONG MediaPort::record(const std::string &file)
+{
+    return begin(m_recording, ZR_MEDIA_KIND_RECORDING, file);
+}
+
+ZR_ULONG MediaPort::endRecording()
+{
+    std::shared_ptr<MediaFile> recording;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        recording = std::move(m_recording.file);
+    }
+    if (recording == nullptr)
+    {
+        ZR_PLATFORM_LOG(WARNING, ZR_MEDIA_BUSY, Player, "media port %u: there is no recording to end", m_portId);
+        return ZR_MEDIA_BUSY;
+    }
+    const ZR_ULONG code = recording->finish();
+    release(m_recording);
+    return code;
+}
+
+ZR_ULONG MediaPort::snapshot(const std::string &file, std::chrono::milliseconds timeout)
+{
+    if (const ZR_ULONG code = begin(m_picture, ZR_MEDIA_KIND_PICTURE, file))
+    {
+        return code;
+    }
+    std::shared_ptr<MediaFile> picture;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        picture = m_picture.file;
+    }
+    const ZR_ULONG code = picture->waitForPicture(timeout);
+    release(m_picture);
+    return code;
+}
+
+} // namespace zr::media
