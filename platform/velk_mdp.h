@@ -4,11 +4,19 @@
 
 #include "zr_types.h"
 
+/// What a message is.
+enum tagMDPMsgKind : ZR_ULONG
+{
+    MDP_MSG_KIND_REQUEST = 0,
+    MDP_MSG_KIND_SUCCESS = 1, ///< a good answer
+    MDP_MSG_KIND_FAILURE = 2,
+};
+
 /// Who sends which message to whom. Identifiers are registration identifiers (CIAOIMsgDisp::registerAOIMsgProc).
 struct tagMDPMsgHeader
 {
     ZR_ULONG ulMsgID;   ///< one of the AOI_MSG_ identifiers
-    ZR_ULONG ulMsgKind; ///< 0 request, 1 success answer, 2 failure answer
+    ZR_ULONG ulMsgKind; ///< a tagMDPMsgKind
     ZR_ULONG ulSrcID;   ///< the sender's registration identifier
     ZR_ULONG ulDstID;   ///< the receiver's; 0xFFFFFFFF: no particular one
 };

@@ -2,20 +2,21 @@
 
 #include <algorithm>
 #include <list>
+#include <memory>
 
 #include "ace/Guard_T.h"
 #include "ace/Thread_Mutex.h"
 
-#include "log.h"
+#include "guarded.h"
 #include "observer_list.h"
 #include "rtsp_mediactrl.h"
+#include "session_lock.h"
 #include "tw_util.h"
 #include "zr_rtsp/zr_rtsp.h"
 
 std::atomic<CIAOIMsgDisp *> g_pAOIMsgDispInter{nullptr};
 
-namespace
-{
+namespace {
 
 /// The live objects, in the order of their creation; it owns none. Guarded by the mutex below, which is the first in
 /// the order of locks: before an object's and before an observer list's.
@@ -31,12 +32,13 @@ CIMediaCtrl *createRegistered(ZR_ULONG ulPortID, const std::string &strSrcUaID, 
     const ACE_Guard<ACE_Thread_Mutex> oGuard(g_oMediaCtrlListMutex);
     if (!oGuard.locked())
         return nullptr;
-    // its place first: once the object is there, nothing can fail any more
+    // its place first, then the object: from there on nothing is lost
     std::list<CIMediaCtrl *> lstNew(1, nullptr);
-    lstNew.front() = new CRtspMediaCtrl(ulPortID, strSrcUaID, strDstUaID, strLocalIP, usLocalPort, strServerIP,
-                                        usServerPort, ulAOIPortID);
+    auto poNew = std::make_unique<CRtspMediaCtrl>(ulPortID, strSrcUaID, strDstUaID, strLocalIP, usLocalPort,
+                                                  strServerIP, usServerPort, ulAOIPortID);
     RTSP_IMPL_LOG(INFO, 0, "[%s] succeed create a MediaCtrl Object with SrcUaID : %s",
                   "zr_rtsp.dll::createMediaCtrlInter", strSrcUaID.c_str());
+    lstNew.front() = poNew.release();
     g_lstMediaCtrl.splice(g_lstMediaCtrl.end(), lstNew);
     return g_lstMediaCtrl.back();
 }
@@ -58,7 +60,6 @@ ZR_ULONG unregisterObject(CIMediaCtrl *poCIMediaCtrl)
 ZR_ULONG g_ulRtspKeepLiveTimer = 0;
 ZR_ULONG g_ulOnvifKeepLiveTimer = 0;
 
-constexpr ZR_ULONG RTSP_KEEPLIVE_PERIOD_MS = 800;
 constexpr ZR_ULONG ONVIF_KEEPLIVE_PERIOD_MS = 30000;
 
 /// A timer's callback: one keep-alive step of every object, under the registry's mutex, so that a step never meets an
@@ -67,21 +68,19 @@ template <void (CRtspMediaCtrl::*pmStep)()>
 void keepLiveForRtsp(void * /*pvUser*/)
 {
     static const char szFunction[] = "zr_rtsp.dll::keepLiveForRtsp";
-    guarded(FILE_RTSP_IMPL, szFunction,
-            []
-            {
-                const ACE_Guard<ACE_Thread_Mutex> oGuard(g_oMediaCtrlListMutex);
-                if (!oGuard.locked())
-                    return;
-                for (CIMediaCtrl *poCIMediaCtrl : g_lstMediaCtrl)
-                {
-                    auto *poMediaCtrl = dynamic_cast<CRtspMediaCtrl *>(poCIMediaCtrl);
-                    if (poMediaCtrl == nullptr)
-                        RTSP_IMPL_LOG(WARNING, ZR_RTSP_FAILED, "[%s] The RtspMediaCtrl is not support", szFunction);
-                    else
-                        (poMediaCtrl->*pmStep)();
-                }
-            });
+    guarded(FILE_RTSP_IMPL, szFunction, [] {
+        const ACE_Guard<ACE_Thread_Mutex> oGuard(g_oMediaCtrlListMutex);
+        if (!oGuard.locked())
+            return;
+        for (CIMediaCtrl *poCIMediaCtrl : g_lstMediaCtrl)
+        {
+            auto *poMediaCtrl = dynamic_cast<CRtspMediaCtrl *>(poCIMediaCtrl);
+            if (poMediaCtrl == nullptr)
+                RTSP_IMPL_LOG(WARNING, ZR_RTSP_FAILED, "[%s] The RtspMediaCtrl is not support", szFunction);
+            else
+                (poMediaCtrl->*pmStep)();
+        }
+    });
 }
 
 void stopTimer(ZR_ULONG &ulTimer, const char *pszFunction)
@@ -99,8 +98,7 @@ void stopTimer(ZR_ULONG &ulTimer, const char *pszFunction)
 ZR_ULONG init(ZR_ULONG ulMaxMessageBytes, ZR_ULONG ulConnectTimeoutMs, const char *pszUserAgent, const char *pszCaFile)
 {
     static const char szFunction[] = "zr_rtsp.dll::init";
-    const auto fnInit = [&]
-    {
+    const auto fnInit = [&] {
         const ZR_ULONG ulResult = ZR_MSGDISP_Init(ulMaxMessageBytes, ulConnectTimeoutMs, pszUserAgent, pszCaFile);
         if (ulResult != ZR_RTSP_OK)
         {
@@ -108,7 +106,7 @@ ZR_ULONG init(ZR_ULONG ulMaxMessageBytes, ZR_ULONG ulConnectTimeoutMs, const cha
             return ulResult;
         }
         g_pAOIMsgDispInter = ZR_MSGDISP_GetAOIMsgDispInter();
-        TW_StartIndependTimer(RTSP_KEEPLIVE_PERIOD_MS, keepLiveForRtsp<&CRtspMediaCtrl::keepLive>, nullptr,
+        TW_StartIndependTimer(KEEPLIVE_TICK_MS, keepLiveForRtsp<&CRtspMediaCtrl::keepLive>, nullptr,
                               &g_ulRtspKeepLiveTimer);
         TW_StartIndependTimer(ONVIF_KEEPLIVE_PERIOD_MS, keepLiveForRtsp<&CRtspMediaCtrl::onvifKeepLive>, nullptr,
                               &g_ulOnvifKeepLiveTimer);
@@ -120,21 +118,18 @@ ZR_ULONG init(ZR_ULONG ulMaxMessageBytes, ZR_ULONG ulConnectTimeoutMs, const cha
 void destroy()
 {
     static const char szFunction[] = "zr_rtsp.dll::destroy";
-    guarded(FILE_RTSP_IMPL, szFunction,
-            []
-            {
-                stopTimer(g_ulRtspKeepLiveTimer, szFunction);
-                stopTimer(g_ulOnvifKeepLiveTimer, szFunction);
-                ZR_MSGDISP_Destroy();
-            });
+    guarded(FILE_RTSP_IMPL, szFunction, [] {
+        stopTimer(g_ulRtspKeepLiveTimer, szFunction);
+        stopTimer(g_ulOnvifKeepLiveTimer, szFunction);
+        ZR_MSGDISP_Destroy();
+    });
 }
 
 CIMediaCtrl *createMediaCtrlInter(ZR_ULONG ulPortID, const std::string &strSrcUaID, const std::string &strDstUaID,
                                   const std::string &strLocalIP, ZR_USHORT usLocalPort, const std::string &strServerIP,
                                   ZR_USHORT usServerPort, ZR_ULONG ulAOIPortID)
 {
-    const auto fnCreate = [&]
-    {
+    const auto fnCreate = [&] {
         return createRegistered(ulPortID, strSrcUaID, strDstUaID, strLocalIP, usLocalPort, strServerIP, usServerPort,
                                 ulAOIPortID);
     };
@@ -144,8 +139,7 @@ CIMediaCtrl *createMediaCtrlInter(ZR_ULONG ulPortID, const std::string &strSrcUa
 ZR_ULONG deleteMediaCtrlInter(CIMediaCtrl **ppoCIMediaCtrl)
 {
     static const char szFunction[] = "zr_rtsp.dll::deleteMediaCtrlInter";
-    const auto fnDelete = [&]() -> ZR_ULONG
-    {
+    const auto fnDelete = [&]() -> ZR_ULONG {
         if (ppoCIMediaCtrl == nullptr || *ppoCIMediaCtrl == nullptr)
         {
             RTSP_IMPL_LOG(WARNING, ZR_RTSP_INVALID_PARAMETER,

@@ -21,10 +21,11 @@
 /// Is told of errors and of what the server announces.
 ///
 /// Called with the object's observer list locked, on a thread of the platform or of the keep-alive timer: return soon.
-/// From inside, tearDown, getRange and getMediaAbility may be called; createMediaCtrlInter gives NULL, and
-/// deleteMediaCtrlInter, attachObserver and detachObserver fail with 10109. Requests that wait are for the host's own
-/// thread. tearDown, destroy and deletion from outside wait for a running notification: never call them holding a lock
-/// that the observer takes, nor let the observer wait for the thread that calls them.
+/// From inside, tearDown, getRange and getMediaAbility may be called; createMediaCtrlInter gives NULL,
+/// deleteMediaCtrlInter 10109, attachObserver 1 and detachObserver does nothing (10109 in the log). Requests that wait
+/// are for the host's own thread. From outside, tearDown, destroy, deletion, attachObserver and detachObserver wait for
+/// a running notification: never call them holding a lock that the observer takes, nor let the observer wait for the
+/// thread that calls them.
 class ZR_PLATFORM_API CIMediaCtrlObserver
 {
 public:

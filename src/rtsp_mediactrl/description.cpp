@@ -1,23 +1,20 @@
-// DESCRIBE, what is cut out of its answer, and the Authorization values of RFC 2617.
+// g_szDescribe, what is cut out of its answer, and the Authorization values of RFC 2617.
 
 #include "rtsp_mediactrl.h"
 
 #include <cstring>
+#include <utility>
 
 #include "request.h"
 #include "tw_system.h"
 #include "tw_util.h"
 
-namespace
-{
+namespace {
 
-constexpr ZR_ULONG KIND_SUCCESS = 1;
-constexpr ZR_ULONG KIND_FAILURE = 2;
 constexpr ZR_ULONG RTSP_UNAUTHORIZED = 401;
 
 constexpr ZR_ULONG ONVIF_KEEPLIVE_MAX_FAIL = 3;
 constexpr ZR_ULONG ONVIF_DEFAULT_TIMEOUT_MS = 60000;
-constexpr ZR_ULONG KEEPLIVE_TICK_MS = 800;
 
 constexpr ZR_ULONG DATA_TEXT_OFFSET = 84;
 constexpr ZR_ULONG CHALLENGE_TEXT_OFFSET = 8;
@@ -30,12 +27,12 @@ constexpr size_t RESPONSE_SIZE = 128;
 constexpr size_t DIGEST_HEADER_SIZE = 384;
 constexpr size_t BASIC_SIZE = 128;
 
-const char DESCRIBE[] = "CRtspMediaCtrl::describe";
-const char DESCRIBE_RSP[] = "CRtspMediaCtrl::AOIProcRtspDescribeRsp";
+const char g_szDescribe[] = "CRtspMediaCtrl::describe";
+const char g_szDescribeRsp[] = "CRtspMediaCtrl::AOIProcRtspDescribeRsp";
 
-/// A piece of a text; empty where it would begin beyond the end. Positions are not tested for what they were found by:
-/// the arithmetic is the caller's, unsigned.
-std::string piece(const std::string &strText, size_t ulStart, size_t ulLength)
+/// Part of a text; empty where it would begin beyond the end. Whether the keys around it were found is not tested: the
+/// positions come as unsigned arithmetic on what find() gave.
+std::string partOf(const std::string &strText, size_t ulStart, size_t ulLength)
 {
     return ulStart > strText.size() ? std::string() : strText.substr(ulStart, ulLength);
 }
@@ -71,8 +68,7 @@ std::string joinControl(const std::string &strControl, const std::string &strCon
 
 ZR_ULONG CRtspMediaCtrl::describe(const std::string &strURL)
 {
-    const auto fnDescribe = [&]() -> ZR_ULONG
-    {
+    const auto fnDescribe = [&]() -> ZR_ULONG {
         if (m_oMediaAbility.isOnvif() == 1)
         {
             m_ulKeepLiveMaxFail = ONVIF_KEEPLIVE_MAX_FAIL;
@@ -92,7 +88,7 @@ ZR_ULONG CRtspMediaCtrl::describe(const std::string &strURL)
             ulResult = describe();
         if (ulResult != ZR_RTSP_OK)
         {
-            RTSP_LOG(ERROR, ulResult, "[%s] Failed to send AOI_MSG_RTSP_DESCRIBE response Message", DESCRIBE);
+            RTSP_LOG(ERROR, ulResult, "[%s] Failed to send AOI_MSG_RTSP_DESCRIBE response Message", g_szDescribe);
             return ulResult;
         }
         if (m_oMediaAbility.isOnvif() != 1)
@@ -101,12 +97,12 @@ ZR_ULONG CRtspMediaCtrl::describe(const std::string &strURL)
         if (oInfo.m_strVideoRtpmap.empty() || oInfo.m_strVideoControl.empty())
         {
             RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER,
-                     "[%s] Not exist video rtpmap and control in AOI_MSG_RTSP_DESCRIBE response Message", DESCRIBE);
+                     "[%s] Not exist video rtpmap and control in AOI_MSG_RTSP_DESCRIBE response Message", g_szDescribe);
             return ZR_RTSP_INVALID_PARAMETER;
         }
         return ZR_RTSP_OK;
     };
-    return inside(DESCRIBE, fnDescribe, ZR_RTSP_FAILED);
+    return inside(g_szDescribe, fnDescribe, ZR_RTSP_FAILED);
 }
 
 /// Keeps the session's URL, and cuts the credential tail off where there is one. The tail is expected to end with one
@@ -125,8 +121,8 @@ ZR_ULONG CRtspMediaCtrl::keepURL(const std::string &strURL)
     const size_t ulPassword = strURL.find("password=");
     COnvifInfo oInfo = m_oMediaAbility.getOnvifInfo();
     oInfo.m_strOnvifURL = m_strURL;
-    oInfo.m_strUserName = piece(strURL, ulUser + 9, ulPassword - ulUser - 10);
-    oInfo.m_strPassword = piece(strURL, ulPassword + 9, strURL.size() - ulPassword - 10);
+    oInfo.m_strUserName = partOf(strURL, ulUser + 9, ulPassword - ulUser - 10);
+    oInfo.m_strPassword = partOf(strURL, ulPassword + 9, strURL.size() - ulPassword - 10);
     m_oMediaAbility.setOnvifInfo(oInfo);
     return ZR_RTSP_OK;
 }
@@ -137,7 +133,7 @@ ZR_ULONG CRtspMediaCtrl::describe()
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
     const ZR_ULONG ulOnvif = m_oMediaAbility.isOnvif();
-    CAOIRequest oRequest(DESCRIBE, AOI_MSG_RTSP_DESCRIBE, m_ulAOIPortID);
+    CAOIRequest oRequest(g_szDescribe, AOI_MSG_RTSP_DESCRIBE, m_ulAOIPortID);
     oRequest.header(0)
         .add("[%s] add IE AOI_IE_URL failed", 0, CAOIIETool::addAOIIEURL, m_strURL)
         .add("[%s] add IE SrcUaID failed", 0, CAOIIETool::addAOIIESrcUaID, m_oMediaAbility.getLocalUaID(), ulOnvif)
@@ -156,11 +152,11 @@ ZR_ULONG CRtspMediaCtrl::describe()
     if (enOutcome == EOutcome::timedOut)
     {
         RTSP_LOG(WARNING, ZR_RTSP_NO_ANSWER, "[%s] don't receive a AOI_MSG_RTSP_DESCRIBE OK response Message",
-                 DESCRIBE);
+                 g_szDescribe);
         return ZR_RTSP_NO_ANSWER;
     }
     if (ulRspResult != ZR_RTSP_OK)
-        RTSP_LOG(WARNING, ulRspResult, "[%s] Describe receive error", DESCRIBE);
+        RTSP_LOG(WARNING, ulRspResult, "[%s] Describe receive error", g_szDescribe);
     return ulRspResult;
 }
 
@@ -169,7 +165,7 @@ ZR_ULONG CRtspMediaCtrl::AOIProcRtspDescribeRsp(const tagAOIMsg *pstAOIMsg)
 {
     if (pstAOIMsg == nullptr)
     {
-        RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] Invalid param", DESCRIBE_RSP);
+        RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] Invalid param", g_szDescribeRsp);
         return ZR_RTSP_INVALID_PARAMETER;
     }
     const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
@@ -178,21 +174,21 @@ ZR_ULONG CRtspMediaCtrl::AOIProcRtspDescribeRsp(const tagAOIMsg *pstAOIMsg)
 
     ZR_ULONG ulResult = ZR_RTSP_OK;
     const ZR_ULONG ulKind = pstAOIMsg->stHeader.ulMsgKind;
-    if (ulKind == KIND_SUCCESS)
+    if (ulKind == MDP_MSG_KIND_SUCCESS)
     {
         ulResult = takeDescription(pstAOIMsg);
     }
-    else if (ulKind == KIND_FAILURE)
+    else if (ulKind == MDP_MSG_KIND_FAILURE)
     {
-        readErrcode(pstAOIMsg, DESCRIBE_RSP, "[%s] Get AOI_IE_ERRCODE from describ failed");
+        readErrcode(pstAOIMsg, g_szDescribeRsp, "[%s] Get AOI_IE_ERRCODE from describ failed");
         if (m_oMediaAbility.isOnvif() == 1 && m_ulRspResult == RTSP_UNAUTHORIZED)
             ulResult = takeChallenge(pstAOIMsg);
     }
     else
     {
-        RTSP_LOG(WARNING, ZR_RTSP_FAILED, "[%s] describe response failed, msg type %u", DESCRIBE_RSP, ulKind);
+        RTSP_LOG(WARNING, ZR_RTSP_FAILED, "[%s] describe response failed, msg type %u", g_szDescribeRsp, ulKind);
     }
-    return ulResult == ZR_RTSP_OK ? acceptAnswer(DESCRIBE_RSP, EXCHANGE_DESCRIBE.ulWait) : ulResult;
+    return ulResult == ZR_RTSP_OK ? acceptAnswer(g_szDescribeRsp, EXCHANGE_DESCRIBE.ulWait) : ulResult;
 }
 
 /// A good answer: the URL of the relation to a TV wall, or an ONVIF source's stream information; and the SDP.
@@ -203,7 +199,7 @@ ZR_ULONG CRtspMediaCtrl::takeDescription(const tagAOIMsg *pstAOIMsg)
     {
         const ZR_ULONG ulResult = CAOIIETool::getAOIIEURL(pstAOIMsg, m_strVodToTvURL);
         if (ulResult != ZR_RTSP_OK)
-            RTSP_LOG(WARNING, ulResult, "[%s] Get AOI_IE_URL IE from describ failed", DESCRIBE_RSP);
+            RTSP_LOG(WARNING, ulResult, "[%s] Get AOI_IE_URL IE from describ failed", g_szDescribeRsp);
     }
     else
     {
@@ -214,7 +210,7 @@ ZR_ULONG CRtspMediaCtrl::takeDescription(const tagAOIMsg *pstAOIMsg)
         const ZR_ULONG ulResult = getOnvifInfoFromSdp(pstAOIMsg);
         if (ulResult != ZR_RTSP_OK)
         {
-            RTSP_LOG(WARNING, ulResult, "[%s] Get onvifinfo from sdp from describ failed", DESCRIBE_RSP);
+            RTSP_LOG(WARNING, ulResult, "[%s] Get onvifinfo from sdp from describ failed", g_szDescribeRsp);
             return ulResult;
         }
     }
@@ -226,7 +222,7 @@ ZR_ULONG CRtspMediaCtrl::takeDescription(const tagAOIMsg *pstAOIMsg)
     const ZR_ULONG ulResult = CAOIIETool::getAOIIESDP(pstAOIMsg, strSDP);
     if (ulResult != ZR_RTSP_OK)
     {
-        RTSP_LOG(WARNING, ulResult, "[%s] get AOI_IE_DATA IE failed, it does not matter.", DESCRIBE_RSP);
+        RTSP_LOG(WARNING, ulResult, "[%s] get AOI_IE_DATA IE failed, it does not matter.", g_szDescribeRsp);
         strSDP.clear();
     }
     m_oMediaAbility.setDescribeRspSdp(strSDP);
@@ -242,16 +238,15 @@ ZR_ULONG CRtspMediaCtrl::takeChallenge(const tagAOIMsg *pstAOIMsg)
     ZR_ULONG ulResult = findText(pstAOIMsg, AOI_IE_AUTHORIZATION_ID, CHALLENGE_TEXT_OFFSET, &pszChallenge);
     if (ulResult != ZR_RTSP_OK)
     {
-        RTSP_LOG(ERROR, ulResult, "[%s] Get AOI_IE_AUTHORIZATION_ID from describ failed", DESCRIBE_RSP);
+        RTSP_LOG(ERROR, ulResult, "[%s] Get AOI_IE_AUTHORIZATION_ID from describ failed", g_szDescribeRsp);
         return ulResult;
     }
     COnvifInfo oInfo = m_oMediaAbility.getOnvifInfo();
-    const auto fnTake = [&](const char *pszKey, std::string &strValue)
-    {
+    const auto fnTake = [&](const char *pszKey, std::string &strValue) {
         char szValue[CHALLENGE_LIMIT] = {};
         const ZR_ULONG ulFound = getDataFromSDP(pszChallenge, "Digest", pszKey, CHALLENGE_LIMIT, szValue);
         if (ulFound != ZR_RTSP_OK)
-            RTSP_LOG(WARNING, ulFound, "[%s] get video rtpmap failed", DESCRIBE_RSP);
+            RTSP_LOG(WARNING, ulFound, "[%s] get video rtpmap failed", g_szDescribeRsp);
         strValue = ulFound == ZR_RTSP_OK ? szValue : "";
     };
     fnTake("realm=", oInfo.m_strRealm);
@@ -259,7 +254,7 @@ ZR_ULONG CRtspMediaCtrl::takeChallenge(const tagAOIMsg *pstAOIMsg)
     ulResult = calcAuth(oInfo);
     if (ulResult != ZR_RTSP_OK)
     {
-        RTSP_LOG(ERROR, ulResult, "[%s] calc auth info failed", DESCRIBE_RSP);
+        RTSP_LOG(ERROR, ulResult, "[%s] calc auth info failed", g_szDescribeRsp);
         return ulResult;
     }
     m_oMediaAbility.setOnvifInfo(oInfo);

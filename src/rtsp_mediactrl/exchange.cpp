@@ -7,8 +7,7 @@
 
 #include "windows_kernel.h"
 
-namespace
-{
+namespace {
 
 constexpr ZR_ULONG RESPONSE_TIMEOUT_SECONDS = 25;
 
@@ -27,8 +26,7 @@ ACE_Time_Value timeOfDay()
 /// @return false when it has no frequency (asked once a process) or cannot be read
 bool counterNow(ACE_Time_Value &oNow)
 {
-    static const int64_t llFrequency = []
-    {
+    static const int64_t llFrequency = [] {
         LARGE_INTEGER stFrequency = {};
         return QueryPerformanceFrequency(&stFrequency) != 0 ? stFrequency.QuadPart : 0;
     }();
@@ -61,15 +59,8 @@ int CRtspMediaCtrl::waitForResponse(ZR_ULONG ulSeconds)
     const ACE_Time_Value oDeadline = deadlineAfter(ulSeconds);
     while (!poExchange->bMarked && !poExchange->bOvertaken && !m_bLeaving)
     {
-        const ZR_ULONG ulLevels = m_ulLockDepth;
-        m_ulLockDepth = 0; // who takes the lock meanwhile counts from the start
-        for (ZR_ULONG ulLevel = 1; ulLevel < ulLevels; ++ulLevel)
-            m_oMutex.release();
-        const int iResult = m_oCond.wait(&oDeadline);
-        for (ZR_ULONG ulLevel = 1; ulLevel < ulLevels; ++ulLevel)
-            m_oMutex.acquire();
-        m_ulLockDepth = ulLevels;
-        if (iResult != 0)
+        const CLevelsLetGo oLetGo(m_oMutex, m_ulLockDepth);
+        if (m_oCond.wait(&oDeadline) != 0)
             break;
     }
     return poExchange->bMarked ? 0 : -1;
@@ -100,16 +91,33 @@ void CRtspMediaCtrl::beginExchange(const tagExchangeRule &stRule)
     m_ulRspResult = ZR_RTSP_FAILED;
 }
 
+/// Leaves the state that an exchange's rule gives; one that was overtaken leaves nothing.
+void CRtspMediaCtrl::endExchange(const tagExchange &stExchange)
+{
+    if (stExchange.bOvertaken)
+        return;
+    m_ulState = stExchange.stateAfter(m_ulState);
+    m_poExchange.reset();
+}
+
 /// Waits for the answer to a request that was just sent, and leaves the state that the rule gives.
-/// @param oGuard       the caller's; released and taken again after the wait, but for lockLost and for DESCRIBE, which
-///                     reads its result before it lets go
+/// @param oGuard       the caller's; released and taken again after the wait where the rule says so, not held after
+///                     lockLost
 /// @param ulRspResult  receives the answer's result
 EOutcome CRtspMediaCtrl::exchange(const tagExchangeRule &stRule, CObjectGuard &oGuard, ZR_ULONG &ulRspResult)
 {
     beginExchange(stRule);
     const std::shared_ptr<tagExchange> poExchange = m_poExchange;
-    waitForResponse(RESPONSE_TIMEOUT_SECONDS);
-    if (stRule.ulWait != MEDIACTRL_STATE_SUCCESS)
+    try
+    {
+        waitForResponse(RESPONSE_TIMEOUT_SECONDS);
+    }
+    catch (...) // a cancelled thread must not leave the object waiting
+    {
+        endExchange(*poExchange);
+        throw;
+    }
+    if (stRule.bRetake)
     {
         oGuard.release();
         if (!oGuard.retake())
@@ -117,12 +125,12 @@ EOutcome CRtspMediaCtrl::exchange(const tagExchangeRule &stRule, CObjectGuard &o
     }
     // judged once, here: an answer may have come while the lock was free
     ulRspResult = poExchange->ulRspResult;
-    if (poExchange->bOvertaken)
-        return poExchange->outcome();
-    m_poExchange.reset();
-    if (m_ulState == MEDIACTRL_STATE_IDLE)
+    if (stRule.bIdleEnds && !poExchange->bOvertaken && m_ulState == MEDIACTRL_STATE_IDLE)
+    {
+        m_poExchange.reset();
         return EOutcome::idle;
-    m_ulState = poExchange->stateAfter(m_ulState);
+    }
+    endExchange(*poExchange);
     return poExchange->outcome();
 }
 

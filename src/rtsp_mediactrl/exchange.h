@@ -17,21 +17,37 @@ struct tagExchangeRule
     ZR_ULONG ulAfterAnswer;
     ZR_ULONG ulAfterRefusal;
     ZR_ULONG ulAfterTimeout;
+    bool bIdleEnds; ///< a state that was set back to idle meanwhile ends it, and stays
+    bool bRetake;   ///< the lock is let go and taken again before the outcome is judged
 };
 
-inline constexpr tagExchangeRule EXCHANGE_SETUP = {MEDIACTRL_STATE_SETUP_WAIT, MEDIACTRL_STATE_SETUP_OK,
-                                                   MEDIACTRL_STATE_SUCCESS, STATE_KEPT, STATE_KEPT};
+inline constexpr tagExchangeRule EXCHANGE_SETUP = {
+    MEDIACTRL_STATE_SETUP_WAIT, MEDIACTRL_STATE_SETUP_OK, MEDIACTRL_STATE_SUCCESS, STATE_KEPT, STATE_KEPT, false, true};
 /// The relation to a TV wall never changes the session's own state.
-inline constexpr tagExchangeRule EXCHANGE_SETUP_TO_TV = {MEDIACTRL_STATE_SETUP_WAIT, MEDIACTRL_STATE_SETUP_OK,
-                                                         STATE_PUT_BACK, STATE_PUT_BACK, STATE_PUT_BACK};
-inline constexpr tagExchangeRule EXCHANGE_PLAY = {MEDIACTRL_STATE_PLAY_WAIT, MEDIACTRL_STATE_PLAY_OK,
-                                                  MEDIACTRL_STATE_PLAY, STATE_PUT_BACK, STATE_PUT_BACK};
-inline constexpr tagExchangeRule EXCHANGE_PAUSE = {MEDIACTRL_STATE_PAUSE_WAIT, MEDIACTRL_STATE_PAUSE_OK,
-                                                   MEDIACTRL_STATE_PAUSE, MEDIACTRL_STATE_PLAY, MEDIACTRL_STATE_PLAY};
+inline constexpr tagExchangeRule EXCHANGE_SETUP_TO_TV = {
+    MEDIACTRL_STATE_SETUP_WAIT, MEDIACTRL_STATE_SETUP_OK, STATE_PUT_BACK, STATE_PUT_BACK, STATE_PUT_BACK, false, true};
+inline constexpr tagExchangeRule EXCHANGE_PLAY = {MEDIACTRL_STATE_PLAY_WAIT,
+                                                  MEDIACTRL_STATE_PLAY_OK,
+                                                  MEDIACTRL_STATE_PLAY,
+                                                  STATE_PUT_BACK,
+                                                  STATE_PUT_BACK,
+                                                  true,
+                                                  true};
+inline constexpr tagExchangeRule EXCHANGE_PAUSE = {MEDIACTRL_STATE_PAUSE_WAIT,
+                                                   MEDIACTRL_STATE_PAUSE_OK,
+                                                   MEDIACTRL_STATE_PAUSE,
+                                                   MEDIACTRL_STATE_PLAY,
+                                                   MEDIACTRL_STATE_PLAY,
+                                                   true,
+                                                   true};
 /// DESCRIBE has no states of its own: it sets the object ready and tells its outcome by its result alone.
-inline constexpr tagExchangeRule EXCHANGE_DESCRIBE = {MEDIACTRL_STATE_SUCCESS, MEDIACTRL_STATE_SUCCESS,
-                                                      MEDIACTRL_STATE_SUCCESS, MEDIACTRL_STATE_SUCCESS,
-                                                      MEDIACTRL_STATE_SUCCESS};
+inline constexpr tagExchangeRule EXCHANGE_DESCRIBE = {MEDIACTRL_STATE_SUCCESS,
+                                                      MEDIACTRL_STATE_SUCCESS,
+                                                      MEDIACTRL_STATE_SUCCESS,
+                                                      MEDIACTRL_STATE_SUCCESS,
+                                                      MEDIACTRL_STATE_SUCCESS,
+                                                      false,
+                                                      false};
 
 /// How an exchange ended.
 enum class EOutcome

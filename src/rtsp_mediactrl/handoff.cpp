@@ -2,15 +2,17 @@
 
 #include "rtsp_mediactrl.h"
 
+#include <algorithm>
+#include <iterator>
 #include <netinet/in.h>
+#include <utility>
 
 #include "tw_system.h"
 #include "zr_player.h"
 
-namespace
-{
+namespace {
 
-const char SEND_ONVIF_RTP[] = "CRtspMediaCtrl::sendOnvifRtp";
+const char g_szSendOnvifRtp[] = "CRtspMediaCtrl::sendOnvifRtp";
 
 constexpr ZR_ULONG HEADER_SIZE = 16;
 
@@ -39,7 +41,7 @@ std::string infoText(const COnvifInfo &oInfo)
             strText += strPiece;
         else
             RTSP_HANDOFF_LOG(WARNING, ZR_RTSP_INVALID_PARAMETER,
-                             "[%s] left out of the onvif rtp info, it does not fit: %s of %u bytes", SEND_ONVIF_RTP,
+                             "[%s] left out of the onvif rtp info, it does not fit: %s of %u bytes", g_szSendOnvifRtp,
                              pszKey, static_cast<ZR_ULONG>(strValue.size()));
     }
     return strText;
@@ -68,10 +70,11 @@ ZR_ULONG sendToLocalPort(const tagInfoPacket &stPacket, const std::string &strLo
 {
     constexpr int IPV4 = 2;
     constexpr int DATAGRAM = 2;
+    const CNoCancellation oNoCancellation; // it would leak the socket
     const int iSocket = VELK_socket(IPV4, DATAGRAM, 0);
     if (iSocket < 0)
     {
-        RTSP_HANDOFF_LOG(ERROR, ZR_RTSP_NO_SOCKET, "[%s] create socket error, system error is %d", SEND_ONVIF_RTP,
+        RTSP_HANDOFF_LOG(ERROR, ZR_RTSP_NO_SOCKET, "[%s] create socket error, system error is %d", g_szSendOnvifRtp,
                          VELK_getlasterr());
         return ZR_RTSP_NO_SOCKET;
     }
@@ -88,7 +91,7 @@ ZR_ULONG sendToLocalPort(const tagInfoPacket &stPacket, const std::string &strLo
         const int iSent = VELK_sendto(iSocket, pucNext, iRemaining, 0, reinterpret_cast<const sockaddr *>(&stTo),
                                       static_cast<int>(sizeof stTo));
         if (iSent < 0)
-            RTSP_HANDOFF_LOG(ERROR, ZR_RTSP_NO_SOCKET, "[%s] Send data error, system error is %d", SEND_ONVIF_RTP,
+            RTSP_HANDOFF_LOG(ERROR, ZR_RTSP_NO_SOCKET, "[%s] Send data error, system error is %d", g_szSendOnvifRtp,
                              VELK_getlasterr());
         if (iSent <= 0)
             break;
@@ -114,6 +117,6 @@ ZR_ULONG CRtspMediaCtrl::sendOnvifRtp()
     const int iResult = PlayerInputOnvifRtpInfo(m_ulPortID, stPacket.aucBytes, stPacket.ulLen);
     if (iResult != 0)
         RTSP_HANDOFF_LOG(ERROR, static_cast<ZR_ULONG>(iResult),
-                         "[%s] Input onvif rtp info data failed, error code is %d", SEND_ONVIF_RTP, iResult);
+                         "[%s] Input onvif rtp info data failed, error code is %d", g_szSendOnvifRtp, iResult);
     return static_cast<ZR_ULONG>(iResult);
 }

@@ -1,13 +1,10 @@
-// What keeps a session alive, and notices that it is not: the timers' steps, OPTIONS and SET_PARAMETER.
+// What keeps a session alive, and notices that it is not: the timers' steps and OPTIONS.
 
 #include "rtsp_mediactrl.h"
 
 #include "request.h"
 
-namespace
-{
-
-constexpr ZR_ULONG KIND_SUCCESS = 1;
+namespace {
 
 /// 13403 is expected as long as nothing plays.
 void logKeepLiveFailure(const char *pszFunction, ZR_ULONG ulResult)
@@ -22,50 +19,45 @@ void logKeepLiveFailure(const char *pszFunction, ZR_ULONG ulResult)
 void CRtspMediaCtrl::keepLive()
 {
     static const char szFunction[] = "CRtspMediaCtrl::keepLive";
-    inside(szFunction,
-           [&]
-           {
-               if (m_ulKeepLiveTick < m_ulKeepLivePeriod)
-               {
-                   ++m_ulKeepLiveTick;
-                   return;
-               }
-               m_ulKeepLiveTick = 1;
-               CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
-               if (!oGuard.locked())
-                   return;
-               if (m_bCheckMediaKeepLive == 1)
-               {
-                   m_ulKeepLiveFailCount =
-                       CJugeMediaKeepLive::CheckIfRecvPkt(m_ulPortID) == 0 ? m_ulKeepLiveFailCount + 1 : 0;
-                   if (m_ulKeepLiveFailCount > m_ulKeepLiveMaxFail)
-                   {
-                       char szPort[32];
-                       RTSP_LOG(ERROR, ZR_RTSP_FAILED,
-                                "[%s] %s Failed to keep live of Rtsp for [%u] times, period %u * 0.8s", szFunction,
-                                formatPort(szPort, m_ulPortID), m_ulKeepLiveMaxFail.load(), m_ulKeepLivePeriod.load());
-                       oGuard.release();
-                       notifyObservers(szFunction, ZR_RTSP_NOTICE_SILENT);
-                       if (!oGuard.retake())
-                           return;
-                       m_ulKeepLiveFailCount = 0;
-                   }
-               }
-               logKeepLiveFailure(szFunction, options());
-           });
+    inside(szFunction, [&] {
+        if (m_ulKeepLiveTick < m_ulKeepLivePeriod)
+        {
+            ++m_ulKeepLiveTick;
+            return;
+        }
+        m_ulKeepLiveTick = 1;
+        CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+        if (!oGuard.locked())
+            return;
+        if (m_bCheckMediaKeepLive == 1)
+        {
+            m_ulKeepLiveFailCount = CJugeMediaKeepLive::CheckIfRecvPkt(m_ulPortID) == 0 ? m_ulKeepLiveFailCount + 1 : 0;
+            if (m_ulKeepLiveFailCount > m_ulKeepLiveMaxFail)
+            {
+                char szPort[PORT_LABEL_SIZE];
+                RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] %s Failed to keep live of Rtsp for [%u] times, period %u * 0.8s",
+                         szFunction, formatPort(szPort, m_ulPortID), m_ulKeepLiveMaxFail.load(),
+                         m_ulKeepLivePeriod.load());
+                oGuard.release();
+                notifyObservers(szFunction, ZR_RTSP_NOTICE_SILENT);
+                if (!oGuard.retake())
+                    return;
+                m_ulKeepLiveFailCount = 0;
+            }
+        }
+        logKeepLiveFailure(szFunction, options());
+    });
 }
 
 /// One tick of the ONVIF timer.
 void CRtspMediaCtrl::onvifKeepLive()
 {
     static const char szFunction[] = "CRtspMediaCtrl::onvifKeepLive";
-    inside(szFunction,
-           [&]
-           {
-               const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
-               if (oGuard.locked() && m_oMediaAbility.isOnvif() == 1)
-                   logKeepLiveFailure(szFunction, set_parameter());
-           });
+    inside(szFunction, [&] {
+        const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+        if (oGuard.locked() && m_oMediaAbility.isOnvif() == 1)
+            logKeepLiveFailure(szFunction, set_parameter());
+    });
 }
 
 /// Sends an OPTIONS and does not wait; under m_oMutex.
@@ -89,18 +81,6 @@ ZR_ULONG CRtspMediaCtrl::options()
     return oRequest.send("[%s] send AOI_MSG_RTSP_OPTIONS message failed", ZR_RTSP_SEND_FAILED, ZR_RTSP_SEND_FAILED);
 }
 
-/// Sends a SET_PARAMETER that carries the session ID alone, and does not wait; under m_oMutex. Its failure is reported
-/// in the words of OPTIONS.
-/// @return 0; 1, 3, 13205 or 13805
-ZR_ULONG CRtspMediaCtrl::set_parameter()
-{
-    CAOIRequest oRequest("CRtspMediaCtrl::set_parameter", AOI_MSG_RTSP_SET_PARAMERTER, m_ulAOIPortID);
-    oRequest.header(ZR_RTSP_FAILED)
-        .add("[%s] add IE SessionID failed", ZR_RTSP_IE_NOT_ADDED, CAOIIETool::addAOIIESessionID,
-             m_oMediaAbility.getSessionID());
-    return oRequest.send("[%s] send AOI_MSG_RTSP_OPTIONS message failed", ZR_RTSP_SEND_FAILED, ZR_RTSP_SEND_FAILED);
-}
-
 /// Nobody waits for it: it switches media checking on, is a sign of life, and tells the position.
 ZR_ULONG CRtspMediaCtrl::AOIProcRtspOptionsRsp(const tagAOIMsg *pstAOIMsg)
 {
@@ -113,7 +93,7 @@ ZR_ULONG CRtspMediaCtrl::AOIProcRtspOptionsRsp(const tagAOIMsg *pstAOIMsg)
         RTSP_LOG(WARNING, ZR_RTSP_NO_SESSION, "[%s] no MediaCtrl alive, option response failed", szFunction);
         return ZR_RTSP_DISCARDED;
     }
-    if (pstAOIMsg->stHeader.ulMsgKind != KIND_SUCCESS)
+    if (pstAOIMsg->stHeader.ulMsgKind != MDP_MSG_KIND_SUCCESS)
     {
         RTSP_LOG(WARNING, ZR_RTSP_DISCARDED, "[%s] The AOI_MSG_RTSP_OPTIONS reply message not expected, [MsgType: %u]",
                  szFunction, pstAOIMsg->stHeader.ulMsgKind);

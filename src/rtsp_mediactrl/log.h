@@ -3,10 +3,6 @@
 /// qualified name of the logging function. Texts stand whole where they are logged, so that a log line can be found.
 #pragma once
 
-#include <cxxabi.h>
-#include <exception>
-#include <type_traits>
-
 #include "zr_common.h"
 
 inline constexpr ZR_ULONG MODULE_RTSP = 0x6000003;
@@ -29,28 +25,36 @@ inline constexpr char FILE_RTSP_MEDIACTRL[] = "rtsp_mediactrl";
 #define RTSP_HANDOFF_LOG(level, code, ...)                                                                             \
     RTSP_LOG_OF(level, code, MODULE_RTSP_HANDOFF, FILE_RTSP_MEDIACTRL, __VA_ARGS__)
 
-/// Runs what the host or the platform called, and lets nothing out: an exception is logged and becomes the failure.
-/// A thread's cancellation is no failure; it goes on.
-template <typename Body, typename... Failure>
-auto guarded(const char *pszFile, const char *pszFunction, Body &&fnBody, Failure... tFailure) -> decltype(fnBody())
+/// A line's text and where it stands, for texts that are handed on to who logs them. They take the function's name
+/// alone, or a speed after it.
+struct tagLogText
 {
-    using Result = decltype(fnBody());
-    try
+    tagLogText(const char *pszTheText, int iTheLine = __builtin_LINE())
+        : pszText(pszTheText)
+        , iLine(iTheLine)
     {
-        return fnBody();
     }
-    catch (abi::__forced_unwind &)
+    /// @param fTheSpeed  for the text's "%f"
+    tagLogText(const char *pszTheText, float fTheSpeed, int iTheLine = __builtin_LINE())
+        : pszText(pszTheText)
+        , bSpeed(true)
+        , fSpeed(fTheSpeed)
+        , iLine(iTheLine)
     {
-        throw;
     }
-    catch (const std::exception &oException)
-    {
-        RTSP_LOG_OF(ERROR, 1, MODULE_RTSP, pszFile, "[%s] unexpected exception: %s", pszFunction, oException.what());
-    }
-    catch (...)
-    {
-        RTSP_LOG_OF(ERROR, 1, MODULE_RTSP, pszFile, "[%s] unexpected exception", pszFunction);
-    }
-    if constexpr (!std::is_void_v<Result>)
-        return Result(tFailure...);
+
+    const char *pszText;
+    bool bSpeed = false;
+    float fSpeed = 0.0F;
+    int iLine;
+};
+
+inline void logText(tagZrLogLevel enLevel, ZR_ULONG ulCode, const tagLogText &stText, const char *pszFunction)
+{
+    if (stText.bSpeed)
+        CZRWriteLog::writeLog(enLevel, ulCode, MODULE_RTSP, FILE_RTSP_MEDIACTRL, stText.iLine, stText.pszText,
+                              pszFunction, static_cast<double>(stText.fSpeed));
+    else
+        CZRWriteLog::writeLog(enLevel, ulCode, MODULE_RTSP, FILE_RTSP_MEDIACTRL, stText.iLine, stText.pszText,
+                              pszFunction);
 }

@@ -6,11 +6,11 @@
 #include "rtsp_impl.h"
 #include "zr_cc_rt.h"
 
-namespace
-{
+namespace {
 
 constexpr ZR_USHORT DEFAULT_RTSP_PORT = 554;
-constexpr ZR_ULONG KEEPLIVE_TICK_MS = 800;
+
+const char g_szDestructor[] = "CRtspMediaCtrl::~CRtspMediaCtrl";
 
 /// A decoder description, parsed: tag, transport type, packet type.
 struct tagDecoderDesc
@@ -113,26 +113,36 @@ CRtspMediaCtrl::CRtspMediaCtrl(ZR_ULONG ulPortID, const std::string &strSrcUaID,
 {
     const ZR_USHORT usPort = usServerPort != 0 ? usServerPort : DEFAULT_RTSP_PORT;
     CRouteMgr::addUAAddr(strSrcUaID, strDstUaID, strServerIP, usPort);
-    m_oMediaAbility.setServerIP(strServerIP);
-    m_oMediaAbility.setServerPort(usPort);
-    m_oMediaAbility.setLocalIP(strLocalIP);
-    m_oMediaAbility.setLocalPort(usLocalPort);
-    m_oMediaAbility.setLocalUaID(strSrcUaID);
-    m_oMediaAbility.setRemoteUaID(strDstUaID);
-    CIAOIMsgDisp *pDispatcher = g_pAOIMsgDispInter;
-    if (pDispatcher != nullptr)
-        pDispatcher->registerAOIMsgProc(ulAOIPortID, this);
-    CJugeMediaKeepLive::RefreshMediaKeepLive(m_ulPortID);
-    m_fPlaySpeed = 0.0F;
+    try
+    {
+        m_oMediaAbility.setServerIP(strServerIP);
+        m_oMediaAbility.setServerPort(usPort);
+        m_oMediaAbility.setLocalIP(strLocalIP);
+        m_oMediaAbility.setLocalPort(usLocalPort);
+        m_oMediaAbility.setLocalUaID(strSrcUaID);
+        m_oMediaAbility.setRemoteUaID(strDstUaID);
+        CIAOIMsgDisp *pDispatcher = g_pAOIMsgDispInter;
+        if (pDispatcher != nullptr)
+            pDispatcher->registerAOIMsgProc(ulAOIPortID, this);
+        CJugeMediaKeepLive::RefreshMediaKeepLive(m_ulPortID);
+        m_fPlaySpeed = 0.0F;
+    }
+    catch (...) // there will be no destructor
+    {
+        unregisterFromDispatcher();
+        CRouteMgr::deleteUAAddr(strSrcUaID, strDstUaID);
+        throw;
+    }
 }
 
 CRtspMediaCtrl::~CRtspMediaCtrl()
 {
+    const CNoCancellation oNoCancellation; // a destructor cannot let it through
     try
     {
-        CRtspMediaCtrl::tearDown();
+        endSession();
         unregisterFromDispatcher();
-        leaveAlone();
+        endCallsInside();
         if (m_bAbilityFromHost == 0)
             m_oMediaAbility.release();
         CRouteMgr::deleteUAAddr(m_oMediaAbility.getLocalUaID(), m_oMediaAbility.getRemoteUaID());
@@ -140,8 +150,10 @@ CRtspMediaCtrl::~CRtspMediaCtrl()
     }
     catch (...)
     {
-        leaveAlone();
-        RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] Exception when resetDefault of Rtsp!", "CRtspMediaCtrl::~CRtspMediaCtrl");
+        RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] Exception when resetDefault of Rtsp!", g_szDestructor);
+        // nothing may reach the object any more, whichever step was left out
+        guarded(FILE_RTSP_MEDIACTRL, g_szDestructor, [&] { unregisterFromDispatcher(); });
+        guarded(FILE_RTSP_MEDIACTRL, g_szDestructor, [&] { endCallsInside(); });
     }
 }
 
@@ -152,20 +164,32 @@ void CRtspMediaCtrl::unregisterFromDispatcher()
     if (pDispatcher == nullptr)
         return;
     const ZR_ULONG ulAOIPortID = m_ulAOIPortID.exchange(0);
-    if (ulAOIPortID != 0)
-        pDispatcher->unregisterAOIMsgProc(ulAOIPortID);
+    if (ulAOIPortID == 0)
+        return;
+    if (CObserverList::insideNotification())
+        m_ulAOIPortIDLeft = ulAOIPortID;
+    pDispatcher->unregisterAOIMsgProc(ulAOIPortID);
 }
 
 /// Wakes who waits for an answer, and returns when no call is inside the object any more. An observer may have torn the
 /// session down a moment ago, on a call that still runs: so it is waited for even when nothing had to be unregistered.
-void CRtspMediaCtrl::leaveAlone()
+/// There the unregistering did not wait either, and a call may be on its way that is not counted yet: so it is
+/// repeated.
+void CRtspMediaCtrl::endCallsInside()
 {
     {
         const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
-        m_bLeaving = true;
-        signalResponse();
+        if (oGuard.locked()) // else nobody waits under it
+        {
+            m_bLeaving = true;
+            signalResponse();
+        }
     }
     m_oCalls.waitForNobody();
+    CIAOIMsgDisp *pDispatcher = g_pAOIMsgDispInter;
+    const ZR_ULONG ulAOIPortID = m_ulAOIPortIDLeft.exchange(0);
+    if (ulAOIPortID != 0 && pDispatcher != nullptr)
+        pDispatcher->unregisterAOIMsgProc(ulAOIPortID);
 }
 
 CMediaAbility &CRtspMediaCtrl::getMediaAbility(CMediaAbility &oOut)
@@ -176,31 +200,26 @@ CMediaAbility &CRtspMediaCtrl::getMediaAbility(CMediaAbility &oOut)
 
 void CRtspMediaCtrl::setMediaAbility(const CMediaAbility &oIn)
 {
-    inside("CRtspMediaCtrl::setMediaAbility",
-           [&]
-           {
-               m_oMediaAbility = oIn;
-               m_bAbilityFromHost = 1;
-           });
+    inside("CRtspMediaCtrl::setMediaAbility", [&] {
+        m_oMediaAbility = oIn;
+        m_bAbilityFromHost = 1;
+    });
 }
 
 void CRtspMediaCtrl::setDecoderDesc(const std::string &strDesc)
 {
-    inside("CRtspMediaCtrl::setDecoderDesc",
-           [&]
-           {
-               const tagDecoderDesc stDesc = parseDecoderDesc(strDesc);
-               m_oMediaAbility.setDecoderTag(stDesc.strTag);
-               m_oMediaAbility.setPacketType(stDesc.ulPacketType);
-               m_oMediaAbility.setTransportType(stDesc.ulTransportType);
-           });
+    inside("CRtspMediaCtrl::setDecoderDesc", [&] {
+        const tagDecoderDesc stDesc = parseDecoderDesc(strDesc);
+        m_oMediaAbility.setDecoderTag(stDesc.strTag);
+        m_oMediaAbility.setPacketType(stDesc.ulPacketType);
+        m_oMediaAbility.setTransportType(stDesc.ulTransportType);
+    });
 }
 
 ZR_ULONG CRtspMediaCtrl::attachObserver(CIMediaCtrlObserver *pObserver)
 {
     static const char szFunction[] = "CRtspMediaCtrl::attachObserver";
-    const auto fnAttach = [&]() -> ZR_ULONG
-    {
+    const auto fnAttach = [&]() -> ZR_ULONG {
         if (pObserver == nullptr)
         {
             RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] invalid parameter.", szFunction);
@@ -218,26 +237,23 @@ ZR_ULONG CRtspMediaCtrl::attachObserver(CIMediaCtrlObserver *pObserver)
 void CRtspMediaCtrl::detachObserver(CIMediaCtrlObserver *pObserver)
 {
     static const char szFunction[] = "CRtspMediaCtrl::detachObserver";
-    inside(szFunction,
-           [&]
-           {
-               if (pObserver == nullptr)
-               {
-                   RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] invalid parameter.", szFunction);
-                   return;
-               }
-               const ZR_ULONG ulResult = m_oObserverList.remove(pObserver);
-               if (ulResult != ZR_RTSP_OK)
-                   RTSP_LOG(ERROR, ulResult, "[%s] detach an observer failed.", szFunction);
-           });
+    inside(szFunction, [&] {
+        if (pObserver == nullptr)
+        {
+            RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] invalid parameter.", szFunction);
+            return;
+        }
+        const ZR_ULONG ulResult = m_oObserverList.remove(pObserver);
+        if (ulResult != ZR_RTSP_OK)
+            RTSP_LOG(ERROR, ulResult, "[%s] detach an observer failed.", szFunction);
+    });
 }
 
 std::string CRtspMediaCtrl::getRange()
 {
     return inside(
         "CRtspMediaCtrl::getRange",
-        [&]
-        {
+        [&] {
             const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
             return oGuard.locked() ? m_strRange : std::string();
         },
@@ -246,29 +262,26 @@ std::string CRtspMediaCtrl::getRange()
 
 void CRtspMediaCtrl::setPlaybackNowFlag(ZR_ULONG ulFlag)
 {
-    m_ulPlaybackNowFlag = ulFlag;
+    inside("CRtspMediaCtrl::setPlaybackNowFlag", [&] { m_ulPlaybackNowFlag = ulFlag; });
 }
 
 void CRtspMediaCtrl::setPlayNormalFlag(ZR_ULONG ulFlag)
 {
-    m_ulPlayNormalFlag = ulFlag;
+    inside("CRtspMediaCtrl::setPlayNormalFlag", [&] { m_ulPlayNormalFlag = ulFlag; });
 }
 
 void CRtspMediaCtrl::setKeepLiveInterval(ZR_ULONG ulMilliseconds)
 {
-    inside("CRtspMediaCtrl::setKeepLiveInterval",
-           [&]
-           {
-               if (m_oMediaAbility.isOnvif() != 1)
-                   m_ulKeepLivePeriod = ulMilliseconds / KEEPLIVE_TICK_MS;
-           });
+    inside("CRtspMediaCtrl::setKeepLiveInterval", [&] {
+        if (m_oMediaAbility.isOnvif() != 1)
+            m_ulKeepLivePeriod = ulMilliseconds / KEEPLIVE_TICK_MS;
+    });
 }
 
 ZR_ULONG CRtspMediaCtrl::setupToTV(ZR_ULONG ulProtocol, const tagTransportAddr &stTransport)
 {
     static const char szFunction[] = "CRtspMediaCtrl::setupToTV";
-    const auto fnSetup = [&]() -> ZR_ULONG
-    {
+    const auto fnSetup = [&]() -> ZR_ULONG {
         if (g_pAOIMsgDispInter == nullptr)
         {
             RTSP_LOG(ERROR, ZR_RTSP_NO_DISPATCHER, "[%s] can't find an AOI msg dispatch module", szFunction);
@@ -297,8 +310,7 @@ ZR_ULONG CRtspMediaCtrl::setupToTV(ZR_ULONG ulProtocol, const tagTransportAddr &
             .add("[%s] add IE SrcUaID failed", 0, CAOIIETool::addAOIIESrcUaID, m_oMediaAbility.getLocalUaID(), ulOnvif)
             .add("[%s] add IE DstUaID failed", 0, CAOIIETool::addAOIIEDstUaID, m_oMediaAbility.getRemoteUaID(), ulOnvif)
             .row("[%s] add IE AOI_IE_TRANSPORT failed", 0,
-                 [&](tagAOIMsg *pstMsg)
-                 {
+                 [&](tagAOIMsg *pstMsg) {
                      return CAOIIETool::addAOIIETransport(stTransport.strIP, stTransport.usPort,
                                                           static_cast<tagProtocol>(ulProtocol), pstMsg, 0);
                  })
@@ -314,27 +326,24 @@ ZR_ULONG CRtspMediaCtrl::setupToTV(ZR_ULONG ulProtocol, const tagTransportAddr &
 void CRtspMediaCtrl::teardownToTV()
 {
     static const char szFunction[] = "CRtspMediaCtrl::teardownToTV";
-    inside(szFunction,
-           [&]
-           {
-               if (g_pAOIMsgDispInter == nullptr)
-               {
-                   RTSP_LOG(ERROR, ZR_RTSP_NO_DISPATCHER, "[%s] can't find an AOI msg dispatch module", szFunction);
-                   return;
-               }
-               const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
-               if (!oGuard.locked())
-                   return;
-               if (m_ulState == MEDIACTRL_STATE_IDLE)
-               {
-                   RTSP_LOG(WARNING, ZR_RTSP_WRONG_STATE, "[%s] current RTSPMediaCtrl is idle", szFunction);
-                   return;
-               }
-               CAOIRequest oRequest(szFunction, AOI_MSG_RTSP_TEARDOWN, m_ulAOIPortID);
-               oRequest.header(0)
-                   .add("[%s] add IE SessionID failed", 0, CAOIIETool::addAOIIESessionID,
-                        m_oMediaAbility.getSessionID())
-                   .add("[%s] add IE AOI_IE_URL failed", 0, CAOIIETool::addAOIIEURL, m_strVodToTvURL)
-                   .send("[%s] send AOI_MSG_RTSP_TEARDOWN message failed", ZR_RTSP_SEND_FAILED, 0);
-           });
+    inside(szFunction, [&] {
+        if (g_pAOIMsgDispInter == nullptr)
+        {
+            RTSP_LOG(ERROR, ZR_RTSP_NO_DISPATCHER, "[%s] can't find an AOI msg dispatch module", szFunction);
+            return;
+        }
+        const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+        if (!oGuard.locked())
+            return;
+        if (m_ulState == MEDIACTRL_STATE_IDLE)
+        {
+            RTSP_LOG(WARNING, ZR_RTSP_WRONG_STATE, "[%s] current RTSPMediaCtrl is idle", szFunction);
+            return;
+        }
+        CAOIRequest oRequest(szFunction, AOI_MSG_RTSP_TEARDOWN, m_ulAOIPortID);
+        oRequest.header(0)
+            .add("[%s] add IE SessionID failed", 0, CAOIIETool::addAOIIESessionID, m_oMediaAbility.getSessionID())
+            .add("[%s] add IE AOI_IE_URL failed", 0, CAOIIETool::addAOIIEURL, m_strVodToTvURL)
+            .send("[%s] send AOI_MSG_RTSP_TEARDOWN message failed", ZR_RTSP_SEND_FAILED, 0);
+    });
 }

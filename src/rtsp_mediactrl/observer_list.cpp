@@ -4,8 +4,10 @@
 
 #include "ace/Guard_T.h"
 
-namespace
-{
+#include "guarded.h"
+#include "session_lock.h"
+
+namespace {
 
 thread_local unsigned g_uiNotificationDepth = 0;
 
@@ -20,18 +22,6 @@ public:
 
 } // namespace
 
-ACE_mutexattr_t *errorCheckingAttributes()
-{
-    static ACE_mutexattr_t stAttributes = []
-    {
-        ACE_mutexattr_t stNew;
-        pthread_mutexattr_init(&stNew);
-        pthread_mutexattr_settype(&stNew, PTHREAD_MUTEX_ERRORCHECK);
-        return stNew;
-    }();
-    return &stAttributes;
-}
-
 CObserverList::CObserverList()
     : m_oMutex(nullptr, errorCheckingAttributes())
 {
@@ -41,6 +31,8 @@ ZR_ULONG CObserverList::add(CIMediaCtrlObserver *pObserver)
 {
     if (pObserver == nullptr)
         return ZR_RTSP_INVALID_PARAMETER;
+    if (insideNotification())
+        return ZR_RTSP_LOCK_FAILED;
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oMutex);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
@@ -54,6 +46,8 @@ ZR_ULONG CObserverList::remove(CIMediaCtrlObserver *pObserver)
 {
     if (pObserver == nullptr)
         return ZR_RTSP_INVALID_PARAMETER;
+    if (insideNotification())
+        return ZR_RTSP_LOCK_FAILED;
     const ACE_Guard<ACE_Thread_Mutex> oGuard(m_oMutex);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
@@ -71,7 +65,7 @@ void CObserverList::notify(ZR_ULONG *pulCode, uintptr_t ulArgument)
         return;
     const CNotificationScope oScope;
     for (CIMediaCtrlObserver *pObserver : m_lstObservers)
-        pObserver->notify(pulCode, ulArgument);
+        guarded(FILE_RTSP_MEDIACTRL, "CObserverList::notify", [&] { pObserver->notify(pulCode, ulArgument); });
 }
 
 bool CObserverList::insideNotification()

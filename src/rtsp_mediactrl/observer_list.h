@@ -8,14 +8,11 @@
 
 #include "zr_rtsp/media_ctrl.h"
 
-/// Attributes of a mutex that refuses the thread that holds it already, instead of hanging it for ever: a guard then
-/// reports that it does not hold the lock. Valid as long as the library is loaded.
-ACE_mutexattr_t *errorCheckingAttributes();
-
 /// Pointers to the host's observers, in the order in which they were attached; it owns none.
 ///
 /// The list's mutex is taken last: after the registry's and after an object's. Observers are called with it held, so
-/// that an observer that was detached is not called any more; one that comes back in is refused with 10109.
+/// that an observer that was detached is not called any more. From inside a notification, of whichever object, adding
+/// and removing are refused with 10109: two notifications could wait for each other's lists.
 class CObserverList
 {
 public:

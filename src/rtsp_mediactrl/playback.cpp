@@ -7,8 +7,7 @@
 #include "request.h"
 #include "tw_system.h"
 
-namespace
-{
+namespace {
 
 const std::string PLAY_NORMAL_SUFFIX = "/play_normal";
 const std::string PLAYBACK_NOW_SUFFIX = "/playback_now";
@@ -20,7 +19,6 @@ constexpr ZR_ULONG QUIT_REASON_END_OF_STREAM = 2001;
 constexpr ZR_ULONG QUIT_REASON_DEFAULT = 2002;
 constexpr ZR_ULONG QUIT_REASON_SERVER_RESOURCES = 2003;
 constexpr ZR_ULONG ACTION_SESSION_LOST = 1;
-constexpr size_t PORT_LABEL_SIZE = 32;
 
 /// Scale by speed code; the codes 0 and 17 turn round for the "omz-v1" variant.
 constexpr float PLAY_SCALES[] = {256.0F, -256.0F, -16.0F, -8.0F, -4.0F, -2.0F, -1.0F,  -0.5F,  -0.25F,  0.25F,
@@ -88,8 +86,7 @@ float CRtspMediaCtrl::downloadSpeed(ZR_ULONG ulSpeed, int32_t iFullFrame)
 
 ZR_ULONG CRtspMediaCtrl::play(const std::string &strStartTime, const std::string &strStopTime)
 {
-    const auto fnPlay = [&]
-    {
+    const auto fnPlay = [&] {
         const ZR_ULONG ulHandOff = sendOnvifRtp();
         if (ulHandOff != ZR_RTSP_OK)
             return ulHandOff;
@@ -100,23 +97,24 @@ ZR_ULONG CRtspMediaCtrl::play(const std::string &strStartTime, const std::string
 
 ZR_ULONG CRtspMediaCtrl::playAtSpeed(ZR_ULONG ulSpeed)
 {
-    const auto fnPlay = [&]
-    { return playStatus(playFromHere(convetPlaySpeedParam(ulSpeed)), ZR_RTSP_SPEED_PLAY_FAILED); };
+    const auto fnPlay = [&] {
+        return playStatus(playFromHere(convetPlaySpeedParam(ulSpeed)), ZR_RTSP_SPEED_PLAY_FAILED);
+    };
     return inside("CRtspMediaCtrl::playAtSpeed", fnPlay, ZR_RTSP_SPEED_PLAY_FAILED);
 }
 
 ZR_ULONG CRtspMediaCtrl::changeSpeed(ZR_ULONG ulSpeed)
 {
-    const auto fnPlay = [&]
-    { return playStatus(playFromHere(convetPlaySpeedParam(ulSpeed)), ZR_RTSP_SPEED_CHANGE_FAILED); };
+    const auto fnPlay = [&] {
+        return playStatus(playFromHere(convetPlaySpeedParam(ulSpeed)), ZR_RTSP_SPEED_CHANGE_FAILED);
+    };
     return inside("CRtspMediaCtrl::changeSpeed", fnPlay, ZR_RTSP_SPEED_CHANGE_FAILED);
 }
 
 ZR_ULONG CRtspMediaCtrl::download(const std::string &strStartTime, const std::string &strStopTime, ZR_ULONG ulSpeed,
                                   int32_t iFullFrame)
 {
-    const auto fnPlay = [&]
-    {
+    const auto fnPlay = [&] {
         const float fScale = downloadSpeed(ulSpeed, iFullFrame);
         return playStatus(generalPlay(fScale, strStartTime, strStopTime), ZR_RTSP_SPEED_CHANGE_FAILED);
     };
@@ -146,20 +144,16 @@ ZR_ULONG CRtspMediaCtrl::sendGeneralPlay(const char *pszFunction, float fSpeed, 
     oRequest.header(ZR_RTSP_PLAY_FAILED)
         .add("[%s] add IE SessionID failed", ZR_RTSP_IE_NOT_ADDED, CAOIIETool::addAOIIESessionID,
              m_oMediaAbility.getSessionID())
-        .row("[%s] add IE AOI_IE_URL failed", ZR_RTSP_IE_NOT_ADDED,
-             [&](tagAOIMsg *pstMsg)
-             {
-                 const bool bSuffix = takesURLSuffix() && m_ulPlayNormalFlag == 1;
-                 return CAOIIETool::addAOIIEURL(bSuffix ? m_strURL + PLAY_NORMAL_SUFFIX : m_strURL, pstMsg);
-             });
+        .row("[%s] add IE AOI_IE_URL failed", ZR_RTSP_IE_NOT_ADDED, [&](tagAOIMsg *pstMsg) {
+            const bool bSuffix = takesURLSuffix() && m_ulPlayNormalFlag == 1;
+            return CAOIIETool::addAOIIEURL(bSuffix ? m_strURL + PLAY_NORMAL_SUFFIX : m_strURL, pstMsg);
+        });
     if (!strStartTime.empty() && m_oMediaAbility.getDecoderTag() != "omz-v1")
-        oRequest.row("[%s] add IE RangeTime failed", ZR_RTSP_DRAG_FAILED,
-                     [&](tagAOIMsg *pstMsg)
-                     {
-                         RTSP_LOG(INFO, 0, "[%s] start range time is %s, stop rang time is %s.", pszFunction,
-                                  strStartTime.c_str(), strStopTime.c_str());
-                         return CAOIIETool::addAOIIERangetime(strStartTime, strStopTime, pstMsg);
-                     });
+        oRequest.row("[%s] add IE RangeTime failed", ZR_RTSP_DRAG_FAILED, [&](tagAOIMsg *pstMsg) {
+            RTSP_LOG(INFO, 0, "[%s] start range time is %s, stop rang time is %s.", pszFunction, strStartTime.c_str(),
+                     strStopTime.c_str());
+            return CAOIIETool::addAOIIERangetime(strStartTime, strStopTime, pstMsg);
+        });
     // an ONVIF device is asked for a Scale only where it asked for credentials
     if (m_oMediaAbility.isOnvif() != 1 || !oInfo.m_strPlayAuth.empty())
         oRequest.row({"[%s] add IE Scale failed, the play speed is %f", fSpeed}, ZR_RTSP_IE_NOT_ADDED,
@@ -210,7 +204,6 @@ ZR_ULONG CRtspMediaCtrl::generalPlay(float fSpeed, const std::string &strStartTi
     case EOutcome::answered:
         break;
     }
-    m_ulPlayFlag = 1;
     return ZR_RTSP_OK;
 }
 
@@ -223,8 +216,7 @@ ZR_ULONG CRtspMediaCtrl::sendDragPlay(const char *pszFunction, const std::string
         .add("[%s] add IE SessionID failed", ZR_RTSP_DRAG_FAILED, CAOIIETool::addAOIIESessionID,
              m_oMediaAbility.getSessionID())
         .row("[%s] add IE AOI_IE_URL failed", ZR_RTSP_DRAG_FAILED,
-             [&](tagAOIMsg *pstMsg)
-             {
+             [&](tagAOIMsg *pstMsg) {
                  ZR_ULONG ulSet = 1;
                  const bool bSuffix = takesURLSuffix() && m_ulPlaybackNowFlag.compare_exchange_strong(ulSet, 0);
                  return CAOIIETool::addAOIIEURL(bSuffix ? m_strURL + PLAYBACK_NOW_SUFFIX : m_strURL, pstMsg);
@@ -242,8 +234,7 @@ ZR_ULONG CRtspMediaCtrl::sendDragPlay(const char *pszFunction, const std::string
 ZR_ULONG CRtspMediaCtrl::dragPlay(const std::string &strStartTime, const std::string &strStopTime, ZR_ULONG ulSpeed)
 {
     static const char szFunction[] = "CRtspMediaCtrl::dragPlay";
-    const auto fnDrag = [&]() -> ZR_ULONG
-    {
+    const auto fnDrag = [&]() -> ZR_ULONG {
         m_usRangeSkipCount = 1;
         CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
         if (!oGuard.locked())
@@ -273,7 +264,6 @@ ZR_ULONG CRtspMediaCtrl::dragPlay(const std::string &strStartTime, const std::st
         case EOutcome::answered:
             break;
         }
-        m_ulPlayFlag = 1;
         return ZR_RTSP_OK;
     };
     return inside(szFunction, fnDrag, ZR_RTSP_DRAG_FAILED);
@@ -285,23 +275,26 @@ ZR_ULONG CRtspMediaCtrl::AOIProcRtspPlayRsp(const tagAOIMsg *pstAOIMsg)
                                          MEDIACTRL_STATE_PLAY_WAIT,
                                          MEDIACTRL_STATE_PLAY_OK,
                                          MEDIACTRL_STATE_PLAY_FAIL,
+                                         "[%s] get AOI_MSG_RTSP_PLAY OK reponse message's IE SessionID failed",
                                          "[%s] get AOI_MSG_RTSP_PLAY reponse message's IE Errcode failed",
                                          "[%s] discard a Msg ",
                                          &CRtspMediaCtrl::takePlayAnswer};
-    return answer(stRule, pstAOIMsg);
+    return takeAnswer(stRule, pstAOIMsg);
 }
 
-ZR_ULONG CRtspMediaCtrl::takePlayAnswer(const tagAOIMsg *pstAOIMsg)
+/// The flag is set here, not by who waits: a tear-down between the two must have the last word.
+ZR_ULONG CRtspMediaCtrl::takePlayAnswer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg)
 {
-    return readOwnSessionID(pstAOIMsg, "CRtspMediaCtrl::AOIProcRtspPlayRsp",
-                            "[%s] get AOI_MSG_RTSP_PLAY OK reponse message's IE SessionID failed");
+    const ZR_ULONG ulResult = readOwnSessionID(pstAOIMsg, stRule.pszFunction, stRule.pszSessionText);
+    if (ulResult == ZR_RTSP_OK)
+        m_ulPlayFlag = 1;
+    return ulResult;
 }
 
 ZR_ULONG CRtspMediaCtrl::pause()
 {
     static const char szFunction[] = "CRtspMediaCtrl::pause";
-    const auto fnPause = [&]() -> ZR_ULONG
-    {
+    const auto fnPause = [&]() -> ZR_ULONG {
         CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
         if (!oGuard.locked())
             return ZR_RTSP_LOCK_FAILED;
@@ -352,16 +345,28 @@ ZR_ULONG CRtspMediaCtrl::AOIProcRtspPauseRsp(const tagAOIMsg *pstAOIMsg)
                                          MEDIACTRL_STATE_PAUSE_WAIT,
                                          MEDIACTRL_STATE_PAUSE_OK,
                                          MEDIACTRL_STATE_PAUSE_FAIL,
+                                         "[%s] get AOI_MSG_RTSP_PAUSE OK reponse message's IE SessionID failed",
                                          "[%s] get AOI_MSG_RTSP_PAUSE reponse message's IE Errcode failed",
                                          "[%s] discard a Msg",
                                          &CRtspMediaCtrl::takePauseAnswer};
-    return answer(stRule, pstAOIMsg);
+    return takeAnswer(stRule, pstAOIMsg);
 }
 
-ZR_ULONG CRtspMediaCtrl::takePauseAnswer(const tagAOIMsg *pstAOIMsg)
+ZR_ULONG CRtspMediaCtrl::takePauseAnswer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg)
 {
-    return readOwnSessionID(pstAOIMsg, "CRtspMediaCtrl::AOIProcRtspPauseRsp",
-                            "[%s] get AOI_MSG_RTSP_PAUSE OK reponse message's IE SessionID failed");
+    return readOwnSessionID(pstAOIMsg, stRule.pszFunction, stRule.pszSessionText);
+}
+
+/// Sends a SET_PARAMETER that carries the session ID alone, and does not wait; under m_oMutex. Its failure is reported
+/// in the words of OPTIONS.
+/// @return 0; 1, 3, 13205 or 13805
+ZR_ULONG CRtspMediaCtrl::set_parameter()
+{
+    CAOIRequest oRequest("CRtspMediaCtrl::set_parameter", AOI_MSG_RTSP_SET_PARAMERTER, m_ulAOIPortID);
+    oRequest.header(ZR_RTSP_FAILED)
+        .add("[%s] add IE SessionID failed", ZR_RTSP_IE_NOT_ADDED, CAOIIETool::addAOIIESessionID,
+             m_oMediaAbility.getSessionID());
+    return oRequest.send("[%s] send AOI_MSG_RTSP_OPTIONS message failed", ZR_RTSP_SEND_FAILED, ZR_RTSP_SEND_FAILED);
 }
 
 /// "[PortID: %u]", for the log.

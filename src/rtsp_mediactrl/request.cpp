@@ -1,10 +1,8 @@
 #include "request.h"
 
-#include "log.h"
 #include "tw_system.h"
 
-namespace
-{
+namespace {
 
 constexpr ZR_ULONG AOI_MSG_SIZE = 2048;
 constexpr ZR_ULONG NO_PARTICULAR_RECEIVER = 0xFFFFFFFF;
@@ -28,8 +26,7 @@ CAOIRequest::~CAOIRequest()
 
 CAOIRequest &CAOIRequest::header(ZR_ULONG ulStatus, int iLine)
 {
-    const auto fnHeader = [this](tagAOIMsg *)
-    {
+    const auto fnHeader = [this](tagAOIMsg *) {
         tagMDPMsgHeader stHeader = {};
         CAOIIETool::genAOIMsgHeader(m_ulMsgID, m_ulSrcID, NO_PARTICULAR_RECEIVER, stHeader);
         return MDP_CreatReqMsgHeader(&stHeader, m_pstMsg);
@@ -46,7 +43,7 @@ ZR_ULONG CAOIRequest::send(const tagLogText &stText, ZR_ULONG ulCode, ZR_ULONG u
         release();
         if (ulResult != ZR_RTSP_OK)
         {
-            log(stText, ulCode != 0 ? ulCode : ulResult);
+            logText(ZR_LOG_ERROR, ulCode != 0 ? ulCode : ulResult, stText, m_pszFunction);
             m_ulStatus = ulStatus != 0 ? ulStatus : ulResult;
         }
     }
@@ -55,16 +52,9 @@ ZR_ULONG CAOIRequest::send(const tagLogText &stText, ZR_ULONG ulCode, ZR_ULONG u
 
 void CAOIRequest::fail(const tagLogText &stText, ZR_ULONG ulResult, ZR_ULONG ulStatus)
 {
-    log(stText, ulResult);
+    logText(ZR_LOG_ERROR, ulResult, stText, m_pszFunction);
     release();
     m_ulStatus = ulStatus != 0 ? ulStatus : ulResult;
-}
-
-void CAOIRequest::log(const tagLogText &stText, ZR_ULONG ulCode) const
-{
-    // a text without "%f" leaves the speed unread
-    CZRWriteLog::writeLog(ZR_LOG_ERROR, ulCode, MODULE_RTSP, FILE_RTSP_MEDIACTRL, stText.iLine, stText.pszText,
-                          m_pszFunction, stText.dSpeed);
 }
 
 void CAOIRequest::release()

@@ -4,29 +4,10 @@
 
 #include <string>
 
+#include "log.h"
 #include "rtsp_impl.h"
 #include "zr_msg_dispatch.h"
 #include "zr_rtsp/codes.h"
-
-/// A failure's log text and the line it stands on. A text with "%f" takes a speed.
-struct tagLogText
-{
-    tagLogText(const char *pszTheText, int iTheLine = __builtin_LINE())
-        : pszText(pszTheText)
-        , iLine(iTheLine)
-    {
-    }
-    tagLogText(const char *pszTheText, float fTheSpeed, int iTheLine = __builtin_LINE())
-        : pszText(pszTheText)
-        , dSpeed(static_cast<double>(fTheSpeed))
-        , iLine(iTheLine)
-    {
-    }
-
-    const char *pszText;
-    double dSpeed = 0.0;
-    int iLine;
-};
 
 /// Owns the message of a request and takes the steps that all requests share. The steps are called in a row: after the
 /// first that fails the rest do nothing, the failure has been logged, and status() tells what the request returns. The
@@ -93,7 +74,6 @@ public:
 
 private:
     void fail(const tagLogText &stText, ZR_ULONG ulResult, ZR_ULONG ulStatus);
-    void log(const tagLogText &stText, ZR_ULONG ulCode) const;
     void release();
 
     const char *const m_pszFunction;

@@ -11,6 +11,7 @@
 #include "ace/Recursive_Thread_Mutex.h"
 
 #include "exchange.h"
+#include "guarded.h"
 #include "log.h"
 #include "observer_list.h"
 #include "session_lock.h"
@@ -18,8 +19,8 @@
 #include "zr_msg_dispatch.h"
 #include "zr_rtsp/media_ctrl.h"
 
-struct tagLogText;
-class CAOIRequest;
+/// The tick in which keep-alive periods are counted.
+inline constexpr ZR_ULONG KEEPLIVE_TICK_MS = 800;
 
 /// One RTSP media session. The host calls its CIMediaCtrl faces, the platform its CIAOIMsgProc face; the object never
 /// opens a connection: each request is an AOI message, and a request that waits meets its answer at m_oCond.
@@ -82,6 +83,8 @@ public:
 private:
     friend struct CRtspMediaCtrlProbe; // the tests' view of the fields
 
+    static constexpr size_t PORT_LABEL_SIZE = 32;
+
     /// What the three answers with states of their own have in common.
     struct tagAnswerRule
     {
@@ -89,9 +92,11 @@ private:
         ZR_ULONG ulWait;
         ZR_ULONG ulAnsweredOK;
         ZR_ULONG ulAnsweredFail;
-        const char *pszErrcodeText;
+        const char *pszSessionText; ///< a good answer's session ID cannot be read
+        const char *pszErrcodeText; ///< a refusal's status cannot be read
         const char *pszDiscardText;
-        ZR_ULONG (CRtspMediaCtrl::*pfnSuccess)(const tagAOIMsg *pstAOIMsg); ///< reads a good answer; 0 accepts it
+        /// Takes a good answer; 0 accepts it, another result leaves it unsignalled.
+        ZR_ULONG (CRtspMediaCtrl::*pfnTake)(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg);
     };
     struct tagProcRow;
 
@@ -108,11 +113,12 @@ private:
     int signalResponse();
     EOutcome exchange(const tagExchangeRule &stRule, CObjectGuard &oGuard, ZR_ULONG &ulRspResult);
     void beginExchange(const tagExchangeRule &stRule);
+    void endExchange(const tagExchange &stExchange);
     ZR_ULONG acceptAnswer(const char *pszFunction, ZR_ULONG ulWait);
 
     // signalling.cpp: the frame of the answers
     static bool isNull(const tagAOIMsg *pstAOIMsg, const char *pszFunction);
-    ZR_ULONG answer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg);
+    ZR_ULONG takeAnswer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg);
     void readErrcode(const tagAOIMsg *pstAOIMsg, const char *pszFunction, const tagLogText &stText);
     ZR_ULONG readOwnSessionID(const tagAOIMsg *pstAOIMsg, const char *pszFunction, const tagLogText &stText);
 
@@ -120,7 +126,7 @@ private:
     ZR_ULONG AOIProcRtspSetupRsp(const tagAOIMsg *pstAOIMsg);
     ZR_ULONG AOIProcRtspTeardownRsp(const tagAOIMsg *pstAOIMsg);
     ZR_ULONG AOIProcRtspSetParameterRsp(const tagAOIMsg *pstAOIMsg);
-    ZR_ULONG takeSetupAnswer(const tagAOIMsg *pstAOIMsg);
+    ZR_ULONG takeSetupAnswer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg);
     ZR_ULONG takeServerAddress(const tagAOIMsg *pstAOIMsg, const std::string &strSessionID);
     ZR_ULONG takeMulticastAddress(const tagAOIMsg *pstAOIMsg);
     static std::string withoutCredentialTail(const std::string &strURL);
@@ -129,8 +135,9 @@ private:
     ZR_ULONG setupSession(const char *pszFunction, const std::string &strURL, tagProtocol enProtocol);
 
     // object.cpp
+    void endSession();
     void unregisterFromDispatcher();
-    void leaveAlone();
+    void endCallsInside();
 
     // playback.cpp
     float convetPlaySpeedParam(ZR_ULONG ulSpeed);
@@ -146,8 +153,9 @@ private:
                           ZR_ULONG ulSpeed);
     ZR_ULONG AOIProcRtspPlayRsp(const tagAOIMsg *pstAOIMsg);
     ZR_ULONG AOIProcRtspPauseRsp(const tagAOIMsg *pstAOIMsg);
-    ZR_ULONG takePlayAnswer(const tagAOIMsg *pstAOIMsg);
-    ZR_ULONG takePauseAnswer(const tagAOIMsg *pstAOIMsg);
+    ZR_ULONG takePlayAnswer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg);
+    ZR_ULONG takePauseAnswer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg);
+    ZR_ULONG set_parameter();
     ZR_ULONG AOIProcRtspAdminAnnounReq(const tagAOIMsg *pstAOIMsg);
     ZR_ULONG AOIProcRtspNotifyReq(const tagAOIMsg *pstAOIMsg);
     void notifyObservers(const char *pszFunction, ZR_ULONG ulCode);
@@ -167,7 +175,6 @@ private:
 
     // liveness.cpp
     ZR_ULONG options();
-    ZR_ULONG set_parameter();
     ZR_ULONG AOIProcRtspOptionsRsp(const tagAOIMsg *pstAOIMsg);
 
     // handoff.cpp
@@ -199,6 +206,8 @@ private:
     std::atomic<ZR_ULONG> m_ulPlaybackNowFlag{0};
     std::atomic<ZR_ULONG> m_ulPlayNormalFlag{0};
 
+    /// Unregistered from inside a notification, where unregistering does not wait; 0: none.
+    std::atomic<ZR_ULONG> m_ulAOIPortIDLeft{0};
     ZR_ULONG m_ulLockDepth = 0;                ///< levels of m_oMutex that its thread holds; guarded by it
     std::shared_ptr<tagExchange> m_poExchange; ///< the newest outstanding, or none; guarded by m_oMutex
     bool m_bLeaving = false;                   ///< the destructor wakes who waits; guarded by m_oMutex

@@ -10,6 +10,10 @@
 
 #include "zr_types.h"
 
+/// Attributes of a mutex that refuses the thread that holds it already, instead of hanging it for ever: a guard then
+/// reports that it does not hold the lock. Valid as long as the library is loaded.
+ACE_mutexattr_t *errorCheckingAttributes();
+
 /// A scoped guard on an object's recursive mutex that also counts how deep its thread holds it: a wait on the object's
 /// condition must let go every level, and the condition itself lets go one.
 class CObjectGuard
@@ -50,6 +54,35 @@ public:
 private:
     ACE_Guard<ACE_Recursive_Thread_Mutex> m_oGuard;
     ZR_ULONG &m_ulDepth;
+};
+
+/// Lets every level of an object's mutex go but the one that a condition's wait lets go itself, and takes them all back
+/// at the end, also when the wait is left by a cancellation.
+class CLevelsLetGo
+{
+public:
+    CLevelsLetGo(ACE_Recursive_Thread_Mutex &oMutex, ZR_ULONG &ulDepth)
+        : m_oMutex(oMutex)
+        , m_ulDepth(ulDepth)
+        , m_ulLevels(ulDepth)
+    {
+        m_ulDepth = 0; // who takes the lock meanwhile counts from the start
+        for (ZR_ULONG ulLevel = 1; ulLevel < m_ulLevels; ++ulLevel)
+            m_oMutex.release();
+    }
+    ~CLevelsLetGo()
+    {
+        for (ZR_ULONG ulLevel = 1; ulLevel < m_ulLevels; ++ulLevel)
+            m_oMutex.acquire();
+        m_ulDepth = m_ulLevels;
+    }
+    CLevelsLetGo(const CLevelsLetGo &) = delete;
+    CLevelsLetGo &operator=(const CLevelsLetGo &) = delete;
+
+private:
+    ACE_Recursive_Thread_Mutex &m_oMutex;
+    ZR_ULONG &m_ulDepth;
+    const ZR_ULONG m_ulLevels;
 };
 
 /// Counts the calls that are inside an object. Its own lock is taken last and held for nothing but the count.

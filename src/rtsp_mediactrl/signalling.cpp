@@ -7,13 +7,22 @@
 #include "request.h"
 #include "rtsp_impl.h"
 
-namespace
-{
+namespace {
 
-constexpr ZR_ULONG KIND_REQUEST = 0;
-constexpr ZR_ULONG KIND_SUCCESS = 1;
-constexpr ZR_ULONG KIND_FAILURE = 2;
 constexpr float NO_PLAY_SPEED = -1.0F;
+
+const char g_szTearDown[] = "CRtspMediaCtrl::tearDown";
+const char g_szSetupRsp[] = "CRtspMediaCtrl::AOIProcRtspSetupRsp";
+
+/// The server's transport address, in its plain form or in that of a broadcast method.
+template <typename... Method>
+ZR_ULONG readTransport(const tagAOIMsg *pstAOIMsg, std::string &strIP, ZR_USHORT &usPort, Method... enMethod)
+{
+    const ZR_ULONG ulResult = CAOIIETool::getAOIIETransport(pstAOIMsg, enMethod..., strIP, usPort);
+    if (ulResult != ZR_RTSP_OK)
+        RTSP_LOG(ERROR, ulResult, "[%s] CAOIIETool::getAOIIETransport failed", g_szSetupRsp);
+    return ulResult;
+}
 
 } // namespace
 
@@ -23,8 +32,7 @@ void CRtspMediaCtrl::readErrcode(const tagAOIMsg *pstAOIMsg, const char *pszFunc
     ZR_ULONG ulErrcode = 0;
     const ZR_ULONG ulResult = CAOIIETool::getAOIIEErrcode(pstAOIMsg, ulErrcode);
     if (ulResult != ZR_RTSP_OK)
-        CZRWriteLog::writeLog(ZR_LOG_ERROR, ulResult, MODULE_RTSP, FILE_RTSP_MEDIACTRL, stText.iLine, stText.pszText,
-                              pszFunction);
+        logText(ZR_LOG_ERROR, ulResult, stText, pszFunction);
     m_ulRspResult = ulResult != ZR_RTSP_OK ? ulResult : ulErrcode;
 }
 
@@ -36,7 +44,7 @@ bool CRtspMediaCtrl::isNull(const tagAOIMsg *pstAOIMsg, const char *pszFunction)
 }
 
 /// The frame of the answers that have waiting states of their own.
-ZR_ULONG CRtspMediaCtrl::answer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg)
+ZR_ULONG CRtspMediaCtrl::takeAnswer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg)
 {
     if (isNull(pstAOIMsg, stRule.pszFunction))
         return ZR_RTSP_INVALID_PARAMETER;
@@ -45,20 +53,19 @@ ZR_ULONG CRtspMediaCtrl::answer(const tagAnswerRule &stRule, const tagAOIMsg *ps
         return ZR_RTSP_LOCK_FAILED;
 
     const ZR_ULONG ulKind = pstAOIMsg->stHeader.ulMsgKind;
-    if ((ulKind != KIND_SUCCESS && ulKind != KIND_FAILURE) || m_ulState != stRule.ulWait)
+    if ((ulKind != MDP_MSG_KIND_SUCCESS && ulKind != MDP_MSG_KIND_FAILURE) || m_ulState != stRule.ulWait)
     {
-        CZRWriteLog::writeLog(ZR_LOG_INFO, ZR_RTSP_DISCARDED, MODULE_RTSP, FILE_RTSP_MEDIACTRL, __LINE__,
-                              stRule.pszDiscardText, stRule.pszFunction);
+        logText(ZR_LOG_INFO, ZR_RTSP_DISCARDED, stRule.pszDiscardText, stRule.pszFunction);
         return ZR_RTSP_DISCARDED;
     }
-    if (ulKind == KIND_FAILURE)
+    if (ulKind == MDP_MSG_KIND_FAILURE)
     {
         readErrcode(pstAOIMsg, stRule.pszFunction, stRule.pszErrcodeText);
         m_ulState = stRule.ulAnsweredFail;
     }
     else
     {
-        const ZR_ULONG ulResult = (this->*stRule.pfnSuccess)(pstAOIMsg);
+        const ZR_ULONG ulResult = (this->*stRule.pfnTake)(stRule, pstAOIMsg);
         if (ulResult != ZR_RTSP_OK)
             return ulResult;
         m_ulRspResult = ZR_RTSP_OK;
@@ -75,8 +82,7 @@ ZR_ULONG CRtspMediaCtrl::readOwnSessionID(const tagAOIMsg *pstAOIMsg, const char
     const ZR_ULONG ulResult = CAOIIETool::getAOIIESessionID(pstAOIMsg, strSessionID);
     if (ulResult != ZR_RTSP_OK)
     {
-        CZRWriteLog::writeLog(ZR_LOG_ERROR, ulResult, MODULE_RTSP, FILE_RTSP_MEDIACTRL, stText.iLine, stText.pszText,
-                              pszFunction);
+        logText(ZR_LOG_ERROR, ulResult, stText, pszFunction);
         return ZR_RTSP_IE_UNREADABLE;
     }
     if (strSessionID != m_oMediaAbility.getSessionID())
@@ -123,8 +129,7 @@ ZR_ULONG CRtspMediaCtrl::AOIMsgPro(tagAOIMsg *pstAOIMsg)
     };
     static const char szFunction[] = "CRtspMediaCtrl::AOIMsgPro";
 
-    const auto fnDispatch = [&]() -> ZR_ULONG
-    {
+    const auto fnDispatch = [&]() -> ZR_ULONG {
         if (isNull(pstAOIMsg, szFunction))
             return ZR_RTSP_INVALID_PARAMETER;
         const tagMDPMsgHeader &stHeader = pstAOIMsg->stHeader;
@@ -132,19 +137,17 @@ ZR_ULONG CRtspMediaCtrl::AOIMsgPro(tagAOIMsg *pstAOIMsg)
         {
             if (stRow.ulMsgID != stHeader.ulMsgID)
                 continue;
-            const bool bAccepted = stRow.bRequest
-                                       ? stHeader.ulMsgKind == KIND_REQUEST
-                                       : stHeader.ulMsgKind != KIND_REQUEST && stHeader.ulDstID == m_ulAOIPortID;
+            const bool bAccepted =
+                stRow.bRequest ? stHeader.ulMsgKind == MDP_MSG_KIND_REQUEST
+                               : stHeader.ulMsgKind != MDP_MSG_KIND_REQUEST && stHeader.ulDstID == m_ulAOIPortID;
             if (!bAccepted)
             {
-                CZRWriteLog::writeLog(ZR_LOG_WARNING, ZR_RTSP_DISCARDED, MODULE_RTSP, FILE_RTSP_MEDIACTRL, __LINE__,
-                                      stRow.pszDiscardText, szFunction);
+                logText(ZR_LOG_WARNING, ZR_RTSP_DISCARDED, stRow.pszDiscardText, szFunction);
                 return ZR_RTSP_DISCARDED;
             }
             const ZR_ULONG ulResult = (this->*stRow.pfnHandler)(pstAOIMsg);
             if (ulResult != ZR_RTSP_OK)
-                CZRWriteLog::writeLog(ZR_LOG_ERROR, ulResult, MODULE_RTSP, FILE_RTSP_MEDIACTRL, __LINE__,
-                                      stRow.pszErrorText, szFunction);
+                logText(ZR_LOG_ERROR, ulResult, stRow.pszErrorText, szFunction);
             return ulResult;
         }
         RTSP_LOG(WARNING, ZR_RTSP_DISCARDED, "[%s] discard a Msg which ID is unknown, [ID: 0x%x]", szFunction,
@@ -174,8 +177,7 @@ ZR_ULONG CRtspMediaCtrl::setup(const std::string &strURL, tagProtocol enProtocol
 ZR_ULONG CRtspMediaCtrl::setup(const std::string &strURL, tagProtocol enProtocol, ZR_ULONG ulSpeed, int32_t iFullFrame)
 {
     static const char szFunction[] = "CRtspMediaCtrl::setup";
-    const auto fnSetup = [&]
-    {
+    const auto fnSetup = [&] {
         m_fPlaySpeed = downloadSpeed(ulSpeed, iFullFrame);
         const ZR_ULONG ulResult = static_cast<CIMediaCtrl *>(this)->setup(strURL, enProtocol);
         if (ulResult != ZR_RTSP_OK)
@@ -203,14 +205,12 @@ ZR_ULONG CRtspMediaCtrl::sendSetup(const char *pszFunction, const std::string &s
         .add("[%s] add IE AOI_IE_URL failed", 0, CAOIIETool::addAOIIEURL, withoutCredentialTail(strURL))
         .add("[%s] add IE SrcUaID failed", 0, CAOIIETool::addAOIIESrcUaID, m_oMediaAbility.getLocalUaID(), ulOnvif)
         .add("[%s] add IE DstUaID failed", 0, CAOIIETool::addAOIIEDstUaID, m_oMediaAbility.getRemoteUaID(), ulOnvif)
-        .row("[%s] add IE AOI_IE_TRANSPORT failed", 0,
-             [&](tagAOIMsg *pstMsg)
-             {
-                 const bool bMulticast = m_enBroadcastMethod == BROADCASTMETHOD_MULTICAST;
-                 return CAOIIETool::addAOIIETransport(bMulticast ? std::string() : m_oMediaAbility.getLocalIP(),
-                                                      m_oMediaAbility.getLocalPort(), m_enProtocol, m_enBroadcastMethod,
-                                                      pstMsg, 0);
-             });
+        .row("[%s] add IE AOI_IE_TRANSPORT failed", 0, [&](tagAOIMsg *pstMsg) {
+            const tagBroadcastmethod enMethod = m_enBroadcastMethod;
+            const bool bMulticast = enMethod == BROADCASTMETHOD_MULTICAST;
+            return CAOIIETool::addAOIIETransport(bMulticast ? std::string() : m_oMediaAbility.getLocalIP(),
+                                                 m_oMediaAbility.getLocalPort(), m_enProtocol, enMethod, pstMsg, 0);
+        });
     if (std::fabs(fSpeed - NO_PLAY_SPEED) > 0.00001F && ulOnvif == 0)
         oRequest.row({"[%s] add IE Scale failed, the play speed is %f", fSpeed}, ZR_RTSP_IE_NOT_ADDED,
                      [&](tagAOIMsg *pstMsg) { return CAOIIETool::addAOIIEScale(fSpeed, pstMsg); });
@@ -280,41 +280,25 @@ ZR_ULONG CRtspMediaCtrl::setupSession(const char *pszFunction, const std::string
 
 ZR_ULONG CRtspMediaCtrl::AOIProcRtspSetupRsp(const tagAOIMsg *pstAOIMsg)
 {
-    static const tagAnswerRule stRule = {"CRtspMediaCtrl::AOIProcRtspSetupRsp",
+    static const tagAnswerRule stRule = {g_szSetupRsp,
                                          MEDIACTRL_STATE_SETUP_WAIT,
                                          MEDIACTRL_STATE_SETUP_OK,
                                          MEDIACTRL_STATE_SETUP_FAIL,
+                                         "[%s] get AOI_MSG_RTSP_SETUP reponse message's IE SessionID failed",
                                          "[%s] get AOI_MSG_RTSP_SETUP reponse message's IE Errcode failed",
                                          "[%s] discard a Msg ",
                                          &CRtspMediaCtrl::takeSetupAnswer};
-    return answer(stRule, pstAOIMsg);
+    return takeAnswer(stRule, pstAOIMsg);
 }
-
-namespace
-{
-
-const char SETUP_RSP[] = "CRtspMediaCtrl::AOIProcRtspSetupRsp";
-
-/// The server's transport address, in its plain form or in that of a broadcast method.
-template <typename... Method>
-ZR_ULONG readTransport(const tagAOIMsg *pstAOIMsg, std::string &strIP, ZR_USHORT &usPort, Method... enMethod)
-{
-    const ZR_ULONG ulResult = CAOIIETool::getAOIIETransport(pstAOIMsg, enMethod..., strIP, usPort);
-    if (ulResult != ZR_RTSP_OK)
-        RTSP_LOG(ERROR, ulResult, "[%s] CAOIIETool::getAOIIETransport failed", SETUP_RSP);
-    return ulResult;
-}
-
-} // namespace
 
 /// A good SETUP answer. What cannot be read ends it; what was stored before stays.
-ZR_ULONG CRtspMediaCtrl::takeSetupAnswer(const tagAOIMsg *pstAOIMsg)
+ZR_ULONG CRtspMediaCtrl::takeSetupAnswer(const tagAnswerRule &stRule, const tagAOIMsg *pstAOIMsg)
 {
     std::string strSessionID;
     ZR_ULONG ulResult = CAOIIETool::getAOIIESessionID(pstAOIMsg, strSessionID);
     if (ulResult != ZR_RTSP_OK)
     {
-        RTSP_LOG(ERROR, ulResult, "[%s] get AOI_MSG_RTSP_SETUP reponse message's IE SessionID failed", SETUP_RSP);
+        logText(ZR_LOG_ERROR, ulResult, stRule.pszSessionText, stRule.pszFunction);
         return ZR_RTSP_IE_UNREADABLE;
     }
     m_oMediaAbility.setSessionID(strSessionID);
@@ -337,7 +321,8 @@ ZR_ULONG CRtspMediaCtrl::takeServerAddress(const tagAOIMsg *pstAOIMsg, const std
 {
     std::string strIP;
     ZR_USHORT usPort = 0;
-    if (m_enProtocol == PROTOCOL_TCP)
+    const tagProtocol enProtocol = m_enProtocol;
+    if (enProtocol == PROTOCOL_TCP)
     {
         const ZR_ULONG ulResult = readTransport(pstAOIMsg, strIP, usPort);
         if (ulResult != ZR_RTSP_OK)
@@ -345,7 +330,7 @@ ZR_ULONG CRtspMediaCtrl::takeServerAddress(const tagAOIMsg *pstAOIMsg, const std
         m_oMediaAbility.setServerIP(strIP);
         m_oMediaAbility.setServerPort(usPort);
     }
-    if (m_enProtocol != PROTOCOL_UDP)
+    if (enProtocol != PROTOCOL_UDP)
         return ZR_RTSP_OK;
 
     m_enBroadcastMethod = m_oMediaAbility.getOnvifInfo().m_enBroadcastMethod;
@@ -397,37 +382,36 @@ ZR_ULONG CRtspMediaCtrl::takeMulticastAddress(const tagAOIMsg *pstAOIMsg)
 
 void CRtspMediaCtrl::tearDown()
 {
-    static const char szFunction[] = "CRtspMediaCtrl::tearDown";
-    inside(szFunction,
-           [&]
-           {
-               if (g_pAOIMsgDispInter == nullptr)
-               {
-                   RTSP_LOG(ERROR, ZR_RTSP_NO_DISPATCHER, "[%s] can't find a AOI msg dispatch module", szFunction);
-                   return;
-               }
-               {
-                   const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
-                   if (!oGuard.locked())
-                       return;
-                   m_ulPlayFlag = 0;
-                   if (m_ulState == MEDIACTRL_STATE_IDLE)
-                   {
-                       RTSP_LOG(WARNING, ZR_RTSP_WRONG_STATE, "[%s] current RTSPMediaCtrl is idle", szFunction);
-                       return;
-                   }
-                   CAOIRequest oRequest(szFunction, AOI_MSG_RTSP_TEARDOWN, m_ulAOIPortID);
-                   oRequest.header(0)
-                       .add("[%s] add IE SessionID failed", 0, CAOIIETool::addAOIIESessionID,
-                            m_oMediaAbility.getSessionID())
-                       .add("[%s] add IE AOI_IE_URL failed", 0, CAOIIETool::addAOIIEURL, m_strURL)
-                       .add("[%s] add IE Authorization failed", 0, CAOIIETool::addAOIIEAuth,
-                            m_oMediaAbility.getOnvifInfo().m_strTeardownAuth);
-                   if (oRequest.send("[%s] send AOI_MSG_RTSP_TEARDOWN message failed", ZR_RTSP_SEND_FAILED, 0) !=
-                       ZR_RTSP_OK)
-                       return;
-               }
-               unregisterFromDispatcher();
-               RTSP_LOG(INFO, 0, "[%s] successful stop the MediaCtrl relationship.", szFunction);
-           });
+    inside(g_szTearDown, [&] { endSession(); });
+}
+
+/// Sends a TEARDOWN, and ends the registration once it was accepted.
+void CRtspMediaCtrl::endSession()
+{
+    if (g_pAOIMsgDispInter == nullptr)
+    {
+        RTSP_LOG(ERROR, ZR_RTSP_NO_DISPATCHER, "[%s] can't find a AOI msg dispatch module", g_szTearDown);
+        return;
+    }
+    {
+        const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+        if (!oGuard.locked())
+            return;
+        m_ulPlayFlag = 0;
+        if (m_ulState == MEDIACTRL_STATE_IDLE)
+        {
+            RTSP_LOG(WARNING, ZR_RTSP_WRONG_STATE, "[%s] current RTSPMediaCtrl is idle", g_szTearDown);
+            return;
+        }
+        CAOIRequest oRequest(g_szTearDown, AOI_MSG_RTSP_TEARDOWN, m_ulAOIPortID);
+        oRequest.header(0)
+            .add("[%s] add IE SessionID failed", 0, CAOIIETool::addAOIIESessionID, m_oMediaAbility.getSessionID())
+            .add("[%s] add IE AOI_IE_URL failed", 0, CAOIIETool::addAOIIEURL, m_strURL)
+            .add("[%s] add IE Authorization failed", 0, CAOIIETool::addAOIIEAuth,
+                 m_oMediaAbility.getOnvifInfo().m_strTeardownAuth);
+        if (oRequest.send("[%s] send AOI_MSG_RTSP_TEARDOWN message failed", ZR_RTSP_SEND_FAILED, 0) != ZR_RTSP_OK)
+            return;
+    }
+    unregisterFromDispatcher();
+    RTSP_LOG(INFO, 0, "[%s] successful stop the MediaCtrl relationship.", g_szTearDown);
 }
