@@ -32,7 +32,6 @@ struct Raw
 {
     std::string url;
     Credentials credentials;
-    std::string speed;
     bool tcp = false;
 };
 
@@ -71,7 +70,7 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
     app.add_flag("--udp", "Receive media over UDP (default)")->excludes(tcp);
     app.add_option("--from", play.playback.from, "Begin: seconds, hh:mm:ss, or YYYYMMDDThhmmssZ");
     app.add_option("--to", play.playback.to, "End, likewise");
-    app.add_option("--speed", raw.speed, "Factor from 0.125 to 16, negative for backwards; or code:N, N from 0 to 19");
+    app.add_option("--speed", play.speed, "Factor from 0.125 to 16, negative for backwards; or code:N, N from 0 to 19");
     app.add_option("--duration", play.duration, "Seconds of media; without it until its end or Ctrl-C")
         ->check(CLI::PositiveNumber);
     auto *pauseAt =
@@ -99,9 +98,9 @@ void understand(const Raw &raw, Options &options)
         credentials.password = raw.credentials.password;
     }
     urlForDescribe(options.common.source.url.text, credentials); // refuses what cannot be handed over
-    if (!raw.speed.empty())
+    if (!options.play.speed.empty())
     {
-        options.play.playback.speedCode = speedCode(raw.speed);
+        options.play.playback.speedCode = speedCode(options.play.speed);
     }
     options.play.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
 }

@@ -23,6 +23,7 @@ struct PlayOptions
 {
     tagProtocol protocol = PROTOCOL_UDP;
     Playback playback;
+    std::string speed;              ///< as it was given, to be shown
     std::optional<double> duration; ///< seconds of media; none: until its end or Ctrl-C
     std::optional<double> pauseAt;  ///< seconds of media before the pause
     double pauseFor = 2;            ///< seconds

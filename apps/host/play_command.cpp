@@ -150,6 +150,7 @@ void Play::start()
     std::string text = "playing";
     text += m_options.playback.from.empty() ? "" : " from " + m_options.playback.from;
     text += m_options.playback.to.empty() ? "" : " to " + m_options.playback.to;
+    text += m_options.speed.empty() ? "" : " at speed " + m_options.speed;
     m_report.event("playing", text, nullptr);
 }
 

@@ -1,0 +1,140 @@
+// The host's parts that need no device: URLs and credentials, speeds, descriptions.
+
+#include <gtest/gtest.h>
+
+#include "failure.h"
+#include "sdp.h"
+#include "speed.h"
+#include "url.h"
+
+namespace zr::host
+{
+namespace
+{
+
+struct Cut
+{
+    std::string url, user, password;
+};
+
+// How the plug-in cuts the argument of describe.
+Cut cutAsThePluginDoes(const std::string &argument)
+{
+    const size_t auth = argument.find("auth");
+    if (auth == std::string::npos)
+    {
+        return {argument, "", ""};
+    }
+    const size_t user = argument.find("username=");
+    const size_t password = argument.find("password=");
+    return {argument.substr(0, auth - 1), argument.substr(user + 9, password - user - 10),
+            argument.substr(password + 9, argument.size() - password - 10)};
+}
+
+TEST(HostUrl, reachesThePluginWithItsCredentials)
+{
+    struct Case
+    {
+        const char *typed, *user, *password, *cutUrl;
+    };
+    const Case cases[] = {
+        {"rtsp://h/live", "u", "p", "rtsp://h/live"},
+        {"rtsp://h/live", "u", "", "rtsp://h/live"},
+        {"rtsp://h/live", "", "", "rtsp://h/live"},
+        {"rtsp://h:8554/auth/author?x=auth", "", "", "rtsp://h:8554/%61uth/%61uthor?x=%61uth"},
+        {"rtsp://h/a?auth&username=x&password=y&", "u", "p", "rtsp://h/a?%61uth&%75sername=x&%70assword=y&"},
+        {"rtsp://auth.example/a", "u", "p", "rtsp://Auth.example/a"},
+        {"rtsp://h/s?username=x&password=y", "", "", "rtsp://h/s?username=x&password=y"},
+        {"rtsp://h/s", "auth&username=", "auth&password=&username=", "rtsp://h/s"},
+        {"rtsp://h/s", "u&", "p&&", "rtsp://h/s"},
+        {"rtsp://h/s#part", "u", "p", "rtsp://h/s"},
+    };
+    for (const Case &one : cases)
+    {
+        SCOPED_TRACE(one.typed);
+        const Cut cut = cutAsThePluginDoes(urlForDescribe(parseUrl(one.typed).text, {one.user, one.password}));
+        EXPECT_EQ(cut.url, one.cutUrl);
+        EXPECT_EQ(cut.user, one.user);
+        EXPECT_EQ(cut.password, one.password);
+    }
+    EXPECT_EQ(urlForSetup("rtsp://h/auth/track?username=1"), "rtsp://h/%61uth/track?username=1");
+    EXPECT_THROW(urlForDescribe("rtsp://h/", {"a&password=b", "c"}), Failure);
+    EXPECT_THROW(urlForDescribe("rtsp://h/", {"a", "b\r\nX: y"}), Failure);
+}
+
+TEST(HostUrl, isTakenApart)
+{
+    struct Case
+    {
+        const char *typed, *text, *host;
+        int port;
+        const char *user, *password;
+    };
+    const Case cases[] = {
+        {"rtsp://h", "rtsp://h", "h", 554, "", ""},
+        {"rtsps://h/x", "rtsps://h/x", "h", 322, "", ""},
+        {"rtsp://h:1?q", "rtsp://h:1?q", "h", 1, "", ""},
+        {"rtsp://u:p%40:q@h:65535/x@y", "rtsp://h:65535/x@y", "h", 65535, "u", "p@:q"},
+        {"rtsp://u@v@h/", "rtsp://h/", "h", 554, "u@v", ""},
+    };
+    for (const Case &one : cases)
+    {
+        SCOPED_TRACE(one.typed);
+        const Url url = parseUrl(one.typed);
+        EXPECT_EQ(url.text, one.text);
+        EXPECT_EQ(url.host, one.host);
+        EXPECT_EQ(url.port, one.port);
+        EXPECT_EQ(url.credentials.user, one.user);
+        EXPECT_EQ(url.credentials.password, one.password);
+    }
+    for (const char *wrong :
+         {"", "h", "http://h/", "rtsp://", "rtsp:///x", "rtsp://h:/", "rtsp://h:0/", "rtsp://h:65536/", "rtsp://h:-1/",
+          "rtsp://[::1]/", "rtsp://u:%4@h/", "rtsp://h/a b", "rtsp://h/\r\nX: y"})
+    {
+        EXPECT_THROW(parseUrl(wrong), Failure) << wrong;
+    }
+}
+
+TEST(HostSpeed, isAFactorOrACode)
+{
+    EXPECT_EQ(speedCode("1"), std::nullopt);
+    EXPECT_EQ(speedCode("1.0x"), std::nullopt);
+    EXPECT_EQ(speedCode("0.125"), 19u);
+    EXPECT_EQ(speedCode("16x"), 15u);
+    EXPECT_EQ(speedCode("-0.25"), 8u);
+    EXPECT_EQ(speedCode("-16"), 2u);
+    EXPECT_EQ(speedCode("code:0"), 0u);
+    EXPECT_EQ(speedCode("code:11"), 11u);
+    EXPECT_EQ(speedFactor(speedCode("-4")), -4);
+    EXPECT_EQ(speedFactor(std::nullopt), 1);
+    for (const char *wrong : {"", "x", "3", "0", "nan", "2y", "code:", "code:20", "code:-1", "code:1.5"})
+    {
+        EXPECT_THROW(speedCode(wrong), Failure) << wrong;
+    }
+}
+
+TEST(HostDescription, isReadAsFarAsItIsUnderstood)
+{
+    const Description described = parseDescription(
+        "v=0\r\ns=Camera\r\na=tool:t 1\r\na=range:npt=0-24.5\r\na=control:*\r\n"
+        "m=audio 0 RTP/AVP 0\na=control:rtsp://h/a\n"
+        "m=video 0 RTP/AVP 96 97\r\na=rtpmap:97 H265/90000\r\na=rtpmap:96 H264/90000\r\na=control:v\r\n"
+        "m=application\r\na=rtpmap:\r\n");
+    ASSERT_EQ(described.tracks.size(), 3u);
+    EXPECT_EQ(described.name, "Camera");
+    EXPECT_EQ(described.length(), 24.5);
+    const Track *video = described.first("video");
+    ASSERT_NE(video, nullptr);
+    EXPECT_EQ(video->codec, "H264");
+    EXPECT_EQ(video->clockRate, 90000);
+    EXPECT_EQ(controlUrl("rtsp://h/x", video->control), "rtsp://h/x/v");
+    EXPECT_EQ(controlUrl("rtsp://h/x/", video->control), "rtsp://h/x/v");
+    EXPECT_EQ(controlUrl("rtsp://h/x", described.first("audio")->control), "rtsp://h/a");
+    EXPECT_EQ(controlUrl("rtsp://h/x", "*"), "rtsp://h/x");
+    EXPECT_EQ(described.first("text"), nullptr);
+    EXPECT_FALSE(parseDescription("a=range:npt=now-\r\n").length());
+    EXPECT_TRUE(parseDescription("").tracks.empty());
+}
+
+} // namespace
+} // namespace zr::host

@@ -1,0 +1,53 @@
+"""The host plays every mount of the device, over both transports, with and without authentication."""
+
+import unittest
+
+from programs import OK, PASSWORD, USER, HostTest
+
+
+class PlayTest(HostTest):
+    def play(self, device, mount, transport, *options):
+        picture = self.file("picture.png")
+        result = self.run_host(OK, "play", device.url(mount), transport, "--duration", "1.5", "--snapshot", picture,
+                               *options)
+        self.check_picture(picture)
+        self.assertIn(f"set up video over {transport[2:].upper()}", result.out)
+        self.assertRegex(result.out, r"received [1-9]\d+ packets, .* lost 0\n")
+        self.assertEqual("set up audio" in result.out, mount != "video")
+        return result
+
+    def test_everybody_may_come_in(self):
+        device = self.device()
+        for mount, transport in (("live", "--udp"), ("live", "--tcp"), ("video", "--udp"), ("video", "--tcp"),
+                                 ("vod", "--udp"), ("vod", "--tcp")):
+            with self.subTest(mount=mount, transport=transport):
+                self.play(device, mount, transport)
+        with self.subTest("a source that is not ONVIF"):
+            self.play(device, "live", "--udp", "--tag", "plain")
+
+    def test_authentication(self):
+        for method in ("basic", "digest"):
+            device = self.device("--user", USER, "--password", PASSWORD, "--auth", method)
+            for mount, transport in (("live", "--tcp"), ("vod", "--udp")):
+                with self.subTest(method=method, mount=mount, transport=transport):
+                    self.play(device, mount, transport, "--user", USER, "--password", PASSWORD)
+
+    def test_credentials_in_the_url(self):
+        device = self.device("--user", "a", "--password", "p@ss")
+        url = device.url("video").replace("rtsp://", "rtsp://a:p%40ss@")
+        result = self.run_host(OK, "play", url, "--duration", "0.5")
+        self.assertNotIn("p@ss", result.out + result.err)
+        self.assertNotIn("p%40ss", result.out + result.err)
+
+    def test_recording(self):
+        device = self.device()
+        for mount, transport, audio in (("live", "--udp", "audio/x-mulaw"), ("live", "--tcp", "audio/x-mulaw"),
+                                        ("vod", "--tcp", "audio/x-alaw")):
+            with self.subTest(mount=mount, transport=transport):
+                recording = self.file(f"{mount}{transport}.mkv")
+                self.run_host(OK, "play", device.url(mount), transport, "--duration", "4", "--record", recording)
+                self.check_recording(recording, 4, "video/x-h264", audio, "width=(int)640")
+
+
+if __name__ == "__main__":
+    unittest.main()
