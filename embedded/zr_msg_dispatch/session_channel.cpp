@@ -81,6 +81,8 @@ bool SessionChannel::prepareConnection(const Accepted &accepted)
         if (m_connection)
             failAll("the route leads elsewhere now");
         dropConnection();
+        if (m_interleaved)
+            closePort();
         resetSession();
         m_target = *accepted.target;
     }
@@ -215,6 +217,7 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
     const Mapped mapped = mapResponse(request, exchange.url, response, m_session, m_connection->ends());
     if (isUnauthorized(response)) // by the name under which the connection is opened again
         m_session.challengedBy = hostAndPort({m_target.host, m_target.port});
+    m_tornDown = isTeardown(request.messageId) && isSuccess(response);
     if (request.messageId == AOI_MSG_RTSP_PLAY && isSuccess(response))
         m_session.played = true;
     if (!mapped.problem.empty())
@@ -228,8 +231,7 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
 void SessionChannel::setUpTrack(const Mapped &mapped)
 {
     m_interleaved = m_interleaved || mapped.track->interleaved;
-    if (!m_port)
-        m_port = media::findByAoiPort(m_registration->id);
+    m_port = media::findByAoiPort(m_registration->id);
     if (!m_port)
         return; // a host that only controls
     media::InterleavedWriter writer;
@@ -279,10 +281,11 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
         finish();
         return;
     }
-    const bool quiet = orderly && !m_exchanges.awaited() && !m_interleaved;
-    const bool goesOn = quiet && m_session.setups > 0;
+    const bool quiet = orderly && !m_exchanges.awaited() && (m_tornDown || !m_interleaved);
+    const bool goesOn = quiet && !m_tornDown && m_session.setups > 0;
+    const bool wanted = m_tornDown || m_exchanges.hasTeardown();
     if (quiet)
-        ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: %s; the next request opens it again", name().c_str(), reason.c_str());
+        ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: %s", name().c_str(), reason.c_str());
     else
         ZR_PLATFORM_LOG(WARNING, codeConnection, Dispatch, "%s: %s: %s", name().c_str(),
                         m_wasUp ? "the connection is lost" : "no connection", reason.c_str());
@@ -292,7 +295,7 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
         return;
     if (m_interleaved)
         closePort();
-    if (m_session.played)
+    if (m_session.played && !wanted)
         notifyLost();
     resetSession();
 }
@@ -304,6 +307,7 @@ void SessionChannel::resetSession()
     m_session = Session();
     m_session.challengedBy = std::move(challenger);
     m_interleaved = false;
+    m_tornDown = false;
 }
 
 // ---- what goes up

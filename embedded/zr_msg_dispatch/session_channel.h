@@ -84,6 +84,7 @@ private:
     Session m_session;
     bool m_wasUp = false; ///< the connection
     bool m_interleaved = false;
+    bool m_tornDown = false;     ///< the last answer was that to a TEARDOWN: the server may close now
     bool m_mayReconnect = false; ///< a UDP session whose server closed between requests
     std::shared_ptr<media::Port> m_port;
 

@@ -201,6 +201,16 @@ TEST_F(EngineFailure, ReconnectsOrReportsTheLoss)
     EXPECT_EQ(messages[2].messageId, AOI_MSG_INTERNAL_NOTIFY_RTSP);
     EXPECT_EQ(messages[2].kind, 0U);
     EXPECT_THAT(port->events(2).back(), "closed");
+
+    ScriptedServer ending({{{"SETUP", {setupAnswer}},
+                            {"PLAY", {ok("Session: S1\r\n")}},
+                            {"TEARDOWN", {ok("Session: S1\r\n")}, After::Close}}});
+    Client tornDown(engine, 8, "127.0.0.1", ending.port());
+    ASSERT_EQ(tornDown.setup(), 0U);
+    ASSERT_EQ(tornDown.send(AOI_MSG_RTSP_PLAY), 0U);
+    ASSERT_EQ(tornDown.send(AOI_MSG_RTSP_TEARDOWN), 0U);
+    ASSERT_TRUE(ending.ended(1));
+    EXPECT_THAT(tornDown.recorder.messages(4, 30ms), SizeIs(3)); // no notice of what was asked for
 }
 
 TEST_F(EngineFailure, KeepsCredentialsFromOtherHosts)

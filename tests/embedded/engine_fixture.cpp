@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -193,7 +194,10 @@ uint16_t silentPort(bool full)
     auto *const plain = reinterpret_cast<sockaddr *>(&address);
     getsockname(listener, plain, &size);
     for (int filler = 0; full && filler < 4; ++filler)
-        connect(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), plain, size);
+    {
+        const int waiting = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        EXPECT_TRUE(connect(waiting, plain, size) == 0 || errno == EINPROGRESS);
+    }
     return port;
 }
 
