@@ -64,12 +64,23 @@ TEST_F(ObjectTest, anObjectIsConstructedAndDestroyedInOrder)
 
 TEST_F(ObjectTest, deletionTearsTheSessionDownFirst)
 {
-    Session session;
-    session.inState(3);
-    platform.fail("send"); // stays registered, so the destructor unregisters
-    EXPECT_EQ(0U, session.remove());
-    EXPECT_EQ("4:13205:[CRtspMediaCtrl::tearDown] send AOI_MSG_RTSP_TEARDOWN message failed", platform.logs()[0]);
-    EXPECT_THAT(platform.events(), ElementsAre("unregister(77)", "release", "deleteUAAddr(src,dst)", "refresh(5)"));
+    for (const bool sent :
+         {true, false}) // what could not be sent leaves it registered; then the destructor unregisters
+    {
+        Session session;
+        session.inState(3);
+        if (!sent)
+            platform.fail("send");
+        EXPECT_EQ(0U, session.remove());
+        EXPECT_EQ(sent ? "2:0:[CRtspMediaCtrl::tearDown] successful stop the MediaCtrl relationship."
+                       : "4:13205:[CRtspMediaCtrl::tearDown] send AOI_MSG_RTSP_TEARDOWN message failed",
+                  platform.logs()[0]);
+        if (sent)
+        {
+            EXPECT_EQ(AOI_PORT, platform.requests().at(0).source);
+        }
+        EXPECT_THAT(platform.events(), ElementsAre("unregister(77)", "release", "deleteUAAddr(src,dst)", "refresh(5)"));
+    }
 }
 
 TEST_F(ObjectTest, aThrowingPlatformDoesNotEscape)
