@@ -6,13 +6,15 @@
 #include <string>
 #include <vector>
 
-namespace zr::route
-{
+namespace zr::route {
 
 struct Address
 {
     std::string host;
     uint16_t port = 0;
+
+    bool operator==(const Address &other) const { return host == other.host && port == other.port; }
+    bool operator!=(const Address &other) const { return !(*this == other); }
 };
 
 /// The addresses under which a UA pair is registered, each once: none, one (the route), or more (no route, for nobody

@@ -13,11 +13,9 @@
 
 #include <ace/SOCK_Connector.h>
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
-namespace
-{
+namespace {
 
 /// What one wake-up reads at most, so that no server starves the others.
 constexpr size_t readBudget = 65536;
@@ -52,10 +50,11 @@ void tune(int handle)
 
 } // namespace
 
-Connection::Connection(IoLoop &loop, const Settings &settings, Owner &owner)
+Connection::Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security)
     : m_loop(loop)
     , m_settings(settings)
     , m_owner(&owner)
+    , m_security(std::move(security))
     , m_parser(limitsOf(settings))
     , m_timer(loop, [this] { onTimer(); })
 {
@@ -142,14 +141,33 @@ void Connection::finishConnect()
     socklen_t size = sizeof(error);
     if (getsockopt(m_stream.get_handle(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
         error = errno;
-    if (error == 0)
+    if (error != 0)
     {
-        becomeUp();
+        m_lastFailure = systemText(error);
+        abandonAttempt();
+        tryNextAddress();
         return;
     }
-    m_lastFailure = systemText(error);
-    abandonAttempt();
-    tryNextAddress();
+    m_timer.stop();
+    m_loop.reactor().cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK);
+    m_loop.reactor().schedule_wakeup(this, ACE_Event_Handler::READ_MASK);
+    if (secure())
+        beginTls();
+    else
+        becomeUp();
+}
+
+void Connection::beginTls()
+{
+    m_state = State::Securing;
+    m_tls = TlsStream::create(m_security);
+    if (!m_tls)
+    {
+        failLater("no TLS session can be made for " + m_security.host);
+        return;
+    }
+    m_timer.start(std::chrono::duration_cast<milliseconds>(m_connectDeadline - SteadyClock::now()));
+    takeSecured({});
 }
 
 void Connection::becomeUp()
@@ -163,33 +181,60 @@ void Connection::becomeUp()
         m_ends.peerPort = peer.get_port_number();
     }
     m_state = State::Up;
-    m_loop.reactor().cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK);
-    m_loop.reactor().schedule_wakeup(this, ACE_Event_Handler::READ_MASK);
     m_owner->connected();
 }
 
 int Connection::handle_input(ACE_HANDLE)
 {
-    if (m_state != State::Up)
+    if (m_state != State::Up && m_state != State::Securing)
         return 0;
     std::array<char, readBudget> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init): recv fills it
     const ssize_t size = m_stream.recv(buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (size == 0)
+        takeEnd();
+    else if (size > 0 && m_tls)
+        takeSecured({buffer.data(), static_cast<size_t>(size)});
+    else if (size > 0)
+        take({buffer.data(), static_cast<size_t>(size)});
+    else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+        fail(systemText(errno));
+    return 0;
+}
+
+void Connection::take(std::string_view bytes)
+{
+    m_parser.append(bytes.data(), bytes.size());
+    watchMessageTime(parse());
+}
+
+void Connection::takeSecured(std::string_view bytes)
+{
+    std::string plain;
+    const TlsStream::State state = m_tls->receive(bytes, plain);
+    if (state == TlsStream::State::Failed)
     {
-        const bool orderly = !m_parser.midMessage();
+        fail(m_tls->problem());
+        return;
+    }
+    if (!queueSecured()) // the handshake's own
+        return;
+    if (m_state == State::Securing && state != TlsStream::State::Handshaking)
+        becomeUp();
+    if (m_state == State::Up)
+        take(plain);
+    if (m_state == State::Up && state == TlsStream::State::Ended)
+        takeEnd();
+}
+
+/// Messages know their own ends, so a server that leaves out the close_notify can cut off nothing unseen.
+void Connection::takeEnd()
+{
+    const bool orderly = m_state == State::Up && !m_parser.midMessage();
+    if (m_state == State::Securing)
+        fail("the server closed the connection within the TLS handshake");
+    else
         fail(orderly ? "the server closed the connection" : "the server closed the connection within a message",
              orderly);
-    }
-    else if (size > 0)
-    {
-        m_parser.append(buffer.data(), static_cast<size_t>(size));
-        watchMessageTime(parse());
-    }
-    else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-    {
-        fail(systemText(errno));
-    }
-    return 0;
 }
 
 /// @return whether a message or frame has ended
@@ -241,6 +286,8 @@ void Connection::onTimer()
         tryNextAddress();
         return;
     }
+    if (m_state == State::Securing)
+        fail("no TLS handshake in time");
     if (m_state != State::Up || !m_midMessage)
         return;
     const auto age = std::chrono::duration_cast<milliseconds>(SteadyClock::now() - m_messageBegun);
@@ -257,33 +304,58 @@ void Connection::write(std::string_view bytes)
 {
     if (m_state != State::Up)
         return;
-    if (m_out.size() - m_outSent + bytes.size() > m_settings.maxOutgoing)
-    {
+    if (!hasRoom(bytes.size(), m_settings.maxOutgoing))
         failLater("the server leaves more than " + std::to_string(m_settings.maxOutgoing) + " bytes unread");
+    else
+        queue(bytes);
+}
+
+bool Connection::writeFrame(uint8_t channel, std::string_view payload)
+{
+    if (m_state != State::Up || m_finishWriting || payload.size() > UINT16_MAX ||
+        !hasRoom(payload.size(), m_settings.maxOutgoingMedia))
+        return false;
+    const std::array<char, 4> header = {'$', static_cast<char>(channel), static_cast<char>(payload.size() >> 8U),
+                                        static_cast<char>(payload.size() & 0xFFU)};
+    queue(std::string(header.data(), header.size()).append(payload));
+    return true;
+}
+
+void Connection::queue(std::string_view bytes)
+{
+    if (m_tls)
+    {
+        m_tls->send(bytes);
+        queueSecured();
         return;
     }
     m_out.append(bytes);
     flush();
 }
 
-bool Connection::writeFrame(uint8_t channel, std::string_view payload)
+/// @return false when the connection has failed over it
+bool Connection::queueSecured()
 {
-    if (m_state != State::Up || m_finishWriting || payload.size() > UINT16_MAX ||
-        m_out.size() - m_outSent + payload.size() > m_settings.maxOutgoingMedia)
-        return false;
-    const std::array<char, 4> header = {'$', static_cast<char>(channel), static_cast<char>(payload.size() >> 8U),
-                                        static_cast<char>(payload.size() & 0xFFU)};
-    m_out.append(header.data(), header.size());
-    m_out.append(payload);
-    flush();
-    return true;
+    m_out.append(m_tls->takeOutgoing());
+    if (hasRoom(0, 2 * m_settings.maxOutgoing))
+        flush();
+    else // it makes TLS itself answer without end
+        failLater("the server leaves too much unread");
+    return m_state != State::Failing;
 }
 
 void Connection::finishWriting()
 {
     m_finishWriting = true;
-    if (m_state == State::Up)
-        flush();
+    if (m_state != State::Up)
+        return;
+    if (m_tls)
+    {
+        m_tls->end();
+        queueSecured();
+        return;
+    }
+    flush();
 }
 
 void Connection::flush()
@@ -329,7 +401,7 @@ int Connection::handle_output(ACE_HANDLE)
 {
     if (m_state == State::Connecting)
         finishConnect();
-    else if (m_state == State::Up)
+    else if (m_state == State::Up || m_state == State::Securing)
         flush();
     return 0;
 }
@@ -343,7 +415,7 @@ int Connection::handle_close(ACE_HANDLE, ACE_Reactor_Mask)
         abandonAttempt();
         tryNextAddress();
     }
-    else if (m_state == State::Up)
+    else if (m_state == State::Up || m_state == State::Securing)
     {
         fail("the connection was reset");
     }
@@ -361,18 +433,29 @@ void Connection::fail(const std::string &reason, bool orderly)
 void Connection::failLater(const std::string &reason)
 {
     m_state = State::Failing;
-    m_loop.post(
-        [self = shared_from_this(), reason]
-        {
-            if (self->m_state == State::Failing)
-                self->fail(reason);
-        });
+    m_loop.post([self = shared_from_this(), reason] {
+        if (self->m_state == State::Failing)
+            self->fail(reason);
+    });
+}
+
+/// The close_notify, or alert, of a connection that is closed without more ado, if the socket takes it.
+void Connection::sayGoodbye()
+{
+    if (!m_tls || !m_out.empty())
+        return;
+    m_tls->end();
+    const std::string last = m_tls->takeOutgoing();
+    if (!last.empty())
+        m_stream.send(last.data(), last.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 void Connection::close()
 {
     if (m_state == State::Closed)
         return;
+    if (m_state == State::Up || m_state == State::Securing)
+        sayGoodbye();
     m_state = State::Closed;
     m_owner = nullptr;
     m_timer.stop();

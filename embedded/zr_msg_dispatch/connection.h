@@ -1,5 +1,5 @@
 /// @file
-/// One TCP connection to a server: connecting, bytes in through the parser, bytes out, its limits.
+/// One connection to a server, TCP or TLS over it: connecting, bytes in through the parser, bytes out, its limits.
 #pragma once
 
 #include <memory>
@@ -15,9 +15,9 @@
 #include "mapping.h"
 #include "rtsp_message.h"
 #include "settings.h"
+#include "tls_stream.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// Everything here is the I/O thread's. Held by shared pointers; whoever lets the last one go does so by a job, never
 /// from inside a callback (close sees to that).
@@ -40,16 +40,17 @@ public:
         ~Owner() = default;
     };
 
-    Connection(IoLoop &loop, const Settings &settings, Owner &owner);
+    Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security = {});
     ~Connection() override;
 
     /// Tries addresses one after the other: these, or those of takeAddresses when there are none yet. connected() or
-    /// lost() follows, within the connect time.
+    /// lost() follows, within the connect time (the TLS handshake included).
     void open(std::vector<ACE_INET_Addr> addresses);
     /// The addresses, once they are known. Without effect when the connection does not wait for them any more.
     /// @param error  why there are none
     void takeAddresses(std::vector<ACE_INET_Addr> addresses, const std::string &error);
     bool up() const { return m_state == State::Up; }
+    bool secure() const { return m_security.context != nullptr; }
     /// Far end; valid once connected.
     const Ends &ends() const { return m_ends; }
 
@@ -67,6 +68,7 @@ private:
     {
         Idle,
         Connecting,
+        Securing, ///< the TLS handshake runs
         Up,
         Failing, ///< lost() is on its way as a job
         Closed
@@ -80,11 +82,19 @@ private:
     void tryNextAddress();
     bool beginConnect(const ACE_INET_Addr &address);
     void finishConnect();
+    void beginTls();
     void becomeUp();
     void abandonAttempt();
+    void take(std::string_view bytes);
+    void takeSecured(std::string_view bytes);
+    void takeEnd();
     bool parse();
     void watchMessageTime(bool progressed);
     void onTimer();
+    bool hasRoom(size_t size, size_t limit) const { return m_out.size() - m_outSent + size <= limit; }
+    void queue(std::string_view bytes);
+    bool queueSecured();
+    void sayGoodbye();
     void flush();
     void wantOutput(bool wanted);
     void fail(const std::string &reason, bool orderly = false);
@@ -93,6 +103,8 @@ private:
     IoLoop &m_loop;
     const Settings &m_settings;
     Owner *m_owner;
+    const Security m_security;
+    std::unique_ptr<TlsStream> m_tls;
     State m_state = State::Idle;
     ACE_SOCK_Stream m_stream;
     Ends m_ends;

@@ -9,11 +9,9 @@
 #include "platform_log.h"
 #include "result_codes.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
-namespace
-{
+namespace {
 
 /// What nobody can do for the caller becomes a code: no exception leaves the library.
 template <typename Operation>
@@ -35,8 +33,8 @@ ZR_ULONG guarded(const char *name, Operation operation)
 Dispatcher &Dispatcher::instance()
 {
     // never destroyed: hosts keep the interface, and other threads may be inside it when the process ends
-    static Dispatcher *const dispatcher = []
-    {
+    static Dispatcher *const dispatcher = [] {
+        prepareTls();
         std::atexit([] { instance().abandon(); }); // NOLINT(cert-err33-c): without it the end is less tidy
         return new Dispatcher;
     }();
@@ -96,32 +94,26 @@ void Dispatcher::abandon()
 
 ZR_ULONG Dispatcher::sendAOIMsg(tagMDPMsg *pstMDPMsg)
 {
-    return guarded("sendAOIMsg",
-                   [this, pstMDPMsg]
-                   {
-                       const auto running = engine();
-                       return running ? running->sendAOIMsg(pstMDPMsg) : codeNotStarted;
-                   });
+    return guarded("sendAOIMsg", [this, pstMDPMsg] {
+        const auto running = engine();
+        return running ? running->sendAOIMsg(pstMDPMsg) : codeNotStarted;
+    });
 }
 
 ZR_ULONG Dispatcher::registerAOIMsgProc(ZR_ULONG ulID, CIAOIMsgProc *poProc)
 {
-    return guarded("registerAOIMsgProc",
-                   [this, ulID, poProc]
-                   {
-                       const auto running = engine();
-                       return running ? running->registerAOIMsgProc(ulID, poProc) : codeNotStarted;
-                   });
+    return guarded("registerAOIMsgProc", [this, ulID, poProc] {
+        const auto running = engine();
+        return running ? running->registerAOIMsgProc(ulID, poProc) : codeNotStarted;
+    });
 }
 
 ZR_ULONG Dispatcher::unregisterAOIMsgProc(ZR_ULONG ulID)
 {
-    return guarded("unregisterAOIMsgProc",
-                   [this, ulID]
-                   {
-                       const auto running = engine();
-                       return running ? running->unregisterAOIMsgProc(ulID) : codeNotStarted;
-                   });
+    return guarded("unregisterAOIMsgProc", [this, ulID] {
+        const auto running = engine();
+        return running ? running->unregisterAOIMsgProc(ulID) : codeNotStarted;
+    });
 }
 
 } // namespace zr::dispatch
@@ -131,27 +123,24 @@ using zr::dispatch::Dispatcher;
 ZR_ULONG ZR_MSGDISP_Init(ZR_ULONG ulMaxMessageBytes, ZR_ULONG ulConnectTimeoutMs, const char *pszUserAgent,
                          const char *pszCaFile)
 {
-    return zr::dispatch::guarded("ZR_MSGDISP_Init",
-                                 [&]() -> ZR_ULONG
-                                 {
-                                     zr::dispatch::Settings settings;
-                                     settings.userAgent = pszUserAgent ? pszUserAgent : zr::aoi::defaultUserAgent;
-                                     if (ulMaxMessageBytes != 0)
-                                         settings.maxBody = ulMaxMessageBytes;
-                                     if (ulConnectTimeoutMs != 0)
-                                         settings.connectTimeout = std::chrono::milliseconds(ulConnectTimeoutMs);
-                                     if (pszCaFile)
-                                         settings.caFile = pszCaFile;
-                                     const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
-                                     if (std::any_of(settings.userAgent.begin(), settings.userAgent.end(), isControl))
-                                     {
-                                         ZR_PLATFORM_LOG(
-                                             ERROR, zr::dispatch::codeInvalidArgument, Dispatch,
-                                             "ZR_MSGDISP_Init is refused: a User-Agent has no control characters");
-                                         return zr::dispatch::codeInvalidArgument;
-                                     }
-                                     return Dispatcher::instance().init(settings);
-                                 });
+    return zr::dispatch::guarded("ZR_MSGDISP_Init", [&]() -> ZR_ULONG {
+        zr::dispatch::Settings settings;
+        settings.userAgent = pszUserAgent ? pszUserAgent : zr::aoi::defaultUserAgent;
+        if (ulMaxMessageBytes != 0)
+            settings.maxBody = ulMaxMessageBytes;
+        if (ulConnectTimeoutMs != 0)
+            settings.connectTimeout = std::chrono::milliseconds(ulConnectTimeoutMs);
+        if (pszCaFile)
+            settings.caFile = pszCaFile;
+        const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+        if (std::any_of(settings.userAgent.begin(), settings.userAgent.end(), isControl))
+        {
+            ZR_PLATFORM_LOG(ERROR, zr::dispatch::codeInvalidArgument, Dispatch,
+                            "ZR_MSGDISP_Init is refused: a User-Agent has no control characters");
+            return zr::dispatch::codeInvalidArgument;
+        }
+        return Dispatcher::instance().init(settings);
+    });
 }
 
 void ZR_MSGDISP_Destroy()

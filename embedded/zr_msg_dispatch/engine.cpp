@@ -8,11 +8,9 @@
 #include "platform_log.h"
 #include "result_codes.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
-namespace
-{
+namespace {
 
 /// DESCRIBE, and a SETUP that belongs to no session yet.
 bool mayOpen(const aoi::Request &request)
@@ -82,7 +80,8 @@ Engine::~Engine()
 
 bool Engine::start()
 {
-    return m_loop.start();
+    m_tls = makeTlsContext(m_settings.caFile);
+    return m_tls && m_loop.start();
 }
 
 ZR_ULONG Engine::sendAOIMsg(tagMDPMsg *message)
@@ -138,7 +137,7 @@ void Engine::submit(const AcceptedPtr &accepted)
         const Registration *const key = registration.get();
         found = m_channels
                     .emplace(key, std::make_shared<SessionChannel>(
-                                      ChannelServices{m_loop, m_delivery, m_resolver, m_settings}, registration,
+                                      ChannelServices{m_loop, m_delivery, m_resolver, m_settings, m_tls}, registration,
                                       [this, key] { m_loop.post([this, key] { forget(key); }); }))
                     .first;
     }
@@ -192,12 +191,10 @@ void Engine::shutDown()
     if (m_loop.post([this, allEnded] { endAll([allEnded] { allEnded->open(); }); }) &&
         !allEnded->wait(m_settings.linger + grace))
         ZR_PLATFORM_LOG(WARNING, codeTimedOut, Dispatch, "connections are closed before their sessions have ended");
-    m_loop.post(
-        [this]
-        {
-            for (const auto &entry : m_channels)
-                entry.second->abort();
-        });
+    m_loop.post([this] {
+        for (const auto &entry : m_channels)
+            entry.second->abort();
+    });
     m_loop.stop();
     m_channels.clear();
     m_delivery.stop();

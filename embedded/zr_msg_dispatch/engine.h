@@ -12,8 +12,7 @@
 #include "session_channel.h"
 #include "settings.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// The operations may be called on any thread, also while shutDown runs: they fail then.
 ///
@@ -29,6 +28,7 @@ public:
     Engine(const Engine &) = delete;
     Engine &operator=(const Engine &) = delete;
 
+    /// @return false when it cannot; the log says why
     bool start();
     /// Ends all registrations, lets connections that wait for their TEARDOWN's answer linger, ends the threads. Not on
     /// a delivery thread. Idempotent.
@@ -49,6 +49,7 @@ private:
     void endAll(std::function<void()> done);
 
     const Settings m_settings;
+    TlsContext m_tls; ///< set by start
     IoLoop m_loop;
     Delivery m_delivery;
     Resolver m_resolver;

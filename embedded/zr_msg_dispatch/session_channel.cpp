@@ -7,11 +7,9 @@
 #include "result_codes.h"
 #include "rtsp_text.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
-namespace
-{
+namespace {
 
 /// A server may make us write so many lines a connection.
 constexpr unsigned mostNotes = 20;
@@ -46,7 +44,13 @@ SessionChannel::~SessionChannel()
 
 std::string SessionChannel::name() const
 {
-    return "session " + std::to_string(m_registration->id) + " with " + hostAndPort({m_target.host, m_target.port});
+    return "session " + std::to_string(m_registration->id) + " with " + farSide();
+}
+
+/// By the name under which the connection is opened.
+std::string SessionChannel::farSide() const
+{
+    return hostAndPort({m_target.address.host, m_target.address.port});
 }
 
 // ---- requests
@@ -56,35 +60,45 @@ void SessionChannel::submit(AcceptedPtr accepted)
     if (m_life != Life::Open)
         return;
     const auto url = parseUrl(wireUrl(accepted->request, m_session));
-    if (url && url->secure)
-    {
-        refuse(*accepted, statusServiceUnavailable, "TLS (rtsps) is not there yet");
-        return;
-    }
     if (isKeepAlive(accepted->request.messageId) && m_exchanges.hasKeepAlive())
         return;
-    if (!prepareConnection(*accepted))
+    if (!prepareConnection(*accepted, url))
     {
         if (!isDroppable(accepted->request.messageId))
             refuse(*accepted, statusServiceUnavailable, "there is no connection");
+        return;
+    }
+    if (url && url->secure && !m_target.secure)
+    {
+        refuse(*accepted, statusServiceUnavailable, "its URL asks for TLS, the session has none");
         return;
     }
     m_exchanges.push(std::move(accepted));
     pump();
 }
 
-/// Opens the connection when this request may. @return whether there is one
-bool SessionChannel::prepareConnection(const Accepted &accepted)
+bool SessionChannel::Target::operator==(const Target &other) const
 {
-    if (accepted.target && (accepted.target->host != m_target.host || accepted.target->port != m_target.port))
+    return address == other.address && secure == other.secure && certificateHost == other.certificateHost;
+}
+
+/// Opens the connection when this request may. @return whether there is one
+bool SessionChannel::prepareConnection(const Accepted &accepted, const std::optional<Url> &url)
+{
+    if (accepted.target)
     {
-        if (m_connection)
-            failAll("the route leads elsewhere now");
-        dropConnection();
-        if (m_interleaved)
-            closePort();
-        resetSession();
-        m_target = *accepted.target;
+        const bool secure = url && url->secure;
+        const Target target{*accepted.target, secure, secure ? url->host : std::string()};
+        if (leadsElsewhere(accepted, target))
+        {
+            if (m_connection)
+                failAll("the route leads elsewhere now");
+            dropConnection();
+            if (m_interleaved)
+                closePort();
+            resetSession();
+            m_target = target;
+        }
     }
     if (m_connection)
         return true;
@@ -94,29 +108,38 @@ bool SessionChannel::prepareConnection(const Accepted &accepted)
     return true;
 }
 
+/// A DESCRIBE asks anew; a SETUP follows a description, whose server may write rtsp (or an inner host) where it was
+/// asked by rtsps: that stays on the connection that there is.
+bool SessionChannel::leadsElsewhere(const Accepted &accepted, const Target &target) const
+{
+    const bool follows = accepted.request.messageId != AOI_MSG_RTSP_DESCRIBE && m_connection;
+    if (follows && (m_target.secure || !target.secure))
+        return target.address != m_target.address;
+    return !(target == m_target);
+}
+
 void SessionChannel::openConnection()
 {
     m_mayReconnect = false;
     m_notes = 0;
     m_wasUp = false;
     Connection::Owner &owner = *this;
-    m_connection = std::make_shared<Connection>(m_services.loop, m_services.settings, owner);
-    Resolved numeric = resolveNumeric(m_target.host, m_target.port);
+    m_connection =
+        std::make_shared<Connection>(m_services.loop, m_services.settings, owner,
+                                     m_target.secure ? Security{m_services.tls, m_target.certificateHost} : Security());
+    Resolved numeric = resolveNumeric(m_target.address.host, m_target.address.port);
     const bool known = !numeric.addresses.empty();
     m_connection->open(std::move(numeric.addresses));
     if (known)
         return;
     // neither side keeps the other alive: the answer is for this connection, if it still waits
     m_services.resolver.resolve(
-        m_target.host, m_target.port,
-        [jobs = m_services.loop.jobs(), waiting = std::weak_ptr<Connection>(m_connection)](Resolved names)
-        {
-            jobs->post(
-                [waiting, names = std::move(names)]
-                {
-                    if (const auto connection = waiting.lock())
-                        connection->takeAddresses(names.addresses, names.error);
-                });
+        m_target.address.host, m_target.address.port,
+        [jobs = m_services.loop.jobs(), waiting = std::weak_ptr<Connection>(m_connection)](Resolved names) {
+            jobs->post([waiting, names = std::move(names)] {
+                if (const auto connection = waiting.lock())
+                    connection->takeAddresses(names.addresses, names.error);
+            });
         });
 }
 
@@ -143,8 +166,7 @@ void SessionChannel::pump()
 void SessionChannel::send(const AcceptedPtr &accepted)
 {
     aoi::Request request = accepted->request;
-    const std::string farSide = hostAndPort({m_target.host, m_target.port});
-    if (!request.authorization.empty() && !m_session.challengedBy.empty() && m_session.challengedBy != farSide)
+    if (!request.authorization.empty() && !m_session.challengedBy.empty() && m_session.challengedBy != farSide())
     {
         ZR_PLATFORM_LOG(WARNING, 0, Dispatch, "%s: credentials for %s are not sent there", name().c_str(),
                         m_session.challengedBy.c_str());
@@ -216,7 +238,7 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
     const aoi::Request &request = exchange.accepted->request;
     const Mapped mapped = mapResponse(request, exchange.url, response, m_session, m_connection->ends());
     if (isUnauthorized(response)) // by the name under which the connection is opened again
-        m_session.challengedBy = hostAndPort({m_target.host, m_target.port});
+        m_session.challengedBy = farSide();
     m_tornDown = isTeardown(request.messageId) && isSuccess(response);
     if (request.messageId == AOI_MSG_RTSP_PLAY && isSuccess(response))
         m_session.played = true;
@@ -238,20 +260,17 @@ void SessionChannel::setUpTrack(const Mapped &mapped)
     if (mapped.track->interleaved)
     {
         writer = [jobs = m_services.loop.jobs(), budget = std::make_shared<std::atomic<size_t>>(0),
-                  limit = m_services.settings.maxOutgoingMedia,
-                  connection = std::weak_ptr<Connection>(m_connection)](uint8_t channel, const void *data, size_t size)
-        {
+                  limit = m_services.settings.maxOutgoingMedia, connection = std::weak_ptr<Connection>(m_connection)](
+                     uint8_t channel, const void *data, size_t size) {
             if (*budget + size > limit) // the I/O thread does not come to it
                 return false;
             *budget += size;
             std::string payload(static_cast<const char *>(data), size);
-            return jobs->post(
-                [budget, connection, channel, payload = std::move(payload)]
-                {
-                    *budget -= payload.size();
-                    if (const auto open = connection.lock())
-                        open->writeFrame(channel, payload);
-                });
+            return jobs->post([budget, connection, channel, payload = std::move(payload)] {
+                *budget -= payload.size();
+                if (const auto open = connection.lock())
+                    open->writeFrame(channel, payload);
+            });
         };
     }
     m_port->setUpTrack(mapped.trackNumber, *mapped.track, std::move(writer));

@@ -15,8 +15,7 @@
 #include "route_registry.h"
 #include "settings.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// What all channels share; outlives them.
 struct ChannelServices
@@ -25,6 +24,7 @@ struct ChannelServices
     Delivery &delivery;
     Resolver &resolver;
     const Settings &settings;
+    const TlsContext &tls;
 };
 
 /// Everything here is the I/O thread's. The channel comes with the registration's first request that may open a
@@ -49,7 +49,17 @@ private:
     void received(const rtsp::Frame &frame) override;
     void lost(const std::string &reason, bool orderly) override;
 
-    bool prepareConnection(const Accepted &accepted);
+    /// Where a connection leads.
+    struct Target
+    {
+        route::Address address;
+        bool secure = false;
+        std::string certificateHost; ///< of a secure one: the URL's host, which the server is to prove
+        bool operator==(const Target &other) const;
+    };
+
+    bool prepareConnection(const Accepted &accepted, const std::optional<Url> &url);
+    bool leadsElsewhere(const Accepted &accepted, const Target &target) const;
     void openConnection();
     void dropConnection();
     void pump();
@@ -74,12 +84,13 @@ private:
     void finish();
 
     std::string name() const;
+    std::string farSide() const;
 
     const ChannelServices m_services;
     const RegistrationPtr m_registration;
     std::function<void()> m_finished;
 
-    route::Address m_target;
+    Target m_target;
     std::shared_ptr<Connection> m_connection; ///< null: none; else being resolved, connecting, or up
     Session m_session;
     bool m_wasUp = false; ///< the connection

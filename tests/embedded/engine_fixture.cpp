@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -14,11 +15,9 @@
 
 #include "zr_cc_rt.h"
 
-namespace zr::test
-{
+namespace zr::test {
 
-namespace
-{
+namespace {
 
 int listenOn(uint16_t &port)
 {
@@ -49,8 +48,9 @@ std::weak_ptr<media::Port> openPort;
 
 } // namespace
 
-ScriptedServer::ScriptedServer(std::vector<Script> scripts)
+ScriptedServer::ScriptedServer(std::vector<Script> scripts, std::shared_ptr<SSL_CTX> tls)
     : m_scripts(std::move(scripts))
+    , m_tls(std::move(tls))
     , m_listener(listenOn(m_port))
 {
     EXPECT_EQ(listen(m_listener, 16), 0);
@@ -73,35 +73,87 @@ static bool readable(int socket, int stop)
     return poll(waits.data(), waits.size(), -1) > 0 && waits[1].revents == 0;
 }
 
+ServerStream::ServerStream(int socket, SSL_CTX *tls)
+    : m_socket(socket)
+    , m_tls(tls ? SSL_new(tls) : nullptr, SSL_free)
+{
+    const int one = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    if (m_tls)
+    {
+        SSL_set_fd(m_tls.get(), socket);
+        SSL_accept(m_tls.get()); // what comes of it shows in what follows
+    }
+}
+
+ServerStream::~ServerStream()
+{
+    close(m_socket);
+}
+
+bool ServerStream::readable(int stop) const
+{
+    return (m_tls && SSL_pending(m_tls.get()) > 0) || test::readable(m_socket, stop);
+}
+
+ssize_t ServerStream::read(char *bytes, size_t size) const
+{
+    return m_tls ? SSL_read(m_tls.get(), bytes, static_cast<int>(size)) : recv(m_socket, bytes, size, 0);
+}
+
+bool ServerStream::write(const std::string &bytes) const
+{
+    if (m_tls)
+        return SSL_write(m_tls.get(), bytes.data(), static_cast<int>(bytes.size())) > 0;
+    return send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0;
+}
+
+bool ServerStream::saidGoodbye() const
+{
+    return m_tls && SSL_is_init_finished(m_tls.get()) && (SSL_get_shutdown(m_tls.get()) & SSL_RECEIVED_SHUTDOWN) != 0;
+}
+
+void ServerStream::end(After how) const
+{
+    const linger reset = {1, 0};
+    if (how == After::Reset)
+        setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    else if (m_tls)
+        SSL_shutdown(m_tls.get());
+}
+
 void ScriptedServer::run()
 {
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr); // this thread's TLS writes plainly
     for (size_t number = 0; readable(m_listener, m_stop[0]); ++number)
     {
         const int socket = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-        const int one = 1;
-        setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-        serve(socket, number < m_scripts.size() ? m_scripts[number] : Script());
-        close(socket);
+        serve(ServerStream(socket, m_tls.get()), number < m_scripts.size() ? m_scripts[number] : Script());
         m_signal.change([this] { ++m_ended; });
     }
 }
 
-void ScriptedServer::serve(int socket, const Script &script)
+void ScriptedServer::serve(const ServerStream &stream, const Script &script)
 {
     auto step = script.begin();
     std::string buffer;
     std::string request;
-    while (readable(socket, m_stop[0]))
+    while (stream.readable(m_stop[0]))
     {
         std::array<char, 4096> bytes;
-        const ssize_t size = recv(socket, bytes.data(), bytes.size(), 0);
+        const ssize_t size = stream.read(bytes.data(), bytes.size());
+        if (stream.saidGoodbye())
+            m_signal.change([this] { m_requests.emplace_back("close_notify"); });
         if (size <= 0)
             return;
         buffer.append(bytes.data(), static_cast<size_t>(size));
         while (takeRequest(buffer, request))
         {
             const bool answer = request.rfind("RTSP/", 0) == 0; // to a request of the script's
-            if (!answer && step != script.end() && !play(socket, *step++, request))
+            if (!answer && step != script.end() && !play(stream, *step++, request))
                 return;
         }
     }
@@ -126,7 +178,7 @@ bool ScriptedServer::takeRequest(std::string &buffer, std::string &request)
     return true;
 }
 
-bool ScriptedServer::play(int socket, const Step &step, const std::string &request)
+bool ScriptedServer::play(const ServerStream &stream, const Step &step, const std::string &request)
 {
     if (!step.method.empty())
     {
@@ -137,26 +189,23 @@ bool ScriptedServer::play(int socket, const Step &step, const std::string &reque
         size_t mark = 0;
         while ((mark = piece.find("{cseq}")) != std::string::npos)
             piece.replace(mark, 6, headerOf(request, "CSeq"));
-        if (send(socket, piece.data(), piece.size(), MSG_NOSIGNAL) < 0)
+        if (!stream.write(piece))
             return false;
         if (step.pieces.size() > 1) // so that the pieces arrive as pieces
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    const linger reset = {1, 0};
-    if (step.after == After::Reset)
-        setsockopt(socket, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    if (step.after != After::Stay)
+        stream.end(step.after);
     return step.after == After::Stay;
 }
 
 std::vector<std::string> ScriptedServer::requests(size_t count)
 {
     std::vector<std::string> copy;
-    m_signal.wait(
-        [&]
-        {
-            copy = m_requests;
-            return copy.size() >= count;
-        });
+    m_signal.wait([&] {
+        copy = m_requests;
+        return copy.size() >= count;
+    });
     return copy;
 }
 
@@ -168,12 +217,10 @@ bool ScriptedServer::ended(size_t connections)
 std::string ScriptedServer::frames(size_t size)
 {
     std::string copy;
-    m_signal.wait(
-        [&]
-        {
-            copy = m_frames;
-            return copy.size() >= size;
-        });
+    m_signal.wait([&] {
+        copy = m_frames;
+        return copy.size() >= size;
+    });
     return copy;
 }
 
@@ -220,8 +267,7 @@ std::vector<Received> Recorder::messages(size_t count, std::chrono::milliseconds
 {
     std::vector<Received> copy;
     m_signal.wait(
-        [&]
-        {
+        [&] {
             copy = m_messages;
             return copy.size() >= count;
         },
@@ -263,24 +309,20 @@ void RecordingPort::connectionClosed()
 std::vector<std::string> RecordingPort::events(size_t count)
 {
     std::vector<std::string> copy;
-    m_signal.wait(
-        [&]
-        {
-            copy = m_events;
-            return copy.size() >= count;
-        });
+    m_signal.wait([&] {
+        copy = m_events;
+        return copy.size() >= count;
+    });
     return copy;
 }
 
 media::InterleavedWriter RecordingPort::writer()
 {
     media::InterleavedWriter copy;
-    m_signal.wait(
-        [&]
-        {
-            copy = m_writer;
-            return copy != nullptr;
-        });
+    m_signal.wait([&] {
+        copy = m_writer;
+        return copy != nullptr;
+    });
     return copy;
 }
 

@@ -12,11 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include <openssl/ssl.h>
+
 #include "engine.h"
 #include "media_port.h"
 
-namespace zr::test
-{
+namespace zr::test {
 
 constexpr std::chrono::seconds patience{10}; ///< for what must happen; nothing waits that long when all is well
 
@@ -59,12 +60,32 @@ struct Step
 };
 using Script = std::vector<Step>;
 
+/// The server's side of one connection.
+class ServerStream
+{
+public:
+    ServerStream(int socket, SSL_CTX *tls);
+    ~ServerStream();
+    /// Whether there is something before the test ends.
+    bool readable(int stop) const;
+    /// @return as recv
+    ssize_t read(char *bytes, size_t size) const;
+    bool write(const std::string &bytes) const;
+    void end(After how) const;
+    /// Whether the client has ended TLS in good order.
+    bool saidGoodbye() const;
+
+private:
+    const int m_socket;
+    const std::shared_ptr<SSL> m_tls; ///< null: plain
+};
+
 /// Serves the scripts' connections one after the other on 127.0.0.1; requests beyond a script are recorded and not
-/// answered.
+/// answered. Over TLS the client's good end is recorded as "close_notify".
 class ScriptedServer
 {
 public:
-    explicit ScriptedServer(std::vector<Script> scripts);
+    explicit ScriptedServer(std::vector<Script> scripts, std::shared_ptr<SSL_CTX> tls = nullptr);
     ~ScriptedServer();
     uint16_t port() const { return m_port; }
     /// All requests so far, as they came. Waits until there are that many.
@@ -76,11 +97,12 @@ public:
 
 private:
     void run();
-    void serve(int socket, const Script &script);
-    bool play(int socket, const Step &step, const std::string &request);
+    void serve(const ServerStream &stream, const Script &script);
+    bool play(const ServerStream &stream, const Step &step, const std::string &request);
     bool takeRequest(std::string &buffer, std::string &request);
 
     const std::vector<Script> m_scripts;
+    const std::shared_ptr<SSL_CTX> m_tls;
     uint16_t m_port = 0; ///< set by what makes the listener
     const int m_listener;
     int m_stop[2] = {-1, -1};
