@@ -9,10 +9,8 @@
 
 #include "recording.h"
 
-namespace zr::device
-{
-namespace
-{
+namespace zr::device {
+namespace {
 
 constexpr const char *role = "viewer";
 

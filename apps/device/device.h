@@ -8,8 +8,7 @@
 
 #include "pipelines.h"
 
-namespace zr::device
-{
+namespace zr::device {
 
 enum class Authentication
 {

@@ -10,8 +10,7 @@
 
 #include "device.h"
 
-namespace
-{
+namespace {
 
 constexpr const char *examples = R"(
 It prints "listening URL" for each of its URLs once it is ready, and ends on SIGINT or SIGTERM.

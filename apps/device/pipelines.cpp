@@ -2,10 +2,8 @@
 
 #include <gst/gst.h>
 
-namespace zr::device
-{
-namespace
-{
+namespace zr::device {
+namespace {
 
 bool hasElement(const char *name)
 {

@@ -4,8 +4,7 @@
 
 #include <string>
 
-namespace zr::device
-{
+namespace zr::device {
 
 /// What every picture of the device looks like.
 struct Picture

@@ -9,10 +9,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace zr::device
-{
-namespace
-{
+namespace zr::device {
+namespace {
 
 struct Unref
 {

@@ -6,8 +6,7 @@
 
 #include "pipelines.h"
 
-namespace zr::device
-{
+namespace zr::device {
 
 /// A recording made once, in an anonymous file: it is gone with the process, however that ends.
 class Recording

@@ -11,10 +11,8 @@
 
 #include "failure.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 class Socket
 {

@@ -4,8 +4,7 @@
 #include <cstdint>
 #include <string>
 
-namespace zr::host
-{
+namespace zr::host {
 
 /// The address of this machine from which a server is reached, IPv4 and numeric: where its media can be received.
 /// @param host  a name or an address; resolving a name may take seconds

@@ -6,8 +6,7 @@
 #include "options.h"
 #include "report.h"
 
-namespace zr::host
-{
+namespace zr::host {
 
 void describeCommand(const CommonOptions &options, Report &report);
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report);

@@ -1,9 +1,7 @@
 #include "commands.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 std::string codecOf(const Track &track)
 {

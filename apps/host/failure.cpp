@@ -2,10 +2,8 @@
 
 #include "zr_rtsp/codes.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 struct Words
 {

@@ -7,8 +7,7 @@
 
 #include "zr_types.h"
 
-namespace zr::host
-{
+namespace zr::host {
 
 /// The program's exit codes. They are told in --help: keep both together.
 enum class ExitCode

@@ -10,10 +10,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 // What a signal handler may touch.
 int g_wakeup = -1;

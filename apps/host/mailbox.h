@@ -9,8 +9,7 @@
 
 #include "zr_types.h"
 
-namespace zr::host
-{
+namespace zr::host {
 
 /// Collects notifications from other threads and SIGINT and SIGTERM for the one thread that waits. At most one mailbox
 /// exists at a time: signals have no other place to go.

@@ -8,8 +8,7 @@
 #include "commands.h"
 #include "zr_platform.h"
 
-namespace
-{
+namespace {
 
 using namespace zr::host;
 

@@ -9,10 +9,8 @@
 #include "failure.h"
 #include "speed.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 constexpr const char *footer = R"(
 Exit codes:
@@ -36,8 +34,7 @@ struct Raw
 };
 
 const CLI::Validator writable(
-    [](std::string &file)
-    {
+    [](std::string &file) {
         const std::filesystem::path path(file);
         std::error_code ignored;
         const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");

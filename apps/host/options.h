@@ -7,8 +7,7 @@
 
 #include "session.h"
 
-namespace zr::host
-{
+namespace zr::host {
 
 struct CommonOptions
 {

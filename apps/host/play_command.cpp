@@ -5,10 +5,8 @@
 #include "commands.h"
 #include "speed.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;

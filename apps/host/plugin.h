@@ -6,8 +6,7 @@
 
 #include "zr_rtsp/zr_rtsp.h"
 
-namespace zr::host
-{
+namespace zr::host {
 
 /// Loads and starts the plug-in; ends it when destroyed. The objects made by it must be deleted before.
 class Plugin

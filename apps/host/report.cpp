@@ -4,10 +4,8 @@
 
 #include <unistd.h>
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 // Also control characters above 7f (in UTF-8 their first byte is c2) could steer a terminal.
 std::string harmless(std::string text)

@@ -9,8 +9,7 @@
 
 #include "failure.h"
 
-namespace zr::host
-{
+namespace zr::host {
 
 using Fields = nlohmann::ordered_json;
 

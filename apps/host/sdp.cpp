@@ -4,10 +4,8 @@
 #include <cstdlib>
 #include <sstream>
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 bool takePrefix(const std::string &line, const char *prefix, std::string &rest)
 {

@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace zr::host
-{
+namespace zr::host {
 
 struct Track
 {

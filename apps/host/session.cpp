@@ -7,10 +7,8 @@
 #include "addresses.h"
 #include "failure.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 ZR_ULONG nextId()
 {

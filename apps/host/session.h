@@ -12,8 +12,7 @@
 #include "url.h"
 #include "zr_platform.h"
 
-namespace zr::host
-{
+namespace zr::host {
 
 struct Source
 {

@@ -5,10 +5,8 @@
 
 #include "failure.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 struct Speed
 {

@@ -7,8 +7,7 @@
 
 #include "zr_types.h"
 
-namespace zr::host
-{
+namespace zr::host {
 
 /// @param text  a factor from 0.125 to 16 or -0.25 to -16, with or without a final "x"; or "code:N" with N from 0 to 19
 /// @return the code; nothing for 1, which is plain play

@@ -6,10 +6,8 @@
 
 #include "failure.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 size_t authorityEnd(const std::string &url)
 {

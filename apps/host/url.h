@@ -5,8 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace zr::host
-{
+namespace zr::host {
 
 struct Credentials
 {

@@ -7,10 +7,8 @@
 #include "speed.h"
 #include "url.h"
 
-namespace zr::host
-{
-namespace
-{
+namespace zr::host {
+namespace {
 
 struct Cut
 {
