@@ -2,8 +2,7 @@
 
 #include "windows_kernel.h"
 
-namespace
-{
+namespace {
 
 constexpr int64_t nanosecondsPerSecond = 1'000'000'000;
 

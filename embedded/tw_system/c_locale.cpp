@@ -3,8 +3,7 @@
 #include <clocale>
 #include <cstdio>
 
-namespace
-{
+namespace {
 
 /// Never freed: threads may format until the process ends.
 locale_t cLocale()

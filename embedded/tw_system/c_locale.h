@@ -5,8 +5,7 @@
 #include <cstdarg>
 #include <cstddef>
 
-namespace zr::system
-{
+namespace zr::system {
 
 /// vsnprintf in the C locale. Any thread; only the calling thread's locale changes, for the call.
 int formatC(char *out, size_t size, const char *format, va_list arguments) __attribute__((format(printf, 3, 0)));

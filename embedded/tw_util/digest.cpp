@@ -11,8 +11,7 @@
 #include "platform_log.h"
 #include "tw_util.h"
 
-namespace
-{
+namespace {
 
 constexpr ZR_ULONG codeFailed = 1; ///< the cryptographic library refuses (MD5 is not allowed everywhere)
 constexpr ZR_ULONG codeInvalid = 2;

@@ -20,8 +20,7 @@
 #include "platform_log.h"
 #include "tw_util.h"
 
-namespace
-{
+namespace {
 
 constexpr ZR_ULONG codeFailed = 1; ///< no thread or memory; or no such timer
 constexpr ZR_ULONG codeInvalid = 2;

@@ -3,10 +3,8 @@
 #include <cstdint>
 #include <cstring>
 
-namespace zr::mdp
-{
-namespace
-{
+namespace zr::mdp {
+namespace {
 
 constexpr size_t capacityOffset = sizeof(tagMDPMsgHeader);
 constexpr size_t usedOffset = capacityOffset + sizeof(ZR_ULONG);

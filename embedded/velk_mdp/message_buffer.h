@@ -12,8 +12,7 @@
 
 #include "velk_mdp.h"
 
-namespace zr::mdp
-{
+namespace zr::mdp {
 
 /// What the message platform and CAOIIETool return.
 enum Status : ZR_ULONG

@@ -7,8 +7,7 @@
 #include "platform_log.h"
 #include "zr_cc_rt.h"
 
-namespace
-{
+namespace {
 
 using UaPair = std::pair<std::string, std::string>;
 

@@ -1,7 +1,6 @@
 #include "callback_thread.h"
 
-namespace
-{
+namespace {
 
 thread_local unsigned depth = 0;
 

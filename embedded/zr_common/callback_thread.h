@@ -3,8 +3,7 @@
 /// calls must not wait on such a thread: it would wait for itself, or for a lock that its caller holds.
 #pragma once
 
-namespace zr::common
-{
+namespace zr::common {
 
 /// Marks the calling thread while it lives. Marks nest.
 class CallbackThreadMark

@@ -17,8 +17,7 @@
 #include "platform_log.h"
 #include "zr_platform.h"
 
-namespace
-{
+namespace {
 
 /// Time with milliseconds, level, thread, line.
 constexpr const char *pattern = "%Y-%m-%d %H:%M:%S.%e %l %t %v";
@@ -154,14 +153,12 @@ void CZRWriteLog::writeLog(tagZrLogLevel enLevel, ZR_ULONG ulCode, ZR_ULONG ulMo
         return;
     va_list arguments;
     va_start(arguments, pszFormat);
-    quietly(
-        [&]
-        {
-            Log &destination = log(); // makes the log, and with it the threshold
-            if (enLevel >= threshold.load(std::memory_order_relaxed))
-                destination.write(enLevel,
-                                  zr::common::formatLogLine(ulCode, ulModule, pszFile, iLine, pszFormat, arguments));
-        });
+    quietly([&] {
+        Log &destination = log(); // makes the log, and with it the threshold
+        if (enLevel >= threshold.load(std::memory_order_relaxed))
+            destination.write(enLevel,
+                              zr::common::formatLogLine(ulCode, ulModule, pszFile, iLine, pszFormat, arguments));
+    });
     va_end(arguments);
 }
 

@@ -7,8 +7,7 @@
 
 #include "c_locale.h"
 
-namespace
-{
+namespace {
 
 constexpr std::string_view cutMark = "... (cut)";
 

@@ -7,8 +7,7 @@
 
 #include "zr_common.h"
 
-namespace zr::common
-{
+namespace zr::common {
 
 /// A line's text is cut here, with a mark.
 constexpr size_t logTextLimit = 4096;

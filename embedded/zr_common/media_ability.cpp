@@ -2,8 +2,7 @@
 
 #include "zr_common.h"
 
-namespace
-{
+namespace {
 
 struct Fields
 {

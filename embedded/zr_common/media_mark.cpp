@@ -5,8 +5,7 @@
 
 #include "zr_common.h"
 
-namespace
-{
+namespace {
 
 /// Holds no mark itself: a port that nobody receives on any more leaves nothing behind.
 struct Marks

@@ -7,8 +7,7 @@
 
 #include "zr_types.h"
 
-namespace zr::common
-{
+namespace zr::common {
 
 /// A port's mark, shared by who receives and who checks; the receiver keeps it and stores true for each packet, which
 /// costs no lock. Any thread.

@@ -4,8 +4,7 @@
 
 #include "zr_common.h"
 
-namespace zr::log
-{
+namespace zr::log {
 
 enum Module : ZR_ULONG
 {

@@ -4,11 +4,9 @@
 #include <cctype>
 #include <charconv>
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 constexpr size_t maxSections = 16;
 constexpr size_t maxFormats = 16;
@@ -39,8 +37,7 @@ constexpr StaticType staticTypes[] = {
 /// The static types as formats; each lives as long as the program.
 const Format *staticFormat(uint8_t payloadType)
 {
-    static const std::vector<Format> formats = []
-    {
+    static const std::vector<Format> formats = [] {
         std::vector<Format> all;
         for (const StaticType &type : staticTypes)
         {
@@ -85,9 +82,10 @@ Format *formatOf(Section &section, std::string_view &value)
 {
     const auto payloadType = number<unsigned>(trimmed(cut(value, ' ')), 127);
     value = trimmed(value);
-    const auto found = std::find_if(section.formats.begin(), section.formats.end(),
-                                    [&payloadType](const Format &format)
-                                    { return payloadType && format.payloadType == *payloadType; });
+    const auto found =
+        std::find_if(section.formats.begin(), section.formats.end(), [&payloadType](const Format &format) {
+            return payloadType && format.payloadType == *payloadType;
+        });
     return found == section.formats.end() ? nullptr : &*found;
 }
 
@@ -147,12 +145,10 @@ void readAttribute(std::string_view value, Section &section)
 
 bool understood(const std::vector<Section> &sections)
 {
-    return std::any_of(sections.begin(), sections.end(),
-                       [](const Section &section)
-                       {
-                           return std::any_of(section.formats.begin(), section.formats.end(),
-                                              [](const Format &format) { return !format.encoding.empty(); });
-                       });
+    return std::any_of(sections.begin(), sections.end(), [](const Section &section) {
+        return std::any_of(section.formats.begin(), section.formats.end(),
+                           [](const Format &format) { return !format.encoding.empty(); });
+    });
 }
 
 } // namespace
@@ -238,8 +234,7 @@ std::string Description::confirmFormat(const char *media, std::string_view rtpma
 
 const Format *Description::find(unsigned track, uint8_t payloadType) const
 {
-    const auto in = [payloadType](const Section &section) -> const Format *
-    {
+    const auto in = [payloadType](const Section &section) -> const Format * {
         for (const Format &format : section.formats)
         {
             if (format.payloadType == payloadType && !format.encoding.empty())

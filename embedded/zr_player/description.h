@@ -10,8 +10,7 @@
 
 #include "hand_off.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// A payload type's meaning.
 struct Format

@@ -10,11 +10,9 @@
 #include <net/if.h>
 #include <netdb.h>
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 using HostBytes = std::array<uint8_t, 16>;
 

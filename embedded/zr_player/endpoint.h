@@ -9,8 +9,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// An address and a port. An IPv4 address in IPv6's mapped form equals the plain one.
 class Endpoint

@@ -5,8 +5,7 @@
 #include <string>
 #include <system_error>
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// Any thread.
 inline std::string errorText(int error)

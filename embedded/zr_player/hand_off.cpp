@@ -5,11 +5,9 @@
 
 #include "rtp.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 constexpr size_t headerSize = 16;
 constexpr size_t maxSize = 640;

@@ -7,8 +7,7 @@
 #include <cstdint>
 #include <string>
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// The text's pieces; one that was not there is empty.
 struct HandOff

@@ -7,8 +7,7 @@
 #include "port.h"
 #include "zr_player.h"
 
-namespace
-{
+namespace {
 
 using zr::media::MediaPort;
 
@@ -128,13 +127,10 @@ int PlayerInputOnvifRtpInfo(ZR_ULONG ulPortID, const unsigned char *pucPacket, Z
     {
         return 0;
     }
-    return static_cast<int>(withPort("stream information", ulPortID,
-                                     [=](MediaPort &port)
-                                     {
-                                         return pucPacket == nullptr
-                                                    ? refuse(ZR_MEDIA_INVALID, "stream information", ulPortID, "null")
-                                                    : port.handOff(pucPacket, ulLen);
-                                     }));
+    return static_cast<int>(withPort("stream information", ulPortID, [=](MediaPort &port) {
+        return pucPacket == nullptr ? refuse(ZR_MEDIA_INVALID, "stream information", ulPortID, "null")
+                                    : port.handOff(pucPacket, ulLen);
+    }));
 }
 
 ZR_ULONG ZR_MediaPortOpen(ZR_ULONG ulPortID, ZR_ULONG ulAOIPortID, const char *pszLocalIP, ZR_USHORT *pusPort)
@@ -167,12 +163,10 @@ ZR_ULONG ZR_MediaPortOpen(ZR_ULONG ulPortID, ZR_ULONG ulAOIPortID, const char *p
 
 ZR_ULONG ZR_MediaPortSetDescription(ZR_ULONG ulPortID, const char *pszSdp)
 {
-    return withPort("description", ulPortID,
-                    [=](MediaPort &port)
-                    {
-                        return pszSdp == nullptr ? refuse(ZR_MEDIA_INVALID, "description", ulPortID, "null")
-                                                 : port.setDescription(pszSdp);
-                    });
+    return withPort("description", ulPortID, [=](MediaPort &port) {
+        return pszSdp == nullptr ? refuse(ZR_MEDIA_INVALID, "description", ulPortID, "null")
+                                 : port.setDescription(pszSdp);
+    });
 }
 
 ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *pszFile)
@@ -183,26 +177,22 @@ ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *pszFile)
 
 ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG ulTimeoutMs)
 {
-    return withPort("picture", ulPortID,
-                    [=](MediaPort &port)
-                    {
-                        return pszFile == nullptr ? refuse(ZR_MEDIA_INVALID, "picture", ulPortID, "no file")
-                                                  : port.snapshot(pszFile, std::chrono::milliseconds(ulTimeoutMs));
-                    });
+    return withPort("picture", ulPortID, [=](MediaPort &port) {
+        return pszFile == nullptr ? refuse(ZR_MEDIA_INVALID, "picture", ulPortID, "no file")
+                                  : port.snapshot(pszFile, std::chrono::milliseconds(ulTimeoutMs));
+    });
 }
 
 ZR_ULONG ZR_MediaPortStatistics(ZR_ULONG ulPortID, ZrMediaStatistics *pstOut)
 {
-    return withPort("statistics", ulPortID,
-                    [=](MediaPort &port) -> ZR_ULONG
-                    {
-                        if (pstOut == nullptr)
-                        {
-                            return refuse(ZR_MEDIA_INVALID, "statistics", ulPortID, "null");
-                        }
-                        port.statistics(*pstOut);
-                        return 0;
-                    });
+    return withPort("statistics", ulPortID, [=](MediaPort &port) -> ZR_ULONG {
+        if (pstOut == nullptr)
+        {
+            return refuse(ZR_MEDIA_INVALID, "statistics", ulPortID, "null");
+        }
+        port.statistics(*pstOut);
+        return 0;
+    });
 }
 
 ZR_ULONG ZR_MediaPortClose(ZR_ULONG ulPortID)

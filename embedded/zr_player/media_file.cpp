@@ -15,11 +15,9 @@
 #include "platform_log.h"
 #include "udp.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 /// How long after the first packet a recording waits for the other tracks.
 constexpr std::chrono::seconds gatherTime{1};
@@ -203,8 +201,7 @@ void MediaFile::offer(unsigned track, unsigned tracks, const Format &format, con
 /// @return whether there is anything to write
 bool MediaFile::gather(Lock &lock)
 {
-    const auto all = [this]
-    {
+    const auto all = [this] {
         const unsigned heard = static_cast<unsigned>(__builtin_popcount(m_heard));
         return m_ending || m_cancelled ||
                (!m_sources.empty() && (m_kind == ZR_MEDIA_KIND_PICTURE || heard >= m_tracks));

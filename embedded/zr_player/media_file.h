@@ -15,8 +15,7 @@
 #include "rtp.h"
 #include "zr_platform.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// The media library; loads it when it is first asked for. Null, and a log line, when it is not there. Host threads.
 const ZrMediaLibrary *mediaLibrary();

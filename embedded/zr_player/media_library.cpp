@@ -8,11 +8,9 @@
 #include "media_file.h"
 #include "platform_log.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 constexpr const char *libraryName = "libzr_platform_media.so";
 constexpr int flags = RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE;

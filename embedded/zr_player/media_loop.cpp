@@ -13,8 +13,7 @@
 
 #include "platform_log.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 MediaLoop &MediaLoop::instance()
 {

@@ -14,8 +14,7 @@
 #include "rtp.h"
 #include "udp.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// What the media thread drives. It holds no lock of its own during these calls.
 class LoopClient

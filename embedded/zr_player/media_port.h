@@ -10,8 +10,7 @@
 
 #include "zr_types.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// What a SETUP answer agreed on for one track.
 struct TrackTransport

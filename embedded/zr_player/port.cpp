@@ -9,11 +9,9 @@
 #include "media_mark.h"
 #include "platform_log.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 constexpr unsigned maxTracks = 8;
 /// A hostile sender must not fill the log.

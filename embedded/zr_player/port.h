@@ -18,8 +18,7 @@
 #include "track.h"
 #include "zr_platform.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// Host threads open, ask and close it, the media thread reads its sockets and sends its reports, the dispatcher's I/O
 /// thread sets tracks up and brings interleaved frames. After close() whatever still holds it finds it inert.

@@ -6,8 +6,7 @@
 #include "platform_log.h"
 #include "port.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &file)
 {

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 constexpr uint8_t typeSenderReport = 200;
 constexpr uint8_t typeReceiverReport = 201;

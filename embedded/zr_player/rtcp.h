@@ -7,8 +7,7 @@
 
 #include "rtp.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// A compound packet: a receiver report and the CNAME.
 /// @param ssrc   the receiver's own

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 constexpr size_t headerSize = 12;
 constexpr uint32_t sequenceModulus = 1U << 16;

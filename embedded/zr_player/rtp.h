@@ -7,8 +7,7 @@
 #include <cstdint>
 #include <optional>
 
-namespace zr::media
-{
+namespace zr::media {
 
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;

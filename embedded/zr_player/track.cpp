@@ -3,11 +3,9 @@
 #include <random>
 #include <utility>
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 /// Half to one and a half times 5 s, so that many receivers do not report at once (RFC 3550, 6.2 and 6.3.1).
 std::chrono::milliseconds reportInterval()

@@ -8,8 +8,7 @@
 #include "rtcp.h"
 #include "udp.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// The sockets that a UDP track sends from; the port owns them.
 struct TrackSockets

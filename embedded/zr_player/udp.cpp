@@ -7,11 +7,9 @@
 
 #include <unistd.h>
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 /// Where media ports lie; below and above are other services' and the system's own choice.
 constexpr unsigned firstPort = 20000;

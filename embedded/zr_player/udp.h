@@ -9,8 +9,7 @@
 
 #include "endpoint.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// Owns a descriptor.
 class Descriptor

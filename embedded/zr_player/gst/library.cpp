@@ -4,8 +4,7 @@
 
 #include "sink.h"
 
-namespace
-{
+namespace {
 
 int accepts(const ZrMediaFormat *format)
 {

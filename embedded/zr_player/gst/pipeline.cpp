@@ -6,11 +6,9 @@
 #include <sstream>
 #include <string_view>
 
-namespace zr::media
-{
+namespace zr::media {
 
-namespace
-{
+namespace {
 
 struct Encoding
 {

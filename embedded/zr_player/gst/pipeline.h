@@ -10,8 +10,7 @@
 
 #include "media_library.h"
 
-namespace zr::media
-{
+namespace zr::media {
 
 struct Unref
 {

@@ -6,8 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-namespace zr::media
-{
+namespace zr::media {
 
 /// A file's time follows the RTP timestamps, not the arrival: a recording that is downloaded faster than it was made
 /// keeps its own length. Where the timestamps jump (a seek, another source) the file goes on after what it holds. One

@@ -4,8 +4,7 @@
 
 using zr::media::GstPtr;
 
-namespace
-{
+namespace {
 
 /// A track that says nothing while others do holds up the container.
 constexpr uint64_t longestSilence = 5 * GST_SECOND;
@@ -65,8 +64,7 @@ void ZrMediaSink::addTrack(Track &track, size_t index, const ZrMediaFormat &form
         return GstPtr<GstElement>(
             gst_bin_get_by_name(GST_BIN(m_pipeline.get()), (name + std::to_string(index)).c_str()));
     };
-    const auto probe = [&track](GstElement *at, GstPadProbeCallback callback)
-    {
+    const auto probe = [&track](GstElement *at, GstPadProbeCallback callback) {
         const zr::media::GstPtr<GstPad> pad(gst_element_get_static_pad(at, "src"));
         gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, callback, &track, nullptr);
     };
