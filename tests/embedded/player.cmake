@@ -4,7 +4,7 @@ zr_test(player_test
   LABELS embedded)
 
 if(ZR_WITH_GSTREAMER)
-  pkg_check_modules(GSTREAMER_TEST REQUIRED IMPORTED_TARGET gstreamer-app-1.0 gstreamer-pbutils-1.0)
+  pkg_check_modules(GSTREAMER_TEST REQUIRED IMPORTED_TARGET gstreamer-app-1.0)
   zr_test(player_media_test
     SOURCES player_media.cpp
     LIBRARIES zr_platform_player zr_platform_common zr_platform_tw_system PkgConfig::GSTREAMER_TEST

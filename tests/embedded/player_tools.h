@@ -14,11 +14,11 @@
 
 #include "endpoint.h"
 #include "media_port.h"
+#include "port.h"
 #include "udp.h"
 #include "zr_platform.h"
 
-namespace zr::test
-{
+namespace zr::test {
 
 using Bytes = std::vector<uint8_t>;
 
@@ -28,12 +28,9 @@ constexpr ZR_ULONG aoiPortId = 815;
 inline Bytes rtp(uint16_t sequence, uint32_t timestamp = 0, uint32_t ssrc = 7, uint8_t payloadType = 96)
 {
     Bytes bytes = {0x80, payloadType};
-    const auto append = [&bytes](uint32_t value, int bits)
-    {
+    const auto append = [&bytes](uint32_t value, int bits) {
         for (int shift = bits - 8; shift >= 0; shift -= 8)
-        {
             bytes.push_back(static_cast<uint8_t>(value >> shift));
-        }
     };
     append(sequence, 16);
     append(timestamp, 32);
@@ -44,15 +41,10 @@ inline Bytes rtp(uint16_t sequence, uint32_t timestamp = 0, uint32_t ssrc = 7, u
 
 inline bool eventually(const std::function<bool()> &condition)
 {
-    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20); !condition();)
-    {
-        if (std::chrono::steady_clock::now() > end)
-        {
-            return false;
-        }
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition() && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return condition();
 }
 
 /// A UDP socket of the far side.
@@ -110,15 +102,26 @@ protected:
     {
         return eventually([packets] { return statistics().ullPackets >= packets; });
     }
+    void tickAfter(std::chrono::seconds passed) const
+    {
+        static_cast<media::MediaPort &>(*m_port).tick(std::chrono::steady_clock::now() + passed);
+    }
     void feed(const Bytes &bytes, uint8_t channel = 0) const
     {
         m_port->interleavedFrame(channel, bytes.data(), bytes.size());
     }
-    void setUpInterleaved(media::InterleavedWriter writer = {}) const
+    void feed(const std::vector<Bytes> &packets) const
+    {
+        for (const Bytes &packet : packets)
+            feed(packet);
+    }
+    void setUpInterleaved(uint8_t number = 0, media::InterleavedWriter writer = {}) const
     {
         media::TrackTransport transport;
         transport.interleaved = true;
-        m_port->setUpTrack(0, transport, std::move(writer));
+        transport.rtpChannel = static_cast<uint8_t>(2 * number);
+        transport.rtcpChannel = static_cast<uint8_t>(2 * number + 1);
+        m_port->setUpTrack(number, transport, std::move(writer));
     }
     void setUpUdp(unsigned number, uint16_t peerRtpPort, uint16_t peerRtcpPort) const
     {

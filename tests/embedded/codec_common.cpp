@@ -10,14 +10,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "media_mark.h"
 #include "zr_platform.h"
 
-namespace
-{
+namespace {
 
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::Not;
+using namespace testing;
 
 std::vector<std::string> linesOf(const std::filesystem::path &file)
 {
@@ -34,7 +32,7 @@ void write(tagZrLogLevel level, const std::string &text)
 }
 
 /// The log goes into a file of the test's own.
-class Log : public testing::Test
+class Log : public Test
 {
 protected:
     Log() { ZR_LogSetFile(m_file.c_str()); }
@@ -44,7 +42,7 @@ protected:
         std::filesystem::remove_all(m_folder);
     }
 
-    std::filesystem::path m_folder{testing::TempDir() + "zr_log_test." + std::to_string(getpid())};
+    std::filesystem::path m_folder{TempDir() + "zr_log_test." + std::to_string(getpid())};
     std::filesystem::path m_file{m_folder / "log.txt"};
 };
 
@@ -65,7 +63,7 @@ TEST_F(Log, HasOneLineForEachCallWhateverItsTextHolds)
     ASSERT_EQ(all.size(), std::size(rows));
     for (size_t i = 0; i < all.size(); ++i)
         EXPECT_THAT(all[i], EndsWith(rows[i].second));
-    EXPECT_THAT(all[0], testing::MatchesRegex("....-..-.. ..:..:..\\.[0-9]+ error [0-9]+ 0x.*"));
+    EXPECT_THAT(all[0], MatchesRegex("....-..-.. ..:..:..\\.[0-9]+ error [0-9]+ 0x.*"));
 }
 
 TEST_F(Log, TakesTheLevelsThatWereAskedFor)
@@ -85,12 +83,10 @@ TEST_F(Log, TakesTheLevelsThatWereAskedFor)
 
 TEST_F(Log, MayBeTurnedElsewhereWhileOthersWrite)
 {
-    std::thread other(
-        []
-        {
-            for (int i = 0; i < 500; ++i)
-                write(ZR_LOG_INFO, "other");
-        });
+    std::thread other([] {
+        for (int i = 0; i < 500; ++i)
+            write(ZR_LOG_INFO, "other");
+    });
     for (int i = 0; i < 20; ++i)
     {
         ZR_LogSetLevel(i % 2 == 0 ? ZR_LOG_ERROR : ZR_LOG_INFO);
@@ -102,27 +98,66 @@ TEST_F(Log, MayBeTurnedElsewhereWhileOthersWrite)
     EXPECT_THAT(linesOf(m_file).back(), EndsWith("last"));
 }
 
-/// Of a process of its own, whose log is made anew.
-void writeAndExit()
-{
-    write(ZR_LOG_INFO, "information");
-    write(ZR_LOG_WARNING, "warning");
-    std::exit(0);
-}
-
 TEST(LogOfAProcess, GoesWhereTheEnvironmentSaysOrToStderr)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto warningsOnly = testing::AllOf(HasSubstr(":42 warning"), Not(HasSubstr("information")));
-    EXPECT_EXIT(writeAndExit(), testing::ExitedWithCode(0), AllOf(warningsOnly, Not(HasSubstr("stays on"))));
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process of its own, whose log is made anew
+    const auto writeAndExit = [] {
+        write(ZR_LOG_INFO, "information");
+        write(ZR_LOG_WARNING, "warning");
+        std::exit(0);
+    };
+    const auto warningsOnly = AllOf(HasSubstr(":42 warning"), Not(HasSubstr("information")));
+    EXPECT_EXIT(writeAndExit(), ExitedWithCode(0), AllOf(warningsOnly, Not(HasSubstr("stays on"))));
     setenv("ZR_RTSP_LOG_FILE", "/dev/null/log.txt", 1);
-    EXPECT_EXIT(writeAndExit(), testing::ExitedWithCode(0), AllOf(warningsOnly, HasSubstr("stays on stderr")));
-    const std::string file = testing::TempDir() + "zr_log_environment.txt";
+    EXPECT_EXIT(writeAndExit(), ExitedWithCode(0), AllOf(warningsOnly, HasSubstr("stays on stderr")));
+    const std::string file = TempDir() + "zr_log_environment.txt";
     setenv("ZR_RTSP_LOG_FILE", file.c_str(), 1);
-    EXPECT_EXIT(writeAndExit(), testing::ExitedWithCode(0), Not(HasSubstr("warning")));
-    EXPECT_THAT(linesOf(file), testing::ElementsAre(EndsWith("information"), EndsWith("warning")));
+    EXPECT_EXIT(writeAndExit(), ExitedWithCode(0), Not(HasSubstr("warning")));
+    EXPECT_THAT(linesOf(file), ElementsAre(EndsWith("information"), EndsWith("warning")));
     std::filesystem::remove(file);
     unsetenv("ZR_RTSP_LOG_FILE");
+}
+
+TEST(MediaAbility, IsCopiedBothWaysByTwoThreads)
+{
+    CMediaAbility left;
+    left.setServerIP("192.0.2.1");
+    CMediaAbility right(left);
+    const auto work = [](CMediaAbility &to, const CMediaAbility &from) {
+        for (int i = 0; i < 2000; ++i)
+        {
+            to = from;
+            to.setSessionID(CMediaAbility(from).getSessionID());
+        }
+    };
+    std::thread other([&] { work(left, right); });
+    work(right, left);
+    other.join();
+    const CMediaAbility &self = left;
+    left = self;
+    EXPECT_EQ(left.init(), 0U);
+    left.release();
+    right.setServerIP("changed");
+    EXPECT_EQ(left.getServerIP(), "192.0.2.1");
+    for (const auto &[tag, onvif] : {std::pair{"onvif", 1U}, {"ONVIF", 0U}, {"onvif ", 0U}, {"", 0U}})
+    {
+        left.setDecoderTag(tag);
+        EXPECT_EQ(left.isOnvif(), onvif) << tag;
+    }
+}
+
+TEST(MediaKeepLive, TellsOncePerArrivalAndPerPort)
+{
+    EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(1), 0U);
+    const auto mark = zr::common::mediaMark(1);
+    const auto neighbour = zr::common::mediaMark(2);
+    zr::common::mediaMark(1)->store(true);
+    EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(2), 0U);
+    EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(1), 1U);
+    EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(1), 0U);
+    mark->store(true);
+    CJugeMediaKeepLive::RefreshMediaKeepLive(1);
+    EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(1), 0U);
 }
 
 } // namespace
