@@ -184,7 +184,7 @@ TEST_F(PlayerMedia, RecordsBothTracksFromAKeyFrameOn)
     ASSERT_EQ(ZR_MediaPortRecord(portId, nullptr), 0U);
     const Output found = recorded("video_0 ! h264parse");
     EXPECT_EQ(found.buffers.size(), 45U);
-    EXPECT_EQ(found.tracks, 2U);
+    ASSERT_EQ(found.tracks, 2U);
     EXPECT_NEAR(found.seconds, 2.0, 0.25);
     EXPECT_EQ(recorded("audio_0 ! mulawdec").buffers.size(), nextAudio);
 }

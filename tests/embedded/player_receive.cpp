@@ -169,7 +169,7 @@ TEST_F(OpenPort, TakesTheHandOffBeforeTheMediaOnly)
         EXPECT_TRUE(arrived(before + 3));
         return statistics().ulJitterUs;
     };
-    const Bytes whole = handOffPacket("ARMP:0 PCMU;");
+    const Bytes whole = handOffPacket("");
     const Bytes refused = {0x90, 0x01, 0};
     EXPECT_EQ(PlayerInputOnvifRtpInfo(portId, whole.data(), static_cast<ZR_ULONG>(whole.size())), 0);
     EXPECT_NE(PlayerInputOnvifRtpInfo(portId, refused.data(), 3), 0);
