@@ -382,7 +382,7 @@ TEST_F(RendezvousTest, operationsWithoutLockMeetAnswers)
         [&]
         {
             ZR_ULONG calls = 0;
-            for (; !done; ++calls)
+            for (; calls == 0 || !done; ++calls)
             {
                 CMediaAbility ability;
                 session.main->getMediaAbility(ability);
