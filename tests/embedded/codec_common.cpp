@@ -81,23 +81,6 @@ TEST_F(Log, TakesTheLevelsThatWereAskedFor)
     ZR_LogSetLevel(ZR_LOG_INFO);
 }
 
-TEST_F(Log, MayBeTurnedElsewhereWhileOthersWrite)
-{
-    std::thread other([] {
-        for (int i = 0; i < 500; ++i)
-            write(ZR_LOG_INFO, "other");
-    });
-    for (int i = 0; i < 20; ++i)
-    {
-        ZR_LogSetLevel(i % 2 == 0 ? ZR_LOG_ERROR : ZR_LOG_INFO);
-        ZR_LogSetFile((m_folder / std::to_string(i % 3)).c_str());
-    }
-    other.join();
-    ZR_LogSetFile(m_file.c_str());
-    write(ZR_LOG_ERROR, "last");
-    EXPECT_THAT(linesOf(m_file).back(), EndsWith("last"));
-}
-
 TEST(LogOfAProcess, GoesWhereTheEnvironmentSaysOrToStderr)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // a process of its own, whose log is made anew

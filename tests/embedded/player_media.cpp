@@ -1,4 +1,3 @@
-#include <atomic>
 #include <filesystem>
 #include <tuple>
 
@@ -187,58 +186,6 @@ TEST_F(PlayerMedia, RecordsBothTracksFromAKeyFrameOn)
     ASSERT_EQ(found.tracks, 2U);
     EXPECT_NEAR(found.seconds, 2.0, 0.25);
     EXPECT_EQ(recorded("audio_0 ! mulawdec").buffers.size(), nextAudio);
-}
-
-TEST_F(PlayerMedia, RecordsUdpOutOfOrderAndASilentTrackNot)
-{
-    const Sender peer("127.0.0.1");
-    setUpUdp(0, peer.port(), 0);
-    setUpUdp(1, peer.port(), 0);
-    record(sdpH264 + sdpPcmu);
-    std::vector<Bytes> packets = packetsOf(h264);
-    for (size_t i = 4; i + 1 < packets.size(); i += 10)
-        std::swap(packets[i], packets[i + 1]);
-    for (size_t i = 0; i < packets.size(); ++i)
-    {
-        peer.send(m_first, packets[i]);
-        ASSERT_TRUE(i % 16 != 0 || arrived(i + 1));
-    }
-    ASSERT_TRUE(arrived(packets.size()));
-    EXPECT_EQ(statistics().ullLost, 0U);
-    EXPECT_EQ(ZR_MediaPortClose(portId), 0U); // ends the recording
-    const Output found = recorded("video_0 ! h264parse");
-    EXPECT_EQ(found.buffers.size(), 60U);
-    EXPECT_EQ(found.tracks, 1U);
-}
-
-TEST_F(PlayerMedia, TakesAPictureOfARunningStream)
-{
-    ASSERT_EQ(ZR_MediaPortSetDescription(portId, sdpH264.c_str()), 0U);
-    setUpInterleaved();
-    std::atomic<bool> enough{false};
-    std::thread stream([this, &enough, packets = packetsOf(h264)]() mutable {
-        for (uint16_t sequence = 30; !enough; ++sequence)
-        {
-            Bytes &packet = packets[sequence % packets.size()];
-            packet[2] = static_cast<uint8_t>(sequence >> 8);
-            packet[3] = static_cast<uint8_t>(sequence);
-            feed(packet);
-            std::this_thread::sleep_for(std::chrono::microseconds(500));
-        }
-    });
-    const ZR_ULONG code = ZR_MediaPortSnapshot(portId, file("picture.png").c_str(), 60000);
-    enough = true;
-    stream.join();
-    ASSERT_EQ(code, 0U);
-    EXPECT_EQ(files(), 1) << "something temporary is left";
-    const Output picture = outputOf("filesrc location=" + file("picture.png") +
-                                    " ! pngdec ! videoconvert ! video/x-raw,format=RGB,width=160,height=120");
-    ASSERT_EQ(picture.buffers.size(), 1U);
-    const auto colour = [&picture](size_t x, size_t part) { return picture.buffers[0].at(3 * (20 * 160 + x) + part); };
-    // the test picture's bars: white, then yellow, blue to the right
-    EXPECT_GT(colour(10, 2), 150);
-    EXPECT_LT(colour(34, 2), 90);
-    EXPECT_LT(colour(150, 0), 90);
 }
 
 TEST_F(PlayerMedia, SaysAtOnceWhatCannotBeWritten)
