@@ -1,6 +1,8 @@
 #include "delivery.h"
 
+#include <algorithm>
 #include <exception>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -88,9 +90,18 @@ RegistrationPtr Delivery::retire(ZR_ULONG id)
         return nullptr;
     RegistrationPtr registration = std::move(found->second);
     m_registrations.erase(found);
-    registration->retired = true;
-    dropped.swap(registration->messages);
+    endRegistration(registration, dropped);
     return registration;
+}
+
+/// The mutex is held.
+void Delivery::endRegistration(RegistrationPtr registration, std::deque<aoi::MessagePtr> &dropped)
+{
+    registration->retired = true;
+    std::move(registration->messages.begin(), registration->messages.end(), std::back_inserter(dropped));
+    registration->messages.clear();
+    if (registration->running)
+        m_ending.push_back(std::move(registration));
 }
 
 std::vector<RegistrationPtr> Delivery::retireAll()
@@ -100,22 +111,22 @@ std::vector<RegistrationPtr> Delivery::retireAll()
     const std::lock_guard<std::mutex> lock(m_mutex);
     for (auto &entry : m_registrations)
     {
-        entry.second->retired = true;
-        for (aoi::MessagePtr &message : entry.second->messages)
-            dropped.push_back(std::move(message));
-        entry.second->messages.clear();
+        endRegistration(entry.second, dropped);
         all.push_back(std::move(entry.second));
     }
     m_registrations.clear();
     return all;
 }
 
-void Delivery::waitIdle(const Registration &registration)
+void Delivery::waitIdle(ZR_ULONG id)
 {
     if (common::onCallbackThread())
         return;
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_idle.wait(lock, [&registration] { return !registration.running; });
+    m_idle.wait(lock, [this, id] {
+        return std::none_of(m_ending.begin(), m_ending.end(),
+                            [id](const RegistrationPtr &ending) { return ending->id == id; });
+    });
 }
 
 void Delivery::deliver(const RegistrationPtr &registration, aoi::MessagePtr message)
@@ -205,7 +216,10 @@ void Delivery::callNext(std::unique_lock<std::mutex> &lock)
         lock.lock();
         registration->running = false;
         if (registration->retired)
+        {
+            m_ending.erase(std::find(m_ending.begin(), m_ending.end(), registration));
             m_idle.notify_all();
+        }
     }
     if (registration->messages.empty())
     {

@@ -67,8 +67,9 @@ public:
     /// Ends a registration: its identifier is free, what is queued is dropped, no call begins any more. One may still
     /// be running. Any thread. @return null when there is none
     RegistrationPtr retire(ZR_ULONG id);
-    /// Waits until no call into a retired registration's processor is running; on a callback thread returns at once.
-    void waitIdle(const Registration &registration);
+    /// Waits until no call is running for a registration of that identifier that was retired, now or earlier; on a
+    /// callback thread returns at once.
+    void waitIdle(ZR_ULONG id);
     /// Queues a message; dropped when the registration is retired. I/O thread.
     void deliver(const RegistrationPtr &registration, aoi::MessagePtr message);
 
@@ -78,6 +79,7 @@ public:
     void stop();
 
 private:
+    void endRegistration(RegistrationPtr registration, std::deque<aoi::MessagePtr> &dropped);
     void work();
     void callNext(std::unique_lock<std::mutex> &lock);
     void grow();
@@ -87,6 +89,7 @@ private:
     std::condition_variable m_wake; ///< a registration is ready, or the end
     std::condition_variable m_idle; ///< a call into a retired registration's processor has ended
     std::unordered_map<ZR_ULONG, RegistrationPtr> m_registrations;
+    std::vector<RegistrationPtr> m_ending; ///< retired while their call was running, until it has ended
     std::deque<RegistrationPtr> m_ready;
     std::vector<std::thread> m_threads;
     size_t m_idleThreads = 0;

@@ -47,6 +47,12 @@ std::shared_ptr<Engine> Dispatcher::engine() const
     return m_engine;
 }
 
+std::shared_ptr<Engine> Dispatcher::lastEngine() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_last.lock();
+}
+
 bool Dispatcher::everStarted() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -82,6 +88,7 @@ void Dispatcher::destroy()
             return;
         last = std::move(m_engine);
         m_engine.reset();
+        m_last = last;
     }
     last->shutDown();
 }
@@ -112,7 +119,11 @@ ZR_ULONG Dispatcher::unregisterAOIMsgProc(ZR_ULONG ulID)
 {
     return guarded("unregisterAOIMsgProc", [this, ulID] {
         const auto running = engine();
-        return running ? running->unregisterAOIMsgProc(ulID) : codeNotStarted;
+        if (running)
+            return running->unregisterAOIMsgProc(ulID);
+        if (const auto last = lastEngine()) // its calls may still be running
+            last->unregisterAOIMsgProc(ulID);
+        return ZR_ULONG{codeNotStarted};
     });
 }
 

@@ -31,9 +31,11 @@ public:
 private:
     Dispatcher() = default;
     std::shared_ptr<Engine> engine() const;
+    std::shared_ptr<Engine> lastEngine() const;
 
     mutable std::mutex m_mutex; ///< guards the members; nothing waits under it
     std::shared_ptr<Engine> m_engine;
+    std::weak_ptr<Engine> m_last; ///< the one that was shut down last, or is being
     unsigned m_count = 0;
     bool m_everStarted = false;
 };

@@ -150,11 +150,12 @@ ZR_ULONG Engine::unregisterAOIMsgProc(ZR_ULONG id)
     if (!registration)
     {
         ZR_PLATFORM_LOG(WARNING, codeNotRegistered, Dispatch, "%u is not registered", id);
+        m_delivery.waitIdle(id); // it may have been ended from inside its call, and its owner goes now
         return codeNotRegistered;
     }
     // before the wait: a TEARDOWN is not to be held up by a call that takes its time
     m_loop.post([this, registration] { end(registration); });
-    m_delivery.waitIdle(*registration);
+    m_delivery.waitIdle(id);
     return 0;
 }
 
