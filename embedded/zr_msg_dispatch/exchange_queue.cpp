@@ -5,11 +5,9 @@
 #include "mapping.h"
 #include "rtsp_text.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
-namespace
-{
+namespace {
 
 /// So many late answers are still recognised.
 constexpr size_t mostForgotten = 32;
@@ -31,15 +29,18 @@ AcceptedPtr ExchangeQueue::next(SteadyClock::time_point now)
     return accepted;
 }
 
+void ExchangeQueue::restart(AcceptedPtr accepted)
+{
+    m_onWire.clear();
+    m_waiting.push_front(std::move(accepted));
+}
+
 bool ExchangeQueue::wireBusy(SteadyClock::time_point now) const
 {
-    return std::any_of(m_onWire.begin(), m_onWire.end(),
-                       [this, now](const Exchange &exchange)
-                       {
-                           const bool heldLongEnough =
-                               isKeepAlive(exchange.messageId) && now - exchange.sent >= m_settings.keepAliveHold;
-                           return exchange.accepted && !heldLongEnough;
-                       });
+    return std::any_of(m_onWire.begin(), m_onWire.end(), [this, now](const Exchange &exchange) {
+        const bool heldLongEnough = isKeepAlive(exchange.messageId) && now - exchange.sent >= m_settings.keepAliveHold;
+        return exchange.accepted && !heldLongEnough;
+    });
 }
 
 std::optional<Exchange> ExchangeQueue::match(const rtsp::Message &response)
@@ -104,24 +105,25 @@ template <typename Kind>
 bool ExchangeQueue::has(Kind kind) const
 {
     return std::any_of(m_waiting.begin(), m_waiting.end(),
-                       [kind](const AcceptedPtr &accepted) { return kind(accepted->request.messageId); }) ||
+                       [kind](const AcceptedPtr &accepted) { return kind(*accepted); }) ||
            std::any_of(m_onWire.begin(), m_onWire.end(),
-                       [kind](const Exchange &exchange) { return exchange.accepted && kind(exchange.messageId); });
+                       [kind](const Exchange &exchange) { return exchange.accepted && kind(*exchange.accepted); });
 }
 
-bool ExchangeQueue::hasKeepAlive() const
+bool ExchangeQueue::hasKeepAlive(bool own) const
 {
-    return has(isKeepAlive);
+    return has(
+        [own](const Accepted &accepted) { return isKeepAlive(accepted.request.messageId) && (own || !accepted.own); });
 }
 
 bool ExchangeQueue::hasTeardown() const
 {
-    return has(isTeardown);
+    return has([](const Accepted &accepted) { return isTeardown(accepted.request.messageId); });
 }
 
 bool ExchangeQueue::awaited() const
 {
-    return has([](ZR_ULONG) { return true; });
+    return has([](const Accepted &accepted) { return !accepted.own; });
 }
 
 std::vector<AcceptedPtr> ExchangeQueue::takeAll()

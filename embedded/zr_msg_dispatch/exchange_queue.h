@@ -52,6 +52,8 @@ struct Accepted
     const aoi::Request request;
     const SteadyClock::time_point deadline; ///< nobody waits for the answer after that
     std::optional<route::Address> target;   ///< of a request that may open the connection
+    bool own = false;                       ///< a keep-alive of the platform's: nobody is told of its answer
+    unsigned redirects = 0;                 ///< that it has followed; I/O thread
 };
 using AcceptedPtr = std::shared_ptr<Accepted>;
 
@@ -77,6 +79,9 @@ public:
     /// Takes the request that may be sent now; null when none may.
     AcceptedPtr next(SteadyClock::time_point now);
     void sent(Exchange exchange) { m_onWire.push_back(std::move(exchange)); }
+    /// The connection leads elsewhere now: what was on the wire is forgotten, and one that is asked there again goes
+    /// before all others.
+    void restart(AcceptedPtr accepted);
     /// Takes the exchange that an answer belongs to: by CSeq, or without one (RFC 2326, 12.17 demands it) the oldest.
     /// None when it belongs to no request.
     std::optional<Exchange> match(const rtsp::Message &response);
@@ -87,8 +92,8 @@ public:
     /// When expire or next will have something to do, by time alone.
     std::optional<SteadyClock::time_point> due(SteadyClock::time_point now) const;
 
-    /// Whether a keep-alive waits or is on the wire.
-    bool hasKeepAlive() const;
+    /// Whether a keep-alive of the requester's, or with `own` any, waits or is on the wire.
+    bool hasKeepAlive(bool own) const;
     /// The same of a TEARDOWN.
     bool hasTeardown() const;
     /// Whether a requester still waits for an answer.

@@ -81,6 +81,18 @@ Mapped mapResponse(const aoi::Request &request, const std::string &requestUrl, c
                    Session &session, const Ends &ends,
                    std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now());
 
+/// What becomes of a request of the server's own.
+struct ServerRequest
+{
+    int status = 200;                   ///< of its answer
+    std::vector<rtsp::Header> headers;  ///< of its answer
+    std::optional<ZR_ULONG> quitReason; ///< set: it ends the session, for that reason
+    std::string says;                   ///< for the log; may be empty
+};
+
+/// Judges it: by its method, an announcement by the number of its Notice (or x-notice) header.
+ServerRequest judgeServerRequest(const rtsp::Message &request);
+
 /// The failure answer that the platform itself gives (503: the far side is not reachable ...).
 aoi::Answer failureAnswer(const aoi::Request &request, ZR_ULONG status);
 

@@ -28,6 +28,7 @@ enum : ZR_ULONG
 {
     statusOk = 200,
     statusBadRequest = 400,
+    statusMethodNotAllowed = 405,
     statusNotImplemented = 501,
     statusServiceUnavailable = 503,
 };

@@ -13,6 +13,8 @@ namespace {
 
 /// A server may make us write so many lines a connection.
 constexpr unsigned mostNotes = 20;
+/// And end its session so many times.
+constexpr unsigned mostAnnouncements = 20;
 
 bool isUnauthorized(const rtsp::Message &response)
 {
@@ -34,6 +36,7 @@ SessionChannel::SessionChannel(const ChannelServices &services, RegistrationPtr 
     , m_exchanges(services.settings)
     , m_timer(services.loop, [this] { onTimer(); })
     , m_linger(services.loop, [this] { finish(); })
+    , m_keeper(services.loop, services.settings, [this] { keepAlive(); })
 {
 }
 
@@ -60,7 +63,7 @@ void SessionChannel::submit(AcceptedPtr accepted)
     if (m_life != Life::Open)
         return;
     const auto url = parseUrl(wireUrl(accepted->request, m_session));
-    if (isKeepAlive(accepted->request.messageId) && m_exchanges.hasKeepAlive())
+    if (isKeepAlive(accepted->request.messageId) && m_exchanges.hasKeepAlive(accepted->own))
         return;
     if (!prepareConnection(*accepted, url))
     {
@@ -75,79 +78,6 @@ void SessionChannel::submit(AcceptedPtr accepted)
     }
     m_exchanges.push(std::move(accepted));
     pump();
-}
-
-bool SessionChannel::Target::operator==(const Target &other) const
-{
-    return address == other.address && secure == other.secure && certificateHost == other.certificateHost;
-}
-
-/// Opens the connection when this request may. @return whether there is one
-bool SessionChannel::prepareConnection(const Accepted &accepted, const std::optional<Url> &url)
-{
-    if (accepted.target)
-    {
-        const bool secure = url && url->secure;
-        const Target target{*accepted.target, secure, secure ? url->host : std::string()};
-        if (leadsElsewhere(accepted, target))
-        {
-            if (m_connection)
-                failAll("the route leads elsewhere now");
-            dropConnection();
-            if (m_interleaved)
-                closePort();
-            resetSession();
-            m_target = target;
-        }
-    }
-    if (m_connection)
-        return true;
-    if (!accepted.target && !m_mayReconnect)
-        return false;
-    openConnection();
-    return true;
-}
-
-/// A DESCRIBE asks anew; a SETUP follows a description, whose server may write rtsp (or an inner host) where it was
-/// asked by rtsps: that stays on the connection that there is.
-bool SessionChannel::leadsElsewhere(const Accepted &accepted, const Target &target) const
-{
-    const bool follows = accepted.request.messageId != AOI_MSG_RTSP_DESCRIBE && m_connection;
-    if (follows && (m_target.secure || !target.secure))
-        return target.address != m_target.address;
-    return !(target == m_target);
-}
-
-void SessionChannel::openConnection()
-{
-    m_mayReconnect = false;
-    m_notes = 0;
-    m_wasUp = false;
-    Connection::Owner &owner = *this;
-    m_connection =
-        std::make_shared<Connection>(m_services.loop, m_services.settings, owner,
-                                     m_target.secure ? Security{m_services.tls, m_target.certificateHost} : Security());
-    Resolved numeric = resolveNumeric(m_target.address.host, m_target.address.port);
-    const bool known = !numeric.addresses.empty();
-    m_connection->open(std::move(numeric.addresses));
-    if (known)
-        return;
-    // neither side keeps the other alive: the answer is for this connection, if it still waits
-    m_services.resolver.resolve(
-        m_target.address.host, m_target.address.port,
-        [jobs = m_services.loop.jobs(), waiting = std::weak_ptr<Connection>(m_connection)](Resolved names) {
-            jobs->post([waiting, names = std::move(names)] {
-                if (const auto connection = waiting.lock())
-                    connection->takeAddresses(names.addresses, names.error);
-            });
-        });
-}
-
-void SessionChannel::dropConnection()
-{
-    if (m_connection)
-        m_connection->close();
-    m_connection.reset();
 }
 
 void SessionChannel::pump()
@@ -166,20 +96,48 @@ void SessionChannel::pump()
 void SessionChannel::send(const AcceptedPtr &accepted)
 {
     aoi::Request request = accepted->request;
-    if (!request.authorization.empty() && !m_session.challengedBy.empty() && m_session.challengedBy != farSide())
+    if (!request.authorization.empty() && !maySeeCredentials())
     {
         ZR_PLATFORM_LOG(WARNING, 0, Dispatch, "%s: credentials for %s are not sent there", name().c_str(),
-                        m_session.challengedBy.c_str());
+                        m_session.challengedBy.empty() ? "another server" : m_session.challengedBy.c_str());
         request.authorization.clear();
     }
-    const std::string bytes = writeRequest(request, m_cseq + 1, m_session, m_services.settings.userAgent);
+    request.url = wireUrl(request, m_session);
+    if (m_redirect && request.url == m_redirect->from)
+        request.url = m_redirect->to;
+    const std::string &userAgent = m_services.settings.userAgent;
+    const std::string bytes = accepted->own ? writeKeepAlive(m_session, request.authorization, m_cseq + 1, userAgent)
+                                            : writeRequest(request, m_cseq + 1, m_session, userAgent);
     if (bytes.empty())
     {
         refuse(*accepted, statusBadRequest, "its URL or transport cannot be written");
         return;
     }
-    m_exchanges.sent({accepted, request.messageId, ++m_cseq, wireUrl(request, m_session), SteadyClock::now()});
+    m_exchanges.sent({accepted, request.messageId, ++m_cseq, request.url, SteadyClock::now()});
+    m_keeper.sent(request);
     m_connection->write(bytes);
+}
+
+/// Neither a host that the requester's host was not, nor another than the one that challenged.
+bool SessionChannel::maySeeCredentials() const
+{
+    return m_session.challengedBy.empty() ? m_target.address == m_asked.address : m_session.challengedBy == farSide();
+}
+
+/// The server is to hear of its session.
+void SessionChannel::keepAlive()
+{
+    if (m_exchanges.hasKeepAlive(true))
+        return;
+    aoi::Request request;
+    request.messageId = AOI_MSG_RTSP_OPTIONS;
+    request.sourceId = m_registration->id;
+    request.sessionId = m_session.id;
+    request.authorization = m_keeper.authorization();
+    const auto accepted = std::make_shared<Accepted>(m_registration, std::move(request),
+                                                     SteadyClock::now() + m_services.settings.requestTimeout);
+    accepted->own = true;
+    submit(accepted);
 }
 
 // ---- what comes in
@@ -225,12 +183,31 @@ void SessionChannel::takeResponse(const rtsp::Message &response)
             finish();
         return;
     }
-    if (exchange->accepted)
+    if (exchange->accepted && follow(*exchange, response))
+        return;
+    if (exchange->accepted && exchange->accepted->own)
+        takeOwnAnswer(*exchange, response);
+    else if (exchange->accepted)
         answer(*exchange, response);
     else if (mayNote())
         ZR_PLATFORM_LOG(WARNING, codeTimedOut, Dispatch, "%s: the answer to %s (CSeq %u) came too late and is dropped",
                         name().c_str(), methodOf(exchange->messageId), exchange->cseq);
     pump();
+}
+
+/// It stays here; what it says of the session counts.
+void SessionChannel::takeOwnAnswer(const Exchange &exchange, const rtsp::Message &response)
+{
+    mapResponse(exchange.accepted->request, exchange.url, response, m_session, m_connection->ends());
+    if (isUnauthorized(response))
+        m_session.challengedBy = farSide();
+    if (isSuccess(response))
+        return;
+    if (mayNote())
+        ZR_PLATFORM_LOG(WARNING, codeProtocol, Dispatch, "%s: the keep-alive is answered %d", name().c_str(),
+                        response.status);
+    if (response.status == statusMethodNotAllowed || response.status == statusNotImplemented)
+        m_session.publicMethods.clear(); // what it listed it does not know
 }
 
 void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &response)
@@ -247,6 +224,7 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
                         name().c_str(), response.status, methodOf(request.messageId), mapped.problem.c_str());
     if (mapped.track)
         setUpTrack(mapped);
+    m_keeper.watch(m_session);
     deliver(mapped.answer);
 }
 
@@ -276,20 +254,18 @@ void SessionChannel::setUpTrack(const Mapped &mapped)
     m_port->setUpTrack(mapped.trackNumber, *mapped.track, std::move(writer));
 }
 
-/// A server's own request. What it says to the session is not handed up yet.
 void SessionChannel::answerServer(const rtsp::Message &request)
 {
     if (m_life != Life::Open)
         return; // shut down for writing
-    static const std::string understood = "OPTIONS, GET_PARAMETER, SET_PARAMETER, ANNOUNCE, REDIRECT";
-    const std::vector<std::string_view> methods = rtsp::split(understood, ',');
-    const bool known = std::find(methods.begin(), methods.end(), request.method) != methods.end();
+    const ServerRequest judged = judgeServerRequest(request);
     if (mayNote())
-        ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: the server's %s is answered %d", name().c_str(),
-                        rtsp::quoted(request.method).c_str(), known ? statusOk : statusNotImplemented);
-    m_connection->write(rtsp::writeResponse(
-        request, known ? statusOk : statusNotImplemented,
-        request.method == "OPTIONS" ? std::vector<rtsp::Header>{{"Public", understood}} : std::vector<rtsp::Header>()));
+        ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: the server's %s%s%s is answered %d", name().c_str(),
+                        rtsp::quoted(request.method).c_str(), judged.says.empty() ? "" : " ", judged.says.c_str(),
+                        judged.status);
+    m_connection->write(rtsp::writeResponse(request, judged.status, judged.headers));
+    if (judged.quitReason)
+        announce(*judged.quitReason);
 }
 
 void SessionChannel::lost(const std::string &reason, bool orderly)
@@ -308,8 +284,11 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
     else
         ZR_PLATFORM_LOG(WARNING, codeConnection, Dispatch, "%s: %s: %s", name().c_str(),
                         m_wasUp ? "the connection is lost" : "no connection", reason.c_str());
+    const bool missed = m_exchanges.hasKeepAlive(true);
     failAll(reason);
     m_mayReconnect = goesOn;
+    if (goesOn && missed)
+        m_keeper.missed();
     if (goesOn)
         return;
     if (m_interleaved)
@@ -317,6 +296,11 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
     if (m_session.played && !wanted)
         notifyLost();
     resetSession();
+    if (!quiet) // what it was redirected to may be no longer there
+    {
+        m_target = m_asked;
+        m_redirect.reset();
+    }
 }
 
 /// What a lost session agreed on is void; who challenged stays known, for the credentials' sake.
@@ -325,6 +309,7 @@ void SessionChannel::resetSession()
     std::string challenger = std::move(m_session.challengedBy);
     m_session = Session();
     m_session.challengedBy = std::move(challenger);
+    m_keeper.stop();
     m_interleaved = false;
     m_tornDown = false;
 }
@@ -342,6 +327,8 @@ void SessionChannel::deliver(const aoi::Answer &answer)
 
 void SessionChannel::refuse(const Accepted &accepted, ZR_ULONG status, const std::string &why)
 {
+    if (accepted.own)
+        return; // the next one comes by itself
     ZR_PLATFORM_LOG(WARNING, status, Dispatch, "%s: %s fails with %u: %s", name().c_str(),
                     methodOf(accepted.request.messageId), status, why.c_str());
     deliver(failureAnswer(accepted.request, status));
@@ -361,6 +348,19 @@ void SessionChannel::notifyLost()
     notice.destinationId = m_registration->id;
     notice.sessionId = m_session.id;
     notice.action = sessionLost;
+    deliver(notice);
+}
+
+/// The server ends the session. One that is not set up has no end.
+void SessionChannel::announce(ZR_ULONG quitReason)
+{
+    if (m_session.id.empty() || ++m_announced > mostAnnouncements)
+        return;
+    aoi::Answer notice;
+    notice.messageId = AOI_MSG_RTSP_ADMINSSION_ANNOUNCE;
+    notice.destinationId = m_registration->id;
+    notice.sessionId = m_session.id;
+    notice.quitReason = quitReason;
     deliver(notice);
 }
 
@@ -401,6 +401,7 @@ void SessionChannel::end()
         return;
     m_life = Life::Lingering;
     m_timer.stop();
+    m_keeper.stop();
     closePort();
     if (!m_connection || !m_exchanges.hasTeardown())
     {
@@ -440,6 +441,7 @@ void SessionChannel::finish()
     m_life = Life::Over;
     m_timer.stop();
     m_linger.stop();
+    m_keeper.stop();
     closePort();
     m_exchanges.takeAll();
     dropConnection();

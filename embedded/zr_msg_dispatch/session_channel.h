@@ -13,6 +13,7 @@
 #include "mapping.h"
 #include "resolver.h"
 #include "route_registry.h"
+#include "session_keeper.h"
 #include "settings.h"
 
 namespace zr::dispatch {
@@ -58,14 +59,26 @@ private:
         bool operator==(const Target &other) const;
     };
 
+    /// What a redirect said: asked for the one URL, ask for the other.
+    struct Redirect
+    {
+        std::string from;
+        std::string to;
+    };
+
     bool prepareConnection(const Accepted &accepted, const std::optional<Url> &url);
     bool leadsElsewhere(const Accepted &accepted, const Target &target) const;
+    bool follow(const Exchange &exchange, const rtsp::Message &response);
+    void leadTo(const Url &url);
     void openConnection();
     void dropConnection();
+    bool maySeeCredentials() const;
     void pump();
     void send(const AcceptedPtr &accepted);
 
     void takeResponse(const rtsp::Message &response);
+    void keepAlive();
+    void takeOwnAnswer(const Exchange &exchange, const rtsp::Message &response);
     void answer(const Exchange &exchange, const rtsp::Message &response);
     void setUpTrack(const Mapped &mapped);
     void answerServer(const rtsp::Message &request);
@@ -74,6 +87,7 @@ private:
     void refuse(const Accepted &accepted, ZR_ULONG status, const std::string &why);
     void failAll(const std::string &why);
     void notifyLost();
+    void announce(ZR_ULONG quitReason);
     void resetSession();
     bool mayNote();
 
@@ -90,7 +104,9 @@ private:
     const RegistrationPtr m_registration;
     std::function<void()> m_finished;
 
-    Target m_target;
+    Target m_asked;  ///< by route and URL
+    Target m_target; ///< where it leads: another when redirected
+    std::optional<Redirect> m_redirect;
     std::shared_ptr<Connection> m_connection; ///< null: none; else being resolved, connecting, or up
     Session m_session;
     bool m_wasUp = false; ///< the connection
@@ -101,7 +117,8 @@ private:
 
     ExchangeQueue m_exchanges;
     unsigned m_cseq = 0;
-    unsigned m_notes = 0; ///< lines logged about the server's oddities on this connection
+    unsigned m_notes = 0;     ///< lines logged about the server's oddities on this connection
+    unsigned m_announced = 0; ///< ends of the session that the server announced on it
 
     enum class Life
     {
@@ -113,6 +130,7 @@ private:
     LoopTimer m_timer; ///< fires at the earliest deadline, or earlier
     SteadyClock::time_point m_timerDue;
     LoopTimer m_linger;
+    SessionKeeper m_keeper;
 };
 
 } // namespace zr::dispatch

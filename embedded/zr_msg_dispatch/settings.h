@@ -23,6 +23,8 @@ struct Settings
     milliseconds messageTimeout{10000}; ///< a message's first byte to its last
     milliseconds requestTimeout{25000}; ///< sendAOIMsg to the answer, as long as a requester waits
     milliseconds keepAliveHold{2000};   ///< how long an unanswered keep-alive holds other requests back
+    milliseconds sessionSecond{1000};   ///< what a server's session time-out counts in
+    unsigned servedTimeout = 60;        ///< seconds: from there on the requester's own keep-alives serve a session
     milliseconds linger{2000};          ///< how long a TEARDOWN's answer is waited for after unregistering
     std::string userAgent;
     std::string caFile; ///< PEM; empty: the system's

@@ -259,6 +259,14 @@ ZR_ULONG Recorder::AOIMsgPro(tagAOIMsg *message)
     CAOIIETool::getAOIIEErrcode(message, received.error);
     CAOIIETool::getAOIIESessionID(message, received.session);
     CAOIIETool::getAOIIESDP(message, received.sdp);
+    CAOIIETool::getAOIIEContentBase(message, received.base);
+    CAOIIETool::getAOIIERange(message, received.range);
+    tagAOIIEQuitReason reason = {};
+    if (CAOIIETool::getAOIIEQuitReason(message, reason) == 0)
+        received.reason = reason;
+    tagAOIIERtspActionType action = {};
+    if (CAOIIETool::getAOIIESAction(message, action) == 0)
+        received.action = action;
     m_signal.change([&] { m_messages.push_back(received); });
     return 0;
 }

@@ -126,6 +126,10 @@ struct Received
     ZR_ULONG error = 0;
     std::string session;
     std::string sdp;
+    std::string base;
+    std::string range;
+    ZR_ULONG reason = 0;
+    ZR_ULONG action = 0;
 };
 
 class Recorder : public CIAOIMsgProc

@@ -1,0 +1,139 @@
+// Where a session's connection leads: by its route and URL, and by redirects.
+
+#include <utility>
+
+#include "platform_log.h"
+#include "rtsp_text.h"
+#include "session_channel.h"
+
+namespace zr::dispatch {
+
+namespace {
+
+bool isRedirect(const rtsp::Message &response)
+{
+    return response.status == 301 || response.status == 302 || response.status == 303 || response.status == 307;
+}
+
+} // namespace
+
+bool SessionChannel::Target::operator==(const Target &other) const
+{
+    return address == other.address && secure == other.secure && certificateHost == other.certificateHost;
+}
+
+/// Opens the connection when this request may. @return whether there is one
+bool SessionChannel::prepareConnection(const Accepted &accepted, const std::optional<Url> &url)
+{
+    if (accepted.target)
+    {
+        const bool secure = url && url->secure;
+        const Target target{*accepted.target, secure, secure ? url->host : std::string()};
+        if (leadsElsewhere(accepted, target))
+        {
+            if (m_connection)
+                failAll("the route leads elsewhere now");
+            dropConnection();
+            if (m_interleaved)
+                closePort();
+            resetSession();
+            m_redirect.reset();
+            m_asked = target;
+            m_target = target;
+        }
+    }
+    if (m_connection)
+        return true;
+    if (!accepted.target && !m_mayReconnect)
+        return false;
+    openConnection();
+    return true;
+}
+
+/// A DESCRIBE asks anew; a SETUP follows a description, whose server may write rtsp (or an inner host) where it was
+/// asked by rtsps: that stays as secure as it was.
+bool SessionChannel::leadsElsewhere(const Accepted &accepted, const Target &target) const
+{
+    if (accepted.request.messageId != AOI_MSG_RTSP_DESCRIBE && (m_target.secure || !target.secure))
+        return target.address != m_asked.address;
+    const bool redirected = m_redirect && wireUrl(accepted.request, m_session) != m_redirect->from;
+    return redirected || !(target == m_asked);
+}
+
+/// Asks again where a redirect of DESCRIBE leads (RFC 2326, 11.3).
+/// @return false when it does not: the answer is the requester's
+bool SessionChannel::follow(const Exchange &exchange, const rtsp::Message &response)
+{
+    constexpr unsigned mostRedirects = 3;
+    if (exchange.messageId != AOI_MSG_RTSP_DESCRIBE || !isRedirect(response))
+        return false;
+    const AcceptedPtr &accepted = exchange.accepted;
+    const auto target = redirectTarget(exchange.url, response);
+    const auto url = target ? parseUrl(*target) : std::nullopt;
+    const char *const obstacle = !url                                   ? "it leads nowhere, or out of TLS"
+                                 : accepted->redirects == mostRedirects ? "too many came one after the other"
+                                 : m_session.setups > 0                 ? "a session is set up"
+                                                                        : nullptr;
+    const std::string *const header = response.find("Location");
+    const std::string location = rtsp::quoted(header ? *header : "");
+    if (obstacle)
+    {
+        ZR_PLATFORM_LOG(WARNING, static_cast<ZR_ULONG>(response.status), Dispatch,
+                        "%s: the redirect %d to %s is not followed: %s", name().c_str(), response.status,
+                        location.c_str(), obstacle);
+        return false;
+    }
+    ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: redirected (%d) to %s", name().c_str(), response.status, location.c_str());
+    ++accepted->redirects;
+    m_redirect = Redirect{wireUrl(accepted->request, m_session), url->withoutCredentials};
+    m_exchanges.restart(accepted);
+    leadTo(*url);
+    pump();
+    return true;
+}
+
+void SessionChannel::leadTo(const Url &url)
+{
+    const Target target{{url.host, url.port}, url.secure, url.secure ? url.host : std::string()};
+    if (target == m_target)
+        return;
+    dropConnection();
+    resetSession();
+    m_target = target;
+    openConnection();
+}
+
+void SessionChannel::openConnection()
+{
+    m_mayReconnect = false;
+    m_notes = 0;
+    m_announced = 0;
+    m_wasUp = false;
+    Connection::Owner &owner = *this;
+    m_connection =
+        std::make_shared<Connection>(m_services.loop, m_services.settings, owner,
+                                     m_target.secure ? Security{m_services.tls, m_target.certificateHost} : Security());
+    Resolved numeric = resolveNumeric(m_target.address.host, m_target.address.port);
+    const bool known = !numeric.addresses.empty();
+    m_connection->open(std::move(numeric.addresses));
+    if (known)
+        return;
+    // neither side keeps the other alive: the answer is for this connection, if it still waits
+    m_services.resolver.resolve(
+        m_target.address.host, m_target.address.port,
+        [jobs = m_services.loop.jobs(), waiting = std::weak_ptr<Connection>(m_connection)](Resolved names) {
+            jobs->post([waiting, names = std::move(names)] {
+                if (const auto connection = waiting.lock())
+                    connection->takeAddresses(names.addresses, names.error);
+            });
+        });
+}
+
+void SessionChannel::dropConnection()
+{
+    if (m_connection)
+        m_connection->close();
+    m_connection.reset();
+}
+
+} // namespace zr::dispatch
