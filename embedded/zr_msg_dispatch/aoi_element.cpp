@@ -4,10 +4,8 @@
 #include <array>
 #include <cstring>
 
-namespace zr::aoi
-{
-namespace
-{
+namespace zr::aoi {
+namespace {
 
 constexpr std::string_view zero("\0", 1);
 using TransportNumbers = std::array<ZR_ULONG, transportPrefix / sizeof(ZR_ULONG)>;
@@ -15,8 +13,7 @@ using TransportNumbers = std::array<ZR_ULONG, transportPrefix / sizeof(ZR_ULONG)
 /// What may stand in a Transport parameter: names, IPv4 and IPv6 addresses, but nothing that begins another parameter.
 bool isAddress(std::string_view text)
 {
-    const auto allowed = [](char c)
-    {
+    const auto allowed = [](char c) {
         return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
                std::string_view(".:-_%[]").find(c) != std::string_view::npos;
     };

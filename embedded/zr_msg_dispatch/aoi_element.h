@@ -9,8 +9,7 @@
 #include "aoi_message.h"
 #include "message_buffer.h"
 
-namespace zr::aoi
-{
+namespace zr::aoi {
 
 using mdp::Status;
 

@@ -6,10 +6,8 @@
 
 #include "aoi_element.h"
 
-namespace zr::aoi
-{
-namespace
-{
+namespace zr::aoi {
+namespace {
 
 bool isRequestId(ZR_ULONG messageId)
 {
@@ -99,13 +97,11 @@ Status readScale(const tagMDPMsg *message, Request &request)
 template <typename Visitor>
 void visitElements(const Answer &answer, Visitor &&visit)
 {
-    const auto text = [&](ZR_ULONG id, size_t prefix, const std::optional<std::string> &value)
-    {
+    const auto text = [&](ZR_ULONG id, size_t prefix, const std::optional<std::string> &value) {
         if (value)
             visit.text(id, prefix, *value);
     };
-    const auto number = [&](ZR_ULONG id, const std::optional<ZR_ULONG> &value)
-    {
+    const auto number = [&](ZR_ULONG id, const std::optional<ZR_ULONG> &value) {
         if (value)
             visit.number(id, *value);
     };

@@ -9,8 +9,7 @@
 #include "tw_system.h"
 #include "zr_msg_dispatch.h"
 
-namespace zr::aoi
-{
+namespace zr::aoi {
 
 /// The User-Agent of requests where ZR_MSGDISP_Init was given none.
 extern const char *const defaultUserAgent;

@@ -5,10 +5,8 @@
 #include "aoi_element.h"
 #include "platform_log.h"
 
-namespace zr::aoi
-{
-namespace
-{
+namespace zr::aoi {
+namespace {
 
 enum class Kind
 {
@@ -101,8 +99,9 @@ mdp::Status formatRange(std::string_view begin, std::string_view end, std::strin
 {
     const Kind first = kindOf(begin);
     const Kind last = kindOf(end);
-    const auto either = [&](Kind kind)
-    { return (first == kind || first == Kind::Empty) && (last == kind || last == Kind::Empty); };
+    const auto either = [&](Kind kind) {
+        return (first == kind || first == Kind::Empty) && (last == kind || last == Kind::Empty);
+    };
 
     if (first == Kind::Empty && last == Kind::Empty)
         value.clear();

@@ -7,8 +7,7 @@
 
 #include "message_buffer.h"
 
-namespace zr::aoi
-{
+namespace zr::aoi {
 
 /// Writes a Range value. An end of the range is normal play time (seconds with a fraction, hh:mm:ss, now; RFC
 /// 2326, 3.6) or a point of time in UTC (YYYYMMDDThhmmss[.f]Z; 3.7), both ends of the same kind; or one of them is a

@@ -11,11 +11,9 @@
 #include "quiet_thread.h"
 #include "result_codes.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
-namespace
-{
+namespace {
 
 constexpr ZR_ULONG nobody = 0xFFFFFFFF;
 constexpr size_t usualThreads = 4;

@@ -14,8 +14,7 @@
 #include "aoi_message.h"
 #include "io_loop.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// One registration of a processor. An identifier that is registered again gets a new one, so that nothing addressed to
 /// the old one reaches the new.

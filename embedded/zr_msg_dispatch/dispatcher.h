@@ -8,8 +8,7 @@
 #include "engine.h"
 #include "zr_msg_dispatch.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// Made once and never destroyed; its engine comes and goes. Any thread.
 class Dispatcher final : public CIAOIMsgDisp

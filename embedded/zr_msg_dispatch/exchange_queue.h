@@ -15,8 +15,7 @@
 #include "rtsp_message.h"
 #include "settings.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 constexpr bool isTeardown(ZR_ULONG messageId)
 {

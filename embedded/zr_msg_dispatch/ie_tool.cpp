@@ -9,8 +9,7 @@
 
 using zr::aoi::Status;
 
-namespace
-{
+namespace {
 
 /// Adds a text that becomes part of a header. The log names the IE, not the text: that may be a credential.
 Status addText(const char *name, ZR_ULONG id, const std::string &text, tagAOIMsg *message)

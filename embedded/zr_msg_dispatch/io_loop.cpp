@@ -18,11 +18,9 @@
 #include "quiet_thread.h"
 #include "result_codes.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
-namespace
-{
+namespace {
 
 // the reactor's own timers would follow the wall clock
 using MonotonicHeap = ACE_Timer_Heap_T<ACE_Event_Handler *, ACE_Event_Handler_Handle_Timeout_Upcall,

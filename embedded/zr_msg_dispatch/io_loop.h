@@ -13,8 +13,7 @@
 #include <ace/Event_Handler.h>
 #include <ace/Reactor.h>
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 using Job = std::function<void()>;
 

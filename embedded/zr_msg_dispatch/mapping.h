@@ -14,8 +14,7 @@
 #include "play_position.h"
 #include "rtsp_message.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// What one RTSP session has agreed on so far. Owned by its connection; one thread at a time.
 struct Session

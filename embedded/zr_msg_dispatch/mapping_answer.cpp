@@ -3,8 +3,7 @@
 #include "mapping_parts.h"
 #include "rtsp_text.h"
 
-namespace
-{
+namespace {
 
 using namespace zr::dispatch;
 namespace aoi = zr::aoi;
@@ -171,8 +170,7 @@ void mapCommon(const aoi::Request &request, const rtsp::Message &response, Sessi
 
 } // namespace
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 Mapped mapResponse(const aoi::Request &request, const std::string &requestUrl, const rtsp::Message &response,
                    Session &session, const Ends &ends, std::chrono::steady_clock::time_point now)

@@ -3,8 +3,7 @@
 #include "mapping_parts.h"
 #include "rtsp_text.h"
 
-namespace
-{
+namespace {
 
 namespace rtsp = zr::rtsp;
 
@@ -79,12 +78,9 @@ void readChallenges(std::string_view text, std::vector<Challenge> &out)
 bool isReadable(std::string_view text)
 {
     constexpr size_t longest = 127;
-    return !text.empty() && text.size() <= longest &&
-           std::all_of(text.begin(), text.end(),
-                       [](char c) {
-                           return static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && c != ',' && c != '"' &&
-                                  c != '\\';
-                       });
+    return !text.empty() && text.size() <= longest && std::all_of(text.begin(), text.end(), [](char c) {
+        return static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && c != ',' && c != '"' && c != '\\';
+    });
 }
 
 /// A Digest challenge as the plug-in reads it.
@@ -107,8 +103,7 @@ std::optional<std::string> writeDigest(const Challenge &challenge, std::string &
 
 } // namespace
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 std::optional<std::string> chooseChallenge(const rtsp::Message &response, std::string &problem)
 {

@@ -3,8 +3,7 @@
 #include "mapping_parts.h"
 #include "rtsp_text.h"
 
-namespace
-{
+namespace {
 
 namespace rtsp = zr::rtsp;
 
@@ -110,8 +109,7 @@ private:
 
 } // namespace
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 std::optional<std::string> readDescription(const rtsp::Message &response)
 {

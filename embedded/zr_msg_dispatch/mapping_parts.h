@@ -8,8 +8,7 @@
 
 #include "mapping.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// What a SETUP answer's Transport header agreed on.
 struct AgreedTransport

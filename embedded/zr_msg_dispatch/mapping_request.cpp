@@ -5,8 +5,7 @@
 #include "mapping.h"
 #include "rtsp_text.h"
 
-namespace
-{
+namespace {
 
 using namespace zr::dispatch;
 namespace aoi = zr::aoi;
@@ -20,12 +19,10 @@ bool isListed(const Session &session, std::string_view method)
 /// A host name or address, with nothing that could end a Transport parameter.
 bool isAddress(const std::string &text)
 {
-    return !text.empty() && std::all_of(text.begin(), text.end(),
-                                        [](char c)
-                                        {
-                                            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                                                   (c >= '0' && c <= '9') || c == '.' || c == ':' || c == '-';
-                                        });
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == ':' ||
+               c == '-';
+    });
 }
 
 std::string pair(unsigned first)
@@ -88,8 +85,7 @@ private:
 
 } // namespace
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 const char *methodOf(ZR_ULONG messageId)
 {

@@ -5,8 +5,7 @@
 #include "mapping_parts.h"
 #include "rtsp_text.h"
 
-namespace
-{
+namespace {
 
 using namespace zr::dispatch;
 namespace aoi = zr::aoi;
@@ -170,8 +169,7 @@ bool readUdp(const Offer &offer, const aoi::TransportElement &asked, unsigned se
 
 } // namespace
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 std::optional<AgreedTransport> readTransport(const aoi::TransportElement &asked, unsigned setups,
                                              const rtsp::Message &response, const Ends &ends, std::string &problem)

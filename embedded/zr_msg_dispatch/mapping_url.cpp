@@ -5,8 +5,7 @@
 #include "mapping.h"
 #include "rtsp_text.h"
 
-namespace
-{
+namespace {
 
 using zr::dispatch::Url;
 
@@ -60,18 +59,15 @@ bool readAuthority(std::string_view authority, Url &url)
 
 bool hasBlankOrControl(std::string_view text)
 {
-    return std::any_of(text.begin(), text.end(),
-                       [](char c)
-                       {
-                           const auto byte = static_cast<unsigned char>(c);
-                           return byte <= 0x20 || byte == 0x7f;
-                       });
+    return std::any_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte <= 0x20 || byte == 0x7f;
+    });
 }
 
 } // namespace
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 std::optional<Url> parseUrl(std::string_view text)
 {

@@ -7,8 +7,7 @@
 
 #include "rtsp_text.h"
 
-namespace
-{
+namespace {
 
 using zr::rtsp::parseDecimal;
 using zr::rtsp::parseNumber;
@@ -72,8 +71,7 @@ double speedOf(double scale)
 
 } // namespace
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 std::optional<PlayPosition::Range> PlayPosition::parse(std::string_view text)
 {

@@ -7,8 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// The position of one session. One thread at a time.
 class PlayPosition

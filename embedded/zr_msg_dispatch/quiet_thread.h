@@ -8,8 +8,7 @@
 
 #include <pthread.h>
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 /// Starts a thread that no signal interrupts, whatever its starter has blocked: a host's handlers run on its own
 /// threads. Throws std::system_error like std::thread.

@@ -16,11 +16,9 @@
 #include "quiet_thread.h"
 #include "result_codes.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
-namespace
-{
+namespace {
 
 constexpr unsigned mostThreads = 4;
 constexpr size_t mostWaiting = 256;

@@ -11,8 +11,7 @@
 
 #include <ace/INET_Addr.h>
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 struct Resolved
 {

@@ -4,8 +4,7 @@
 
 #include "zr_types.h"
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 enum : ZR_ULONG
 {

@@ -5,8 +5,7 @@
 
 #include "rtsp_text.h"
 
-namespace
-{
+namespace {
 
 using namespace zr::rtsp;
 
@@ -26,12 +25,10 @@ bool isToken(std::string_view text)
 
 bool hasControlCharacter(std::string_view text)
 {
-    return std::any_of(text.begin(), text.end(),
-                       [](char c)
-                       {
-                           const auto byte = static_cast<unsigned char>(c);
-                           return (byte < 0x20 && c != '\t') || byte == 0x7f;
-                       });
+    return std::any_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return (byte < 0x20 && c != '\t') || byte == 0x7f;
+    });
 }
 
 /// Takes the first word off a line.
@@ -104,8 +101,7 @@ const char *reasonOf(int status)
 
 } // namespace
 
-namespace zr::rtsp
-{
+namespace zr::rtsp {
 
 const std::string *Message::find(std::string_view name) const
 {
@@ -329,8 +325,9 @@ void Parser::take(size_t size)
 std::string writeResponse(const Message &request, int status, const std::vector<Header> &more)
 {
     std::string out = "RTSP/1.0 " + std::to_string(status) + ' ' + reasonOf(status) + "\r\n";
-    const auto add = [&out](std::string_view name, std::string_view value)
-    { out.append(headerSafe(name)).append(": ").append(headerSafe(value)).append("\r\n"); };
+    const auto add = [&out](std::string_view name, std::string_view value) {
+        out.append(headerSafe(name)).append(": ").append(headerSafe(value)).append("\r\n");
+    };
     for (const char *name : {"CSeq", "Session"})
     {
         if (const std::string *value = request.find(name))

@@ -9,8 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace zr::rtsp
-{
+namespace zr::rtsp {
 
 struct Header
 {

@@ -4,8 +4,7 @@
 #include <charconv>
 #include <cmath>
 
-namespace
-{
+namespace {
 
 char lower(char c)
 {
@@ -20,8 +19,7 @@ bool isControl(char c)
 
 } // namespace
 
-namespace zr::rtsp
-{
+namespace zr::rtsp {
 
 std::string_view trimmed(std::string_view text)
 {

@@ -8,8 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace zr::rtsp
-{
+namespace zr::rtsp {
 
 /// Without the blanks and tabs at both ends.
 std::string_view trimmed(std::string_view text);

@@ -7,8 +7,7 @@
 #include <cstddef>
 #include <string>
 
-namespace zr::dispatch
-{
+namespace zr::dispatch {
 
 using SteadyClock = std::chrono::steady_clock;
 using std::chrono::milliseconds;

@@ -4,8 +4,7 @@
 #include "engine_fixture.h"
 #include "zr_cc_rt.h"
 
-namespace zr::test
-{
+namespace zr::test {
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;

@@ -7,8 +7,7 @@
 #include "dispatcher.h"
 #include "engine_fixture.h"
 
-namespace zr::test
-{
+namespace zr::test {
 
 using namespace std::chrono_literals;
 using testing::SizeIs;
@@ -62,19 +61,16 @@ TEST_F(EngineLifecycle, UnregisteringWaitsForTheRunningCall)
     Latch leave;
     std::atomic<bool> returned{false};
     Client client(engine, 3, "127.0.0.1", server.port());
-    client.recorder.inside = [&]
-    {
+    client.recorder.inside = [&] {
         entered.release();
         leave.wait();
     };
     ASSERT_EQ(client.describe(), 0U);
     ASSERT_TRUE(entered.wait());
-    std::thread other(
-        [&]
-        {
-            client.unregister();
-            returned = true;
-        });
+    std::thread other([&] {
+        client.unregister();
+        returned = true;
+    });
     Client neighbour(engine, 4, "127.0.0.1", second.port());
     ASSERT_EQ(neighbour.describe(), 0U);
     EXPECT_THAT(neighbour.recorder.messages(1), SizeIs(1));
@@ -91,8 +87,7 @@ TEST_F(EngineLifecycle, UnregisteringFromInsideReturns)
     ScriptedServer server({{{"DESCRIBE", {describeAnswer}}, {"SETUP", {setupAnswer}}}});
     Client client(engine, 3, "127.0.0.1", server.port());
     Latch done;
-    client.recorder.inside = [&]
-    {
+    client.recorder.inside = [&] {
         EXPECT_TRUE(common::onCallbackThread());
         EXPECT_EQ(client.unregister(), 0U);
         done.release();
@@ -150,20 +145,18 @@ TEST_F(EngineLifecycle, SurvivesRaces)
     std::vector<std::thread> threads;
     for (ZR_ULONG id = 10; id < 14; ++id)
     {
-        threads.emplace_back(
-            [this, id]
+        threads.emplace_back([this, id] {
+            for (int round = 0; round < rounds; ++round)
             {
-                for (int round = 0; round < rounds; ++round)
-                {
-                    ScriptedServer server({{{"", {describeAnswer + describeAnswer}}, {"", {setupAnswer}}}});
-                    Client client(engine, id, "127.0.0.1", server.port());
-                    client.describe();
-                    client.setup();
-                    if (round % 3 != 0)
-                        client.recorder.messages(static_cast<size_t>(round % 3));
-                    client.send(AOI_MSG_RTSP_TEARDOWN);
-                }
-            });
+                ScriptedServer server({{{"", {describeAnswer + describeAnswer}}, {"", {setupAnswer}}}});
+                Client client(engine, id, "127.0.0.1", server.port());
+                client.describe();
+                client.setup();
+                if (round % 3 != 0)
+                    client.recorder.messages(static_cast<size_t>(round % 3));
+                client.send(AOI_MSG_RTSP_TEARDOWN);
+            }
+        });
     }
     for (std::thread &thread : threads)
         thread.join();

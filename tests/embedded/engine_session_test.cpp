@@ -3,8 +3,7 @@
 
 #include "engine_fixture.h"
 
-namespace zr::test
-{
+namespace zr::test {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
