@@ -199,6 +199,9 @@ TEST_F(EngineFailure, ReconnectsOrReportsTheLoss)
     ASSERT_THAT(messages, SizeIs(3));
     EXPECT_EQ(messages[2].messageId, AOI_MSG_INTERNAL_NOTIFY_RTSP);
     EXPECT_EQ(messages[2].kind, 0U);
+    EXPECT_EQ(messages[2].action, 1U);
+    EXPECT_EQ(messages[2].session, "S1");
+    EXPECT_EQ(messages[2].destination, 7U);
     EXPECT_THAT(port->events(2).back(), "closed");
 
     ScriptedServer ending({{{"SETUP", {setupAnswer}},
