@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,8 +18,8 @@ namespace {
 class Socket
 {
 public:
-    Socket()
-        : m_handle(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    explicit Socket(int type)
+        : m_handle(socket(AF_INET, type | SOCK_CLOEXEC, 0))
     {
     }
     ~Socket()
@@ -42,23 +43,30 @@ Failure noWay(const std::string &host, const std::string &why)
             "check the host's name, and that this machine is connected"};
 }
 
-} // namespace
+using Addresses = std::unique_ptr<addrinfo, void (*)(addrinfo *)>;
 
-std::string localAddressTowards(const std::string &host, uint16_t port)
+Addresses resolve(const std::string &host, uint16_t port, int &unresolved)
 {
     addrinfo wanted{};
     wanted.ai_family = AF_INET;
     wanted.ai_socktype = SOCK_DGRAM;
     addrinfo *raw = nullptr;
-    const int unresolved = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &wanted, &raw);
-    if (unresolved != 0)
+    unresolved = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &wanted, &raw);
+    return {unresolved == 0 ? raw : nullptr, freeaddrinfo};
+}
+
+} // namespace
+
+std::string localAddressTowards(const std::string &host, uint16_t port)
+{
+    int unresolved = 0;
+    const Addresses server = resolve(host, port, unresolved);
+    if (!server)
     {
         throw noWay(host, gai_strerror(unresolved));
     }
-    const std::unique_ptr<addrinfo, void (*)(addrinfo *)> server(raw, freeaddrinfo);
-
     // connecting a datagram socket sends nothing: it only asks the system for the way
-    const Socket probe;
+    const Socket probe(SOCK_DGRAM);
     sockaddr_in local{};
     socklen_t length = sizeof local;
     if (connect(probe.handle(), server->ai_addr, server->ai_addrlen) != 0 ||
@@ -69,6 +77,26 @@ std::string localAddressTowards(const std::string &host, uint16_t port)
     char text[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &local.sin_addr, text, sizeof text);
     return text;
+}
+
+bool refusesConnections(const std::string &host, uint16_t port)
+{
+    constexpr int momentMs = 300;
+    int error = 0;
+    const Addresses server = resolve(host, port, error);
+    const Socket probe(SOCK_STREAM | SOCK_NONBLOCK);
+    if (!server || connect(probe.handle(), server->ai_addr, server->ai_addrlen) == 0)
+    {
+        return false;
+    }
+    error = errno;
+    pollfd ready{probe.handle(), POLLOUT, 0};
+    if (error == EINPROGRESS && poll(&ready, 1, momentMs) > 0)
+    {
+        socklen_t length = sizeof error;
+        getsockopt(probe.handle(), SOL_SOCKET, SO_ERROR, &error, &length);
+    }
+    return error == ECONNREFUSED;
 }
 
 } // namespace zr::host

@@ -11,4 +11,8 @@ namespace zr::host {
 /// @throws Failure  Unreachable, for a name that cannot be resolved or an address without a way to it
 std::string localAddressTowards(const std::string &host, uint16_t port);
 
+/// Whether nobody listens at a server's port any more: a connection is refused. What is not known within a moment
+/// counts as listening.
+bool refusesConnections(const std::string &host, uint16_t port);
+
 } // namespace zr::host

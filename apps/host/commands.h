@@ -1,6 +1,6 @@
 /// @file
-/// The program's commands. Each runs one session from its beginning to its end and throws a Failure for what goes
-/// wrong; the session has ended when it returns or throws.
+/// The program's commands. Each runs its sessions from their beginning to their end and throws a Failure for what goes
+/// wrong; they have ended when it returns or throws.
 #pragma once
 
 #include "options.h"
@@ -10,6 +10,10 @@ namespace zr::host {
 
 void describeCommand(const CommonOptions &options, Report &report);
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report);
+void downloadCommand(const CommonOptions &common, const DownloadOptions &options, Report &report);
+void tvCommand(const CommonOptions &common, const TvOptions &options, Report &report);
+/// Ends the process itself when a server does not answer at the end.
+void watchCommand(const CommonOptions &common, const WatchOptions &options, Report &report);
 
 /// The codecs of a description's tracks, such as "H264 video, PCMU audio".
 std::string summary(const Description &description);

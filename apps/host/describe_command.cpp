@@ -33,7 +33,8 @@ std::string summary(const Description &description)
 
 void describeCommand(const CommonOptions &options, Report &report)
 {
-    Mailbox mailbox;
+    const Interrupt interrupt;
+    Mailbox mailbox(interrupt);
     Plugin plugin(options.plugin);
     Session session(plugin, options.source, mailbox);
     const Description &description = session.describe();

@@ -38,6 +38,7 @@ constexpr Words words[] = {
     {ZR_RTSP_REQUEST_SEND_FAILED, ExitCode::Internal, "the request could not be sent", readTheLog},
     {ZR_RTSP_WRONG_STATE, ExitCode::Internal, "the session is not in a state for it", readTheLog},
     {ZR_RTSP_PLAY_FAILED, ExitCode::Refused, "the server refused to play, or did not answer", readTheLog},
+    {ZR_RTSP_SPEED_CHANGE_FAILED, ExitCode::Refused, "the server refused the download, or did not answer", readTheLog},
     {ZR_RTSP_DRAG_FAILED, ExitCode::Refused, "the server refused to play so, or did not answer", readTheLog},
     {ZR_RTSP_PAUSE_FAILED, ExitCode::Refused, "the server refused to pause, or did not answer", readTheLog},
 };
@@ -50,6 +51,7 @@ Failure::Failure(ExitCode exit, const std::string &step, ZR_ULONG code, const st
     , m_exit(exit)
     , m_step(step)
     , m_code(code)
+    , m_meaning(meaning)
     , m_advice(advice)
 {
 }

@@ -9,10 +9,10 @@
 
 namespace zr::host {
 
-/// The program's exit codes. They are told in --help: keep both together.
+/// The program's exit codes. They are told in options_help.cpp: keep both together.
 enum class ExitCode
 {
-    Ok = 0,          ///< media arrived (play), or the stream was described (describe)
+    Ok = 0,          ///< what was asked for was done
     Internal = 1,    ///< none of the others
     Usage = 2,       ///< wrong options
     Unreachable = 3, ///< no connection, or no answer
@@ -20,6 +20,7 @@ enum class ExitCode
     Refused = 5,     ///< the server refused a request
     NoMedia = 6,     ///< nothing arrived, or it stopped
     Output = 7,      ///< a picture or a recording could not be written
+    Lost = 8,        ///< the server ended the session or died; not every stream was alive at the end (watch)
     Interrupted = 130
 };
 
@@ -36,12 +37,14 @@ public:
     ExitCode exit() const { return m_exit; }
     const std::string &step() const { return m_step; }
     ZR_ULONG code() const { return m_code; }
+    const std::string &meaning() const { return m_meaning; }
     const std::string &advice() const { return m_advice; }
 
 private:
     ExitCode m_exit;
     std::string m_step;
     ZR_ULONG m_code;
+    std::string m_meaning;
     std::string m_advice;
 };
 

@@ -38,6 +38,15 @@ int run(int argc, char **argv, Report &report)
         case Command::Play:
             playCommand(options.common, options.play, report);
             break;
+        case Command::Download:
+            downloadCommand(options.common, options.download, report);
+            break;
+        case Command::Tv:
+            tvCommand(options.common, options.tv, report);
+            break;
+        case Command::Watch:
+            watchCommand(options.common, options.watch, report);
+            break;
         }
         return static_cast<int>(ExitCode::Ok);
     }

@@ -1,36 +1,30 @@
 #include "options.h"
 
 #include <filesystem>
-#include <iostream>
 #include <map>
 
 #include <CLI/CLI.hpp>
 
 #include "failure.h"
+#include "options_help.h"
+#include "source_list.h"
 #include "speed.h"
 
 namespace zr::host {
 namespace {
 
-constexpr const char *footer = R"(
-Exit codes:
-  0 media arrived (play), the stream was described (describe)   4 credentials missing or refused
-  1 internal error                                               5 refused by the server
-  2 wrong usage                                                  6 no media arrived, or it stopped
-  3 the server cannot be reached, or does not answer             7 a picture or recording could not be written
-  130 ended by Ctrl-C before media arrived, or by a second Ctrl-C
-
-Examples:
-  zr_rtsp_host describe rtsp://192.0.2.10/live --user admin --password secret
-  zr_rtsp_host play rtsp://192.0.2.10/live --tcp --duration 10 --snapshot picture.png --record stream.mkv
-  zr_rtsp_host play rtsp://192.0.2.10/vod --from 5 --to 15 --speed 2)";
-
 /// What is on the command line, before it is understood.
 struct Raw
 {
     std::string url;
+    std::string file; ///< download's, watch's
+    std::string tag;  ///< empty: the command's own
+    std::string wall;
     Credentials credentials;
     bool tcp = false;
+    bool udp = false;
+    std::optional<ZR_ULONG> downloadSpeed;
+    bool sampled = false;
 };
 
 const CLI::Validator writable(
@@ -44,14 +38,12 @@ const CLI::Validator writable(
 
 void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
 {
-    app.add_option("URL", raw.url, "rtsp://[user:password@]host[:port]/path")->required();
     app.add_option("--user", raw.credentials.user, "User name, instead of one in the URL");
     app.add_option("--password", raw.credentials.password,
                    "Its password; better in the environment, where ps does not show it")
         ->envname("ZR_RTSP_PASSWORD");
-    app.add_option("--tag", common.source.tag,
-                   "Decoder description, such as onvif, guobiao, omz-v1@12; only onvif authenticates")
-        ->capture_default_str();
+    app.add_option("--tag", raw.tag,
+                   "Decoder description, such as onvif (default), guobiao, omz-v1@12; only onvif authenticates");
     app.add_flag("--json", common.json, "Print one event a line, as JSON");
     app.add_option("--log-level", common.logLevel, "What the libraries log: debug, info, warning or error (default)")
         ->transform(CLI::CheckedTransformer(std::map<std::string, tagZrLogLevel>{
@@ -61,15 +53,46 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
         ->check(CLI::ExistingFile);
 }
 
+void addUrl(CLI::App &app, Raw &raw)
+{
+    app.add_option("URL", raw.url, "rtsp://[user:password@]host[:port]/path")->required();
+}
+
+void addTransport(CLI::App &app, Raw &raw, bool tcpIsDefault)
+{
+    auto *tcp = app.add_flag("--tcp", raw.tcp,
+                             std::string("Receive media interleaved in the RTSP connection") +
+                                 (tcpIsDefault ? " (default)" : ""));
+    app.add_flag("--udp", raw.udp, std::string("Receive media over UDP") + (tcpIsDefault ? "" : " (default)"))
+        ->excludes(tcp);
+}
+
+void addRange(CLI::App &app, Playback &playback)
+{
+    app.add_option("--from", playback.from, "Begin: seconds, hh:mm:ss, or YYYYMMDDThhmmssZ");
+    app.add_option("--to", playback.to, "End, likewise");
+}
+
+void addSilence(CLI::App &app, CourseOptions &course)
+{
+    app.add_option("--silence", course.silence, "Seconds without media after which that is said")
+        ->check(CLI::Range(1.0, 3600.0))
+        ->capture_default_str();
+}
+
+void addDuration(CLI::App &app, std::optional<double> &duration, const char *text)
+{
+    app.add_option("--duration", duration, text)->check(CLI::PositiveNumber);
+}
+
 void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
 {
-    auto *tcp = app.add_flag("--tcp", raw.tcp, "Receive media interleaved in the RTSP connection");
-    app.add_flag("--udp", "Receive media over UDP (default)")->excludes(tcp);
-    app.add_option("--from", play.playback.from, "Begin: seconds, hh:mm:ss, or YYYYMMDDThhmmssZ");
-    app.add_option("--to", play.playback.to, "End, likewise");
-    app.add_option("--speed", play.speed, "Factor from 0.125 to 16, negative for backwards; or code:N, N from 0 to 19");
-    app.add_option("--duration", play.duration, "Seconds of media; without it until its end or Ctrl-C")
-        ->check(CLI::PositiveNumber);
+    addUrl(app, raw);
+    addTransport(app, raw, false);
+    addRange(app, play.course.playback);
+    app.add_option("--speed", play.course.speed,
+                   "Factor from 0.125 to 16, negative for backwards; or code:N, N from 0 to 19");
+    addDuration(app, play.duration, "Seconds of media; without it until its end or Ctrl-C");
     auto *pauseAt =
         app.add_option("--pause-at", play.pauseAt, "Pause once after so many seconds of media, then play on")
             ->check(CLI::NonNegativeNumber);
@@ -78,28 +101,92 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
         ->needs(pauseAt)
         ->capture_default_str();
     app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(writable);
-    app.add_option("--record", play.record, "Record into a Matroska file (.mkv)")->check(writable);
+    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable);
+    app.add_flag("--reconnect", play.reconnect, "Begin a new session after the server ended one or was lost");
+    addSilence(app, play.course);
+}
+
+void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
+{
+    addUrl(app, raw);
+    app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(writable);
+    addTransport(app, raw, true);
+    addRange(app, download.course.playback);
+    auto *speed = app.add_option("--speed", raw.downloadSpeed, "Ask for a download at 1, 2, 4 or 8 times: 0, 1, 2, 3")
+                      ->check(CLI::Range(0, 3));
+    auto *sampled = app.add_flag("--sampled", raw.sampled, "Ask for sampled frames")->needs(speed);
+    app.add_flag("--full-frame", "Ask for every frame (default)")->needs(speed)->excludes(sampled);
+}
+
+void addTv(CLI::App &app, Raw &raw, TvOptions &tv)
+{
+    addUrl(app, raw);
+    app.add_option("--to", raw.wall, "The wall's receiver, IP:PORT")->required();
+    app.add_flag("--tcp", raw.tcp, "Over TCP, here and to the wall, instead of UDP");
+    addDuration(app, tv.duration, "Seconds of the relation; without it until Ctrl-C");
+}
+
+void addWatch(CLI::App &app, Raw &raw, WatchOptions &watch)
+{
+    app.add_option("FILE", raw.file, "URLs, one a line")->required()->check(CLI::ExistingFile);
+    addTransport(app, raw, true);
+    addDuration(app, watch.duration, "Seconds; without it until Ctrl-C");
+    app.add_flag("--reconnect", watch.reconnect, "Begin a new session where the server ended one, was lost or refuses");
+    addSilence(app, watch.course);
+}
+
+tagTransportAddr wallAddress(const std::string &text)
+{
+    const Url url = parseUrl("rtsp://" + text);
+    if (url.text != "rtsp://" + url.host + ":" + std::to_string(url.port) || !CLI::ValidIPV4(url.host).empty())
+    {
+        throw wrongUsage("--to is an IPv4 address and a port, such as 192.0.2.40:5000");
+    }
+    return {url.port, url.host};
 }
 
 void understand(const Raw &raw, Options &options)
 {
-    options.common.source.url = parseUrl(raw.url);
-    Credentials &credentials = options.common.source.credentials;
-    credentials = options.common.source.url.credentials;
-    if (!raw.credentials.user.empty())
+    const auto tagOr = [&](const char *own) { return raw.tag.empty() ? std::string(own) : raw.tag; };
+    const auto source = [&](const std::string &tag) { return makeSource(raw.url, raw.credentials, tag); };
+    CommonOptions &common = options.common;
+    switch (options.command)
     {
-        credentials = raw.credentials;
+    case Command::Help:
+    case Command::Describe:
+        common.source = source(tagOr("onvif"));
+        break;
+    case Command::Play:
+        common.source = source(tagOr("onvif"));
+        options.play.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
+        if (!options.play.course.speed.empty())
+        {
+            options.play.course.playback.speedCode = speedCode(options.play.course.speed);
+        }
+        break;
+    case Command::Download:
+        common.source = source(tagOr("onvif"));
+        options.download.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
+        if (raw.downloadSpeed)
+        {
+            options.download.course.playback.download = DownloadSpeed{*raw.downloadSpeed, !raw.sampled};
+            common.source.tag = tagOr(common.source.credentials.user.empty() ? "plain" : "onvif");
+        }
+        break;
+    case Command::Tv:
+        common.source = source(tagOr("plain"));
+        options.tv.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
+        options.tv.wall = wallAddress(raw.wall);
+        if (common.source.tag.substr(0, common.source.tag.find('@')) == "onvif")
+        {
+            throw wrongUsage("an onvif source has no relation to a TV wall: leave --tag away");
+        }
+        break;
+    case Command::Watch:
+        options.watch.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
+        options.watch.sources = readSources(raw.file, raw.credentials, tagOr("onvif"));
+        break;
     }
-    else if (!credentials.user.empty() && !raw.credentials.password.empty())
-    {
-        credentials.password = raw.credentials.password;
-    }
-    urlForDescribe(options.common.source.url.text, credentials); // refuses what cannot be handed over
-    if (!options.play.speed.empty())
-    {
-        options.play.playback.speedCode = speedCode(options.play.speed);
-    }
-    options.play.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
 }
 
 } // namespace
@@ -109,13 +196,30 @@ Options parseOptions(int argc, char **argv)
     Options options;
     Raw raw;
     CLI::App app("Plays RTSP sessions through the zr_rtsp plug-in.", "zr_rtsp_host");
-    app.footer(footer);
+    app.footer(generalHelp);
     app.require_subcommand(1);
-    auto *describe = app.add_subcommand("describe", "Print a stream's tracks, codecs and control URLs");
-    auto *play = app.add_subcommand("play", "Play a stream: receive it, and record it or take a picture if asked to");
-    addCommon(*describe, raw, options.common);
-    addCommon(*play, raw, options.common);
+    const auto add = [&](Command command, const char *name, const char *text, const char *help) {
+        CLI::App *added = app.add_subcommand(name, text);
+        added->footer(help);
+        added->callback([&options, command] { options.command = command; });
+        return added;
+    };
+    auto *describe =
+        add(Command::Describe, "describe", "Print a stream's tracks, codecs and control URLs", describeHelp);
+    auto *play =
+        add(Command::Play, "play", "Play a stream: receive it, and record it or take a picture if asked to", playHelp);
+    auto *download = add(Command::Download, "download", "Fetch a recording into a file", downloadHelp);
+    auto *tv = add(Command::Tv, "tv", "Play a recording, and have the server send it to a TV wall as well", tvHelp);
+    auto *watch = add(Command::Watch, "watch", "Play many streams at once, and say how they are", watchHelp);
+    addUrl(*describe, raw);
     addPlay(*play, raw, options.play);
+    addDownload(*download, raw, options.download);
+    addTv(*tv, raw, options.tv);
+    addWatch(*watch, raw, options.watch);
+    for (CLI::App *command : {describe, play, download, tv, watch})
+    {
+        addCommon(*command, raw, options.common);
+    }
     try
     {
         app.parse(argc, argv);
@@ -123,6 +227,7 @@ Options parseOptions(int argc, char **argv)
     catch (const CLI::Success &asked) // help
     {
         app.exit(asked);
+        options.command = Command::Help;
         return options;
     }
     catch (const CLI::ParseError &wrong)
@@ -130,7 +235,6 @@ Options parseOptions(int argc, char **argv)
         throw wrongUsage(wrong.what());
     }
     understand(raw, options);
-    options.command = describe->parsed() ? Command::Describe : Command::Play;
     return options;
 }
 

@@ -4,14 +4,15 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "session.h"
+#include "course.h"
 
 namespace zr::host {
 
 struct CommonOptions
 {
-    Source source;
+    Source source;                         ///< of the commands with one
     std::string plugin;                    ///< empty: found beside the program
     std::optional<tagZrLogLevel> logLevel; ///< of the libraries' log
     std::string logFile;                   ///< empty: stderr
@@ -20,21 +21,42 @@ struct CommonOptions
 
 struct PlayOptions
 {
-    tagProtocol protocol = PROTOCOL_UDP;
-    Playback playback;
-    std::string speed;              ///< as it was given, to be shown
+    CourseOptions course;
     std::optional<double> duration; ///< seconds of media; none: until its end or Ctrl-C
     std::optional<double> pauseAt;  ///< seconds of media before the pause
     double pauseFor = 2;            ///< seconds
     std::string snapshot;           ///< file; empty: none
-    std::string record;             ///< file; empty: none
+    bool reconnect = false;
+};
+
+struct DownloadOptions
+{
+    CourseOptions course; ///< which records into the file
+};
+
+struct TvOptions
+{
+    CourseOptions course; ///< its protocol is the relation's as well
+    tagTransportAddr wall;
+    std::optional<double> duration; ///< seconds of the relation; none: until Ctrl-C
+};
+
+struct WatchOptions
+{
+    CourseOptions course; ///< of each
+    std::vector<Source> sources;
+    std::optional<double> duration; ///< seconds; none: until Ctrl-C
+    bool reconnect = false;
 };
 
 enum class Command
 {
     Help, ///< it was printed, nothing is left to do
     Describe,
-    Play
+    Play,
+    Download,
+    Tv,
+    Watch
 };
 
 struct Options
@@ -42,6 +64,9 @@ struct Options
     Command command = Command::Help;
     CommonOptions common;
     PlayOptions play;
+    DownloadOptions download;
+    TvOptions tv;
+    WatchOptions watch;
 };
 
 /// @throws Failure  of wrong usage

@@ -1,322 +1,203 @@
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
+#include <filesystem>
 
+#include "attempts.h"
 #include "commands.h"
-#include "speed.h"
+#include "notices.h"
 
 namespace zr::host {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds firstMediaWithin{5000};
-constexpr milliseconds pollEvery{50};
-constexpr milliseconds statusEvery{1000};
+constexpr double statusEvery = 1;        // seconds
 constexpr double silenceOfRecording = 2; // seconds without media when its end is due
-constexpr double silenceOfFault = 10;    // and whenever else
 constexpr ZR_ULONG pictureWithinMs = 10000;
+constexpr milliseconds atLeisure{1000};
 
-milliseconds inMilliseconds(double seconds)
-{
-    return milliseconds(std::llround(std::min(seconds, 1e9) * 1000));
-}
-
-double inSeconds(Clock::duration duration)
-{
-    return std::chrono::duration<double>(duration).count();
-}
-
-std::optional<double> plainSeconds(const std::string &text)
-{
-    char *end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    return text.empty() || *end != '\0' ? std::nullopt : std::optional<double>(value);
-}
-
-std::string amount(uint64_t bytes)
-{
-    char text[32];
-    const double value = static_cast<double>(bytes);
-    std::snprintf(text, sizeof text, bytes < 1000000 ? "%.1f kB" : "%.1f MB", value / (bytes < 1000000 ? 1e3 : 1e6));
-    return text;
-}
-
-const char *meaning(ZR_ULONG notice)
-{
-    switch (notice)
-    {
-    case ZR_RTSP_NOTICE_END_OF_STREAM:
-        return "the end of the stream was reached";
-    case ZR_RTSP_NOTICE_SERVER_RESOURCES:
-        return "the server needs its resources";
-    case ZR_RTSP_NOTICE_SILENT:
-        return "neither media nor answers come any more";
-    case ZR_RTSP_NOTICE_CONNECTION_LOST:
-    case ZR_RTSP_NOTICE_ONVIF_LOST:
-        return "the connection was lost";
-    default:
-        return "the server ended the session";
-    }
-}
-
+/// One session of the play command; those before it have already played for some seconds.
 class Play
 {
 public:
-    Play(const CommonOptions &common, const PlayOptions &options, Report &report)
-        : m_options(options)
+    Play(Course &course, const PlayOptions &options, Report &report, double before)
+        : m_course(course)
+        , m_options(options)
         , m_report(report)
-        , m_plugin(common.plugin)
-        , m_session(m_plugin, common.source, m_mailbox)
+        , m_before(before)
     {
     }
 
     void run()
     {
-        open();
-        start();
-        awaitMedia();
+        m_course.begin();
         takePicture();
-        receive();
-        finish();
+        while (!m_course.over() && !durationIsOver())
+        {
+            pauseWhenDue();
+            m_course.step(untilNextMoment());
+            judge();
+            tellStatus();
+        }
+        if (m_pictureFailure)
+        {
+            m_course.stop(m_pictureFailure);
+        }
+        m_course.end();
     }
 
 private:
-    void open();
-    void start();
-    void awaitMedia();
     void takePicture();
-    void receive();
-    void finish();
+    void pauseWhenDue();
+    void judge();
+    void tellStatus();
+    milliseconds untilNextMoment() const;
 
-    void pauseOnce();
-    void tick();
-    void onNotice(ZR_ULONG notice);
-    void stopUnlessInterrupted();
-    std::optional<double> expectedSeconds() const;
-    double secondsOfMedia() const { return inSeconds(Clock::now() - m_begin) - m_pausedSeconds; }
+    double seconds() const { return m_before + m_course.secondsOfMedia(); }
+    bool durationIsOver() const { return m_options.duration && seconds() >= *m_options.duration; }
+    bool pauseIsAhead() const { return m_options.pauseAt && !m_pauseDone && m_before == 0; }
 
+    Course &m_course;
     const PlayOptions &m_options;
     Report &m_report;
-    Mailbox m_mailbox;
-    Plugin m_plugin;
-    Session m_session;
-    Description m_description;
-
-    Clock::time_point m_begin;   ///< of media
-    Clock::time_point m_resumed; ///< when the server last agreed to play
-    double m_pausedSeconds = 0;
+    const double m_before;
     bool m_pauseDone = false;
-    bool m_over = false;
-    uint64_t m_lastBytes = 0;
-    Clock::time_point m_lastTick;
-    std::optional<Failure> m_failure; ///< what is told at the end, after the session was closed in good order
+    double m_nextStatus = statusEvery;
+    std::optional<Failure> m_pictureFailure;
 };
-
-void Play::stopUnlessInterrupted()
-{
-    if (m_mailbox.interrupted())
-    {
-        throw Failure(ExitCode::Interrupted, "playing", 0, "interrupted before media arrived");
-    }
-}
-
-void Play::open()
-{
-    m_description = m_session.describe();
-    m_report.event("described", "described: " + summary(m_description), {{"range", m_description.range}});
-    stopUnlessInterrupted();
-    const char *transport = m_options.protocol == PROTOCOL_TCP ? "TCP" : "UDP";
-    for (const TrackUrl &track : m_session.tracks())
-    {
-        m_session.setUp(track, m_options.protocol);
-        m_report.event("set_up", "set up " + track.media + " over " + transport,
-                       {{"media", track.media}, {"transport", transport}});
-        stopUnlessInterrupted();
-    }
-}
-
-void Play::start()
-{
-    if (!m_options.record.empty())
-    {
-        m_session.record(m_options.record);
-    }
-    m_session.play(m_options.playback);
-    m_resumed = Clock::now();
-    std::string text = "playing";
-    text += m_options.playback.from.empty() ? "" : " from " + m_options.playback.from;
-    text += m_options.playback.to.empty() ? "" : " to " + m_options.playback.to;
-    text += m_options.speed.empty() ? "" : " at speed " + m_options.speed;
-    m_report.event("playing", text, nullptr);
-}
-
-void Play::awaitMedia()
-{
-    while (m_session.statistics().ullPackets == 0)
-    {
-        if (const auto notice = m_mailbox.wait(pollEvery))
-        {
-            throw Failure(ExitCode::NoMedia, "playing", *notice, meaning(*notice));
-        }
-        stopUnlessInterrupted();
-        if (Clock::now() - m_resumed > firstMediaWithin)
-        {
-            throw Failure(ExitCode::NoMedia, "playing", 0, "no media arrived within 5 s",
-                          m_options.protocol == PROTOCOL_TCP ? "check that the stream plays elsewhere"
-                                                             : "--tcp, since a firewall or a router may keep UDP away");
-        }
-    }
-    m_begin = m_lastTick = Clock::now();
-    m_report.event("media", "media arrives", nullptr);
-}
 
 void Play::takePicture()
 {
-    if (m_options.snapshot.empty())
+    if (m_options.snapshot.empty() || m_before > 0)
     {
         return;
     }
     try
     {
-        m_session.snapshot(m_options.snapshot, pictureWithinMs);
+        m_course.session().snapshot(m_options.snapshot, pictureWithinMs);
         m_report.event("snapshot", "wrote the picture " + m_options.snapshot, {{"file", m_options.snapshot}});
     }
     catch (const Failure &failed)
     {
-        m_failure = failed;
+        m_pictureFailure = failed;
     }
 }
 
-std::optional<double> Play::expectedSeconds() const
+void Play::pauseWhenDue()
 {
-    const Playback &playback = m_options.playback;
-    const double from = plainSeconds(playback.from).value_or(0);
-    const auto to = playback.to.empty() ? m_description.length() : plainSeconds(playback.to);
-    if (!to)
+    if (!pauseIsAhead() || seconds() < *m_options.pauseAt)
     {
-        return std::nullopt;
+        return;
     }
-    return std::fabs(*to - from) / std::fabs(speedFactor(playback.speedCode));
-}
-
-void Play::onNotice(ZR_ULONG notice)
-{
-    m_over = true;
-    m_report.event("notice", meaning(notice), {{"code", notice}});
-    if (notice != ZR_RTSP_NOTICE_END_OF_STREAM)
-    {
-        m_failure.emplace(ExitCode::NoMedia, "playing", notice, meaning(notice));
-    }
-}
-
-void Play::tick()
-{
-    const auto now = Clock::now();
-    const ZrMediaStatistics statistics = m_session.statistics();
-    const double elapsed = std::max(inSeconds(now - m_lastTick), 1e-3);
-    const double kilobits = static_cast<double>(statistics.ullBytes - m_lastBytes) * 8 / 1000 / elapsed;
-    m_report.progress({"playing", secondsOfMedia(), kilobits, statistics.ullPackets, statistics.ullLost});
-    m_lastBytes = statistics.ullBytes;
-    m_lastTick = now;
-
-    const double silent = std::min(statistics.ulLastArrivalMs / 1000.0, inSeconds(now - m_resumed));
-    const auto expected = expectedSeconds();
-    if (silent >= silenceOfRecording && expected && secondsOfMedia() >= *expected - 1)
-    {
-        m_over = true;
-        m_report.event("end_of_stream", "the recording ended", nullptr);
-    }
-    else if (silent >= silenceOfFault)
-    {
-        m_over = true;
-        m_failure.emplace(ExitCode::NoMedia, "playing", 0, "media stopped, nothing came for 10 s");
-    }
-}
-
-void Play::pauseOnce()
-{
     m_pauseDone = true;
-    m_session.pause();
-    m_report.event("paused", "paused", nullptr);
-    const auto begin = Clock::now();
-    const auto end = begin + inMilliseconds(m_options.pauseFor);
-    while (!m_over && !m_mailbox.interrupted() && Clock::now() < end)
+    m_course.pause();
+    const auto end = Course::Clock::now() + inMilliseconds(m_options.pauseFor);
+    while (!m_course.over() && Course::Clock::now() < end)
     {
-        if (const auto notice = m_mailbox.wait(std::chrono::ceil<milliseconds>(end - Clock::now())))
-        {
-            onNotice(*notice);
-        }
+        m_course.step(std::chrono::ceil<milliseconds>(end - Course::Clock::now()));
     }
-    if (!m_over && !m_mailbox.interrupted())
+    if (!m_course.over())
     {
-        m_session.play({"", "", m_options.playback.speedCode});
-        m_report.event("playing", "playing on", nullptr);
-    }
-    m_resumed = m_lastTick = Clock::now();
-    m_pausedSeconds += inSeconds(m_resumed - begin);
-}
-
-void Play::receive()
-{
-    while (!m_over && !m_mailbox.interrupted())
-    {
-        const double now = secondsOfMedia();
-        if (m_options.duration && now >= *m_options.duration)
-        {
-            return;
-        }
-        if (m_options.pauseAt && !m_pauseDone && now >= *m_options.pauseAt)
-        {
-            pauseOnce();
-            continue;
-        }
-        auto longest = std::chrono::ceil<milliseconds>(m_lastTick + statusEvery - Clock::now());
-        for (const auto &moment : {m_options.duration, m_pauseDone ? std::nullopt : m_options.pauseAt})
-        {
-            longest = std::min(longest, moment ? inMilliseconds(*moment - now) + milliseconds(1) : longest);
-        }
-        if (const auto notice = m_mailbox.wait(longest))
-        {
-            onNotice(*notice);
-        }
-        if (Clock::now() >= m_lastTick + statusEvery)
-        {
-            tick();
-        }
+        m_course.playOn();
     }
 }
 
-void Play::finish()
+milliseconds Play::untilNextMoment() const
 {
-    if (!m_options.record.empty())
+    milliseconds longest = atLeisure;
+    for (const auto &moment : {m_options.duration, pauseIsAhead() ? m_options.pauseAt : std::nullopt})
     {
-        m_session.endRecording();
-        m_report.event("recorded", "recorded " + m_options.record, {{"file", m_options.record}});
+        longest = std::min(longest, moment ? inMilliseconds(*moment - seconds()) + milliseconds(1) : longest);
     }
-    const ZrMediaStatistics statistics = m_session.statistics();
-    m_session.end();
-    m_report.event("received",
-                   "received " + std::to_string(statistics.ullPackets) + " packets, " + amount(statistics.ullBytes) +
-                       ", lost " + std::to_string(statistics.ullLost),
-                   {{"packets", statistics.ullPackets},
-                    {"bytes", statistics.ullBytes},
-                    {"lost", statistics.ullLost},
-                    {"jitter_us", statistics.ulJitterUs},
-                    {"seconds", secondsOfMedia()}});
-    m_report.event("ended", "ended the session", nullptr);
-    if (m_failure)
+    return longest;
+}
+
+void Play::judge()
+{
+    const Media &media = m_course.media();
+    const auto length = m_course.length();
+    if (m_course.over())
     {
-        throw Failure(*m_failure);
+        return;
     }
+    if (media.silent >= silenceOfRecording && length && media.seconds >= *length - 1)
+    {
+        m_report.event("end_of_stream", "the recording ended", nullptr);
+        m_course.stop();
+    }
+    else if (media.silent >= 2 * m_options.course.silence)
+    {
+        const long silent = std::lround(2 * m_options.course.silence);
+        m_course.stop(Failure(ExitCode::NoMedia, "playing", 0,
+                              "media stopped, nothing came for " + std::to_string(silent) + " s"));
+    }
+}
+
+void Play::tellStatus()
+{
+    const Media &media = m_course.media();
+    if (media.seconds < m_nextStatus)
+    {
+        return;
+    }
+    m_nextStatus = std::floor(media.seconds) + statusEvery;
+    const char *state = media.silent >= m_options.course.silence ? "silent" : "playing";
+    char text[120];
+    std::snprintf(text, sizeof text, "%s  %.0f s  %.0f kbit/s  %llu packets  lost %llu", state, media.seconds,
+                  media.kilobitsPerSecond, static_cast<unsigned long long>(media.packets),
+                  static_cast<unsigned long long>(media.lost));
+    m_report.status({"progress",
+                     text,
+                     {{"seconds", media.seconds},
+                      {"kbit_per_s", media.kilobitsPerSecond},
+                      {"packets", media.packets},
+                      {"lost", media.lost}}});
+}
+
+/// stream.mkv, stream.2.mkv ...: a session that is begun again must not write over what there is.
+std::string numbered(const std::string &file, int number)
+{
+    std::filesystem::path path(file);
+    if (number > 1 && !file.empty())
+    {
+        path.replace_extension(std::to_string(number) + path.extension().string());
+    }
+    return path.string();
 }
 
 } // namespace
 
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report)
 {
-    Play(common, options, report).run();
+    const Interrupt interrupt;
+    Plugin plugin(common.plugin);
+    double seconds = 0;
+    int number = 0;
+    makeAttempts(options.reconnect ? Again::OncePlayed : Again::Never, interrupt, report, [&] {
+        Ending ending;
+        try
+        {
+            CourseOptions own = options.course;
+            own.record = numbered(own.record, ++number);
+            Course course(plugin, interrupt, common.source, own, report);
+            try
+            {
+                Play(course, options, report, seconds).run();
+            }
+            catch (const Failure &failed)
+            {
+                ending.failure = failed;
+            }
+            ending.notice = course.notice();
+            ending.seconds = course.secondsOfMedia();
+        }
+        catch (const Failure &failed)
+        {
+            ending.failure = failed;
+        }
+        seconds += ending.seconds;
+        return ending;
+    });
 }
 
 } // namespace zr::host

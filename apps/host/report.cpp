@@ -1,7 +1,12 @@
 #include "report.h"
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <cstdio>
+#include <mutex>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace zr::host {
@@ -37,31 +42,52 @@ void printLine(const std::string &line)
     flush();
 }
 
+size_t terminalWidth()
+{
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col : 80;
+}
+
+std::string bar(double done)
+{
+    constexpr size_t width = 24;
+    const auto full = static_cast<size_t>(std::lround(std::clamp(done, 0.0, 1.0) * width));
+    return "[" + std::string(full, '#') + std::string(width - full, '.') + "] ";
+}
+
 class TextReport : public Report
 {
 public:
     void event(const std::string &, const std::string &text, const Fields &) override
     {
+        const std::scoped_lock lock(m_mutex);
         clearStatus();
         printLine(harmless(text));
     }
 
-    void progress(const Progress &now) override
+    void status(const Status &now) override
     {
-        if (!m_terminal)
+        const std::scoped_lock lock(m_mutex);
+        if (m_terminal)
         {
-            return;
+            // a line that wraps could not be written over
+            const std::string line = (now.done ? bar(*now.done) : "") + harmless(now.text);
+            std::printf("\r\033[K%s", line.substr(0, terminalWidth() - 1).c_str());
+            flush();
+            m_status = true;
         }
-        std::printf("\r\033[K%s  %.0f s  %.0f kbit/s  %llu packets  lost %llu", now.state.c_str(), now.seconds,
-                    now.kilobitsPerSecond, static_cast<unsigned long long>(now.packets),
-                    static_cast<unsigned long long>(now.lost));
-        flush();
-        m_status = true;
+        else if (now.lines && Clock::now() >= m_lastLine + betweenLines)
+        {
+            m_lastLine = Clock::now();
+            printLine(harmless(now.text));
+        }
     }
 
     void failure(const Failure &what) override
     {
+        const std::scoped_lock lock(m_mutex);
         clearStatus();
+        std::fflush(stdout); // whatever becomes of it, the failure is told
         std::fprintf(stderr, "zr_rtsp_host: %s\n", harmless(what.what()).c_str());
         if (!what.advice().empty())
         {
@@ -70,6 +96,9 @@ public:
     }
 
 private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::milliseconds betweenLines{4500};
+
     void clearStatus()
     {
         if (m_status)
@@ -79,8 +108,10 @@ private:
         }
     }
 
+    std::mutex m_mutex; ///< guards the terminal and what follows
     const bool m_terminal = isatty(STDOUT_FILENO) == 1;
-    bool m_status = false; ///< a status line stands where the cursor is
+    bool m_status = false;                       ///< a status line stands where the cursor is
+    Clock::time_point m_lastLine = Clock::now(); ///< of a status
 };
 
 class JsonReport : public Report
@@ -93,17 +124,11 @@ public:
         {
             line.update(fields);
         }
+        const std::scoped_lock lock(m_mutex);
         printLine(line.dump(-1, ' ', false, Fields::error_handler_t::replace));
     }
 
-    void progress(const Progress &now) override
-    {
-        event("progress", now.state,
-              {{"seconds", now.seconds},
-               {"kbit_per_s", now.kilobitsPerSecond},
-               {"packets", now.packets},
-               {"lost", now.lost}});
-    }
+    void status(const Status &now) override { event(now.name, now.text, now.fields); }
 
     void failure(const Failure &what) override
     {
@@ -113,6 +138,9 @@ public:
                {"exit_code", static_cast<int>(what.exit())},
                {"advice", what.advice()}});
     }
+
+private:
+    std::mutex m_mutex; ///< guards stdout
 };
 
 } // namespace

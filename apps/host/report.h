@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -13,17 +14,18 @@ namespace zr::host {
 
 using Fields = nlohmann::ordered_json;
 
-/// Where a session stands, said again and again.
-struct Progress
+/// Where things stand, said again and again.
+struct Status
 {
-    std::string state;
-    double seconds = 0; ///< of media
-    double kilobitsPerSecond = 0;
-    uint64_t packets = 0;
-    uint64_t lost = 0;
+    std::string name;                          ///< for programs, such as "progress"
+    std::string text;                          ///< for people
+    Fields fields;                             ///< for programs
+    bool lines = false;                        ///< also where there is no terminal, as a line every few seconds
+    std::optional<double> done = std::nullopt; ///< from 0 to 1, for a progress bar
 };
 
 /// What servers sent may stand in any text: it is made harmless for terminals and for JSON here, and only here.
+/// Any thread may call.
 class Report
 {
 public:
@@ -34,7 +36,7 @@ public:
     /// @param text    for people
     /// @param fields  for programs; an object or null
     virtual void event(const std::string &name, const std::string &text, const Fields &fields) = 0;
-    virtual void progress(const Progress &now) = 0;
+    virtual void status(const Status &now) = 0;
     virtual void failure(const Failure &what) = 0;
 };
 

@@ -46,7 +46,8 @@ Session::Session(Plugin &plugin, const Source &source, Mailbox &mailbox)
     m_control = plugin.create(m_id, agent, source.url.host + ":" + std::to_string(source.url.port), local, port,
                               source.url.host, source.url.port, m_id);
     m_controlEx = dynamic_cast<CIMediaCtrlEx *>(m_control);
-    if (m_controlEx == nullptr)
+    m_controlEx2 = dynamic_cast<CIMediaCtrlEx2 *>(m_control);
+    if (m_controlEx == nullptr || m_controlEx2 == nullptr)
     {
         plugin.remove(&m_control);
         ZR_MediaPortClose(m_id);
@@ -143,15 +144,24 @@ std::vector<TrackUrl> Session::tracks() const
     return found;
 }
 
-void Session::setUp(const TrackUrl &track, tagProtocol protocol)
+void Session::setUp(const TrackUrl &track, tagProtocol protocol, const Playback &playback)
 {
-    check("setup of " + track.media, m_control->setup(urlForSetup(track.url), protocol));
+    const std::string url = urlForSetup(track.url);
+    const auto &download = playback.download;
+    check("setup of " + track.media,
+          download ? m_controlEx2->setup(url, protocol, download->code, download->fullFrame ? 1 : 0)
+                   : m_control->setup(url, protocol));
 }
 
 void Session::play(const Playback &playback)
 {
     // without a start no Range goes out at all
     const std::string from = playback.from.empty() && !playback.to.empty() ? "0" : playback.from;
+    if (const auto &download = playback.download)
+    {
+        check("download", m_controlEx->download(from, playback.to, download->code, download->fullFrame ? 1 : 0));
+        return;
+    }
     // only dragPlay sends an ONVIF source its Scale whether or not it authenticates
     check("play", playback.speedCode ? m_controlEx->dragPlay(from, playback.to, *playback.speedCode)
                                      : m_control->play(from, playback.to));
@@ -160,6 +170,26 @@ void Session::play(const Playback &playback)
 void Session::pause()
 {
     check("pause", m_controlEx->pause());
+}
+
+void Session::setUpToTv(tagProtocol protocol, const tagTransportAddr &wall)
+{
+    // the code for "none offered" and for "no answer" is one: only the latter takes its time
+    constexpr std::chrono::seconds answerWithin{20};
+    const auto begin = std::chrono::steady_clock::now();
+    const ZR_ULONG result = m_control->setupToTV(protocol, wall);
+    if (result == ZR_RTSP_SETUP_FAILED && std::chrono::steady_clock::now() - begin < answerWithin)
+    {
+        throw Failure(ExitCode::Refused, "setting up the relation", result,
+                      "the server offers no relation to a TV wall: its description names no Content-Location",
+                      "it takes a server that relays, such as a platform's media server");
+    }
+    check("setting up the relation", result);
+}
+
+void Session::tearDownToTv()
+{
+    m_control->teardownToTV();
 }
 
 void Session::end()

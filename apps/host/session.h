@@ -21,11 +21,19 @@ struct Source
     std::string tag = "onvif"; ///< decoder description
 };
 
+/// How a recording is asked for when it is to be kept, not looked at.
+struct DownloadSpeed
+{
+    ZR_ULONG code = 0; ///< 0 to 3: 1, 2, 4 or 8 times
+    bool fullFrame = true;
+};
+
 struct Playback
 {
     std::string from; ///< as the source understands it; empty: from where it is
     std::string to;   ///< empty: to the end
     std::optional<ZR_ULONG> speedCode;
+    std::optional<DownloadSpeed> download; ///< instead of a speed
 };
 
 /// A track to be set up.
@@ -50,9 +58,14 @@ public:
     const Description &describe();
     /// @return the first video and the first audio track, video first
     std::vector<TrackUrl> tracks() const;
-    void setUp(const TrackUrl &track, tagProtocol protocol);
+    /// @param playback  what will be played: a download tells its speed already here
+    void setUp(const TrackUrl &track, tagProtocol protocol, const Playback &playback);
     void play(const Playback &playback);
     void pause();
+    /// Has the server send the stream to a TV wall as well; the session goes on.
+    void setUpToTv(tagProtocol protocol, const tagTransportAddr &wall);
+    /// Ends that, without waiting for the answer.
+    void tearDownToTv();
     /// Tells the server that the session is over.
     void end();
 
@@ -77,6 +90,7 @@ private:
     ZR_ULONG m_id; ///< of the port and of the object
     CIMediaCtrl *m_control = nullptr;
     CIMediaCtrlEx *m_controlEx = nullptr;
+    CIMediaCtrlEx2 *m_controlEx2 = nullptr;
     Description m_description;
 };
 

@@ -35,6 +35,8 @@ extern "C"
         ZR_ULONG ulJitterUs;      ///< the worst track's interarrival jitter in microseconds (RFC 3550, A.8)
         ZR_ULONG ulLastArrivalMs; ///< milliseconds since the last packet; 0xFFFFFFFF: none yet
         ZR_ULONG ulTracks;        ///< tracks that were set up
+        uint64_t ullMediaMs;      ///< time that the media covers by its RTP timestamps, of the track with most, in
+                                  ///< milliseconds; jumps do not count
     };
 
     /// Opens the media port of a session before its object is created: binds two consecutive even RTP/RTCP pairs (one a

@@ -159,6 +159,7 @@ void MediaPort::statistics(ZrMediaStatistics &out)
         sum.ullBytes += track.bytes();
         sum.ullLost += track.reception().lost();
         sum.ulJitterUs = std::max(sum.ulJitterUs, track.reception().jitterUs());
+        sum.ullMediaMs = std::max(sum.ullMediaMs, track.reception().mediaMs());
         if (track.packets() != 0)
         {
             const auto ago = std::chrono::duration_cast<std::chrono::milliseconds>(now - track.lastArrival()).count();

@@ -65,6 +65,7 @@ bool Reception::take(const RtpPacket &packet, uint32_t clockRate, TimePoint arri
         return false;
     }
     ++m_received;
+    cover(packet.timestamp, fresh);
     measure(packet.timestamp, clockRate, arrival);
     return fresh;
 }
@@ -109,6 +110,22 @@ bool Reception::follow(uint16_t sequence)
         start(first);
     }
     return true;
+}
+
+void Reception::cover(uint32_t timestamp, bool begins)
+{
+    // pictures that are sent before earlier ones go back in time; more than this is a jump (a seek)
+    constexpr int32_t longestSteps = 3600000; // 40 s of video
+    const auto step = static_cast<int32_t>(timestamp - m_latest);
+    if (begins || step > longestSteps || step < -longestSteps)
+    {
+        m_latest = timestamp;
+    }
+    else if (step > 0)
+    {
+        m_covered += static_cast<uint64_t>(step);
+        m_latest = timestamp;
+    }
 }
 
 /// RFC 3550, A.8.

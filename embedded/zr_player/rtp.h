@@ -65,10 +65,13 @@ public:
     uint32_t ssrc() const { return m_ssrc; }
     uint64_t lost() const;
     uint32_t jitterUs() const;
+    /// Time that the packets cover by their timestamps; jumps and new sources do not count.
+    uint64_t mediaMs() const { return m_clockRate == 0 ? 0 : m_covered * 1000 / m_clockRate; }
 
 private:
     void start(const RtpPacket &packet);
     bool follow(uint16_t sequence);
+    void cover(uint32_t timestamp, bool begins);
     void measure(uint32_t timestamp, uint32_t clockRate, TimePoint arrival);
     int64_t missing() const;
     uint32_t expected() const;
@@ -85,6 +88,8 @@ private:
     uint64_t m_lostOfFormer = 0;
 
     uint32_t m_clockRate = 0;
+    uint32_t m_latest = 0;  ///< timestamp
+    uint64_t m_covered = 0; ///< in units of the RTP clock
     std::optional<uint32_t> m_transit;
     uint32_t m_jitter = 0; ///< times 16
 

@@ -1,0 +1,272 @@
+#include "course.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "addresses.h"
+#include "commands.h"
+#include "notices.h"
+#include "speed.h"
+
+namespace zr::host {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds firstMediaWithin{5000};
+constexpr milliseconds pollEvery{50};
+constexpr milliseconds lookEvery{500};
+constexpr double rateOver = 0.9; // seconds
+constexpr double probeAfter = 1; // seconds without a packet over UDP
+constexpr double probeAgainAfter = 5;
+
+double inSeconds(Course::Clock::duration duration)
+{
+    return std::chrono::duration<double>(duration).count();
+}
+
+std::optional<double> plainSeconds(const std::string &text)
+{
+    char *end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    return text.empty() || *end != '\0' ? std::nullopt : std::optional<double>(value);
+}
+
+std::string wholeSeconds(double seconds)
+{
+    return std::to_string(std::lround(seconds)) + " s";
+}
+
+} // namespace
+
+std::string amount(uint64_t bytes)
+{
+    char text[32];
+    const double value = static_cast<double>(bytes);
+    std::snprintf(text, sizeof text, bytes < 1000000 ? "%.1f kB" : "%.1f MB", value / (bytes < 1000000 ? 1e3 : 1e6));
+    return text;
+}
+
+milliseconds inMilliseconds(double seconds)
+{
+    return milliseconds(std::llround(std::min(seconds, 1e9) * 1000));
+}
+
+Course::Course(Plugin &plugin, const Interrupt &interrupt, const Source &source, const CourseOptions &options,
+               Report &report)
+    : m_interrupt(interrupt)
+    , m_source(source)
+    , m_options(options)
+    , m_report(report)
+    , m_mailbox(interrupt)
+    , m_session(plugin, source, m_mailbox)
+{
+}
+
+void Course::begin()
+{
+    open();
+    start();
+    awaitMedia();
+}
+
+void Course::stopUnlessInterrupted()
+{
+    if (m_interrupt.asked())
+    {
+        throw Failure(ExitCode::Interrupted, "playing", 0, "interrupted before media arrived");
+    }
+}
+
+void Course::open()
+{
+    m_description = m_session.describe();
+    m_report.event("described", "described: " + summary(m_description), {{"range", m_description.range}});
+    stopUnlessInterrupted();
+    const char *transport = m_options.protocol == PROTOCOL_TCP ? "TCP" : "UDP";
+    for (const TrackUrl &track : m_session.tracks())
+    {
+        m_session.setUp(track, m_options.protocol, m_options.playback);
+        m_report.event("set_up", "set up " + track.media + " over " + transport,
+                       {{"media", track.media}, {"transport", transport}});
+        stopUnlessInterrupted();
+    }
+}
+
+void Course::start()
+{
+    if (!m_options.record.empty())
+    {
+        m_session.record(m_options.record);
+    }
+    m_session.play(m_options.playback);
+    m_resumed = Clock::now();
+    std::string text = "playing";
+    text += m_options.playback.from.empty() ? "" : " from " + m_options.playback.from;
+    text += m_options.playback.to.empty() ? "" : " to " + m_options.playback.to;
+    text += m_options.speed.empty() ? "" : " at speed " + m_options.speed;
+    m_report.event("playing", text, nullptr);
+}
+
+void Course::awaitMedia()
+{
+    while (m_session.statistics().ullPackets == 0)
+    {
+        if (const auto notice = m_mailbox.wait(pollEvery))
+        {
+            m_notice = notice;
+            throw Failure(ExitCode::Lost, "playing", 0, noticeText(*notice));
+        }
+        stopUnlessInterrupted();
+        if (Clock::now() - m_resumed > firstMediaWithin)
+        {
+            throw Failure(ExitCode::NoMedia, "playing", 0, "no media arrived within 5 s",
+                          m_options.protocol == PROTOCOL_TCP ? "check that the stream plays elsewhere"
+                                                             : "--tcp, since a firewall or a router may keep UDP away");
+        }
+    }
+    m_begin = m_lastLook = m_lastRate = Clock::now();
+    m_report.event("media", "media arrives", nullptr);
+}
+
+std::optional<double> Course::length() const
+{
+    const Playback &playback = m_options.playback;
+    const double from = plainSeconds(playback.from).value_or(0);
+    const auto to = playback.to.empty() ? m_description.length() : plainSeconds(playback.to);
+    if (!to)
+    {
+        return std::nullopt;
+    }
+    return std::fabs(*to - from) / std::fabs(speedFactor(playback.speedCode));
+}
+
+void Course::stop(const std::optional<Failure> &failure)
+{
+    m_over = true;
+    if (failure)
+    {
+        m_failure.emplace(*failure);
+    }
+}
+
+void Course::take(ZR_ULONG notice)
+{
+    m_notice = notice;
+    m_report.event("notice", noticeText(notice), {{"code", notice}});
+    stop(notice == ZR_RTSP_NOTICE_END_OF_STREAM
+             ? std::nullopt
+             : std::optional<Failure>(std::in_place, ExitCode::Lost, "playing", 0, noticeText(notice)));
+}
+
+void Course::step(milliseconds longest)
+{
+    const auto untilLook = std::chrono::ceil<milliseconds>(m_lastLook + lookEvery - Clock::now());
+    if (const auto notice = m_mailbox.wait(std::min(longest, std::max(untilLook, milliseconds(1)))))
+    {
+        take(*notice);
+    }
+    if (!m_over && Clock::now() >= m_lastLook + lookEvery)
+    {
+        measure();
+        lookForSilence();
+    }
+}
+
+double Course::secondsOfMedia() const
+{
+    return m_begin ? inSeconds(m_paused.value_or(Clock::now()) - *m_begin) - m_pausedSeconds : 0;
+}
+
+void Course::measure()
+{
+    const auto now = m_lastLook = Clock::now();
+    const ZrMediaStatistics statistics = m_session.statistics();
+    m_media.packets = statistics.ullPackets;
+    m_media.bytes = statistics.ullBytes;
+    m_media.lost = statistics.ullLost;
+    m_media.covered = static_cast<double>(statistics.ullMediaMs) / 1000;
+    const double sinceRate = inSeconds(now - m_lastRate);
+    if (sinceRate >= rateOver)
+    {
+        m_media.kilobitsPerSecond = static_cast<double>(m_media.bytes - m_rateBytes) * 8 / 1000 / sinceRate;
+        m_rateBytes = m_media.bytes;
+        m_lastRate = now;
+    }
+    m_media.silent = m_paused ? 0 : std::min(statistics.ulLastArrivalMs / 1000.0, inSeconds(now - m_resumed));
+    m_media.seconds = secondsOfMedia();
+}
+
+// The plug-in counts answers to its keep-alive as signs of life, and an idle UDP session may do without its connection:
+// whether media and server are still there is seen here.
+void Course::lookForSilence()
+{
+    if (m_silent && m_media.silent < m_options.silence)
+    {
+        m_silent = false;
+        m_report.event("media", "media arrives again", nullptr);
+    }
+    else if (!m_silent && m_media.silent >= m_options.silence)
+    {
+        m_silent = true;
+        m_report.event("silent", "no media for " + wholeSeconds(m_options.silence), {{"seconds", m_media.silent}});
+    }
+    if (m_media.silent < probeAfter)
+    {
+        m_nextProbe = probeAfter;
+    }
+    else if (m_media.silent >= m_nextProbe && m_options.protocol == PROTOCOL_UDP)
+    {
+        m_nextProbe = m_media.silent + probeAgainAfter;
+        if (refusesConnections(m_source.url.host, m_source.url.port))
+        {
+            const std::string text = "the server is gone: media stopped, and connections are refused";
+            m_report.event("gone", text, nullptr);
+            stop(Failure(ExitCode::Lost, "playing", 0, text));
+        }
+    }
+}
+
+void Course::pause()
+{
+    m_session.pause();
+    m_paused = Clock::now();
+    m_report.event("paused", "paused", nullptr);
+}
+
+void Course::playOn()
+{
+    m_session.play({"", "", m_options.playback.speedCode, std::nullopt});
+    m_resumed = m_lastLook = m_lastRate = Clock::now();
+    m_pausedSeconds += inSeconds(m_resumed - *m_paused);
+    m_paused.reset();
+    m_report.event("playing", "playing on", nullptr);
+}
+
+void Course::end()
+{
+    measure();
+    const ZrMediaStatistics statistics = m_session.statistics();
+    if (!m_options.record.empty())
+    {
+        m_session.endRecording();
+        m_report.event("recorded", "recorded " + m_options.record, {{"file", m_options.record}});
+    }
+    m_session.end();
+    m_report.event("received",
+                   "received " + std::to_string(statistics.ullPackets) + " packets, " + amount(statistics.ullBytes) +
+                       ", lost " + std::to_string(statistics.ullLost),
+                   {{"packets", statistics.ullPackets},
+                    {"bytes", statistics.ullBytes},
+                    {"lost", statistics.ullLost},
+                    {"jitter_us", statistics.ulJitterUs},
+                    {"seconds", m_media.seconds}});
+    m_report.event("ended", "ended the session", nullptr);
+    if (m_failure)
+    {
+        throw Failure(*m_failure);
+    }
+}
+
+} // namespace zr::host

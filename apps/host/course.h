@@ -1,0 +1,106 @@
+/// @file
+/// The course of one session that receives media: opened, played, looked after, ended.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "report.h"
+#include "session.h"
+
+namespace zr::host {
+
+struct CourseOptions
+{
+    tagProtocol protocol = PROTOCOL_UDP;
+    Playback playback;
+    std::string speed;  ///< as it was given, to be shown
+    std::string record; ///< file; empty: none
+    double silence = 5; ///< seconds without media after which that is said
+};
+
+/// What arrived so far.
+struct Media
+{
+    double seconds = 0; ///< as secondsOfMedia
+    double covered = 0; ///< seconds of the recording that arrived, by their RTP timestamps
+    double silent = 0;  ///< seconds since the last packet
+    double kilobitsPerSecond = 0;
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+    uint64_t lost = 0;
+};
+
+/// Says each step to the report. Operations throw a Failure for what goes wrong before media arrived; what goes wrong
+/// later is kept and thrown by end, after the session was closed in good order. One thread.
+class Course
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    Course(Plugin &plugin, const Interrupt &interrupt, const Source &source, const CourseOptions &options,
+           Report &report);
+
+    /// Describes and sets up, starts the recording, plays, and waits for the first packet.
+    void begin();
+    /// Waits for what happens, half a second at most, and looks after the media.
+    void step(std::chrono::milliseconds longest);
+    /// Whether nothing more will come: the session ended or failed, or the program is to end.
+    bool over() const { return m_over || m_interrupt.asked(); }
+    /// Nothing more is wanted; a failure is told at the end.
+    void stop(const std::optional<Failure> &failure = std::nullopt);
+    /// Ends the recording and the session, and says what arrived.
+    void end();
+
+    void pause();
+    void playOn();
+
+    Session &session() { return m_session; }
+    const Description &description() const { return m_description; }
+    /// Seconds since media began, without pauses.
+    double secondsOfMedia() const;
+    /// As of the last look.
+    const Media &media() const { return m_media; }
+    /// Seconds that the media should take by the range that was asked for, else by the description; none: not known.
+    std::optional<double> length() const;
+    /// The notification that ended it.
+    std::optional<ZR_ULONG> notice() const { return m_notice; }
+
+private:
+    void open();
+    void start();
+    void awaitMedia();
+    void measure();
+    void lookForSilence();
+    void take(ZR_ULONG notice);
+    void stopUnlessInterrupted();
+
+    const Interrupt &m_interrupt;
+    const Source &m_source;
+    const CourseOptions &m_options;
+    Report &m_report;
+    Mailbox m_mailbox;
+    Session m_session;
+    Description m_description;
+
+    Media m_media;
+    std::optional<Clock::time_point> m_begin; ///< of media
+    Clock::time_point m_resumed;              ///< when the server last agreed to play
+    Clock::time_point m_lastLook;
+    Clock::time_point m_lastRate; ///< when the rate was last reckoned, and of which bytes
+    uint64_t m_rateBytes = 0;
+    std::optional<Clock::time_point> m_paused;
+    double m_pausedSeconds = 0;
+    double m_nextProbe = 0; ///< seconds of silence at which the server is looked for
+    bool m_silent = false;  ///< and it was said
+    bool m_over = false;
+    std::optional<ZR_ULONG> m_notice;
+    std::optional<Failure> m_failure;
+};
+
+/// Such as "1.2 MB".
+std::string amount(uint64_t bytes);
+std::chrono::milliseconds inMilliseconds(double seconds);
+
+} // namespace zr::host

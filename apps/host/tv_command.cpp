@@ -1,0 +1,66 @@
+#include <cmath>
+
+#include "commands.h"
+
+namespace zr::host {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds atLeisure{1000};
+constexpr double silenceOfFault = 10;
+constexpr double playsOnFor = 1; // seconds, for all to see that the session outlives the relation
+
+// A session that is not ONVIF cannot authenticate, and an ONVIF one has no relation.
+Failure noCredentials(const Failure &failed)
+{
+    return {ExitCode::Credentials, failed.step(), failed.code(),
+            "the server asks for credentials, which only an onvif source is given, and that has no relation to a TV "
+            "wall",
+            "a URL of the server that needs no credentials"};
+}
+
+void playFor(Course &course, std::optional<double> seconds)
+{
+    const auto begin = Course::Clock::now();
+    while (!course.over() && (!seconds || Course::Clock::now() - begin < inMilliseconds(*seconds)))
+    {
+        course.step(seconds ? std::min(inMilliseconds(*seconds), atLeisure) : atLeisure);
+        if (!course.over() && course.media().silent >= silenceOfFault)
+        {
+            course.stop(Failure(ExitCode::NoMedia, "playing", 0, "media stopped"));
+        }
+    }
+}
+
+void run(Course &course, const TvOptions &options, Report &report)
+{
+    course.begin();
+    const std::string wall = options.wall.strIP + ":" + std::to_string(options.wall.usPort);
+    course.session().setUpToTv(options.course.protocol, options.wall);
+    report.event("relation", "the server sends to " + wall + " as well", {{"to", wall}});
+    playFor(course, options.duration);
+    course.session().tearDownToTv();
+    report.event("relation_ended", "ended the relation to " + wall, {{"to", wall}});
+    playFor(course, playsOnFor);
+    course.end();
+}
+
+} // namespace
+
+void tvCommand(const CommonOptions &common, const TvOptions &options, Report &report)
+{
+    const Interrupt interrupt;
+    Plugin plugin(common.plugin);
+    Course course(plugin, interrupt, common.source, options.course, report);
+    try
+    {
+        run(course, options, report);
+    }
+    catch (const Failure &failed)
+    {
+        throw failed.exit() == ExitCode::Credentials ? noCredentials(failed) : Failure(failed);
+    }
+}
+
+} // namespace zr::host
