@@ -40,7 +40,7 @@ public:
         }
         if (interrupt.asked())
         {
-            m_course.stop(Failure(ExitCode::Interrupted, "downloading", 0, soFar()));
+            m_course.stop(Failure(ExitCode::Interrupted, "downloading", 0, "interrupted, " + soFar()));
         }
         m_course.end();
         m_report.event("downloaded", "downloaded " + length(m_course.media().covered) + ": " + m_file,
@@ -96,7 +96,7 @@ void Download::judge()
 void Download::tellStatus()
 {
     const Media &media = m_course.media();
-    if (media.seconds < m_nextStatus)
+    if (m_course.over() || media.seconds < m_nextStatus)
     {
         return;
     }

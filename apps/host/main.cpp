@@ -18,8 +18,9 @@ void setUpLog(const CommonOptions &options)
     {
         ZR_LogSetFile(options.logFile.c_str());
     }
-    // on the terminal the program's own lines come first; in a file there is room
-    ZR_LogSetLevel(options.logLevel.value_or(options.logFile.empty() ? ZR_LOG_ERROR : ZR_LOG_INFO));
+    // the program tells itself what fails, and among its own lines others would only confuse; in a file there is room
+    constexpr auto silent = static_cast<tagZrLogLevel>(ZR_LOG_ERROR + 1);
+    ZR_LogSetLevel(options.logLevel.value_or(options.logFile.empty() ? silent : ZR_LOG_INFO));
 }
 
 int run(int argc, char **argv, Report &report)

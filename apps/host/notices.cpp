@@ -18,13 +18,13 @@ constexpr const char *ended = "the server ended the session";
 constexpr const char *lost = "the connection to the server was lost";
 
 constexpr Words words[] = {
-    {ZR_RTSP_NOTICE_ENDED, ended, "of its own accord"},
-    {ZR_RTSP_NOTICE_END_OF_STREAM, ended, "end of stream"},
-    {ZR_RTSP_NOTICE_SERVER_RESOURCES, ended, "it needs its resources or was told to"},
-    {ZR_RTSP_NOTICE_SILENT, "the server is silent", "neither media nor answers"},
-    {ZR_RTSP_NOTICE_CONNECTION_LOST, lost, "connection lost"},
-    {ZR_RTSP_NOTICE_ONVIF_LOST, lost, "ONVIF connection lost"},
-    {ZR_RTSP_NOTICE_ENDED_GUOBIAO, ended, "guobiao, of its own accord"},
+    {ZR_RTSP_NOTICE_ENDED, ended, ""},
+    {ZR_RTSP_NOTICE_END_OF_STREAM, ended, ", end of stream"},
+    {ZR_RTSP_NOTICE_SERVER_RESOURCES, ended, ", it needs its resources or was told to"},
+    {ZR_RTSP_NOTICE_SILENT, "the server is silent", ", neither media nor answers"},
+    {ZR_RTSP_NOTICE_CONNECTION_LOST, lost, ""},
+    {ZR_RTSP_NOTICE_ONVIF_LOST, lost, ""},
+    {ZR_RTSP_NOTICE_ENDED_GUOBIAO, ended, ", guobiao"},
 };
 
 constexpr std::chrono::seconds longestPause{30};
@@ -38,7 +38,7 @@ std::string noticeText(ZR_ULONG notice)
     {
         if (row.notice == notice)
         {
-            return std::string(row.event) + " (" + std::to_string(notice) + ", " + row.cause + ")";
+            return std::string(row.event) + " (" + std::to_string(notice) + row.cause + ")";
         }
     }
     return "the plug-in tells of something unknown (" + std::to_string(notice) + ")";

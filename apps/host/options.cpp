@@ -45,10 +45,12 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
     app.add_option("--tag", raw.tag,
                    "Decoder description, such as onvif (default), guobiao, omz-v1@12; only onvif authenticates");
     app.add_flag("--json", common.json, "Print one event a line, as JSON");
-    app.add_option("--log-level", common.logLevel, "What the libraries log: debug, info, warning or error (default)")
+    app.add_option("--log-level", common.logLevel,
+                   "What the libraries log: debug, info, warning or error (default: nothing)")
         ->transform(CLI::CheckedTransformer(std::map<std::string, tagZrLogLevel>{
             {"debug", ZR_LOG_DEBUG}, {"info", ZR_LOG_INFO}, {"warning", ZR_LOG_WARNING}, {"error", ZR_LOG_ERROR}}));
-    app.add_option("--log-file", common.logFile, "Where they log it, instead of stderr")->check(writable);
+    app.add_option("--log-file", common.logFile, "Where they log it (then info by default), instead of stderr")
+        ->check(writable);
     app.add_option("--plugin", common.plugin, "The plug-in's file, instead of the one beside the program")
         ->check(CLI::ExistingFile);
 }

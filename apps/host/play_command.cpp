@@ -136,7 +136,7 @@ void Play::judge()
 void Play::tellStatus()
 {
     const Media &media = m_course.media();
-    if (media.seconds < m_nextStatus)
+    if (m_course.over() || media.seconds < m_nextStatus)
     {
         return;
     }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cmath>
@@ -34,8 +35,10 @@ class Stream : private Report
 {
 public:
     /// @param source, report  outlive it
-    Stream(const Source &source, Report &report)
-        : m_source(source)
+    /// @param number  from 1, for a URL may come more than once
+    Stream(size_t number, const Source &source, Report &report)
+        : m_number(number)
+        , m_source(source)
         , m_report(report)
     {
     }
@@ -52,14 +55,16 @@ private:
     Ending attempt(Plugin &plugin, const Interrupt &interrupt, const CourseOptions &options);
     void count(const Media &media, const Media &before);
 
-    // of a course's events those that change the stream's state are told, with its URL
+    // of a course's events those that change the stream's state are told, with its number and URL
     void event(const std::string &name, const std::string &text, const Fields &fields) override;
     void status(const Status &) override {}
     void failure(const Failure &what) override;
 
+    const size_t m_number;
     const Source &m_source;
     Report &m_report;
-    bool m_told = false; ///< what ended the session was told when it happened
+    std::string m_toldLoss; ///< why it was lost, as it was told; empty: it is not lost
+    bool m_told = false;    ///< what ended the latest session was told when it happened
     std::atomic<State> m_state{Connecting};
     std::atomic<uint64_t> m_packets{0}; ///< of all its sessions
     std::atomic<uint64_t> m_lost{0};
@@ -70,29 +75,30 @@ void Stream::event(const std::string &name, const std::string &text, const Field
     struct Change
     {
         const char *name;
-        std::optional<State> state;
+        State state;
     };
-    static constexpr std::array<Change, 6> changes = {{{"media", Alive},
-                                                       {"silent", Silent},
-                                                       {"notice", Lost},
-                                                       {"gone", Lost},
-                                                       {"failed", Lost},
-                                                       {"reconnecting", std::nullopt}}};
-    for (const Change &change : changes)
+    static constexpr std::array<Change, 5> changes = {
+        {{"media", Alive}, {"silent", Silent}, {"notice", Lost}, {"gone", Lost}, {"failed", Lost}}};
+    const auto *change =
+        std::find_if(changes.begin(), changes.end(), [&](const Change &one) { return name == one.name; });
+    if (change == changes.end())
     {
-        if (name != change.name)
-        {
-            continue;
-        }
-        m_state = change.state.value_or(m_state);
-        m_told = m_told || change.state == Lost;
-        Fields told{{"url", m_source.url.text}};
+        return;
+    }
+    m_state = change->state;
+    m_told = m_told || change->state == Lost;
+    // a device that is away is not told anew with each attempt
+    const std::string loss = change->state == Lost ? text : "";
+    if (loss.empty() || loss != m_toldLoss)
+    {
+        Fields told{{"stream", m_number}, {"url", m_source.url.text}};
         if (fields.is_object())
         {
             told.update(fields);
         }
-        m_report.event(name, m_source.url.text + ": " + text, told);
+        m_report.event(name, "[" + std::to_string(m_number) + "] " + m_source.url.text + ": " + text, told);
     }
+    m_toldLoss = loss;
 }
 
 void Stream::failure(const Failure &what)
@@ -169,7 +175,7 @@ public:
     {
         for (const Source &source : options.sources)
         {
-            m_streams.push_back(std::make_unique<Stream>(source, report));
+            m_streams.push_back(std::make_unique<Stream>(m_streams.size() + 1, source, report));
         }
     }
 
