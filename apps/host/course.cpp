@@ -244,15 +244,29 @@ void Course::playOn()
     m_report.event("playing", "playing on", nullptr);
 }
 
-void Course::end()
+void Course::endRecording()
 {
-    measure();
-    const ZrMediaStatistics statistics = m_session.statistics();
-    if (!m_options.record.empty())
+    if (m_options.record.empty())
+    {
+        return;
+    }
+    try
     {
         m_session.endRecording();
         m_report.event("recorded", "recorded " + m_options.record, {{"file", m_options.record}});
     }
+    catch (const Failure &failed) // a session that was lost at once has nothing to record: that is not the cause
+    {
+        m_report.event("not_recorded", failed.what(), {{"file", m_options.record}});
+        m_failure.emplace(m_failure.value_or(failed));
+    }
+}
+
+void Course::end()
+{
+    measure();
+    const ZrMediaStatistics statistics = m_session.statistics();
+    endRecording();
     m_session.end();
     m_report.event("received",
                    "received " + std::to_string(statistics.ullPackets) + " packets, " + amount(statistics.ullBytes) +

@@ -72,6 +72,7 @@ private:
     void start();
     void awaitMedia();
     void measure();
+    void endRecording();
     void lookForSilence();
     void take(ZR_ULONG notice);
     void stopUnlessInterrupted();

@@ -172,13 +172,13 @@ void playCommand(const CommonOptions &common, const PlayOptions &options, Report
     const Interrupt interrupt;
     Plugin plugin(common.plugin);
     double seconds = 0;
-    int number = 0;
+    int number = 1; // of the session among those that had media
     makeAttempts(options.reconnect ? Again::OncePlayed : Again::Never, interrupt, report, [&] {
         Ending ending;
         try
         {
             CourseOptions own = options.course;
-            own.record = numbered(own.record, ++number);
+            own.record = numbered(own.record, number);
             Course course(plugin, interrupt, common.source, own, report);
             try
             {
@@ -196,6 +196,7 @@ void playCommand(const CommonOptions &common, const PlayOptions &options, Report
             ending.failure = failed;
         }
         seconds += ending.seconds;
+        number += ending.seconds > 0 ? 1 : 0;
         return ending;
     });
 }

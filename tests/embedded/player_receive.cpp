@@ -118,6 +118,24 @@ TEST_F(OpenPort, CountsLossOverWrapsJumpsAndSources)
     EXPECT_EQ(statistics().ullBytes, packets * 100);
 }
 
+TEST(ReceptionOfASource, CoversTimeByItsTimestamps)
+{
+    Reception reception;
+    // over the wrap, with pictures out of order; a seek and another source cover nothing, but go on from where they are
+    const std::tuple<uint32_t, uint32_t, uint64_t> packets[] = {
+        {1, 0U - 90000, 0},  {1, 0, 1000},        {1, 90000, 2000},  {1, 45000, 2000}, {1, 135000, 2500},
+        {1, 90000000, 2500}, {1, 90090000, 3500}, {1, 135000, 3500}, {2, 500, 3500},   {2, 90500, 4500}};
+    RtpPacket packet;
+    for (const auto &[ssrc, timestamp, coveredMs] : packets)
+    {
+        packet.ssrc = ssrc;
+        packet.timestamp = timestamp;
+        ++packet.sequence;
+        reception.take(packet, 90000, TimePoint(std::chrono::seconds(1000)));
+        EXPECT_EQ(reception.mediaMs(), coveredMs) << timestamp;
+    }
+}
+
 TEST(ReceptionOfASource, MeasuresJitterByTheAppendix)
 {
     Reception reception;

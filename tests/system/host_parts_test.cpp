@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "failure.h"
+#include "notices.h"
 #include "sdp.h"
 #include "speed.h"
 #include "url.h"
@@ -109,6 +110,18 @@ TEST(HostSpeed, isAFactorOrACode)
     {
         EXPECT_THROW(speedCode(wrong), Failure) << wrong;
     }
+}
+
+TEST(HostBackoff, growsUntilASessionLasts)
+{
+    Backoff backoff;
+    for (const int pause : {1, 2, 4, 8, 16, 30, 30})
+    {
+        EXPECT_EQ(backoff.next(9.9).count(), pause);
+    }
+    EXPECT_EQ(backoff.next(10).count(), 1);
+    EXPECT_EQ(backoff.next(0).count(), 2);
+    EXPECT_EQ(noticeText(101), "the server ended the session (101, end of stream)");
 }
 
 TEST(HostDescription, isReadAsFarAsItIsUnderstood)

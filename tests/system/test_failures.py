@@ -9,7 +9,7 @@ from programs import (CREDENTIALS, NO_MEDIA, OK, OUTPUT, PASSWORD, REFUSED, UNRE
 
 
 class ScriptedServer:
-    """Answers each request of one connection by a function from method and CSeq to bytes."""
+    """Answers each request of one connection by a function from method, CSeq and headers to bytes."""
 
     def __init__(self, answer):
         self.answer = answer
@@ -25,17 +25,18 @@ class ScriptedServer:
         except OSError:
             return
         with connection, connection.makefile("rb") as lines:
-            method, cseq = None, None
+            method, headers = None, {}
             for line in lines:
                 words = line.split()
-                if line.lower().startswith(b"cseq:"):
-                    cseq = words[1].decode()
+                if not words and method:
+                    self.methods.append(method)
+                    connection.sendall(self.answer(method, headers.get("cseq"), headers))
+                    method, headers = None, {}
                 elif words and method is None:
                     method = words[0].decode()
-                elif not words and method:
-                    self.methods.append(method)
-                    connection.sendall(self.answer(method, cseq))
-                    method = None
+                elif words:
+                    name, _, value = line.decode().partition(":")
+                    headers[name.strip().lower()] = value.strip()
 
     def close(self):
         self.listener.shutdown(socket.SHUT_RDWR)
@@ -84,7 +85,7 @@ class FailuresTest(HostTest):
     def test_nothing_arrives(self):
         sdp = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:track\r\n"
 
-        def answer(method, cseq):
+        def answer(method, cseq, _):
             if method == "DESCRIBE":
                 return described(cseq, sdp)
             return (f"RTSP/1.0 200 OK\r\nCSeq: {cseq}\r\nSession: 1\r\n"
@@ -97,7 +98,7 @@ class FailuresTest(HostTest):
 
     def test_hostile_description(self):
         sdp = "v=0\r\ns=\x1b]0;owned\x07\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264\x1b[2J/90000\r\na=control:t\r\n"
-        result = self.run_host(OK, "describe", self.scripted(lambda _, cseq: described(cseq, sdp)).url)
+        result = self.run_host(OK, "describe", self.scripted(lambda _, cseq, __: described(cseq, sdp)).url)
         self.assertIn("owned", result.out)
         self.assertNotIn("\x1b", result.out)
 

@@ -8,7 +8,7 @@ import unittest
 
 from PIL import Image, ImageChops
 
-from programs import INTERRUPTED, OK, HostTest, command
+from programs import INTERRUPTED, OK, HostTest
 
 
 class SessionTest(HostTest):
@@ -42,13 +42,6 @@ class SessionTest(HostTest):
             parts = [image.convert("RGB").crop((0, 0, 640, 80)) for image in (late, early)]
         difference = ImageChops.difference(*parts).getextrema()
         self.assertGreater(max(high for _, high in difference), 100)
-
-    def start(self, *arguments):
-        process = subprocess.Popen(command(*arguments), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.addCleanup(process.stderr.close)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.kill)
-        return process
 
     def test_interrupt_tears_down(self):
         process = self.start("play", self.device().url("live"))
