@@ -111,9 +111,10 @@ void Course::start()
 
 void Course::awaitMedia()
 {
+    std::optional<ZR_ULONG> notice;
     while (m_session.statistics().ullPackets == 0)
     {
-        if (const auto notice = m_mailbox.wait(pollEvery))
+        if (notice)
         {
             m_notice = notice;
             throw Failure(ExitCode::Lost, "playing", 0, noticeText(*notice));
@@ -125,9 +126,14 @@ void Course::awaitMedia()
                           m_options.protocol == PROTOCOL_TCP ? "check that the stream plays elsewhere"
                                                              : "--tcp, since a firewall or a router may keep UDP away");
         }
+        notice = m_mailbox.wait(pollEvery);
     }
     m_begin = m_lastLook = m_lastRate = Clock::now();
     m_report.event("media", "media arrives", nullptr);
+    if (notice) // which came right behind the first packet
+    {
+        take(*notice);
+    }
 }
 
 std::optional<double> Course::length() const

@@ -4,7 +4,7 @@ import signal
 import struct
 import unittest
 
-from programs import INTERRUPTED, LOST, NO_MEDIA, OK, REFUSED, HostTest
+from programs import INTERRUPTED, LOST, OK, REFUSED, HostTest
 from test_failures import ScriptedServer, described
 
 
@@ -31,10 +31,11 @@ class DownloadTest(HostTest):
                 self.assertNotIn("downloaded", rest)
 
 
-class RelationTest(HostTest):
+class ServerTest(HostTest):
     SDP = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:track\r\n"
 
-    def relay(self, code, location, *options):
+    def scripted(self, location="", after_play=b""):
+        """A server that sends three packets; and the requests that it will have got."""
         requests = []
 
         def answer(method, cseq, headers):
@@ -44,11 +45,15 @@ class RelationTest(HostTest):
             transport = headers.get("transport", "") + ";source=127.0.0.1;server_port=7000-7001"
             text = f"RTSP/1.0 200 OK\r\nCSeq: {cseq}\r\nSession: 1\r\nTransport: {transport}\r\n\r\n"
             packets = [struct.pack(">cBHBBHII", b"$", 0, 13, 0x80, 96, number, 0, 1) + b"\x01" for number in range(3)]
-            return text.encode() + b"".join(packets if method == "PLAY" else [])
+            return text.encode() + (b"".join(packets) + after_play if method == "PLAY" else b"")
 
         server = ScriptedServer(answer)
         self.addCleanup(server.close)
-        result = self.run_host(code, "tv", server.url, "--to", "127.0.0.9:6000", "--tcp", *options)
+        return server.url, requests
+
+    def relay(self, code, location, *options):
+        url, requests = self.scripted(location)
+        result = self.run_host(code, "tv", url, "--to", "127.0.0.9:6000", "--tcp", *options)
         return result, [request for request in requests if request[0] in ("SETUP", "PLAY", "TEARDOWN")]
 
     def test_relation(self):
@@ -60,6 +65,15 @@ class RelationTest(HostTest):
         result, requests = self.relay(REFUSED, "")
         self.assertIn("offers no relation to a TV wall", result.err)
         self.assertEqual([method for method, _, _ in requests], ["SETUP", "PLAY", "TEARDOWN"])
+
+    def test_announcements_are_told(self):
+        for notice, exit_code, text in ((2101, OK, "the server ended the session (101, end of stream)"),
+                                        (5402, LOST, "the server ended the session (102, "),
+                                        (4400, LOST, "the server ended the session (100)")):
+            announce = f"ANNOUNCE * RTSP/1.0\r\nCSeq: 7\r\nSession: 1\r\nNotice: {notice}\r\n\r\n"
+            with self.subTest(notice=notice):
+                url, _ = self.scripted(after_play=announce.encode())
+                self.assertIn(text, self.run_host(exit_code, "play", url, "--tcp").out)
 
 
 if __name__ == "__main__":
