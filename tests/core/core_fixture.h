@@ -3,6 +3,8 @@
 /// private state.
 #pragma once
 
+#include <future>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +16,14 @@
 struct CRtspMediaCtrlProbe
 {
     CRtspMediaCtrl &ctrl;
+    CMediaAbility &ability = ctrl.m_oMediaAbility;
+    std::string &url = ctrl.m_strURL, &vodToTvUrl = ctrl.m_strVodToTvURL;
+    std::atomic<tagProtocol> &protocol = ctrl.m_enProtocol;
+    std::atomic<float> &playSpeed = ctrl.m_fPlaySpeed;
+    std::atomic<ZR_ULONG> &aoiPort = ctrl.m_ulAOIPortID, &playFlag = ctrl.m_ulPlayFlag,
+                          &playbackNowFlag = ctrl.m_ulPlaybackNowFlag, &msRelayer = ctrl.m_bMSRelayer;
+    std::atomic<ZR_USHORT> &rangeSkipCount = ctrl.m_usRangeSkipCount;
+    ZR_ULONG &rspResult = ctrl.m_ulRspResult;
 
     ZR_ULONG state() const
     {
@@ -25,29 +35,23 @@ struct CRtspMediaCtrlProbe
         const ACE_Guard<ACE_Recursive_Thread_Mutex> guard(ctrl.m_oMutex);
         ctrl.m_ulState = state;
     }
-    ZR_ULONG rspResult() const { return ctrl.m_ulRspResult; }
-    void setRspResult(ZR_ULONG result) { ctrl.m_ulRspResult = result; }
-    ZR_ULONG playFlag() const { return ctrl.m_ulPlayFlag; }
-    void setPlayFlag(ZR_ULONG flag) { ctrl.m_ulPlayFlag = flag; }
-    float playSpeed() const { return ctrl.m_fPlaySpeed; }
-    void setPlaySpeed(float speed) { ctrl.m_fPlaySpeed = speed; }
-    void setProtocol(tagProtocol protocol) { ctrl.m_enProtocol = protocol; }
-    ZR_ULONG aoiPort() const { return ctrl.m_ulAOIPortID; }
-    ZR_ULONG rangeSkipCount() const { return ctrl.m_usRangeSkipCount; }
-    ZR_ULONG playbackNowFlag() const { return ctrl.m_ulPlaybackNowFlag; }
-    ZR_ULONG msRelayer() const { return ctrl.m_bMSRelayer; }
     std::vector<ZR_ULONG> keepLive() const
     {
         return {ctrl.m_ulKeepLiveMaxFail, ctrl.m_ulKeepLivePeriod, ctrl.m_ulKeepLiveTick};
     }
-    std::string &url() { return ctrl.m_strURL; }
-    std::string &vodToTvUrl() { return ctrl.m_strVodToTvURL; }
-    CMediaAbility &ability() { return ctrl.m_oMediaAbility; }
     /// Wakes whoever waits for an answer, for no reason.
     void wakeForNothing()
     {
         const ACE_Guard<ACE_Recursive_Thread_Mutex> guard(ctrl.m_oMutex);
         ctrl.m_oCond.broadcast();
+    }
+    /// Runs a call with the object's lock held, as an operation that calls another would.
+    ZR_ULONG oneLevelDeeper(const std::function<ZR_ULONG()> &call)
+    {
+        const CObjectGuard guard(ctrl.m_oMutex, ctrl.m_ulLockDepth);
+        const ZR_ULONG result = call();
+        EXPECT_EQ(1U, ctrl.m_ulLockDepth);
+        return result;
     }
 
     ZR_ULONG generalPlay(float speed, const std::string &from, const std::string &to)
@@ -73,10 +77,11 @@ struct CRtspMediaCtrlProbe
     }
 };
 
-namespace zr::test
-{
+namespace zr::test {
 
-using Texts = std::vector<std::string>;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::IsEmpty;
 
 /// One object under test, deleted through the entry point.
 class Session
@@ -92,6 +97,12 @@ public:
         if (!tag.empty())
             main->setDecoderDesc(tag);
     }
+    /// An object in a state.
+    Session(const std::string &tag, ZR_ULONG state)
+        : Session(tag)
+    {
+        inState(state);
+    }
     ~Session() { remove(); }
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
@@ -99,30 +110,35 @@ public:
     /// Deletes the object now.
     ZR_ULONG remove() { return main == nullptr ? 0 : deleteMediaCtrlInter(&main); }
 
-    /// Puts the object into a state, with a session ID, a URL and an Authorization value for each method.
+    /// Puts the object into a state, with a session ID, URLs and an Authorization value for each method.
     Session &inState(ZR_ULONG state)
     {
         probe.setState(state);
-        probe.url() = "rtsp://h/s";
-        probe.ability().setSessionID("S1");
-        changeInfo(
-            [](COnvifInfo &info)
-            {
-                info.m_strSetupAuth = "setup-auth";
-                info.m_strPlayAuth = "play-auth";
-                info.m_strTeardownAuth = "teardown-auth";
-            });
+        probe.url = "rtsp://h/s";
+        probe.ability.setSessionID("S1");
+        changeInfo([](COnvifInfo &info) {
+            info.m_strSetupAuth = "setup-auth";
+            info.m_strPlayAuth = "play-auth";
+            info.m_strOptionsAuth = "options-auth";
+            info.m_strTeardownAuth = "teardown-auth";
+        });
         Platform::instance().clearRecord();
         return *this;
     }
 
     void changeInfo(const std::function<void(COnvifInfo &)> &change)
     {
-        COnvifInfo info = probe.ability().getOnvifInfo();
+        COnvifInfo info = probe.ability.getOnvifInfo();
         change(info);
-        probe.ability().setOnvifInfo(info);
+        probe.ability.setOnvifInfo(info);
     }
 
+    /// Starts the relation to a TV wall, for which the server had named a URL.
+    ZR_ULONG setupToTv()
+    {
+        probe.vodToTvUrl = "rtsp://h/tv";
+        return main->setupToTV(1, {9000, "10.7.7.7"});
+    }
     ZR_ULONG take(Answer message) { return processor->AOIMsgPro(&message); }
 
     CIMediaCtrl *main;
@@ -132,20 +148,38 @@ public:
     CRtspMediaCtrlProbe probe;
 };
 
+/// An observer that keeps what it hears.
+struct Recorder : CIMediaCtrlObserver
+{
+    explicit Recorder(std::function<void()> theReaction = [] {})
+        : reaction(std::move(theReaction))
+    {
+    }
+    ZR_ULONG getObserverID() override { return 1; }
+    void notify(ZR_ULONG *code, uintptr_t argument) override
+    {
+        EXPECT_EQ(0U, argument);
+        codes.push_back(*code);
+        reaction();
+    }
+    std::vector<ZR_ULONG> codes;
+    std::function<void()> reaction;
+};
+
 class CoreTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
+    CoreTest()
     {
         platform.start();
-        ASSERT_EQ(0U, init(0, 0, nullptr, nullptr));
+        EXPECT_EQ(0U, init(0, 0, nullptr, nullptr));
         platform.clearRecord();
     }
-    void TearDown() override
+    ~CoreTest() override
     {
         destroy();
         platform.stop();
-        EXPECT_EQ(0U, platform.liveMessages());
+        EXPECT_EQ(0U, platform.liveMessages);
         EXPECT_EQ(0, platform.openSockets);
     }
 
@@ -153,6 +187,15 @@ protected:
     static Answer success(ZR_ULONG id)
     {
         return Answer(id, SUCCESS).with(AOI_IE_SESSION_ID, "S1").with(AOI_IE_TRANSPORT, "10.0.0.5:7000");
+    }
+    static Answer failure(ZR_ULONG id, ZR_ULONG status)
+    {
+        return Answer(id, FAILURE).with(AOI_IE_ERRCODE, std::to_string(status));
+    }
+    /// A log line of the class, at a level and with a code such as "4:13205".
+    static std::string line(const std::string &code, const std::string &function, const std::string &text)
+    {
+        return code + ":[CRtspMediaCtrl::" + function + "] " + text;
     }
     /// Texts as one, each followed by a "|".
     static std::string joined(const Texts &texts)
@@ -162,9 +205,22 @@ protected:
             whole += text + "|";
         return whole;
     }
-    static Answer failure(ZR_ULONG id, ZR_ULONG status)
+
+    static std::future<ZR_ULONG> inThread(std::function<ZR_ULONG()> call)
     {
-        return Answer(id, FAILURE).with(AOI_IE_ERRCODE, std::to_string(status));
+        return std::async(std::launch::async, std::move(call));
+    }
+    /// What the call returned, which it must do well before its 25 seconds are over.
+    static ZR_ULONG soon(std::future<ZR_ULONG> &result)
+    {
+        EXPECT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(15)));
+        return result.get();
+    }
+    /// Returns when the object's request number count waits for its answer.
+    void untilWaiting(Session &session, size_t count)
+    {
+        ASSERT_TRUE(platform.waitFor([&] { return platform.requests().size() >= count; }));
+        session.probe.state(); // takes the lock, which the requester holds until it waits
     }
 
     Platform &platform = Platform::instance();
