@@ -88,6 +88,8 @@ class HostTest(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder)
 
     def device(self, *options):
+        if "--vod-length" not in options:  # a short recording is made soon
+            options += ("--vod-length", "9")
         device = Device(*options)
         self.addCleanup(lambda: self.assertIn(device.stop(), (0, -signal.SIGKILL)))
         return device

@@ -26,7 +26,7 @@ class LivenessTest(HostTest):
 
     def test_a_dead_device_is_told_at_once(self):
         for transport in ("--tcp", "--udp"):
-            device = self.device("--vod-length", "2")
+            device = self.device()
             process = self.playing(device.url("live"), transport)
             with self.subTest(transport=transport):
                 device.kill()
@@ -38,21 +38,21 @@ class LivenessTest(HostTest):
                 self.assertRegex(error["text"], "the connection to the server was lost|the server is gone")
 
     def test_plays_again_when_the_device_is_back(self):
-        device = self.device("--vod-length", "2")
+        device = self.device()
         recording = self.file("r.mkv")
         process = self.playing(device.url("live"), "--tcp", "--reconnect", "--duration", "3", "--record", recording)
         device.kill()
         self.assertEqual(self.event(process, "notice")["code"], 105)
         self.assertEqual(self.event(process, "reconnecting")["seconds"], 1)
         self.assertEqual(self.event(process, "reconnecting")["seconds"], 2)  # nobody was there
-        self.device("--vod-length", "2", "--port", device.port())
+        self.device("--port", device.port())
         self.event(process, "media")
         process.stdout.read()
         self.assertEqual(process.wait(20), OK)
         self.check_recording(self.file("r.2.mkv"), 3, "video/x-h264")
 
     def test_silence_is_told(self):
-        device = self.device("--vod-length", "2")
+        device = self.device()
         process = self.playing(device.url("live"), "--tcp", "--silence", "1", "--duration", "8")
         device.process.send_signal(signal.SIGSTOP)
         self.event(process, "silent")
@@ -63,16 +63,16 @@ class LivenessTest(HostTest):
         self.assertEqual(process.wait(20), OK)
 
     def test_watch(self):
-        devices = [self.device("--vod-length", "60") for _ in range(2)]
+        devices = [self.device("--vod-length", "24") for _ in range(2)]
         urls = [device.url(mount) for device in devices for mount in 5 * ("live", "vod")]
         listed = self.file("urls")
         with open(listed, "w", encoding="ascii") as file:
             file.write("# two devices\n\n" + "\n".join(urls))
-        process = self.start("watch", listed, "--json", "--duration", "18")
+        process = self.start("watch", listed, "--json", "--duration", "15")
         streams = {self.event(process, "media")["stream"] for _ in urls}
         self.assertEqual(streams, set(range(1, 21)))
         begin = time.monotonic()
-        while time.monotonic() - begin < 10:
+        while time.monotonic() - begin < 8:
             summary = self.event(process, "summary")
             self.assertEqual((summary["alive"], summary["silent"], summary["lost"]), (20, 0, 0), summary)
         self.assertGreater(summary["packets_per_s"], 20 * 50)
@@ -88,7 +88,7 @@ class LivenessTest(HostTest):
         self.assertEqual([event["alive"] for event in rest if event["event"] == "watched"], [10])
 
     def test_watch_is_content_when_all_are_alive(self):
-        device = self.device("--user", "u", "--password", "in a file", "--vod-length", "2")
+        device = self.device("--user", "u", "--password", "in a file")
         listed = self.file("urls")
         for line, code in ((device.url("live"), OK), ("rtsp://127.0.0.1:1/", LOST), ("http://x", USAGE)):
             with open(listed, "w", encoding="ascii") as file:
