@@ -227,9 +227,8 @@ void Course::lookForSilence()
         m_nextProbe = m_media.silent + probeAgainAfter;
         if (refusesConnections(m_source.url.host, m_source.url.port))
         {
-            const std::string text = "the server is gone: media stopped, and connections are refused";
-            m_report.event("gone", text, nullptr);
-            stop(Failure(ExitCode::Lost, "playing", 0, text));
+            stop(Failure(ExitCode::Lost, "playing", 0,
+                         "the server is gone: media stopped, and connections are refused"));
         }
     }
 }

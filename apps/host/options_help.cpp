@@ -6,13 +6,18 @@ const char *const generalHelp = R"(
 zr_rtsp_host COMMAND --help tells a command's options, with examples.
 
 Exit codes:
-  0 done: described; media arrived (play, tv); the whole recording is in the file (download); all alive (watch)
-  1 internal error                                               5 refused by the server
-  2 wrong usage                                                  6 no media arrived, or it stopped
-  3 the server cannot be reached, or does not answer             7 a picture or recording could not be written
-  4 credentials missing or refused
-  8 the server ended the session or died (play, download, tv); not every stream was alive at the end (watch)
-  130 ended by Ctrl-C before media arrived (play, tv) or before the end (download), or by a second Ctrl-C)";
+  0    done: the stream was described, media arrived (play, tv), the recording is
+       whole (download), all streams are alive at the end (watch)
+  1    internal error
+  2    wrong usage
+  3    the server cannot be reached, or does not answer
+  4    credentials missing or refused
+  5    refused by the server
+  6    no media arrived, or it stopped
+  7    a picture or recording could not be written
+  8    the server ended the session or died; not all streams are alive (watch)
+  130  ended by Ctrl-C before media arrived (play, tv) or before the end
+       (download), or by a second Ctrl-C)";
 
 const char *const describeHelp = R"(
 Examples:
@@ -20,16 +25,18 @@ Examples:
   zr_rtsp_host describe rtsp://192.0.2.10/live --user admin --password secret --json)";
 
 const char *const playHelp = R"(
-A stream that stays silent is said so after --silence seconds, and given up after twice as many. --reconnect begins a
-session anew after pauses of 1, 2, 4 ... 30 s, once there was media; --record then numbers its files.
+A stream that stays silent is said so after --silence seconds, and given up after
+twice as many. --reconnect begins a session anew after pauses of 1, 2, 4 ... 30 s,
+once there was media; --record then numbers its files.
 
 Examples:
   zr_rtsp_host play rtsp://192.0.2.10/live --tcp --duration 10 --snapshot picture.png --record stream.mkv
   zr_rtsp_host play rtsp://192.0.2.10/vod --from 5 --to 15 --speed 2)";
 
 const char *const downloadHelp = R"(
-Without --speed the recording is simply played into the file. With it the server is asked for a download, by the Scale
-values 101 to 108 (full frame) or 301 to 308 (sampled): only some recorders know these. Without credentials --tag is then
+Without --speed the recording is simply played into the file. With it the server
+is asked for a download, by the Scale values 101 to 108 (full frame) or 301 to 308
+(sampled): only some recorders know these. Without credentials --tag is then
 "plain", for an onvif source is told the speed only with its authorization.
 
 Examples:
@@ -37,16 +44,18 @@ Examples:
   zr_rtsp_host download rtsp://192.0.2.10/vod keyframes.mkv --speed 3 --sampled)";
 
 const char *const tvHelp = R"(
-The server must offer the relation by the Content-Location of its description. It is asked for as another source than
-onvif, which has none; such a source does not authenticate.
+The server must offer the relation by the Content-Location of its description.
+It is asked for as another source than onvif (--tag plain by default), which has
+none; such a source does not authenticate.
 
 Examples:
   zr_rtsp_host tv rtsp://192.0.2.10/vod --to 192.0.2.40:5000
   zr_rtsp_host tv rtsp://192.0.2.10/vod --to 192.0.2.40:5000 --tcp --duration 60)";
 
 const char *const watchHelp = R"(
-FILE names a URL a line; empty lines and those that begin with # do not count. --user and --password are for all that
-bring none of their own.
+FILE names a URL a line; empty lines and those that begin with # do not count.
+--user and --password are for all that bring none of their own. An interrupt or the
+end of --duration waits 3 s at most for servers that do not answer.
 
 Examples:
   zr_rtsp_host watch cameras.txt --user admin --reconnect

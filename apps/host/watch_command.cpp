@@ -77,8 +77,8 @@ void Stream::event(const std::string &name, const std::string &text, const Field
         const char *name;
         State state;
     };
-    static constexpr std::array<Change, 5> changes = {
-        {{"media", Alive}, {"silent", Silent}, {"notice", Lost}, {"gone", Lost}, {"failed", Lost}}};
+    static constexpr std::array<Change, 4> changes = {
+        {{"media", Alive}, {"silent", Silent}, {"notice", Lost}, {"failed", Lost}}};
     const auto *change =
         std::find_if(changes.begin(), changes.end(), [&](const Change &one) { return name == one.name; });
     if (change == changes.end())
