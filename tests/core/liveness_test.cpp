@@ -234,7 +234,12 @@ TEST_F(LivenessTest, observersMayCallBackIn)
 TEST_F(LivenessTest, anObserverThatThrowsStopsNobodyElse)
 {
     Session session;
-    Recorder throwing([] { throw std::runtime_error("out of order"); }), other;
+    std::future<ZR_ULONG> visit; // by another thread meanwhile, which finds the object unlocked
+    Recorder other, throwing([&] {
+        visit = inThread([&] { return session.probe.state(); });
+        EXPECT_EQ(std::future_status::ready, visit.wait_for(std::chrono::seconds(15)));
+        throw std::runtime_error("out of order");
+    });
     session.main->attachObserver(&throwing);
     session.main->attachObserver(&other);
     playing(session);
