@@ -74,7 +74,7 @@ class FailuresTest(HostTest):
             port = free.getsockname()[1]
         begin = time.monotonic()
         self.failure(UNREACHABLE, "cannot be reached", "play", f"rtsp://127.0.0.1:{port}/live")
-        self.assertLess(time.monotonic() - begin, 5)  # not the 25 s of a lost answer
+        self.assertLess(time.monotonic() - begin, 20)  # not the 25 s of a lost answer
 
     def test_refused(self):
         device = self.device()
