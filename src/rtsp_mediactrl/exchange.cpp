@@ -134,6 +134,32 @@ EOutcome CRtspMediaCtrl::exchange(const tagExchangeRule &stRule, CObjectGuard &o
     return poExchange->outcome();
 }
 
+/// Waits for the answer to a request that was just sent; logs what came of it unless that is a good one.
+/// @return 0, 10109, or the status of the failure
+ZR_ULONG CRtspMediaCtrl::conclude(const char *pszFunction, const tagExchangeRule &stRule, CObjectGuard &oGuard,
+                                  const tagConclusion &stConclusion)
+{
+    const auto fnFailed = [&](const tagExchangeFailure &stFailure, auto... tResult) {
+        logText(stFailure.enLevel, stFailure.ulCode, stFailure.stText, pszFunction, tResult...);
+        return stFailure.ulStatus;
+    };
+    ZR_ULONG ulRspResult = 0;
+    switch (exchange(stRule, oGuard, ulRspResult))
+    {
+    case EOutcome::lockLost:
+        return ZR_RTSP_LOCK_FAILED;
+    case EOutcome::idle:
+        return fnFailed(stConclusion.stIdle);
+    case EOutcome::timedOut:
+        return fnFailed(stConclusion.stTimedOut);
+    case EOutcome::refused:
+        return fnFailed(stConclusion.stRefused, ulRspResult);
+    case EOutcome::answered:
+        break;
+    }
+    return ZR_RTSP_OK;
+}
+
 /// The end of every answer that was taken: marks the exchange it belongs to, and wakes who waits.
 /// @param ulWait  the waiting state of the answer's kind
 ZR_ULONG CRtspMediaCtrl::acceptAnswer(const char *pszFunction, ZR_ULONG ulWait)

@@ -2,6 +2,7 @@
 /// The rendezvous of a request that waits with its answer.
 #pragma once
 
+#include "log.h"
 #include "zr_rtsp/codes.h"
 #include "zr_types.h"
 
@@ -57,6 +58,23 @@ enum class EOutcome
     idle,     ///< the state was set back to idle meanwhile
     refused,
     answered
+};
+
+/// A failed exchange: its log line, and the status that it gives.
+struct tagExchangeFailure
+{
+    tagZrLogLevel enLevel;
+    ZR_ULONG ulCode;
+    tagLogText stText;
+    ZR_ULONG ulStatus;
+};
+
+/// What an operation makes of the outcomes other than a good answer; a lock that is lost is 10109 for all.
+struct tagConclusion
+{
+    tagExchangeFailure stIdle;
+    tagExchangeFailure stTimedOut;
+    tagExchangeFailure stRefused; ///< its text takes the answer's result after the function's name
 };
 
 /// One exchange, from the request's wait to the decision on its outcome. Guarded by the object's mutex.

@@ -49,12 +49,15 @@ struct tagLogText
     int iLine;
 };
 
-inline void logText(tagZrLogLevel enLevel, ZR_ULONG ulCode, const tagLogText &stText, const char *pszFunction)
+/// @param tArguments  what the text takes between the function's name and the speed
+template <typename... Arguments>
+void logText(tagZrLogLevel enLevel, ZR_ULONG ulCode, const tagLogText &stText, const char *pszFunction,
+             Arguments... tArguments)
 {
     if (stText.bSpeed)
         CZRWriteLog::writeLog(enLevel, ulCode, MODULE_RTSP, FILE_RTSP_MEDIACTRL, stText.iLine, stText.pszText,
-                              pszFunction, static_cast<double>(stText.fSpeed));
+                              pszFunction, tArguments..., static_cast<double>(stText.fSpeed));
     else
         CZRWriteLog::writeLog(enLevel, ulCode, MODULE_RTSP, FILE_RTSP_MEDIACTRL, stText.iLine, stText.pszText,
-                              pszFunction);
+                              pszFunction, tArguments...);
 }

@@ -166,7 +166,6 @@ ZR_ULONG CRtspMediaCtrl::sendGeneralPlay(const char *pszFunction, float fSpeed, 
 ZR_ULONG CRtspMediaCtrl::generalPlay(float fSpeed, const std::string &strStartTime, const std::string &strStopTime)
 {
     static const char szFunction[] = "CRtspMediaCtrl::generalPlay";
-    const double dSpeed = static_cast<double>(fSpeed);
     CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
@@ -180,31 +179,21 @@ ZR_ULONG CRtspMediaCtrl::generalPlay(float fSpeed, const std::string &strStartTi
     if (ulSent != ZR_RTSP_OK)
         return ulSent;
 
-    ZR_ULONG ulRspResult = 0;
-    switch (exchange(EXCHANGE_PLAY, oGuard, ulRspResult))
-    {
-    case EOutcome::lockLost:
-        return ZR_RTSP_LOCK_FAILED;
-    case EOutcome::idle:
-        RTSP_LOG(
-            WARNING, ZR_RTSP_FAILED,
-            "[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg, the play speed is %f",
-            szFunction, dSpeed);
-        return ZR_RTSP_FAILED;
-    case EOutcome::timedOut:
-        RTSP_LOG(WARNING, ZR_RTSP_NO_ANSWER,
-                 "[%s] don't receive a AOI_MSG_RTSP_PLAY OK response Message, the play speed is %f", szFunction,
-                 dSpeed);
-        return ZR_RTSP_NO_ANSWER;
-    case EOutcome::refused:
-        RTSP_LOG(ERROR, ZR_RTSP_PLAY_REFUSED,
-                 "[%s] receive a AOI_MSG_RTSP_PLAY ERR[RTSP_errcode:%u] response Message, the play speed is %f",
-                 szFunction, ulRspResult, dSpeed);
-        return ZR_RTSP_PLAY_REFUSED;
-    case EOutcome::answered:
-        break;
-    }
-    return ZR_RTSP_OK;
+    const tagConclusion stConclusion = {
+        {ZR_LOG_WARNING,
+         ZR_RTSP_FAILED,
+         {"[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg, the play speed is %f",
+          fSpeed},
+         ZR_RTSP_FAILED},
+        {ZR_LOG_WARNING,
+         ZR_RTSP_NO_ANSWER,
+         {"[%s] don't receive a AOI_MSG_RTSP_PLAY OK response Message, the play speed is %f", fSpeed},
+         ZR_RTSP_NO_ANSWER},
+        {ZR_LOG_ERROR,
+         ZR_RTSP_PLAY_REFUSED,
+         {"[%s] receive a AOI_MSG_RTSP_PLAY ERR[RTSP_errcode:%u] response Message, the play speed is %f", fSpeed},
+         ZR_RTSP_PLAY_REFUSED}};
+    return conclude(szFunction, EXCHANGE_PLAY, oGuard, stConclusion);
 }
 
 /// Builds and sends the PLAY of dragPlay.
@@ -244,27 +233,14 @@ ZR_ULONG CRtspMediaCtrl::dragPlay(const std::string &strStartTime, const std::st
         if (ulSent != ZR_RTSP_OK)
             return ulSent;
 
-        ZR_ULONG ulRspResult = 0;
-        switch (exchange(EXCHANGE_PLAY, oGuard, ulRspResult))
-        {
-        case EOutcome::lockLost:
-            return ZR_RTSP_LOCK_FAILED;
-        case EOutcome::idle:
-            RTSP_LOG(WARNING, ZR_RTSP_DRAG_FAILED,
-                     "[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg", szFunction);
-            return ZR_RTSP_DRAG_FAILED;
-        case EOutcome::timedOut:
-            RTSP_LOG(ERROR, ZR_RTSP_NO_ANSWER, "[%s] don't receive a AOI_MSG_RTSP_PALY OK response Message",
-                     szFunction);
-            return ZR_RTSP_DRAG_FAILED;
-        case EOutcome::refused:
-            RTSP_LOG(ERROR, ZR_RTSP_PLAY_REFUSED,
-                     "[%s] receive a AOI_MSG_RTSP_PALY ERR[RTSP_errcode:%u] response Message", szFunction, ulRspResult);
-            return ZR_RTSP_DRAG_FAILED;
-        case EOutcome::answered:
-            break;
-        }
-        return ZR_RTSP_OK;
+        static const tagConclusion stConclusion = {
+            {ZR_LOG_WARNING, ZR_RTSP_DRAG_FAILED,
+             "[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg", ZR_RTSP_DRAG_FAILED},
+            {ZR_LOG_ERROR, ZR_RTSP_NO_ANSWER, "[%s] don't receive a AOI_MSG_RTSP_PALY OK response Message",
+             ZR_RTSP_DRAG_FAILED},
+            {ZR_LOG_ERROR, ZR_RTSP_PLAY_REFUSED,
+             "[%s] receive a AOI_MSG_RTSP_PALY ERR[RTSP_errcode:%u] response Message", ZR_RTSP_DRAG_FAILED}};
+        return conclude(szFunction, EXCHANGE_PLAY, oGuard, stConclusion);
     };
     return inside(szFunction, fnDrag, ZR_RTSP_DRAG_FAILED);
 }
@@ -313,28 +289,14 @@ ZR_ULONG CRtspMediaCtrl::pause()
             ZR_RTSP_OK)
             return oRequest.status();
 
-        ZR_ULONG ulRspResult = 0;
-        switch (exchange(EXCHANGE_PAUSE, oGuard, ulRspResult))
-        {
-        case EOutcome::lockLost:
-            return ZR_RTSP_LOCK_FAILED;
-        case EOutcome::idle:
-            RTSP_LOG(WARNING, ZR_RTSP_PAUSE_FAILED,
-                     "[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg", szFunction);
-            return ZR_RTSP_PAUSE_FAILED;
-        case EOutcome::timedOut:
-            RTSP_LOG(ERROR, ZR_RTSP_PAUSE_TIMEOUT, "[%s] don't receive a AOI_MSG_RTSP_PAUSE OK response Message",
-                     szFunction);
-            return ZR_RTSP_PAUSE_FAILED;
-        case EOutcome::refused:
-            RTSP_LOG(ERROR, ZR_RTSP_PAUSE_FAILED,
-                     "[%s] receive a AOI_MSG_RTSP_PAUSE ERR[RTSP_errcode:%u] response Message", szFunction,
-                     ulRspResult);
-            return ZR_RTSP_PAUSE_FAILED;
-        case EOutcome::answered:
-            break;
-        }
-        return ZR_RTSP_OK;
+        static const tagConclusion stConclusion = {
+            {ZR_LOG_WARNING, ZR_RTSP_PAUSE_FAILED,
+             "[%s] Execute pause failed, maybe receive a AOI_MSG_RTSP_ADMINSSION_ANNOUNCE msg", ZR_RTSP_PAUSE_FAILED},
+            {ZR_LOG_ERROR, ZR_RTSP_PAUSE_TIMEOUT, "[%s] don't receive a AOI_MSG_RTSP_PAUSE OK response Message",
+             ZR_RTSP_PAUSE_FAILED},
+            {ZR_LOG_ERROR, ZR_RTSP_PAUSE_FAILED,
+             "[%s] receive a AOI_MSG_RTSP_PAUSE ERR[RTSP_errcode:%u] response Message", ZR_RTSP_PAUSE_FAILED}};
+        return conclude(szFunction, EXCHANGE_PAUSE, oGuard, stConclusion);
     };
     return inside(szFunction, fnPause, ZR_RTSP_PAUSE_FAILED);
 }

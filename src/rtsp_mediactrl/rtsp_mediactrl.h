@@ -112,6 +112,8 @@ private:
     int waitForResponse(ZR_ULONG ulSeconds);
     int signalResponse();
     EOutcome exchange(const tagExchangeRule &stRule, CObjectGuard &oGuard, ZR_ULONG &ulRspResult);
+    ZR_ULONG conclude(const char *pszFunction, const tagExchangeRule &stRule, CObjectGuard &oGuard,
+                      const tagConclusion &stConclusion);
     void beginExchange(const tagExchangeRule &stRule);
     void endExchange(const tagExchange &stExchange);
     ZR_ULONG acceptAnswer(const char *pszFunction, ZR_ULONG ulWait);
