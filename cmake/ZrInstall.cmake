@@ -31,6 +31,8 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/zr_rtspConfigVersion.cmake 
 install(FILES ${CMAKE_BINARY_DIR}/zr_rtspConfig.cmake ${CMAKE_BINARY_DIR}/zr_rtspConfigVersion.cmake
         DESTINATION ${config_dir})
 
+# relative to the file, so that an installation may be moved or staged
+file(RELATIVE_PATH ZR_PREFIX_FROM_PC ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_SOURCE_DIR}/packaging/zr_rtsp.pc.in ${CMAKE_BINARY_DIR}/zr_rtsp.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/zr_rtsp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
