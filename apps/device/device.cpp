@@ -65,24 +65,70 @@ void addMount(GstRTSPMountPoints *mounts, const char *path, const std::string &p
     gst_rtsp_mount_points_add_factory(mounts, path, factory); // which takes it over
 }
 
-void requireUser(GstRTSPServer *server, const DeviceOptions &options)
+GstRTSPToken *makeToken()
 {
-    const Owned<GstRTSPAuth> auth(gst_rtsp_auth_new());
-    GstRTSPToken *token = gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, role, nullptr);
-    gst_rtsp_auth_set_realm(auth.get(), "zr_rtsp_device");
+    return gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, role, nullptr);
+}
+
+void requireUser(GstRTSPAuth *auth, const DeviceOptions &options)
+{
+    GstRTSPToken *token = makeToken();
+    gst_rtsp_auth_set_realm(auth, "zr_rtsp_device");
     if (options.authentication == Authentication::Basic)
     {
         gchar *credentials = gst_rtsp_auth_make_basic(options.user.c_str(), options.password.c_str());
-        gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_BASIC);
-        gst_rtsp_auth_add_basic(auth.get(), credentials, token);
+        gst_rtsp_auth_set_supported_methods(auth, GST_RTSP_AUTH_BASIC);
+        gst_rtsp_auth_add_basic(auth, credentials, token);
         g_free(credentials);
     }
     else
     {
-        gst_rtsp_auth_set_supported_methods(auth.get(), GST_RTSP_AUTH_DIGEST);
-        gst_rtsp_auth_add_digest(auth.get(), options.user.c_str(), options.password.c_str(), token);
+        gst_rtsp_auth_set_supported_methods(auth, GST_RTSP_AUTH_DIGEST);
+        gst_rtsp_auth_add_digest(auth, options.user.c_str(), options.password.c_str(), token);
     }
     gst_rtsp_token_unref(token);
+}
+
+void admitEverybody(GstRTSPAuth *auth)
+{
+    GstRTSPToken *token = makeToken();
+    gst_rtsp_auth_set_default_token(auth, token);
+    gst_rtsp_token_unref(token);
+}
+
+void serveSecured(GstRTSPAuth *auth, const DeviceOptions &options)
+{
+    GError *raw = nullptr;
+    const Owned<GTlsCertificate> certificate(
+        g_tls_certificate_new_from_files(options.certificate.c_str(), options.key.c_str(), &raw));
+    const Owned<GError> failed(raw);
+    if (!certificate)
+    {
+        throw std::runtime_error("cannot serve TLS with " + options.certificate + " and " + options.key + ": " +
+                                 (failed ? failed->message : "unknown error"));
+    }
+    gst_rtsp_auth_set_tls_certificate(auth, certificate.get());
+}
+
+void secure(GstRTSPServer *server, const DeviceOptions &options)
+{
+    if (options.user.empty() && options.certificate.empty())
+    {
+        return;
+    }
+    const Owned<GstRTSPAuth> auth(gst_rtsp_auth_new());
+    if (options.user.empty())
+    {
+        admitEverybody(auth.get());
+    }
+    else
+    {
+        requireUser(auth.get(), options);
+    }
+    if (!options.certificate.empty())
+    {
+        serveSecured(auth.get(), options);
+    }
     gst_rtsp_server_set_auth(server, auth.get());
 }
 
@@ -97,9 +143,9 @@ void onClient(GstRTSPServer *, GstRTSPClient *client, gpointer user)
     g_signal_connect(client, "new-session", G_CALLBACK(onNewSession), user);
 }
 
-gboolean onSessionTimeout(GstRTSPSessionPool *pool, gpointer)
+gboolean endSilentSessions(gpointer pool)
 {
-    gst_rtsp_session_pool_cleanup(pool);
+    gst_rtsp_session_pool_cleanup(static_cast<GstRTSPSessionPool *>(pool));
     return G_SOURCE_CONTINUE;
 }
 
@@ -145,10 +191,7 @@ Device::Device(const DeviceOptions &options)
     GstRTSPServer *server = m_parts->server.get();
     gst_rtsp_server_set_address(server, options.address.c_str());
     gst_rtsp_server_set_service(server, std::to_string(options.port).c_str());
-    if (!options.user.empty())
-    {
-        requireUser(server, options);
-    }
+    secure(server, options);
 
     const Owned<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server));
     addMount(mounts.get(), "/live", livePipeline(options.picture, true), true);
@@ -157,8 +200,8 @@ Device::Device(const DeviceOptions &options)
 
     g_signal_connect(server, "client-connected", G_CALLBACK(onClient), GINT_TO_POINTER(options.sessionTimeout));
     const Owned<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server));
-    m_parts->sessionWatch.attach(gst_rtsp_session_pool_create_watch(sessions.get()), G_SOURCE_FUNC(onSessionTimeout),
-                                 nullptr);
+    // the pool's own watch sleeps through sessions that clients' threads make
+    m_parts->sessionWatch.attach(g_timeout_source_new_seconds(1), endSilentSessions, sessions.get());
 
     GError *raw = nullptr;
     GSource *listener = gst_rtsp_server_create_source(server, nullptr, &raw);
@@ -175,8 +218,9 @@ Device::~Device() = default;
 
 std::vector<std::string> Device::urls() const
 {
-    const std::string base = "rtsp://" + m_parts->options.address + ":" +
-                             std::to_string(gst_rtsp_server_get_bound_port(m_parts->server.get()));
+    const std::string scheme = m_parts->options.certificate.empty() ? "rtsp://" : "rtsps://";
+    const std::string base =
+        scheme + m_parts->options.address + ":" + std::to_string(gst_rtsp_server_get_bound_port(m_parts->server.get()));
     return {base + "/live", base + "/video", base + "/vod"};
 }
 

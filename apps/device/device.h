@@ -23,7 +23,9 @@ struct DeviceOptions
     std::string user;                  ///< empty: everybody may come in
     std::string password;
     Authentication authentication = Authentication::Digest;
-    int sessionTimeout = 60;   ///< seconds without a sign of life until a session ends
+    std::string certificate;   ///< PEM file, its issuers behind it; empty: plain RTSP, else RTSP over TLS alone
+    std::string key;           ///< its private key, PEM
+    int sessionTimeout = 60;   ///< seconds without a sign of life until a session ends, 5 s more at most
     int recordingSeconds = 24; ///< length of /vod
     Picture picture;
 };
@@ -38,7 +40,7 @@ class Device
 {
 public:
     /// Makes the recording and listens.
-    /// @throws std::runtime_error  what failed: the recording, or the address, and why
+    /// @throws std::runtime_error  what failed: the certificate, the recording, or the address, and why
     explicit Device(const DeviceOptions &options);
     ~Device();
 

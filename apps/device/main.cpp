@@ -19,7 +19,8 @@ Exit code: 0 ended by a signal, 1 it cannot serve (the reason on stderr), 2 wron
 Examples:
   zr_rtsp_device                                         # a free port of this machine
   zr_rtsp_device --port 8554 --user admin --password secret
-  zr_rtsp_device --address 0.0.0.0 --port 8554 --auth basic --user admin --password secret)";
+  zr_rtsp_device --address 0.0.0.0 --port 8554 --auth basic --user admin --password secret
+  zr_rtsp_device --tls cert.pem key.pem --session-timeout 10)";
 
 void addOptions(CLI::App &app, zr::device::DeviceOptions &options)
 {
@@ -39,7 +40,19 @@ void addOptions(CLI::App &app, zr::device::DeviceOptions &options)
         ->transform(CLI::CheckedTransformer(std::map<std::string, Authentication>{{"basic", Authentication::Basic},
                                                                                   {"digest", Authentication::Digest}}))
         ->needs(user);
-    app.add_option("--session-timeout", options.sessionTimeout, "Seconds until a silent client's session ends")
+    app.add_option_function<std::vector<std::string>>(
+           "--tls",
+           [&options](const std::vector<std::string> &files) {
+               options.certificate = files[0];
+               options.key = files[1];
+           },
+           "Serve rtsps with this certificate and its private key, PEM files")
+        ->expected(2)
+        ->type_name("CERT KEY")
+        ->check(CLI::ExistingFile);
+    app.add_option(
+           "--session-timeout", options.sessionTimeout,
+           "Seconds until a silent client's session ends, 5 more at most; media over its connection counts as life")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
     app.add_option("--vod-length", options.recordingSeconds, "Seconds of the recording at /vod")
