@@ -1,5 +1,6 @@
 #include "failure.h"
 
+#include "zr_platform.h"
 #include "zr_rtsp/codes.h"
 
 namespace zr::host {
@@ -43,6 +44,30 @@ constexpr Words words[] = {
     {ZR_RTSP_PAUSE_FAILED, ExitCode::Refused, "the server refused to pause, or did not answer", readTheLog},
 };
 
+constexpr const char *unverified = "; --insecure goes on without verifying, for a network that is trusted";
+
+struct Problem
+{
+    ZR_ULONG problem;
+    const char *meaning;
+    const char *advice;
+    bool untrusted;
+};
+
+constexpr Problem problems[] = {
+    {ZR_CONNECTION_TLS_FAILED, "no TLS with the server", "check that this port serves rtsps, with TLS 1.2 or newer",
+     false},
+    {ZR_CONNECTION_FOREIGN_ISSUER, "the server's certificate comes from an issuer that is not known here",
+     "give the issuer's certificate, or the server's own, with --ca FILE", true},
+    {ZR_CONNECTION_WRONG_NAME, "the server's certificate is for another host name",
+     "use the name or address that the certificate was made for", true},
+    {ZR_CONNECTION_EXPIRED, "the server's certificate has expired", "renew it on the device", true},
+    {ZR_CONNECTION_NOT_YET_VALID, "the server's certificate is not valid yet",
+     "check the clocks of this machine and of the device", true},
+    {ZR_CONNECTION_NOT_TRUSTED, "the server's certificate is not accepted", "replace it on the device", true},
+    {ZR_CONNECTION_FAILED, "the server cannot be reached", checkAddress, false},
+};
+
 } // namespace
 
 Failure::Failure(ExitCode exit, const std::string &step, ZR_ULONG code, const std::string &meaning,
@@ -68,6 +93,19 @@ Failure requestFailed(const std::string &step, ZR_ULONG code)
     const bool status = code >= 300 && code < 600;
     return {status ? ExitCode::Refused : ExitCode::Internal, step, code,
             status ? "the server refused the request" : "it could not be done", readTheLog};
+}
+
+Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text)
+{
+    for (const Problem &row : problems)
+    {
+        if (row.problem == problem)
+        {
+            return {ExitCode::Unreachable, step, code, row.meaning + (text.empty() ? "" : ": " + text),
+                    row.advice + std::string(row.untrusted ? unverified : "")};
+        }
+    }
+    return requestFailed(step, code);
 }
 
 Failure wrongUsage(const std::string &meaning)

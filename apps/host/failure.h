@@ -15,7 +15,7 @@ enum class ExitCode
     Ok = 0,          ///< what was asked for was done
     Internal = 1,    ///< none of the others
     Usage = 2,       ///< wrong options
-    Unreachable = 3, ///< no connection, or no answer
+    Unreachable = 3, ///< no connection, no trust in who answers, or no answer
     Credentials = 4, ///< the server wants credentials, or other ones
     Refused = 5,     ///< the server refused a request
     NoMedia = 6,     ///< nothing arrived, or it stopped
@@ -50,6 +50,11 @@ private:
 
 /// @param code  what an operation of the plug-in or the platform returned
 Failure requestFailed(const std::string &step, ZR_ULONG code);
+
+/// A request that failed with its connection.
+/// @param problem  a tagZrConnectionProblem
+/// @param text     what happened, in the platform's words
+Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text);
 
 /// A command line that cannot be followed.
 Failure wrongUsage(const std::string &meaning);

@@ -16,14 +16,6 @@ ZR_ULONG nextId()
     return ++last;
 }
 
-void check(const std::string &step, ZR_ULONG result)
-{
-    if (result != 0)
-    {
-        throw requestFailed(step, result);
-    }
-}
-
 Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG code)
 {
     return {ExitCode::Output, what, code, file + " could not be written",
@@ -40,7 +32,11 @@ Session::Session(Plugin &plugin, const Source &source, Mailbox &mailbox)
 {
     const std::string local = localAddressTowards(source.url.host, source.url.port);
     ZR_USHORT port = 0;
-    check("opening a media port on " + local, ZR_MediaPortOpen(m_id, m_id, local.c_str(), &port));
+    const ZR_ULONG opened = ZR_MediaPortOpen(m_id, m_id, local.c_str(), &port);
+    if (opened != 0)
+    {
+        throw requestFailed("opening a media port on " + local, opened);
+    }
 
     const std::string agent = "zr_rtsp_host-" + std::to_string(getpid()) + "-" + std::to_string(m_id);
     m_control = plugin.create(m_id, agent, source.url.host + ":" + std::to_string(source.url.port), local, port,
@@ -89,6 +85,21 @@ bool Session::onvif() const
     return ability().isOnvif() == 1;
 }
 
+Failure Session::failed(const std::string &step, ZR_ULONG result) const
+{
+    char text[400] = "";
+    const ZR_ULONG problem = ZR_ConnectionProblem(m_id, text, sizeof text);
+    return problem == ZR_CONNECTION_NONE ? requestFailed(step, result) : connectionFailed(step, result, problem, text);
+}
+
+void Session::check(const std::string &step, ZR_ULONG result) const
+{
+    if (result != 0)
+    {
+        throw failed(step, result);
+    }
+}
+
 void Session::throwDescribeFailed(ZR_ULONG result) const
 {
     const CMediaAbility record = ability();
@@ -108,7 +119,7 @@ void Session::throwDescribeFailed(ZR_ULONG result) const
         throw Failure(ExitCode::Refused, "describe", result, "the description names no video",
                       "try another URL of the device, or --tag plain for a source without video");
     }
-    throw requestFailed("describe", result);
+    throw failed("describe", result);
 }
 
 const Description &Session::describe()

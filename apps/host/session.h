@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "failure.h"
 #include "mailbox.h"
 #include "plugin.h"
 #include "sdp.h"
@@ -80,6 +81,8 @@ public:
 private:
     ZR_ULONG getObserverID() override;
     void notify(ZR_ULONG *code, uintptr_t argument) override;
+    Failure failed(const std::string &step, ZR_ULONG result) const;
+    void check(const std::string &step, ZR_ULONG result) const;
     [[noreturn]] void throwDescribeFailed(ZR_ULONG result) const;
     CMediaAbility ability() const;
     bool onvif() const;

@@ -24,8 +24,50 @@ enum tagZrMediaCode : ZR_ULONG
     ZR_MEDIA_NO_MEDIA = 10     ///< nothing that could be used arrived (in time)
 };
 
+/// What the operations of TLS return besides 0; the log says more.
+enum tagZrTlsCode : ZR_ULONG
+{
+    ZR_TLS_FAILED = 1,     ///< no memory
+    ZR_TLS_UNREADABLE = 2, ///< the file cannot be read, or holds no certificate
+    ZR_TLS_TOO_LATE = 3    ///< the dispatcher runs already
+};
+
+/// Why a session's connection failed.
+enum tagZrConnectionProblem : ZR_ULONG
+{
+    ZR_CONNECTION_NONE = 0,
+    ZR_CONNECTION_FAILED = 1,         ///< refused, unreachable, unresolved, reset, closed, or cut by a limit
+    ZR_CONNECTION_TLS_FAILED = 2,     ///< no TLS with the server: it speaks none, or only versions before 1.2
+    ZR_CONNECTION_NOT_TRUSTED = 3,    ///< its certificate is not accepted, for a reason that is none of these
+    ZR_CONNECTION_FOREIGN_ISSUER = 4, ///< nobody who is trusted vouches for its certificate
+    ZR_CONNECTION_WRONG_NAME = 5,     ///< its certificate is for another host
+    ZR_CONNECTION_EXPIRED = 6,        ///< its certificate has expired
+    ZR_CONNECTION_NOT_YET_VALID = 7   ///< its certificate will be valid, or this machine's clock is wrong
+};
+
 extern "C"
 {
+    /// Trusts the certificates of a file for rtsps, issuers' or a server's own, besides those of the system or of the
+    /// file given to init. Counts
+    /// from the plug-in's next init on, so call it before. May be called for several files. Any thread.
+    /// @param pszCaFile  PEM certificates; NULL: takes back all that were added
+    /// @return 0, else a tagZrTlsCode and nothing has changed
+    ZR_PLATFORM_API ZR_ULONG ZR_TlsAddTrust(const char *pszCaFile);
+
+    /// Whether servers' certificates are verified (RFC 5280; their names by RFC 6125). They are, unless this says
+    /// otherwise before the plug-in's init: then rtsps hides from who listens, and from nobody who stands between. That
+    /// is logged. Any thread.
+    /// @param ulVerify  0: not at all; else: yes
+    /// @return 0; ZR_TLS_TOO_LATE
+    ZR_PLATFORM_API ZR_ULONG ZR_TlsSetVerification(ZR_ULONG ulVerify);
+
+    /// Says why a session's connection failed last: a request then fails with 503 alone. Any thread.
+    /// @param ulAOIPortID  the identifier of the session's object, which must not have been torn down since
+    /// @param pszText      receives what happened, in words, cut to fit; with what the server sent in them; may be NULL
+    /// @param ulSize       its bytes
+    /// @return a tagZrConnectionProblem; 0: none since it connected, or no such session
+    ZR_PLATFORM_API ZR_ULONG ZR_ConnectionProblem(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize);
+
     /// What a media port has received so far, all tracks together.
     struct ZrMediaStatistics
     {
@@ -71,6 +113,9 @@ extern "C"
 
     /// Lines below this level are not written (default: ZR_LOG_INFO to a file, ZR_LOG_WARNING to stderr).
     ZR_PLATFORM_API void ZR_LogSetLevel(tagZrLogLevel enLevel);
+    /// Has the log write "***" wherever this text stands in a line, such as a password; for all time. Any thread.
+    /// @param pszText  NULL and empty: without effect
+    ZR_PLATFORM_API void ZR_LogHide(const char *pszText);
     /// Writes the log to a rotating file instead of stderr; NULL: back to stderr.
     ZR_PLATFORM_API void ZR_LogSetFile(const char *pszFile);
 }

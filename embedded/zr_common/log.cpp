@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/dist_sink.h>
@@ -92,7 +93,18 @@ public:
         applyLevel();
     }
 
-    void write(tagZrLogLevel level, const std::string &line) { m_logger.log(spdlogLevel(level), line); }
+    void hide(const std::string &text)
+    {
+        const std::lock_guard<std::mutex> lock(m_hiddenMutex);
+        if (!text.empty())
+            m_hidden.push_back(text);
+    }
+
+    void write(tagZrLogLevel level, std::string line)
+    {
+        conceal(line);
+        m_logger.log(spdlogLevel(level), line);
+    }
 
 private:
     static std::string line(const char *format, ...) ZR_PRINTF_FORMAT(1, 2)
@@ -104,6 +116,17 @@ private:
         return text;
     }
 
+    void conceal(std::string &line)
+    {
+        static const std::string stars = "***";
+        const std::lock_guard<std::mutex> lock(m_hiddenMutex);
+        for (const std::string &text : m_hidden)
+        {
+            for (size_t at = line.find(text); at != std::string::npos; at = line.find(text, at + stars.size()))
+                line.replace(at, text.size(), stars);
+        }
+    }
+
     void applyLevel()
     {
         const ZR_ULONG usual = m_toFile ? ZR_LOG_INFO : ZR_LOG_WARNING;
@@ -112,7 +135,9 @@ private:
 
     std::mutex m_mutex; ///< guards what the next two say and their agreement with destination and threshold
     bool m_toFile = false;
-    ZR_ULONG m_level = 0; ///< as the host set it; 0: it did not
+    ZR_ULONG m_level = 0;     ///< as the host set it; 0: it did not
+    std::mutex m_hiddenMutex; ///< guards m_hidden; held for a moment only
+    std::vector<std::string> m_hidden;
     std::shared_ptr<spdlog::sinks::dist_sink_mt> m_destination;
     std::shared_ptr<spdlog::sinks::sink> m_stderr;
     spdlog::logger m_logger;
@@ -170,4 +195,9 @@ void ZR_LogSetLevel(tagZrLogLevel enLevel)
 void ZR_LogSetFile(const char *pszFile)
 {
     quietly([&] { log().setFile(pszFile); });
+}
+
+void ZR_LogHide(const char *pszText)
+{
+    quietly([&] { log().hide(pszText == nullptr ? "" : pszText); });
 }

@@ -13,6 +13,8 @@
 
 #include <ace/SOCK_Connector.h>
 
+#include "zr_platform.h"
+
 namespace zr::dispatch {
 
 namespace {
@@ -428,6 +430,11 @@ void Connection::fail(const std::string &reason, bool orderly)
     close();
     if (owner)
         owner->lost(reason, orderly);
+}
+
+ZR_ULONG Connection::problem() const
+{
+    return m_tls ? m_tls->problemCode() : ZR_ULONG{ZR_CONNECTION_FAILED};
 }
 
 void Connection::failLater(const std::string &reason)

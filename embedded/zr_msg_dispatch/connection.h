@@ -51,6 +51,8 @@ public:
     void takeAddresses(std::vector<ACE_INET_Addr> addresses, const std::string &error);
     bool up() const { return m_state == State::Up; }
     bool secure() const { return m_security.context != nullptr; }
+    /// Why it was lost, as a tagZrConnectionProblem; within lost().
+    ZR_ULONG problem() const;
     /// Far end; valid once connected.
     const Ends &ends() const { return m_ends; }
 

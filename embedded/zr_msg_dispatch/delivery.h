@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -15,6 +16,13 @@
 #include "io_loop.h"
 
 namespace zr::dispatch {
+
+/// Why a connection failed.
+struct Problem
+{
+    ZR_ULONG code = 0; ///< a tagZrConnectionProblem
+    std::string text;
+};
 
 /// One registration of a processor. An identifier that is registered again gets a new one, so that nothing addressed to
 /// the old one reaches the new.
@@ -31,8 +39,22 @@ public:
     /// Requests that were accepted and are neither answered nor dropped. Any thread.
     std::atomic<size_t> requests{0};
 
+    /// Why its connection failed last, until there is one again. Any thread; its mutex is held for the copy alone.
+    Problem problem() const
+    {
+        const std::lock_guard<std::mutex> lock(m_problemMutex);
+        return m_problem;
+    }
+    void setProblem(const Problem &problem)
+    {
+        const std::lock_guard<std::mutex> lock(m_problemMutex);
+        m_problem = problem;
+    }
+
 private:
     friend class Delivery;
+    mutable std::mutex m_problemMutex;
+    Problem m_problem;
     CIAOIMsgProc *const processor;
     // the rest is guarded by the delivery's mutex
     std::deque<aoi::MessagePtr> messages;

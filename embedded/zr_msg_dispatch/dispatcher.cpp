@@ -8,6 +8,7 @@
 #include "callback_thread.h"
 #include "platform_log.h"
 #include "result_codes.h"
+#include "zr_platform.h"
 
 namespace zr::dispatch {
 
@@ -15,7 +16,7 @@ namespace {
 
 /// What nobody can do for the caller becomes a code: no exception leaves the library.
 template <typename Operation>
-ZR_ULONG guarded(const char *name, Operation operation)
+ZR_ULONG guarded(const char *name, Operation operation, ZR_ULONG failed = codeNoResources)
 {
     try
     {
@@ -23,8 +24,8 @@ ZR_ULONG guarded(const char *name, Operation operation)
     }
     catch (const std::exception &error)
     {
-        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "%s failed: %s", name, error.what());
-        return codeNoResources;
+        ZR_PLATFORM_LOG(ERROR, failed, Dispatch, "%s failed: %s", name, error.what());
+        return failed;
     }
 }
 
@@ -59,12 +60,14 @@ bool Dispatcher::everStarted() const
     return m_everStarted;
 }
 
-ZR_ULONG Dispatcher::init(const Settings &settings)
+ZR_ULONG Dispatcher::init(Settings settings)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_count == 0)
     {
-        auto engine = std::make_shared<Engine>(settings);
+        settings.moreCaFiles = m_moreCaFiles;
+        settings.verify = m_verify;
+        auto engine = std::make_shared<Engine>(std::move(settings));
         if (!engine->start())
             return codeNoResources;
         m_engine = std::move(engine);
@@ -97,6 +100,35 @@ void Dispatcher::abandon()
 {
     if (const auto running = engine())
         running->abandon();
+}
+
+ZR_ULONG Dispatcher::addTrust(const std::string &file)
+{
+    if (!file.empty() && !makeTlsContext({file, {}, true}))
+        return ZR_TLS_UNREADABLE;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_count > 0)
+        return ZR_TLS_TOO_LATE;
+    if (file.empty())
+        m_moreCaFiles.clear();
+    else
+        m_moreCaFiles.push_back(file);
+    return 0;
+}
+
+ZR_ULONG Dispatcher::setVerification(bool wanted)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_count > 0)
+        return ZR_TLS_TOO_LATE;
+    m_verify = wanted;
+    return 0;
+}
+
+Problem Dispatcher::problem(ZR_ULONG id) const
+{
+    const auto running = engine();
+    return running ? running->problem(id) : Problem();
 }
 
 ZR_ULONG Dispatcher::sendAOIMsg(tagMDPMsg *pstMDPMsg)
@@ -163,4 +195,29 @@ CIAOIMsgDisp *ZR_MSGDISP_GetAOIMsgDispInter()
 {
     Dispatcher &dispatcher = Dispatcher::instance();
     return dispatcher.everStarted() ? &dispatcher : nullptr;
+}
+
+ZR_ULONG ZR_TlsAddTrust(const char *pszCaFile)
+{
+    return zr::dispatch::guarded(
+        "ZR_TlsAddTrust", [&] { return Dispatcher::instance().addTrust(pszCaFile ? pszCaFile : ""); }, ZR_TLS_FAILED);
+}
+
+ZR_ULONG ZR_TlsSetVerification(ZR_ULONG ulVerify)
+{
+    return Dispatcher::instance().setVerification(ulVerify != 0);
+}
+
+ZR_ULONG ZR_ConnectionProblem(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize)
+{
+    const bool wanted = pszText != nullptr && ulSize > 0;
+    if (wanted)
+        *pszText = '\0';
+    const auto tell = [&] {
+        const zr::dispatch::Problem problem = Dispatcher::instance().problem(ulAOIPortID);
+        if (wanted)
+            pszText[problem.text.copy(pszText, ulSize - 1)] = '\0';
+        return problem.code;
+    };
+    return zr::dispatch::guarded("ZR_ConnectionProblem", tell, ZR_CONNECTION_FAILED);
 }

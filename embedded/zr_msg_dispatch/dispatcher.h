@@ -17,7 +17,12 @@ public:
     static Dispatcher &instance();
 
     /// Starts the engine, or counts: then the settings of the first call stay.
-    ZR_ULONG init(const Settings &settings);
+    ZR_ULONG init(Settings settings);
+    /// Trusts a further file from the next start on; empty: no further ones. @return 0, or a tagZrTlsCode
+    ZR_ULONG addTrust(const std::string &file);
+    ZR_ULONG setVerification(bool wanted);
+    /// Why the connection of a registration failed last.
+    Problem problem(ZR_ULONG id) const;
     void destroy();
     bool everStarted() const;
     /// The process ends. @see Engine::abandon
@@ -37,6 +42,8 @@ private:
     std::weak_ptr<Engine> m_last; ///< the one that was shut down last, or is being
     unsigned m_count = 0;
     bool m_everStarted = false;
+    std::vector<std::string> m_moreCaFiles; ///< for the next engine, as the next
+    bool m_verify = true;
 };
 
 } // namespace zr::dispatch

@@ -80,7 +80,7 @@ Engine::~Engine()
 
 bool Engine::start()
 {
-    m_tls = makeTlsContext(m_settings.caFile);
+    m_tls = makeTlsContext({m_settings.caFile, m_settings.moreCaFiles, m_settings.verify});
     return m_tls && m_loop.start();
 }
 
@@ -104,6 +104,12 @@ ZR_ULONG Engine::sendAOIMsg(tagMDPMsg *message)
     ZR_PLATFORM_LOG(ERROR, codeNotRegistered, Dispatch, "%s is refused: nobody is registered so",
                     describe(request).c_str());
     return codeNotRegistered;
+}
+
+Problem Engine::problem(ZR_ULONG id)
+{
+    const RegistrationPtr registration = m_delivery.find(id);
+    return registration ? registration->problem() : Problem();
 }
 
 ZR_ULONG Engine::accept(aoi::Request request, const RegistrationPtr &registration)

@@ -39,6 +39,8 @@ public:
     ZR_ULONG sendAOIMsg(tagMDPMsg *message) override;
     ZR_ULONG registerAOIMsgProc(ZR_ULONG id, CIAOIMsgProc *processor) override { return m_delivery.add(id, processor); }
     ZR_ULONG unregisterAOIMsgProc(ZR_ULONG id) override;
+    /// Why the connection of a registration failed last.
+    Problem problem(ZR_ULONG id);
 
 private:
     ZR_ULONG accept(aoi::Request request, const RegistrationPtr &registration);

@@ -145,6 +145,7 @@ void SessionChannel::keepAlive()
 void SessionChannel::connected()
 {
     m_wasUp = true;
+    m_registration->setProblem({});
     ZR_PLATFORM_LOG(DEBUG, 0, Dispatch, "%s: connected", name().c_str());
     if (m_life == Life::Lingering)
         flushTeardowns();
@@ -270,6 +271,7 @@ void SessionChannel::answerServer(const rtsp::Message &request)
 
 void SessionChannel::lost(const std::string &reason, bool orderly)
 {
+    const Problem problem{m_connection->problem(), reason};
     m_connection.reset();
     if (m_life != Life::Open)
     {
@@ -284,6 +286,8 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
     else
         ZR_PLATFORM_LOG(WARNING, codeConnection, Dispatch, "%s: %s: %s", name().c_str(),
                         m_wasUp ? "the connection is lost" : "no connection", reason.c_str());
+    if (!quiet) // before whoever waits is told
+        m_registration->setProblem(problem);
     const bool missed = m_exchanges.hasKeepAlive(true);
     failAll(reason);
     m_mayReconnect = goesOn;

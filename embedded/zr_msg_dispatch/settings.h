@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace zr::dispatch {
 
@@ -26,7 +27,9 @@ struct Settings
     unsigned servedTimeout = 60;        ///< seconds: from there on the requester's own keep-alives serve a session
     milliseconds linger{2000};          ///< how long a TEARDOWN's answer is waited for after unregistering
     std::string userAgent;
-    std::string caFile; ///< PEM; empty: the system's
+    std::string caFile;                   ///< PEM; empty: the system's
+    std::vector<std::string> moreCaFiles; ///< PEM, trusted besides
+    bool verify = true;                   ///< the certificates of servers
 };
 
 } // namespace zr::dispatch

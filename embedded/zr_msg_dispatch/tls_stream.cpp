@@ -11,6 +11,7 @@
 
 #include "platform_log.h"
 #include "result_codes.h"
+#include "zr_platform.h"
 
 namespace zr::dispatch {
 
@@ -43,6 +44,39 @@ bool expectHost(ssl_st *ssl, const std::string &host)
     return !name.empty() && SSL_set1_host(ssl, name.c_str()) == 1 && SSL_set_tlsext_host_name(ssl, name.c_str()) == 1;
 }
 
+bool trustFile(ssl_ctx_st *context, const std::string &file)
+{
+    const bool trusted = file.empty() ? SSL_CTX_set_default_verify_paths(context) == 1
+                                      : SSL_CTX_load_verify_locations(context, file.c_str(), nullptr) == 1;
+    if (!trusted)
+        ZR_PLATFORM_LOG(ERROR, codeInvalidArgument, Dispatch, "the trusted certificates of \"%s\" cannot be read: %s",
+                        file.empty() ? "the system" : file.c_str(), libraryError().c_str());
+    return trusted;
+}
+
+ZR_ULONG problemOf(long verified)
+{
+    switch (verified)
+    {
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+        return ZR_CONNECTION_EXPIRED;
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+        return ZR_CONNECTION_NOT_YET_VALID;
+    case X509_V_ERR_HOSTNAME_MISMATCH:
+    case X509_V_ERR_IP_ADDRESS_MISMATCH:
+        return ZR_CONNECTION_WRONG_NAME;
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+    case X509_V_ERR_CERT_UNTRUSTED:
+        return ZR_CONNECTION_FOREIGN_ISSUER;
+    default:
+        return ZR_CONNECTION_NOT_TRUSTED;
+    }
+}
+
 } // namespace
 
 void prepareTls()
@@ -50,20 +84,27 @@ void prepareTls()
     OPENSSL_init_ssl(0, nullptr);
 }
 
-TlsContext makeTlsContext(const std::string &caFile)
+TlsContext makeTlsContext(const Trust &trust)
 {
     ERR_clear_error();
     TlsContext context(SSL_CTX_new(TLS_client_method()), [](ssl_ctx_st *gone) { SSL_CTX_free(gone); });
-    const bool trusting =
-        context && (caFile.empty() ? SSL_CTX_set_default_verify_paths(context.get()) == 1
-                                   : SSL_CTX_load_verify_locations(context.get(), caFile.c_str(), nullptr) == 1);
-    if (!trusting || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1)
+    if (!context || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1)
     {
-        ZR_PLATFORM_LOG(ERROR, codeInvalidArgument, Dispatch, "the trusted certificates of \"%s\" cannot be read: %s",
-                        caFile.empty() ? "the system" : caFile.c_str(), libraryError().c_str());
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "TLS cannot be used: %s", libraryError().c_str());
         return nullptr;
     }
-    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+    if (!trustFile(context.get(), trust.caFile))
+        return nullptr;
+    if (!trust.moreCaFiles.empty()) // one of them may be the server's own
+        X509_STORE_set_flags(SSL_CTX_get_cert_store(context.get()), X509_V_FLAG_PARTIAL_CHAIN);
+    for (const std::string &file : trust.moreCaFiles)
+    {
+        if (!trustFile(context.get(), file))
+            return nullptr;
+    }
+    if (!trust.verify)
+        ZR_PLATFORM_LOG(WARNING, 0, Dispatch, "the certificates of rtsps servers are not verified, as the host wishes");
+    SSL_CTX_set_verify(context.get(), trust.verify ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
     SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
     SSL_CTX_set_mode(context.get(), SSL_MODE_RELEASE_BUFFERS);
     SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
@@ -78,6 +119,7 @@ void TlsStream::Deleter::operator()(ssl_st *ssl) const
 TlsStream::TlsStream(ssl_st *ssl, std::string host)
     : m_ssl(ssl)
     , m_host(std::move(host))
+    , m_problemCode(ZR_CONNECTION_TLS_FAILED)
 {
 }
 
@@ -125,7 +167,10 @@ bool TlsStream::handshake()
 {
     const int result = SSL_do_handshake(m_ssl.get());
     if (result == 1)
+    {
         m_state = State::Open;
+        m_problemCode = ZR_CONNECTION_FAILED;
+    }
     else if (SSL_get_error(m_ssl.get(), result) != SSL_ERROR_WANT_READ)
         fail();
     return result == 1;
@@ -133,11 +178,18 @@ bool TlsStream::handshake()
 
 TlsStream::State TlsStream::fail()
 {
-    const long verified = SSL_get_verify_result(m_ssl.get());
+    const bool verifies = SSL_get_verify_mode(m_ssl.get()) != SSL_VERIFY_NONE;
+    const long verified = verifies ? SSL_get_verify_result(m_ssl.get()) : X509_V_OK;
     if (verified != X509_V_OK)
+    {
         m_problem = "the certificate of " + m_host + " is not trusted: " + X509_verify_cert_error_string(verified);
+        m_problemCode = problemOf(verified);
+    }
     else
+    {
         m_problem = (m_state == State::Handshaking ? "the TLS handshake failed: " : "TLS failed: ") + libraryError();
+        m_problemCode = ZR_CONNECTION_TLS_FAILED;
+    }
     return m_state = State::Failed;
 }
 

@@ -5,6 +5,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "zr_types.h"
 
 struct ssl_ctx_st;
 struct ssl_st;
@@ -17,9 +20,16 @@ using TlsContext = std::shared_ptr<ssl_ctx_st>;
 /// Makes the library ready, so that an exit handler that is registered afterwards runs before the library's own.
 void prepareTls();
 
-/// @param caFile  PEM, the certificates that are trusted; empty: the system's store
-/// @return null when the file cannot be used; the log says why
-TlsContext makeTlsContext(const std::string &caFile);
+/// Whom to trust.
+struct Trust
+{
+    std::string caFile;                   ///< PEM; empty: the system's store
+    std::vector<std::string> moreCaFiles; ///< PEM, besides
+    bool verify = true;                   ///< false: whoever answers
+};
+
+/// @return null when a file cannot be used; the log says why
+TlsContext makeTlsContext(const Trust &trust);
 
 /// How a connection is secured.
 struct Security
@@ -56,6 +66,8 @@ public:
     std::string takeOutgoing();
     /// Why it failed.
     const std::string &problem() const { return m_problem; }
+    /// A tagZrConnectionProblem: what a failure means now, also one of the connection beneath.
+    ZR_ULONG problemCode() const { return m_problemCode; }
 
 private:
     struct Deleter
@@ -71,6 +83,7 @@ private:
     const std::string m_host;
     State m_state = State::Handshaking;
     std::string m_problem;
+    ZR_ULONG m_problemCode;
 };
 
 } // namespace zr::dispatch

@@ -5,6 +5,7 @@
 
 #include "engine_fixture.h"
 #include "tls_identity.h"
+#include "zr_platform.h"
 
 namespace zr::test {
 
@@ -81,15 +82,17 @@ TEST_F(AliveConnection, TrustsNobodyElse)
     const struct
     {
         const char *reason;
+        ZR_ULONG problem;
         std::shared_ptr<SSL_CTX> identity;
     } cases[] = {
-        {"certificate has expired", authority.issue({"IP:127.0.0.1", -7200, -3600})},
-        {"certificate is not yet valid", authority.issue({"IP:127.0.0.1", 3600, 7200})},
-        {"unable to get local issuer certificate", foreign.issue({})},
-        {"IP address mismatch", authority.issue({"DNS:127.0.0.1,IP:127.0.0.2"})},
-        {"the TLS handshake failed", authority.issue({"IP:127.0.0.1", -3600, 3600, TLS1_1_VERSION})},
+        {"certificate has expired", ZR_CONNECTION_EXPIRED, authority.issue({"IP:127.0.0.1", -7200, -3600})},
+        {"certificate is not yet valid", ZR_CONNECTION_NOT_YET_VALID, authority.issue({"IP:127.0.0.1", 3600, 7200})},
+        {"unable to get local issuer certificate", ZR_CONNECTION_FOREIGN_ISSUER, foreign.issue({})},
+        {"IP address mismatch", ZR_CONNECTION_WRONG_NAME, authority.issue({"DNS:127.0.0.1,IP:127.0.0.2"})},
+        {"the TLS handshake failed", ZR_CONNECTION_TLS_FAILED,
+         authority.issue({"IP:127.0.0.1", -3600, 3600, TLS1_1_VERSION})},
     };
-    for (const auto &[reason, identity] : cases)
+    for (const auto &[reason, problem, identity] : cases)
     {
         SCOPED_TRACE(reason);
         ScriptedServer server({{{"", {describeAnswer}}}}, identity);
@@ -104,6 +107,8 @@ TEST_F(AliveConnection, TrustsNobodyElse)
         EXPECT_EQ(answers[1].error, 503U);
         EXPECT_TRUE(server.ended(1));
         EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(reason));
+        EXPECT_EQ(engine.problem(8).code, problem);
+        EXPECT_THAT(engine.problem(8).text, HasSubstr(reason));
         EXPECT_THAT(server.requests(0), IsEmpty());
     }
     std::remove(foreign.file().c_str());
