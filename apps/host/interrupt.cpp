@@ -10,6 +10,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "terminal_mode.h"
+
 namespace zr::host {
 namespace {
 
@@ -34,6 +36,7 @@ void onSignal(int)
     const int kept = errno;
     if (!askOnce())
     {
+        TerminalMode::restore();
         _exit(130);
     }
     errno = kept;

@@ -12,8 +12,25 @@ namespace {
 
 using namespace zr::host;
 
-void setUpLog(const CommonOptions &options)
+// A line of the plug-in may hold them in clear.
+void hide(const Credentials &credentials)
 {
+    constexpr size_t unmistakable = 4; // a shorter one stands in many words
+    if (!credentials.user.empty())
+    {
+        ZR_LogHide((credentials.user + ":" + credentials.password).c_str());
+        ZR_LogHide(credentials.password.size() < unmistakable ? nullptr : credentials.password.c_str());
+    }
+}
+
+void setUpLog(const Options &all)
+{
+    const CommonOptions &options = all.common;
+    hide(options.source.credentials);
+    for (const Source &source : all.watch.sources)
+    {
+        hide(source.credentials);
+    }
     if (!options.logFile.empty())
     {
         ZR_LogSetFile(options.logFile.c_str());
@@ -23,12 +40,28 @@ void setUpLog(const CommonOptions &options)
     ZR_LogSetLevel(options.logLevel.value_or(options.logFile.empty() ? silent : ZR_LOG_INFO));
 }
 
+void setUpTls(const CommonOptions &options, Report &report)
+{
+    if (!options.caFile.empty() && ZR_TlsAddTrust(options.caFile.c_str()) != 0)
+    {
+        throw Failure(ExitCode::Usage, "reading " + options.caFile, 0, "it holds no certificate that can be used",
+                      "a file in PEM form, which begins with -----BEGIN CERTIFICATE-----");
+    }
+    if (options.insecure)
+    {
+        ZR_TlsSetVerification(0);
+        report.event("insecure",
+                     "warning: certificates are not verified, anybody may answer for the server (--insecure)", nullptr);
+    }
+}
+
 int run(int argc, char **argv, Report &report)
 {
     try
     {
         const Options options = parseOptions(argc, argv);
-        setUpLog(options.common);
+        setUpLog(options);
+        setUpTls(options.common, report);
         switch (options.command)
         {
         case Command::Help:

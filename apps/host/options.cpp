@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 
@@ -7,6 +9,8 @@
 
 #include "failure.h"
 #include "options_help.h"
+#include "output_file.h"
+#include "secrets.h"
 #include "source_list.h"
 #include "speed.h"
 
@@ -21,6 +25,8 @@ struct Raw
     std::string tag;  ///< empty: the command's own
     std::string wall;
     Credentials credentials;
+    std::optional<std::string> password;
+    std::string passwordFile;
     bool tcp = false;
     bool udp = false;
     std::optional<ZR_ULONG> downloadSpeed;
@@ -36,19 +42,35 @@ const CLI::Validator writable(
     },
     "FILE");
 
+// What stands in requests must not end their lines.
+const CLI::Validator plain(
+    [](std::string &text) {
+        const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+        return std::any_of(text.begin(), text.end(), isControl) ? std::string("it holds a control character")
+                                                                : std::string();
+    },
+    "");
+
 void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
 {
     app.add_option("--user", raw.credentials.user, "User name, instead of one in the URL");
-    app.add_option("--password", raw.credentials.password,
-                   "Its password; better in the environment, where ps does not show it")
-        ->envname("ZR_RTSP_PASSWORD");
+    auto *password = app.add_option("--password", raw.password,
+                                    "Its password, which ps shows; or ZR_RTSP_PASSWORD in the environment, or typed");
+    password->option_text("TEXT");
+    app.add_option("--password-file", raw.passwordFile, "File whose first line is the password")
+        ->excludes(password)
+        ->option_text("FILE");
+    app.add_option("--ca", common.caFile, "Trust this certificate for rtsps as well (PEM)")->check(CLI::ExistingFile);
+    app.add_flag("--insecure", common.insecure, "Take any certificate of an rtsps server for good");
     app.add_option("--tag", raw.tag,
-                   "Decoder description, such as onvif (default), guobiao, omz-v1@12; only onvif authenticates");
+                   "Decoder description, such as onvif (default), guobiao, omz-v1@12; only onvif authenticates")
+        ->check(plain);
     app.add_flag("--json", common.json, "Print one event a line, as JSON");
     app.add_option("--log-level", common.logLevel,
                    "What the libraries log: debug, info, warning or error (default: nothing)")
         ->transform(CLI::CheckedTransformer(std::map<std::string, tagZrLogLevel>{
-            {"debug", ZR_LOG_DEBUG}, {"info", ZR_LOG_INFO}, {"warning", ZR_LOG_WARNING}, {"error", ZR_LOG_ERROR}}));
+            {"debug", ZR_LOG_DEBUG}, {"info", ZR_LOG_INFO}, {"warning", ZR_LOG_WARNING}, {"error", ZR_LOG_ERROR}}))
+        ->option_text("LEVEL");
     app.add_option("--log-file", common.logFile, "Where they log it (then info by default), instead of stderr")
         ->check(writable);
     app.add_option("--plugin", common.plugin, "The plug-in's file, instead of the one beside the program")
@@ -71,20 +93,25 @@ void addTransport(CLI::App &app, Raw &raw, bool tcpIsDefault)
 
 void addRange(CLI::App &app, Playback &playback)
 {
-    app.add_option("--from", playback.from, "Begin: seconds, hh:mm:ss, or YYYYMMDDThhmmssZ");
-    app.add_option("--to", playback.to, "End, likewise");
+    app.add_option("--from", playback.from, "Begin: seconds, hh:mm:ss, or YYYYMMDDThhmmssZ")->check(plain);
+    app.add_option("--to", playback.to, "End, likewise")->check(plain);
+}
+
+void addForce(CLI::App &app, CommonOptions &common)
+{
+    app.add_flag("--force", common.force, "Write over files that are there");
 }
 
 void addSilence(CLI::App &app, CourseOptions &course)
 {
     app.add_option("--silence", course.silence, "Seconds without media after which that is said")
         ->check(CLI::Range(1.0, 3600.0))
-        ->capture_default_str();
+        ->option_text("S [5]");
 }
 
 void addDuration(CLI::App &app, std::optional<double> &duration, const char *text)
 {
-    app.add_option("--duration", duration, text)->check(CLI::PositiveNumber);
+    app.add_option("--duration", duration, text)->check(CLI::PositiveNumber)->option_text("S");
 }
 
 void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
@@ -97,11 +124,12 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
     addDuration(app, play.duration, "Seconds of media; without it until its end or Ctrl-C");
     auto *pauseAt =
         app.add_option("--pause-at", play.pauseAt, "Pause once after so many seconds of media, then play on")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::NonNegativeNumber)
+            ->option_text("S");
     app.add_option("--pause-for", play.pauseFor, "Seconds of that pause")
         ->check(CLI::NonNegativeNumber)
         ->needs(pauseAt)
-        ->capture_default_str();
+        ->option_text("S [2]");
     app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(writable);
     app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable);
     app.add_flag("--reconnect", play.reconnect, "Begin a new session after the server ended one or was lost");
@@ -137,6 +165,50 @@ void addWatch(CLI::App &app, Raw &raw, WatchOptions &watch)
     addSilence(app, watch.course);
 }
 
+Credentials givenCredentials(const Raw &raw)
+{
+    Credentials given = raw.credentials;
+    const char *inherited = std::getenv("ZR_RTSP_PASSWORD"); // NOLINT(concurrency-mt-unsafe): there is one thread yet
+    if (raw.password)
+    {
+        given.password = *raw.password;
+    }
+    else if (!raw.passwordFile.empty())
+    {
+        given.password = readPassword(raw.passwordFile);
+    }
+    else if (inherited != nullptr)
+    {
+        given.password = inherited;
+    }
+    given.complete = raw.password || !raw.passwordFile.empty() || inherited != nullptr;
+    return given;
+}
+
+void complete(Credentials &credentials, const std::string &where)
+{
+    if (!credentials.user.empty() && !credentials.complete && canAskPassword())
+    {
+        credentials.password = askPassword(credentials.user + where);
+        credentials.complete = true;
+    }
+}
+
+Source completeSource(const Raw &raw, const std::string &tag)
+{
+    Source source = makeSource(raw.url, givenCredentials(raw), tag);
+    complete(source.credentials, " at " + source.url.host);
+    urlForDescribe(source.url.text, source.credentials); // refuses what cannot be handed over
+    return source;
+}
+
+std::vector<Source> completeSources(const Raw &raw, const std::string &tag)
+{
+    Credentials given = givenCredentials(raw);
+    complete(given, "");
+    return readSources(raw.file, given, tag);
+}
+
 tagTransportAddr wallAddress(const std::string &text)
 {
     const Url url = parseUrl("rtsp://" + text);
@@ -150,7 +222,7 @@ tagTransportAddr wallAddress(const std::string &text)
 void understand(const Raw &raw, Options &options)
 {
     const auto tagOr = [&](const char *own) { return raw.tag.empty() ? std::string(own) : raw.tag; };
-    const auto source = [&](const std::string &tag) { return makeSource(raw.url, raw.credentials, tag); };
+    const auto source = [&](const std::string &tag) { return completeSource(raw, tag); };
     CommonOptions &common = options.common;
     switch (options.command)
     {
@@ -159,6 +231,8 @@ void understand(const Raw &raw, Options &options)
         common.source = source(tagOr("onvif"));
         break;
     case Command::Play:
+        requireFree(options.play.snapshot, common.force);
+        requireFree(options.play.course.record, common.force);
         common.source = source(tagOr("onvif"));
         options.play.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
         if (!options.play.course.speed.empty())
@@ -167,6 +241,7 @@ void understand(const Raw &raw, Options &options)
         }
         break;
     case Command::Download:
+        requireFree(options.download.course.record, common.force);
         common.source = source(tagOr("onvif"));
         options.download.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
         if (raw.downloadSpeed)
@@ -186,7 +261,7 @@ void understand(const Raw &raw, Options &options)
         break;
     case Command::Watch:
         options.watch.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
-        options.watch.sources = readSources(raw.file, raw.credentials, tagOr("onvif"));
+        options.watch.sources = completeSources(raw, tagOr("onvif"));
         break;
     }
 }
@@ -215,7 +290,9 @@ Options parseOptions(int argc, char **argv)
     auto *watch = add(Command::Watch, "watch", "Play many streams at once, and say how they are", watchHelp);
     addUrl(*describe, raw);
     addPlay(*play, raw, options.play);
+    addForce(*play, options.common);
     addDownload(*download, raw, options.download);
+    addForce(*download, options.common);
     addTv(*tv, raw, options.tv);
     addWatch(*watch, raw, options.watch);
     for (CLI::App *command : {describe, play, download, tv, watch})
@@ -234,7 +311,7 @@ Options parseOptions(int argc, char **argv)
     }
     catch (const CLI::ParseError &wrong)
     {
-        throw wrongUsage(wrong.what());
+        throw wrongUsage(withoutCredentials(wrong.what()));
     }
     understand(raw, options);
     return options;

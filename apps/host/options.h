@@ -17,6 +17,9 @@ struct CommonOptions
     std::optional<tagZrLogLevel> logLevel; ///< of the libraries' log
     std::string logFile;                   ///< empty: stderr
     bool json = false;
+    std::string caFile;    ///< trusted for rtsps besides the system's; empty: none
+    bool insecure = false; ///< servers' certificates are not verified
+    bool force = false;    ///< files may be written over
 };
 
 struct PlayOptions

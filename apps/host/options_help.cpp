@@ -10,7 +10,7 @@ Exit codes:
        whole (download), all streams are alive at the end (watch)
   1    internal error
   2    wrong usage
-  3    the server cannot be reached, or does not answer
+  3    the server cannot be reached, cannot be trusted, or does not answer
   4    credentials missing or refused
   5    refused by the server
   6    no media arrived, or it stopped
@@ -22,7 +22,8 @@ Exit codes:
 const char *const describeHelp = R"(
 Examples:
   zr_rtsp_host describe rtsp://192.0.2.10/live
-  zr_rtsp_host describe rtsp://192.0.2.10/live --user admin --password secret --json)";
+  zr_rtsp_host describe rtsp://192.0.2.10/live --user admin --password-file secret.txt --json
+  zr_rtsp_host describe rtsps://192.0.2.10/live --ca authority.pem)";
 
 const char *const playHelp = R"(
 A stream that stays silent is said so after --silence seconds, and given up after

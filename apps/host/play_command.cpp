@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 
 #include "attempts.h"
 #include "commands.h"
 #include "notices.h"
+#include "output_file.h"
 
 namespace zr::host {
 namespace {
@@ -154,17 +154,6 @@ void Play::tellStatus()
                       {"lost", media.lost}}});
 }
 
-/// stream.mkv, stream.2.mkv ...: a session that is begun again must not write over what there is.
-std::string numbered(const std::string &file, int number)
-{
-    std::filesystem::path path(file);
-    if (number > 1 && !file.empty())
-    {
-        path.replace_extension(std::to_string(number) + path.extension().string());
-    }
-    return path.string();
-}
-
 } // namespace
 
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report)
@@ -178,7 +167,10 @@ void playCommand(const CommonOptions &common, const PlayOptions &options, Report
         try
         {
             CourseOptions own = options.course;
-            own.record = numbered(own.record, number);
+            if (!own.record.empty()) // each session has its own
+            {
+                own.record = numbered(own.record, number, common.force);
+            }
             Course course(plugin, interrupt, common.source, own, report);
             try
             {

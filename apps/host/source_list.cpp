@@ -28,9 +28,10 @@ Source makeSource(const std::string &url, const Credentials &given, const std::s
     {
         source.credentials = given;
     }
-    else if (!source.credentials.user.empty() && !given.password.empty())
+    else if (!source.credentials.user.empty() && given.complete)
     {
         source.credentials.password = given.password;
+        source.credentials.complete = true;
     }
     urlForDescribe(source.url.text, source.credentials); // refuses what cannot be handed over
     return source;

@@ -104,6 +104,7 @@ Url parseUrl(const std::string &text)
         const std::string given = authority.substr(0, at);
         const size_t colon = given.find(':');
         url.credentials.user = percentDecoded(given.substr(0, colon));
+        url.credentials.complete = colon != std::string::npos;
         url.credentials.password = colon == std::string::npos ? "" : percentDecoded(given.substr(colon + 1));
         authority.erase(0, at + 1);
     }

@@ -11,6 +11,7 @@ struct Credentials
 {
     std::string user; ///< empty: none
     std::string password;
+    bool complete = false; ///< the password was given, empty though it may be
 };
 
 struct Url

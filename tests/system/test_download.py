@@ -14,7 +14,7 @@ class DownloadTest(HostTest):
         recording = self.file("r.mkv")
         for seconds, options in ((4, ("--from", "3", "--to", "7", "--udp")), (12, ("--speed", "1"))):
             with self.subTest(options=options):
-                result = self.run_host(OK, "download", device.url("vod"), recording, *options)
+                result = self.run_host(OK, "download", device.url("vod"), recording, "--force", *options)
                 self.assertIn("the end was reached", result.out)
                 self.check_recording(recording, seconds, "video/x-h264", "audio/x-alaw")
 
@@ -22,7 +22,7 @@ class DownloadTest(HostTest):
         for end, code in ((lambda device, process: device.kill(), LOST),
                           (lambda device, process: process.send_signal(signal.SIGINT), INTERRUPTED)):
             device = self.device("--vod-length", "12")
-            process = self.start("download", device.url("vod"), self.file("r.mkv"))
+            process = self.start("download", device.url("vod"), self.file("r.mkv"), "--force")
             with self.subTest(code=code):
                 self.assertTrue(any(line.startswith("media arrives") for line in process.stdout))
                 end(device, process)

@@ -8,7 +8,7 @@ from programs import OK, PASSWORD, USER, HostTest
 class PlayTest(HostTest):
     def play(self, device, mount, transport, *options):
         picture = self.file("picture.png")
-        result = self.run_host(OK, "play", device.url(mount), transport, "--duration", "1.5", "--snapshot", picture,
+        result = self.run_host(OK, "play", device.url(mount), transport, "--duration", "1.5", "--snapshot", picture, "--force",
                                *options)
         self.check_picture(picture)
         self.assertIn(f"set up video over {transport[2:].upper()}", result.out)

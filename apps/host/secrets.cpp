@@ -1,0 +1,86 @@
+#include "secrets.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+
+#include <unistd.h>
+
+#include "failure.h"
+#include "terminal_mode.h"
+
+namespace zr::host {
+namespace {
+
+constexpr size_t longestPassword = 1024;
+
+// A line without its end, for files that come from elsewhere.
+bool readLine(std::istream &in, std::string &line)
+{
+    line.clear();
+    for (char c = 0; line.size() <= longestPassword && in.get(c);)
+    {
+        if (c == '\n')
+        {
+            break;
+        }
+        line += c;
+    }
+    if (!line.empty() && line.back() == '\r')
+    {
+        line.pop_back();
+    }
+    return !line.empty() && line.size() <= longestPassword;
+}
+
+} // namespace
+
+std::string readPassword(const std::string &file)
+{
+    std::ifstream in(file);
+    std::string line;
+    if (!readLine(in, line))
+    {
+        throw wrongUsage(file + " cannot be read, or its first line is no password of 1 to " +
+                         std::to_string(longestPassword) + " characters");
+    }
+    return line;
+}
+
+bool canAskPassword()
+{
+    return isatty(STDIN_FILENO) == 1;
+}
+
+std::string askPassword(const std::string &whom)
+{
+    const TerminalMode hidden(TerminalMode::Kind::Hidden);
+    std::fprintf(stderr, "password of %s: ", whom.c_str());
+    std::string line;
+    if (!readLine(std::cin, line) && !std::cin)
+    {
+        std::fprintf(stderr, "\n");
+        throw Failure(ExitCode::Credentials, "asking for the password", 0, "none was typed",
+                      "--password-file FILE, or the environment's ZR_RTSP_PASSWORD");
+    }
+    return line;
+}
+
+std::string withoutCredentials(const std::string &text)
+{
+    std::string safe = text;
+    for (size_t scheme = safe.find("://"); scheme != std::string::npos; scheme = safe.find("://", scheme + 3))
+    {
+        const size_t begin = scheme + 3;
+        const size_t end = std::min(safe.find_first_of(" \n", begin), safe.size()); // a password may hold a slash
+        const size_t at = safe.substr(0, end).rfind('@');
+        if (at != std::string::npos && at >= begin)
+        {
+            safe.replace(begin, at - begin, "***");
+        }
+    }
+    return safe;
+}
+
+} // namespace zr::host

@@ -1,0 +1,24 @@
+/// @file
+/// Passwords that do not stand on the command line, and texts that are safe to show.
+#pragma once
+
+#include <string>
+
+namespace zr::host {
+
+/// The first line of a file.
+/// @throws Failure  of wrong usage, when it cannot be read or holds none
+std::string readPassword(const std::string &file);
+
+/// Whether somebody could be asked for a password.
+bool canAskPassword();
+
+/// Asks on the terminal; what is typed is not shown.
+/// @param whom  such as "admin at 192.0.2.10"; shown
+/// @throws Failure  when no line is typed (Ctrl-D)
+std::string askPassword(const std::string &whom);
+
+/// The text with the credentials of all its URLs as "***".
+std::string withoutCredentials(const std::string &text);
+
+} // namespace zr::host
