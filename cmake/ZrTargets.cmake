@@ -12,6 +12,20 @@ if(ZR_SANITIZE)
   add_link_options(-fsanitize=${ZR_SANITIZE})
 endif()
 
+# What hostile input finds in its way; the sanitizers' builds have their own means, and fortification needs optimization.
+if(NOT ZR_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+  include(CheckPIESupported)
+  check_pie_supported()
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    add_compile_options(-fcf-protection)
+  endif()
+  if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  endif()
+  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+endif()
+
 # zr_platform_part(name SOURCES a.cpp ... [LIBRARIES lib ...])
 # One in-house library of the embedded platform as an object library zr_platform_<name>, so that a test can take all but
 # one. Its headers are found by every other part.
