@@ -50,9 +50,8 @@ void addOptions(CLI::App &app, zr::device::DeviceOptions &options)
         ->expected(2)
         ->type_name("CERT KEY")
         ->check(CLI::ExistingFile);
-    app.add_option(
-           "--session-timeout", options.sessionTimeout,
-           "Seconds until a silent client's session ends (over TCP only a paused one)")
+    app.add_option("--session-timeout", options.sessionTimeout,
+                   "Seconds until a silent client's session ends (over TCP only a paused one)")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
     app.add_option("--vod-length", options.recordingSeconds, "Seconds of the recording at /vod")
