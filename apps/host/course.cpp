@@ -26,13 +26,6 @@ double inSeconds(Course::Clock::duration duration)
     return std::chrono::duration<double>(duration).count();
 }
 
-std::optional<double> plainSeconds(const std::string &text)
-{
-    char *end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    return text.empty() || *end != '\0' ? std::nullopt : std::optional<double>(value);
-}
-
 std::string wholeSeconds(double seconds)
 {
     return std::to_string(std::lround(seconds)) + " s";
@@ -61,6 +54,7 @@ Course::Course(Plugin &plugin, const Interrupt &interrupt, const Source &source,
     , m_report(report)
     , m_mailbox(interrupt)
     , m_session(plugin, source, m_mailbox)
+    , m_playback(options.playback)
 {
 }
 
@@ -138,14 +132,27 @@ void Course::awaitMedia()
 
 std::optional<double> Course::length() const
 {
-    const Playback &playback = m_options.playback;
-    const double from = plainSeconds(playback.from).value_or(0);
-    const auto to = playback.to.empty() ? m_description.length() : plainSeconds(playback.to);
-    if (!to)
+    const Span span = parseSpan(m_description.range);
+    const auto from = m_playback.from.empty() ? span.begin : parsePosition(m_playback.from);
+    const auto to = m_playback.to.empty() ? span.end : parsePosition(m_playback.to);
+    if (!to || (from && from->clock != to->clock) || (!from && to->clock))
     {
         return std::nullopt;
     }
-    return std::fabs(*to - from) / std::fabs(speedFactor(playback.speedCode));
+    const double seconds = std::fabs(to->seconds - (from ? from->seconds : 0));
+    return seconds > 0 ? std::optional<double>(seconds / std::fabs(speedFactor(m_playback.speedCode))) : std::nullopt;
+}
+
+std::optional<Position> Course::position() const
+{
+    const Span span = parseSpan(m_description.range);
+    auto position = m_playback.from.empty() ? span.begin : parsePosition(m_playback.from);
+    if (position)
+    {
+        position->seconds += secondsOfPlayback() * speedFactor(m_playback.speedCode);
+        *position = clamped(*position, span);
+    }
+    return position;
 }
 
 void Course::stop(const std::optional<Failure> &failure)
@@ -202,6 +209,7 @@ void Course::measure()
     }
     m_media.silent = m_paused ? 0 : std::min(statistics.ulLastArrivalMs / 1000.0, inSeconds(now - m_resumed));
     m_media.seconds = secondsOfMedia();
+    m_media.jitterMs = statistics.ulJitterUs / 1000.0;
 }
 
 // The plug-in counts answers to its keep-alive as signs of life, and an idle UDP session may do without its connection:
@@ -242,11 +250,28 @@ void Course::pause()
 
 void Course::playOn()
 {
-    m_session.play({"", "", m_options.playback.speedCode, std::nullopt});
-    m_resumed = m_lastLook = m_lastRate = Clock::now();
-    m_pausedSeconds += inSeconds(m_resumed - *m_paused);
-    m_paused.reset();
+    m_session.play({"", "", m_playback.speedCode, std::nullopt});
+    endPause();
     m_report.event("playing", "playing on", nullptr);
+}
+
+void Course::endPause()
+{
+    m_resumed = m_lastLook = m_lastRate = Clock::now();
+    m_rateBytes = m_session.statistics().ullBytes;
+    if (m_paused)
+    {
+        m_pausedSeconds += inSeconds(m_resumed - *m_paused);
+        m_paused.reset();
+    }
+}
+
+void Course::seek(const Playback &playback)
+{
+    m_session.seek(playback);
+    endPause();
+    m_playback = playback;
+    m_playbackSince = secondsOfMedia();
 }
 
 void Course::endRecording()

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "position.h"
 #include "report.h"
 #include "session.h"
 
@@ -30,6 +31,7 @@ struct Media
     uint64_t packets = 0;
     uint64_t bytes = 0;
     uint64_t lost = 0;
+    double jitterMs = 0;
 };
 
 /// Says each step to the report. Operations throw a Failure for what goes wrong before media arrived; what goes wrong
@@ -55,14 +57,28 @@ public:
 
     void pause();
     void playOn();
+    bool paused() const { return m_paused.has_value(); }
+    /// Plays from somewhere else, or at another speed, also when paused.
+    /// @throws Failure  when the server refuses; then it goes on as before
+    void seek(const Playback &playback);
+    /// From now on step returns early as well when this descriptor is readable. -1: none.
+    void alsoWakeFor(int handle) { m_mailbox.alsoWakeFor(handle); }
 
     Session &session() { return m_session; }
     const Description &description() const { return m_description; }
     /// Seconds since media began, without pauses.
     double secondsOfMedia() const;
+    /// The same, since the latest seek.
+    double secondsOfPlayback() const { return secondsOfMedia() - m_playbackSince; }
+    /// Where it plays, as far as can be reckoned: by what was asked for and the description. None: live.
+    std::optional<Position> position() const;
+    const Playback &playback() const { return m_playback; }
+    const CourseOptions &options() const { return m_options; }
+    const Source &source() const { return m_source; }
     /// As of the last look.
     const Media &media() const { return m_media; }
-    /// Seconds that the media should take by the range that was asked for, else by the description; none: not known.
+    /// Seconds that the media should take, from the latest seek on, by the range that was asked for, else by the
+    /// description; none: not known.
     std::optional<double> length() const;
     /// The notification that ended it.
     std::optional<ZR_ULONG> notice() const { return m_notice; }
@@ -75,6 +91,7 @@ private:
     void endRecording();
     void lookForSilence();
     void take(ZR_ULONG notice);
+    void endPause();
     void stopUnlessInterrupted();
 
     const Interrupt &m_interrupt;
@@ -84,6 +101,8 @@ private:
     Mailbox m_mailbox;
     Session m_session;
     Description m_description;
+    Playback m_playback;        ///< what was asked for last
+    double m_playbackSince = 0; ///< and when, in seconds of media
 
     Media m_media;
     std::optional<Clock::time_point> m_begin; ///< of media

@@ -54,8 +54,8 @@ std::optional<ZR_ULONG> Mailbox::wait(std::chrono::milliseconds longest)
     {
         return notice;
     }
-    pollfd ready[] = {{m_wakeup, POLLIN, 0}, {m_interrupt.handle(), POLLIN, 0}};
-    if (poll(ready, 2, static_cast<int>(std::clamp<long>(longest.count(), 0, 60000))) > 0 && ready[0].revents != 0)
+    pollfd ready[] = {{m_wakeup, POLLIN, 0}, {m_interrupt.handle(), POLLIN, 0}, {m_other, POLLIN, 0}};
+    if (poll(ready, 3, static_cast<int>(std::clamp<long>(longest.count(), 0, 60000))) > 0 && ready[0].revents != 0)
     {
         uint64_t count = 0;
         [[maybe_unused]] const ssize_t drained = read(m_wakeup, &count, sizeof count);

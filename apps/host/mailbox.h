@@ -24,6 +24,9 @@ public:
     /// Any thread; returns at once.
     void post(ZR_ULONG notice);
 
+    /// From now on wait returns early as well when this descriptor is readable; the caller then reads it. -1: none.
+    void alsoWakeFor(int handle) { m_other = handle; }
+
     /// Sleeps until a notification is there, the program is to end or the time is over.
     /// @return the oldest notification not yet taken
     std::optional<ZR_ULONG> wait(std::chrono::milliseconds longest);
@@ -33,6 +36,7 @@ private:
 
     const Interrupt &m_interrupt;
     int m_wakeup;
+    int m_other = -1;
     std::mutex m_mutex; ///< guards m_notices; held for a moment only
     std::queue<ZR_ULONG> m_notices;
 };

@@ -28,7 +28,8 @@ Examples:
 const char *const playHelp = R"(
 A stream that stays silent is said so after --silence seconds, and given up after
 twice as many. --reconnect begins a session anew after pauses of 1, 2, 4 ... 30 s,
-once there was media; --record then numbers its files.
+once there was media; --record then numbers its files. On a terminal a line tells
+state, position, speed, rate, loss and jitter, and keys steer; ? lists them.
 
 Examples:
   zr_rtsp_host play rtsp://192.0.2.10/live --tcp --duration 10 --snapshot picture.png --record stream.mkv

@@ -3,8 +3,10 @@
 
 #include "attempts.h"
 #include "commands.h"
+#include "controls.h"
 #include "notices.h"
 #include "output_file.h"
+#include "speed.h"
 
 namespace zr::host {
 namespace {
@@ -20,25 +22,21 @@ constexpr milliseconds atLeisure{1000};
 class Play
 {
 public:
-    Play(Course &course, const PlayOptions &options, Report &report, double before)
+    Play(Course &course, Interrupt &interrupt, const PlayOptions &options, Report &report, double before)
         : m_course(course)
+        , m_interrupt(interrupt)
         , m_options(options)
         , m_report(report)
         , m_before(before)
     {
     }
 
-    void run()
+    /// @param steered  by keys
+    void run(bool steered)
     {
         m_course.begin();
         takePicture();
-        while (!m_course.over() && !durationIsOver())
-        {
-            pauseWhenDue();
-            m_course.step(untilNextMoment());
-            judge();
-            tellStatus();
-        }
+        playToEnd(steered);
         if (m_pictureFailure)
         {
             m_course.stop(m_pictureFailure);
@@ -47,10 +45,11 @@ public:
     }
 
 private:
+    void playToEnd(bool steered);
     void takePicture();
     void pauseWhenDue();
     void judge();
-    void tellStatus();
+    void tellStatus(bool steered);
     milliseconds untilNextMoment() const;
 
     double seconds() const { return m_before + m_course.secondsOfMedia(); }
@@ -58,10 +57,12 @@ private:
     bool pauseIsAhead() const { return m_options.pauseAt && !m_pauseDone && m_before == 0; }
 
     Course &m_course;
+    Interrupt &m_interrupt;
     const PlayOptions &m_options;
     Report &m_report;
     const double m_before;
     bool m_pauseDone = false;
+    std::optional<Course::Clock::time_point> m_playOn; ///< when the pause that was asked for ends
     double m_nextStatus = statusEvery;
     std::optional<Failure> m_pictureFailure;
 };
@@ -83,22 +84,41 @@ void Play::takePicture()
     }
 }
 
+void Play::playToEnd(bool steered)
+{
+    std::optional<Controls> controls;
+    if (steered)
+    {
+        controls.emplace(m_course, m_interrupt, m_report);
+    }
+    while (!m_course.over() && !durationIsOver())
+    {
+        pauseWhenDue();
+        m_course.step(untilNextMoment());
+        if (controls)
+        {
+            controls->serve();
+        }
+        judge();
+        tellStatus(steered);
+    }
+}
+
 void Play::pauseWhenDue()
 {
-    if (!pauseIsAhead() || seconds() < *m_options.pauseAt)
+    if (pauseIsAhead() && seconds() >= *m_options.pauseAt && !m_course.paused())
     {
-        return;
+        m_pauseDone = true;
+        m_course.pause();
+        m_playOn = Course::Clock::now() + inMilliseconds(m_options.pauseFor);
     }
-    m_pauseDone = true;
-    m_course.pause();
-    const auto end = Course::Clock::now() + inMilliseconds(m_options.pauseFor);
-    while (!m_course.over() && Course::Clock::now() < end)
+    if (m_playOn && (!m_course.paused() || Course::Clock::now() >= *m_playOn))
     {
-        m_course.step(std::chrono::ceil<milliseconds>(end - Course::Clock::now()));
-    }
-    if (!m_course.over())
-    {
-        m_course.playOn();
+        m_playOn.reset();
+        if (m_course.paused())
+        {
+            m_course.playOn();
+        }
     }
 }
 
@@ -109,7 +129,7 @@ milliseconds Play::untilNextMoment() const
     {
         longest = std::min(longest, moment ? inMilliseconds(*moment - seconds()) + milliseconds(1) : longest);
     }
-    return longest;
+    return m_playOn ? std::min(longest, std::chrono::ceil<milliseconds>(*m_playOn - Course::Clock::now())) : longest;
 }
 
 void Play::judge()
@@ -120,7 +140,7 @@ void Play::judge()
     {
         return;
     }
-    if (media.silent >= silenceOfRecording && length && media.seconds >= *length - 1)
+    if (media.silent >= silenceOfRecording && length && m_course.secondsOfPlayback() >= *length - 1)
     {
         m_report.event("end_of_stream", "the recording ended", nullptr);
         m_course.stop();
@@ -133,32 +153,42 @@ void Play::judge()
     }
 }
 
-void Play::tellStatus()
+void Play::tellStatus(bool steered)
 {
     const Media &media = m_course.media();
-    if (m_course.over() || media.seconds < m_nextStatus)
+    if (m_course.over() || (media.seconds < m_nextStatus && !steered))
     {
         return;
     }
     m_nextStatus = std::floor(media.seconds) + statusEvery;
-    const char *state = media.silent >= m_options.course.silence ? "silent" : "playing";
-    char text[120];
-    std::snprintf(text, sizeof text, "%s  %.0f s  %.0f kbit/s  %llu packets  lost %llu", state, media.seconds,
-                  media.kilobitsPerSecond, static_cast<unsigned long long>(media.packets),
-                  static_cast<unsigned long long>(media.lost));
+    const char *state = m_course.paused() ? "paused" : media.silent >= m_options.course.silence ? "silent" : "playing";
+    const auto position = m_course.position();
+    const Span span = parseSpan(m_course.description().range);
+    const auto speed = m_course.playback().speedCode;
+    const std::string place = !position ? positionShown({media.seconds, false})
+                                        : positionShown(*position) + (span.end ? "/" + positionShown(*span.end) : "");
+    char text[200];
+    std::snprintf(text, sizeof text, "%s  %s  %s  %.0f kbit/s  %llu packets  lost %llu  jitter %.1f ms%s", state,
+                  place.c_str(), speedText(speed).c_str(), media.kilobitsPerSecond,
+                  static_cast<unsigned long long>(media.packets), static_cast<unsigned long long>(media.lost),
+                  media.jitterMs, steered ? "  ? keys" : "");
     m_report.status({"progress",
                      text,
                      {{"seconds", media.seconds},
+                      {"state", state},
+                      {"position", position ? Fields(position->seconds) : Fields(nullptr)},
+                      {"speed", speedFactor(speed)},
                       {"kbit_per_s", media.kilobitsPerSecond},
                       {"packets", media.packets},
-                      {"lost", media.lost}}});
+                      {"lost", media.lost},
+                      {"jitter_ms", media.jitterMs}}});
 }
 
 } // namespace
 
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report)
 {
-    const Interrupt interrupt;
+    Interrupt interrupt;
     Plugin plugin(common.plugin);
     double seconds = 0;
     int number = 1; // of the session among those that had media
@@ -174,7 +204,7 @@ void playCommand(const CommonOptions &common, const PlayOptions &options, Report
             Course course(plugin, interrupt, common.source, own, report);
             try
             {
-                Play(course, options, report, seconds).run();
+                Play(course, interrupt, options, report, seconds).run(Controls::wanted(common.json));
             }
             catch (const Failure &failed)
             {

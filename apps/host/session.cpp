@@ -183,6 +183,12 @@ void Session::pause()
     check("pause", m_controlEx->pause());
 }
 
+void Session::seek(const Playback &playback)
+{
+    constexpr ZR_ULONG normalSpeed = 11;
+    check("seeking", m_controlEx->dragPlay(playback.from, playback.to, playback.speedCode.value_or(normalSpeed)));
+}
+
 void Session::setUpToTv(tagProtocol protocol, const tagTransportAddr &wall)
 {
     // the code for "none offered" and for "no answer" is one: only the latter takes its time

@@ -63,6 +63,8 @@ public:
     void setUp(const TrackUrl &track, tagProtocol protocol, const Playback &playback);
     void play(const Playback &playback);
     void pause();
+    /// Plays from somewhere else or at another speed, also while it plays.
+    void seek(const Playback &playback);
     /// Has the server send the stream to a TV wall as well; the session goes on.
     void setUpToTv(tagProtocol protocol, const tagTransportAddr &wall);
     /// Ends that, without waiting for the answer.

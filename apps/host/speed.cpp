@@ -1,6 +1,7 @@
 #include "speed.h"
 
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 
 #include "failure.h"
@@ -51,6 +52,32 @@ std::optional<ZR_ULONG> speedCode(const std::string &text)
         }
     }
     throw wrongUsage("a speed is one of 0.125, 0.25, 0.5, 1, 2, 4, 8, 16, -0.25, -0.5, -1, -2, -4, -8, -16, or code:N");
+}
+
+std::optional<ZR_ULONG> nextSpeed(std::optional<ZR_ULONG> code, bool up)
+{
+    const double now = speedFactor(code);
+    const Speed *next = nullptr;
+    for (const Speed &speed : speeds)
+    {
+        const bool beyond = up ? speed.factor > now : speed.factor < now;
+        if (beyond && (next == nullptr || std::fabs(speed.factor - now) < std::fabs(next->factor - now)))
+        {
+            next = &speed;
+        }
+    }
+    if (next == nullptr)
+    {
+        return code;
+    }
+    return next->code == normalSpeed ? std::nullopt : std::optional<ZR_ULONG>(next->code);
+}
+
+std::string speedText(std::optional<ZR_ULONG> code)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "x%g", speedFactor(code));
+    return text;
 }
 
 double speedFactor(std::optional<ZR_ULONG> code)

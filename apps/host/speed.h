@@ -14,6 +14,13 @@ namespace zr::host {
 /// @throws Failure  of wrong usage, naming the factors there are
 std::optional<ZR_ULONG> speedCode(const std::string &text);
 
+/// The speed next to this one, up or down; the last one where there is no other.
+/// @param code  nothing: 1
+std::optional<ZR_ULONG> nextSpeed(std::optional<ZR_ULONG> code, bool up);
+
+/// Such as "x2", "x-0.25".
+std::string speedText(std::optional<ZR_ULONG> code);
+
 /// How much faster than time a code plays; 1 for a code without a factor of its own.
 double speedFactor(std::optional<ZR_ULONG> code);
 

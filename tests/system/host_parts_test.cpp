@@ -4,6 +4,7 @@
 
 #include "failure.h"
 #include "notices.h"
+#include "position.h"
 #include "sdp.h"
 #include "speed.h"
 #include "url.h"
@@ -106,10 +107,24 @@ TEST(HostSpeed, isAFactorOrACode)
     EXPECT_EQ(speedCode("code:11"), 11u);
     EXPECT_EQ(speedFactor(speedCode("-4")), -4);
     EXPECT_EQ(speedFactor(std::nullopt), 1);
+    EXPECT_EQ(nextSpeed(10u, true), std::nullopt);
+    EXPECT_EQ(nextSpeed(19u, false), 8u);
+    EXPECT_EQ(nextSpeed(15u, true), 15u);
     for (const char *wrong : {"", "x", "3", "0", "nan", "2y", "code:", "code:20", "code:-1", "code:1.5"})
     {
         EXPECT_THROW(speedCode(wrong), Failure) << wrong;
     }
+}
+
+TEST(HostPosition, isOfARecordingOrOfADay)
+{
+    const Span span = parseSpan("clock=20260228T235950Z-20260301T000010.25Z");
+    ASSERT_TRUE(span.begin && span.end);
+    EXPECT_EQ(span.end->seconds - span.begin->seconds, 20.25);
+    EXPECT_EQ(positionText({span.begin->seconds + 10.5, true}), "20260301T000000.500Z");
+    EXPECT_EQ(parsePosition("1:02:03.5")->seconds, 3723.5);
+    EXPECT_EQ(positionText(*parsePosition("12")), "12.000");
+    EXPECT_FALSE(parsePosition("now") || parsePosition("") || parsePosition("20260228T2359Z") || parsePosition("1s"));
 }
 
 TEST(HostBackoff, growsUntilASessionLasts)

@@ -1,14 +1,19 @@
 """The course of a session: its events, seeking, pausing, and its end."""
 
+import os
+import pty
+import select
+import shlex
 import signal
 import socket
 import subprocess
+import termios
 import time
 import unittest
 
 from PIL import Image, ImageChops
 
-from programs import INTERRUPTED, OK, HostTest
+from programs import INTERRUPTED, OK, HostTest, command
 
 
 class SessionTest(HostTest):
@@ -42,6 +47,46 @@ class SessionTest(HostTest):
             parts = [image.convert("RGB").crop((0, 0, 640, 80)) for image in (late, early)]
         difference = ImageChops.difference(*parts).getextrema()
         self.assertGreater(max(high for _, high in difference), 100)
+
+    def test_keys(self):
+        url = self.device("--vod-length", "40").url("vod")
+        shell, terminal = pty.fork()
+        if shell == 0:
+            os.execvp("bash", ["bash", "--norc", "--noediting", "-i"])
+        self.addCleanup(os.waitpid, shell, 0)
+        self.addCleanup(os.close, terminal)
+        self.addCleanup(os.killpg, shell, signal.SIGHUP)
+
+        def until(text):
+            seen = ""
+            while text not in seen:
+                self.assertTrue(select.select([terminal], [], [], 30)[0], f"no {text!r} in {seen!r}")
+                seen += os.read(terminal, 4096).decode(errors="replace")
+            return seen
+
+        def mode():
+            return termios.tcgetattr(terminal)[3] & (termios.ECHO | termios.ICANON)
+
+        os.write(terminal, f"cd {self.folder}; PS1=ready:; echo\n".encode())
+        until("\nready:")
+        usual = mode()
+        os.write(terminal, shlex.join(command("play", url)).encode() + b"\n")
+        until("? keys")
+        self.assertEqual((usual, mode()), (termios.ECHO | termios.ICANON, 0))
+        for keys, text in ((b" ", "paused  0:0"), (b" ", "playing on"), (b"\x1b[C", "playing from 0:1"),
+                           (b"+", " at speed x2"), (b"s", "wrote the picture zr_rtsp-"), (b"i", "jitter"),
+                           (b"\x1a", "ready:"), (b"fg\n", "  x2  "), (b"\x1b[6~", "playing from 0:00")):
+            os.write(terminal, keys)
+            until(text)
+        self.assertEqual(mode(), 0)
+        os.write(terminal, b"q")
+        until("ready:")
+        self.assertEqual(mode(), usual)
+        os.write(terminal, shlex.join(command("describe", url, "--user", "joe")).encode() + b"\n")
+        until("password of joe")
+        self.assertEqual(mode(), termios.ICANON)
+        os.write(terminal, b"unseen\n")
+        self.assertNotIn("unseen", until("H264 video"))
 
     def test_interrupt_tears_down(self):
         process = self.start("play", self.device().url("live"))

@@ -1,0 +1,233 @@
+#include "controls.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <ctime>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include "commands.h"
+#include "output_file.h"
+#include "speed.h"
+
+namespace zr::host {
+namespace {
+
+constexpr double step = 10; // seconds
+constexpr double farStep = 60;
+constexpr double beforeEnd = 1; // seconds: a server refuses to play from the very end
+constexpr ZR_ULONG pictureWithinMs = 5000;
+
+std::string pictureName()
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm day{};
+    localtime_r(&now, &day);
+    std::array<char, 40> text{};
+    std::strftime(text.data(), text.size(), "zr_rtsp-%Y%m%d-%H%M%S.png", &day);
+    int number = 1;
+    return numbered(text.data(), number, false);
+}
+
+std::string milliseconds(double value)
+{
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.1f ms", value);
+    return text.data();
+}
+
+} // namespace
+
+bool Controls::wanted(bool json)
+{
+    return !json && isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;
+}
+
+Controls::Controls(Course &course, Interrupt &interrupt, Report &report)
+    : m_course(course)
+    , m_interrupt(interrupt)
+    , m_report(report)
+{
+    m_course.alsoWakeFor(m_terminal.take() ? STDIN_FILENO : -1);
+}
+
+Controls::~Controls()
+{
+    m_course.alsoWakeFor(-1);
+}
+
+/// @return whether something came
+bool Controls::read()
+{
+    // the shell may have taken the terminal, or given it back, since the last time
+    const bool mine = !m_ended && m_terminal.take();
+    m_course.alsoWakeFor(mine ? STDIN_FILENO : -1);
+    pollfd ready{STDIN_FILENO, POLLIN, 0};
+    if (!mine || poll(&ready, 1, 0) <= 0)
+    {
+        return false;
+    }
+    std::array<char, 64> bytes{};
+    const ssize_t size = ::read(STDIN_FILENO, bytes.data(), bytes.size());
+    if (size > 0)
+    {
+        m_typed.append(bytes.data(), static_cast<size_t>(size));
+    }
+    else if (size == 0 || errno != EINTR)
+    {
+        m_ended = true;
+        m_course.alsoWakeFor(-1);
+    }
+    return size > 0;
+}
+
+void Controls::serve()
+{
+    while (read())
+    {
+        for (const Key key : takeKeys(m_typed))
+        {
+            if (m_course.over())
+            {
+                return;
+            }
+            try
+            {
+                act(key);
+            }
+            catch (const Failure &failed)
+            {
+                say(failed.what());
+            }
+        }
+    }
+}
+
+void Controls::act(Key key)
+{
+    switch (key)
+    {
+    case Key::Pause:
+        return togglePause();
+    case Key::Back:
+        return move(-step);
+    case Key::Forward:
+        return move(step);
+    case Key::FarBack:
+        return move(-farStep);
+    case Key::FarForward:
+        return move(farStep);
+    case Key::Slower:
+        return changeSpeed(false);
+    case Key::Faster:
+        return changeSpeed(true);
+    case Key::Snapshot:
+        return takePicture();
+    case Key::Information:
+        return tellInformation();
+    case Key::Help:
+        return say(keyHelp);
+    case Key::Quit:
+        return m_interrupt.ask();
+    }
+}
+
+void Controls::say(const std::string &text)
+{
+    m_report.event("told", text, nullptr);
+}
+
+void Controls::togglePause()
+{
+    if (m_course.paused())
+    {
+        m_course.playOn();
+    }
+    else
+    {
+        m_course.pause();
+    }
+}
+
+void Controls::move(double seconds)
+{
+    auto position = m_course.position();
+    if (!position)
+    {
+        say("a live stream plays now: there is nowhere else to go");
+        return;
+    }
+    Span span = parseSpan(m_course.description().range);
+    if (span.end)
+    {
+        span.end->seconds -= beforeEnd;
+    }
+    position->seconds += seconds;
+    playFrom(clamped(*position, span), m_course.playback().speedCode);
+}
+
+void Controls::changeSpeed(bool up)
+{
+    const auto position = m_course.position();
+    const auto before = m_course.playback().speedCode;
+    const auto speed = nextSpeed(before, up);
+    if (!position)
+    {
+        say("a live stream has one speed");
+    }
+    else if (speed != before)
+    {
+        playFrom(*position, speed);
+    }
+}
+
+void Controls::playFrom(Position position, std::optional<ZR_ULONG> speedCode)
+{
+    const Span span = parseSpan(m_course.description().range);
+    const bool backwards = speedFactor(speedCode) < 0;
+    // backwards a range falls (RFC 2326, 12.34)
+    const std::string asked = backwards ? "" : m_course.options().playback.to;
+    const auto &end = backwards ? span.begin : span.end;
+    Playback playback;
+    playback.from = positionText(position);
+    playback.to = !asked.empty() ? asked : end ? positionText(*end) : "";
+    playback.speedCode = speedCode;
+    m_course.seek(playback);
+    m_report.event("playing",
+                   "playing from " + positionShown(position) + (speedCode ? " at speed " + speedText(speedCode) : ""),
+                   nullptr);
+}
+
+void Controls::takePicture()
+{
+    if (m_course.paused())
+    {
+        say("no picture comes while the stream is paused");
+        return;
+    }
+    const std::string file = pictureName();
+    m_course.session().snapshot(file, pictureWithinMs);
+    m_report.event("snapshot", "wrote the picture " + file, {{"file", file}});
+}
+
+void Controls::tellInformation()
+{
+    const Media &media = m_course.media();
+    const Description &description = m_course.description();
+    say(m_course.source().url.text + ": " + summary(description) + " over " +
+        (m_course.options().protocol == PROTOCOL_TCP ? "TCP" : "UDP"));
+    for (const std::string &line : {description.name, description.tool, description.range})
+    {
+        if (!line.empty())
+        {
+            say("  " + line);
+        }
+    }
+    say("  received " + std::to_string(media.packets) + " packets, " + amount(media.bytes) + ", lost " +
+        std::to_string(media.lost) + ", jitter " + milliseconds(media.jitterMs) +
+        (m_course.options().record.empty() ? "" : ", recording " + m_course.options().record));
+}
+
+} // namespace zr::host

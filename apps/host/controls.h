@@ -1,0 +1,50 @@
+/// @file
+/// A stream that plays, steered by keys.
+#pragma once
+
+#include <string>
+
+#include "course.h"
+#include "interrupt.h"
+#include "keys.h"
+#include "terminal_mode.h"
+
+namespace zr::host {
+
+/// Takes the terminal for as long as it exists. One thread.
+class Controls
+{
+public:
+    /// Whether there is somebody at a terminal who sees what happens and can type.
+    static bool wanted(bool json);
+
+    /// @param course, interrupt, report  outlive it; the course plays
+    Controls(Course &course, Interrupt &interrupt, Report &report);
+    ~Controls();
+    Controls(const Controls &) = delete;
+    Controls &operator=(const Controls &) = delete;
+
+    /// Does what was typed since the last call; does not wait for more. What cannot be done is said, and the stream
+    /// plays on.
+    void serve();
+
+private:
+    bool read();
+    void act(Key key);
+    void togglePause();
+    void move(double seconds);
+    void changeSpeed(bool up);
+    void playFrom(Position position, std::optional<ZR_ULONG> speedCode);
+    void takePicture();
+    void tellInformation();
+    void say(const std::string &text);
+
+    Course &m_course;
+    Interrupt &m_interrupt;
+    Report &m_report;
+    TerminalMode m_terminal{TerminalMode::Kind::Keys};
+    std::string m_typed;
+    bool m_ended = false; ///< nobody is there any more
+};
+
+} // namespace zr::host
