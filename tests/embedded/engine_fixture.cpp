@@ -1,17 +1,12 @@
 #include "engine_fixture.h"
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <csignal>
 
-#include <netinet/in.h>
+#include <ace/SOCK_Connector.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "zr_cc_rt.h"
 
@@ -19,18 +14,16 @@ namespace zr::test {
 
 namespace {
 
-int listenOn(uint16_t &port)
+ACE_INET_Addr addressOf(const ACE_SOCK_Acceptor &listener)
 {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    auto *const plain = reinterpret_cast<sockaddr *>(&address);
-    EXPECT_EQ(bind(listener, plain, size), 0);
-    EXPECT_EQ(getsockname(listener, plain, &size), 0);
-    port = ntohs(address.sin_port);
-    return listener;
+    ACE_INET_Addr address;
+    EXPECT_EQ(listener.get_local_addr(address), 0);
+    return address;
+}
+
+ACE_SOCK_Acceptor listenWith(int backlog)
+{
+    return {ACE_INET_Addr(u_short{0}, ACE_UINT32{INADDR_LOOPBACK}), 0, PF_INET, backlog};
 }
 
 std::string headerOf(const std::string &request, const std::string &name)
@@ -42,18 +35,43 @@ std::string headerOf(const std::string &request, const std::string &name)
     return request.substr(begin, request.find("\r\n", begin) - begin);
 }
 
-std::mutex portsMutex; // guards the port that is open
-ZR_ULONG openId = 0;
-std::weak_ptr<media::Port> openPort;
+/// @return whether the connection stays
+bool play(BIO *stream, const Step &step, const std::string &request)
+{
+    EXPECT_TRUE(step.method.empty() || step.method == request.substr(0, request.find(' '))) << request;
+    for (std::string piece : step.pieces)
+    {
+        size_t mark = 0;
+        while ((mark = piece.find("{cseq}")) != std::string::npos)
+            piece.replace(mark, 6, headerOf(request, "CSeq"));
+        if (BIO_write(stream, piece.data(), static_cast<int>(piece.size())) <= 0)
+            return false;
+        if (step.pieces.size() > 1) // so that the pieces arrive as pieces
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    const linger reset = {1, 0};
+    if (step.after == After::Reset)
+        setsockopt(static_cast<int>(BIO_get_fd(stream, nullptr)), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    return step.after == After::Stay;
+}
+
+bool saidGoodbye(BIO *stream)
+{
+    const SSL *ssl = nullptr;
+    BIO_get_ssl(stream, &ssl);
+    return ssl && SSL_is_init_finished(ssl) && (SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN) != 0;
+}
+
+std::mutex portMutex; // guards the port that is open
+std::pair<ZR_ULONG, std::weak_ptr<media::Port>> openPort;
 
 } // namespace
 
 ScriptedServer::ScriptedServer(std::vector<Script> scripts, std::shared_ptr<SSL_CTX> tls)
     : m_scripts(std::move(scripts))
     , m_tls(std::move(tls))
-    , m_listener(listenOn(m_port))
+    , m_listener(listenWith(16))
 {
-    EXPECT_EQ(listen(m_listener, 16), 0);
     EXPECT_EQ(pipe(m_stop), 0);
     m_thread = std::thread([this] { run(); });
 }
@@ -63,63 +81,24 @@ ScriptedServer::~ScriptedServer()
     close(m_stop[1]);
     m_thread.join();
     close(m_stop[0]);
-    close(m_listener);
+    m_listener.close();
+}
+
+uint16_t ScriptedServer::port() const
+{
+    return addressOf(m_listener).get_port_number();
+}
+
+std::string ScriptedServer::url(const std::string &scheme) const
+{
+    return scheme + "://127.0.0.1:" + std::to_string(port()) + "/live";
 }
 
 /// Whether the socket has something before the test ends.
-static bool readable(int socket, int stop)
+bool ScriptedServer::readable(int socket) const
 {
-    std::array<pollfd, 2> waits = {pollfd{socket, POLLIN, 0}, pollfd{stop, POLLIN, 0}};
+    std::array<pollfd, 2> waits = {pollfd{socket, POLLIN, 0}, pollfd{m_stop[0], POLLIN, 0}};
     return poll(waits.data(), waits.size(), -1) > 0 && waits[1].revents == 0;
-}
-
-ServerStream::ServerStream(int socket, SSL_CTX *tls)
-    : m_socket(socket)
-    , m_tls(tls ? SSL_new(tls) : nullptr, SSL_free)
-{
-    const int one = 1;
-    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    if (m_tls)
-    {
-        SSL_set_fd(m_tls.get(), socket);
-        SSL_accept(m_tls.get()); // what comes of it shows in what follows
-    }
-}
-
-ServerStream::~ServerStream()
-{
-    close(m_socket);
-}
-
-bool ServerStream::readable(int stop) const
-{
-    return (m_tls && SSL_pending(m_tls.get()) > 0) || test::readable(m_socket, stop);
-}
-
-ssize_t ServerStream::read(char *bytes, size_t size) const
-{
-    return m_tls ? SSL_read(m_tls.get(), bytes, static_cast<int>(size)) : recv(m_socket, bytes, size, 0);
-}
-
-bool ServerStream::write(const std::string &bytes) const
-{
-    if (m_tls)
-        return SSL_write(m_tls.get(), bytes.data(), static_cast<int>(bytes.size())) > 0;
-    return send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0;
-}
-
-bool ServerStream::saidGoodbye() const
-{
-    return m_tls && SSL_is_init_finished(m_tls.get()) && (SSL_get_shutdown(m_tls.get()) & SSL_RECEIVED_SHUTDOWN) != 0;
-}
-
-void ServerStream::end(After how) const
-{
-    const linger reset = {1, 0};
-    if (how == After::Reset)
-        setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-    else if (m_tls)
-        SSL_shutdown(m_tls.get());
 }
 
 void ScriptedServer::run()
@@ -127,26 +106,32 @@ void ScriptedServer::run()
     sigset_t pipe;
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, nullptr); // this thread's TLS writes plainly
-    for (size_t number = 0; readable(m_listener, m_stop[0]); ++number)
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr); // this thread writes plainly
+    for (size_t number = 0; readable(m_listener.get_handle()); ++number)
     {
-        const int socket = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-        serve(ServerStream(socket, m_tls.get()), number < m_scripts.size() ? m_scripts[number] : Script());
-        m_signal.change([this] { ++m_ended; });
+        const int socket = accept4(m_listener.get_handle(), nullptr, nullptr, SOCK_CLOEXEC);
+        const int one = 1;
+        setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+        BIO *const plain = BIO_new_socket(socket, BIO_CLOSE);
+        const std::unique_ptr<BIO, decltype(&BIO_free_all)> stream(
+            m_tls ? BIO_push(BIO_new_ssl(m_tls.get(), 0), plain) : plain, BIO_free_all);
+        BIO_do_handshake(stream.get()); // what comes of it shows in what follows
+        serve(stream.get(), number < m_scripts.size() ? m_scripts[number] : Script());
+        m_ends.add(number);
     }
 }
 
-void ScriptedServer::serve(const ServerStream &stream, const Script &script)
+void ScriptedServer::serve(BIO *stream, const Script &script)
 {
     auto step = script.begin();
     std::string buffer;
     std::string request;
-    while (stream.readable(m_stop[0]))
+    while (BIO_pending(stream) > 0 || readable(static_cast<int>(BIO_get_fd(stream, nullptr))))
     {
         std::array<char, 4096> bytes;
-        const ssize_t size = stream.read(bytes.data(), bytes.size());
-        if (stream.saidGoodbye())
-            m_signal.change([this] { m_requests.emplace_back("close_notify"); });
+        const int size = BIO_read(stream, bytes.data(), static_cast<int>(bytes.size()));
+        if (saidGoodbye(stream))
+            requests.add("close_notify");
         if (size <= 0)
             return;
         buffer.append(bytes.data(), static_cast<size_t>(size));
@@ -166,7 +151,7 @@ bool ScriptedServer::takeRequest(std::string &buffer, std::string &request)
         const size_t size = 4U + static_cast<unsigned char>(buffer[2]) * 256U + static_cast<unsigned char>(buffer[3]);
         if (buffer.size() < size)
             return false;
-        m_signal.change([&] { m_frames.append(buffer, 0, size); });
+        frames.add(buffer.substr(0, size));
         buffer.erase(0, size);
     }
     const size_t end = buffer.find("\r\n\r\n");
@@ -174,78 +159,27 @@ bool ScriptedServer::takeRequest(std::string &buffer, std::string &request)
         return false;
     request = buffer.substr(0, end + 4);
     buffer.erase(0, end + 4);
-    m_signal.change([&] { m_requests.push_back(request); });
+    requests.add(request);
     return true;
-}
-
-bool ScriptedServer::play(const ServerStream &stream, const Step &step, const std::string &request)
-{
-    if (!step.method.empty())
-    {
-        EXPECT_EQ(request.substr(0, request.find(' ')), step.method);
-    }
-    for (std::string piece : step.pieces)
-    {
-        size_t mark = 0;
-        while ((mark = piece.find("{cseq}")) != std::string::npos)
-            piece.replace(mark, 6, headerOf(request, "CSeq"));
-        if (!stream.write(piece))
-            return false;
-        if (step.pieces.size() > 1) // so that the pieces arrive as pieces
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    if (step.after != After::Stay)
-        stream.end(step.after);
-    return step.after == After::Stay;
-}
-
-std::vector<std::string> ScriptedServer::requests(size_t count)
-{
-    std::vector<std::string> copy;
-    m_signal.wait([&] {
-        copy = m_requests;
-        return copy.size() >= count;
-    });
-    return copy;
-}
-
-bool ScriptedServer::ended(size_t connections)
-{
-    return m_signal.wait([&] { return m_ended >= connections; });
-}
-
-std::string ScriptedServer::frames(size_t size)
-{
-    std::string copy;
-    m_signal.wait([&] {
-        copy = m_frames;
-        return copy.size() >= size;
-    });
-    return copy;
 }
 
 uint16_t refusedPort()
 {
-    uint16_t port = 0;
-    close(listenOn(port));
+    ACE_SOCK_Acceptor listener = listenWith(1);
+    const uint16_t port = addressOf(listener).get_port_number();
+    listener.close();
     return port;
 }
 
 uint16_t silentPort(bool full)
 {
-    uint16_t port = 0;
-    const int listener = listenOn(port);
-    EXPECT_EQ(listen(listener, full ? 0 : 16), 0);
-    sockaddr_in address = {};
-    socklen_t size = sizeof(address);
-    auto *const plain = reinterpret_cast<sockaddr *>(&address);
-    getsockname(listener, plain, &size);
+    const ACE_INET_Addr address = addressOf(listenWith(full ? 0 : 16));
     for (int filler = 0; full && filler < 4; ++filler)
     {
-        const int waiting = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        EXPECT_TRUE(connect(waiting, plain, size) == 0 || errno == EINPROGRESS);
+        ACE_SOCK_Stream waiting;
+        ACE_SOCK_Connector(waiting, address, &ACE_Time_Value::zero);
     }
-    return port;
+    return address.get_port_number();
 }
 
 ZR_ULONG Recorder::AOIMsgPro(tagAOIMsg *message)
@@ -261,96 +195,40 @@ ZR_ULONG Recorder::AOIMsgPro(tagAOIMsg *message)
     CAOIIETool::getAOIIESDP(message, received.sdp);
     CAOIIETool::getAOIIEContentBase(message, received.base);
     CAOIIETool::getAOIIERange(message, received.range);
-    tagAOIIEQuitReason reason = {};
-    if (CAOIIETool::getAOIIEQuitReason(message, reason) == 0)
-        received.reason = reason;
-    tagAOIIERtspActionType action = {};
-    if (CAOIIETool::getAOIIESAction(message, action) == 0)
-        received.action = action;
-    m_signal.change([&] { m_messages.push_back(received); });
+    CAOIIETool::getAOIIEQuitReason(message, received.reason);
+    CAOIIETool::getAOIIESAction(message, received.action);
+    messages.add(received);
     return 0;
-}
-
-std::vector<Received> Recorder::messages(size_t count, std::chrono::milliseconds limit)
-{
-    std::vector<Received> copy;
-    m_signal.wait(
-        [&] {
-            copy = m_messages;
-            return copy.size() >= count;
-        },
-        limit);
-    return copy;
 }
 
 std::shared_ptr<RecordingPort> RecordingPort::open(ZR_ULONG aoiPort)
 {
     auto port = std::make_shared<RecordingPort>();
-    const std::lock_guard<std::mutex> lock(portsMutex);
-    openId = aoiPort;
-    openPort = port;
+    const std::lock_guard<std::mutex> lock(portMutex);
+    openPort = {aoiPort, port};
     return port;
-}
-
-void RecordingPort::note(std::string event)
-{
-    m_signal.change([&] { m_events.push_back(std::move(event)); });
-}
-
-void RecordingPort::setUpTrack(unsigned number, const media::TrackTransport &transport, media::InterleavedWriter writer)
-{
-    m_signal.change([&] { m_writer = std::move(writer); });
-    note("track " + std::to_string(number) + " channels " + std::to_string(transport.rtpChannel) + "-" +
-         std::to_string(transport.rtcpChannel));
-}
-
-void RecordingPort::interleavedFrame(uint8_t channel, const uint8_t *data, size_t size)
-{
-    note("frame " + std::to_string(channel) + " " + std::string(reinterpret_cast<const char *>(data), size));
-}
-
-void RecordingPort::connectionClosed()
-{
-    note("closed");
-}
-
-std::vector<std::string> RecordingPort::events(size_t count)
-{
-    std::vector<std::string> copy;
-    m_signal.wait([&] {
-        copy = m_events;
-        return copy.size() >= count;
-    });
-    return copy;
-}
-
-media::InterleavedWriter RecordingPort::writer()
-{
-    media::InterleavedWriter copy;
-    m_signal.wait([&] {
-        copy = m_writer;
-        return copy != nullptr;
-    });
-    return copy;
 }
 
 Client::Client(CIAOIMsgDisp &dispatcher, ZR_ULONG id, const std::string &host, uint16_t port)
     : url("rtsp://" + host + ":" + std::to_string(port) + "/live")
     , m_dispatcher(dispatcher)
     , m_id(id)
-    , m_host(host)
-    , m_port(port)
+    , m_ua("ua" + std::to_string(id))
 {
-    EXPECT_EQ(CRouteMgr::addUAAddr("ua" + std::to_string(id), "camera", host, port), 0U);
+    EXPECT_EQ(CRouteMgr::addUAAddr(m_ua, "camera", host, port), 0U);
     EXPECT_EQ(dispatcher.registerAOIMsgProc(id, &recorder), 0U);
-    m_registered = true;
+}
+
+Client::Client(CIAOIMsgDisp &dispatcher, ZR_ULONG id, const ScriptedServer &server)
+    : Client(dispatcher, id, "127.0.0.1", server.port())
+{
 }
 
 Client::~Client()
 {
     if (m_registered)
         unregister();
-    CRouteMgr::deleteUAAddr("ua" + std::to_string(m_id), "camera");
+    CRouteMgr::deleteUAAddr(m_ua, "camera");
 }
 
 ZR_ULONG Client::unregister()
@@ -359,42 +237,43 @@ ZR_ULONG Client::unregister()
     return m_dispatcher.unregisterAOIMsgProc(m_id);
 }
 
-aoi::MessagePtr Client::create(ZR_ULONG messageId) const
+void Client::reroute(uint16_t port) const
+{
+    CRouteMgr::deleteUAAddr(m_ua, "camera");
+    EXPECT_EQ(CRouteMgr::addUAAddr(m_ua, "camera", "127.0.0.1", port), 0U);
+}
+
+ZR_ULONG Client::send(ZR_ULONG messageId)
 {
     constexpr ZR_ULONG nobody = 0xFFFFFFFF;
-    aoi::MessagePtr message(CAOIIETool::mallocAOIMsg(2048));
+    const aoi::MessagePtr owned(CAOIIETool::mallocAOIMsg(2048));
+    tagMDPMsg *const message = owned.get();
     tagMDPMsgHeader header = {};
     CAOIIETool::genAOIMsgHeader(messageId, m_id, nobody, header);
-    MDP_CreatReqMsgHeader(&header, message.get());
-    CAOIIETool::addAOIIEURL(url, message.get());
-    CAOIIETool::addAOIIESrcUaID("ua" + std::to_string(m_id), message.get(), 1);
-    CAOIIETool::addAOIIEDstUaID("camera", message.get(), 1);
-    return message;
+    MDP_CreatReqMsgHeader(&header, message);
+    CAOIIETool::addAOIIEURL(url, message);
+    CAOIIETool::addAOIIESrcUaID(m_ua, message, 1);
+    CAOIIETool::addAOIIEDstUaID("camera", message, 1);
+    if (messageId == AOI_MSG_RTSP_DESCRIBE)
+    {
+        CAOIIETool::addAOIIEUserAgent(message);
+        CAOIIETool::addAOIIEAccept(message);
+        CAOIIETool::addAOIIEAuth(authorization, message);
+    }
+    else if (messageId == AOI_MSG_RTSP_SETUP)
+        CAOIIETool::addAOIIETransport("127.0.0.1", 5000, protocol, BROADCASTMETHOD_NONE, message, 0);
+    else
+        CAOIIETool::addAOIIESessionID(session, message);
+    return m_dispatcher.sendAOIMsg(message);
 }
 
-ZR_ULONG Client::describe(const std::string &authorization)
+Received Client::ask(ZR_ULONG messageId)
 {
-    aoi::MessagePtr message = create(AOI_MSG_RTSP_DESCRIBE);
-    CAOIIETool::addAOIIEUserAgent(message.get());
-    CAOIIETool::addAOIIEAccept(message.get());
-    CAOIIETool::addAOIIEAuth(authorization, message.get());
-    return m_dispatcher.sendAOIMsg(message.get());
-}
-
-ZR_ULONG Client::setup(const std::string &session, tagProtocol protocol)
-{
-    aoi::MessagePtr message = create(AOI_MSG_RTSP_SETUP);
-    EXPECT_EQ(CAOIIETool::addAOIIETransport("127.0.0.1", 5000, protocol, BROADCASTMETHOD_NONE, message.get(), 0), 0U);
-    if (!session.empty())
-        CAOIIETool::addAOIIESessionID(session, message.get());
-    return m_dispatcher.sendAOIMsg(message.get());
-}
-
-ZR_ULONG Client::send(ZR_ULONG messageId, const std::string &session)
-{
-    aoi::MessagePtr message = create(messageId);
-    CAOIIETool::addAOIIESessionID(session, message.get());
-    return m_dispatcher.sendAOIMsg(message.get());
+    const size_t before = recorder.messages(0).size();
+    EXPECT_EQ(send(messageId), 0U);
+    const auto all = recorder.messages(before + 1);
+    EXPECT_GT(all.size(), before) << "no answer to " << std::hex << messageId;
+    return all.size() > before ? all[before] : Received();
 }
 
 std::string ok(const std::string &headers, const std::string &body)
@@ -406,18 +285,14 @@ std::string ok(const std::string &headers, const std::string &body)
 const std::string describeAnswer = ok("Content-Type: application/sdp\r\n",
                                       "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:track1\r\n");
 const std::string setupAnswer = ok("Session: S1;timeout=60\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
-
-dispatch::Settings quickSettings()
-{
-    dispatch::Settings settings;
-    settings.userAgent = "test";
-    return settings;
-}
+const std::string udpSetupAnswer =
+    ok("Session: S1;timeout=10\r\nTransport: RTP/AVP;unicast;client_port=5000-5001;server_port=6000-6001\r\n");
+const std::string sessionAnswer = ok("Session: S1\r\n");
 
 } // namespace zr::test
 
 std::shared_ptr<zr::media::Port> zr::media::findByAoiPort(ZR_ULONG aoiPortId)
 {
-    const std::lock_guard<std::mutex> lock(zr::test::portsMutex);
-    return aoiPortId == zr::test::openId ? zr::test::openPort.lock() : nullptr;
+    const std::lock_guard<std::mutex> lock(zr::test::portMutex);
+    return aoiPortId == zr::test::openPort.first ? zr::test::openPort.second.lock() : nullptr;
 }

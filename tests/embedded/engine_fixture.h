@@ -1,9 +1,7 @@
 /// @file
-/// A scripted server, a processor that records, and requests as the plug-in makes them. The media port is a recording
-/// one as well.
+/// A scripted server, a processor and a media port that record, and requests as the plug-in makes them.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -12,6 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include <ace/SOCK_Acceptor.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
 #include "engine.h"
@@ -21,27 +22,29 @@ namespace zr::test {
 
 constexpr std::chrono::seconds patience{10}; ///< for what must happen; nothing waits that long when all is well
 
-/// Waits until a condition holds under its mutex; false when it does not in time.
-class Signal
+/// What one thread notes and another waits for.
+template <typename Item>
+class Notes
 {
 public:
-    template <typename Change>
-    void change(Change change_)
+    void add(Item item)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        change_();
-        m_changed.notify_all();
+        m_items.push_back(std::move(item));
+        m_added.notify_all();
     }
-    template <typename Condition>
-    bool wait(Condition condition, std::chrono::milliseconds limit = patience)
+    /// All so far. Waits until there are that many.
+    std::vector<Item> operator()(size_t count, std::chrono::milliseconds limit = patience)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, limit, condition);
+        m_added.wait_for(lock, limit, [&] { return m_items.size() >= count; });
+        return m_items;
     }
 
 private:
     std::mutex m_mutex;
-    std::condition_variable m_changed;
+    std::condition_variable m_added;
+    std::vector<Item> m_items;
 };
 
 enum class After
@@ -60,56 +63,32 @@ struct Step
 };
 using Script = std::vector<Step>;
 
-/// The server's side of one connection.
-class ServerStream
-{
-public:
-    ServerStream(int socket, SSL_CTX *tls);
-    ~ServerStream();
-    /// Whether there is something before the test ends.
-    bool readable(int stop) const;
-    /// @return as recv
-    ssize_t read(char *bytes, size_t size) const;
-    bool write(const std::string &bytes) const;
-    void end(After how) const;
-    /// Whether the client has ended TLS in good order.
-    bool saidGoodbye() const;
-
-private:
-    const int m_socket;
-    const std::shared_ptr<SSL> m_tls; ///< null: plain
-};
-
 /// Serves the scripts' connections one after the other on 127.0.0.1; requests beyond a script are recorded and not
-/// answered. Over TLS the client's good end is recorded as "close_notify".
+/// answered.
 class ScriptedServer
 {
 public:
     explicit ScriptedServer(std::vector<Script> scripts, std::shared_ptr<SSL_CTX> tls = nullptr);
     ~ScriptedServer();
-    uint16_t port() const { return m_port; }
-    /// All requests so far, as they came. Waits until there are that many.
-    std::vector<std::string> requests(size_t count);
+    uint16_t port() const;
+    std::string url(const std::string &scheme = "rtsp") const;
     /// Whether so many connections have ended at the client's or the script's will.
-    bool ended(size_t connections);
-    /// Interleaved bytes ($...) that the client sent.
-    std::string frames(size_t size);
+    bool ended(size_t connections) { return m_ends(connections).size() >= connections; }
+
+    Notes<std::string> requests; ///< whole; "close_notify" for the good end of TLS
+    Notes<std::string> frames;   ///< interleaved ones of the client
 
 private:
     void run();
-    void serve(const ServerStream &stream, const Script &script);
-    bool play(const ServerStream &stream, const Step &step, const std::string &request);
+    bool readable(int socket) const;
+    void serve(BIO *stream, const Script &script);
     bool takeRequest(std::string &buffer, std::string &request);
 
     const std::vector<Script> m_scripts;
     const std::shared_ptr<SSL_CTX> m_tls;
-    uint16_t m_port = 0; ///< set by what makes the listener
-    const int m_listener;
+    ACE_SOCK_Acceptor m_listener;
     int m_stop[2] = {-1, -1};
-    Signal m_signal;
-    std::vector<std::string> m_requests;
-    std::string m_frames;
-    size_t m_ended = 0;
+    Notes<size_t> m_ends;
     std::thread m_thread;
 };
 
@@ -121,29 +100,23 @@ uint16_t silentPort(bool full);
 struct Received
 {
     ZR_ULONG messageId = 0;
-    ZR_ULONG kind = 0;
+    ZR_ULONG kind = 9;
     ZR_ULONG destination = 0;
     ZR_ULONG error = 0;
     std::string session;
     std::string sdp;
     std::string base;
     std::string range;
-    ZR_ULONG reason = 0;
-    ZR_ULONG action = 0;
+    tagAOIIEQuitReason reason = {};
+    tagAOIIERtspActionType action = {};
 };
 
 class Recorder : public CIAOIMsgProc
 {
 public:
     ZR_ULONG AOIMsgPro(tagAOIMsg *message) override;
-    /// Waits for that many messages.
-    std::vector<Received> messages(size_t count, std::chrono::milliseconds limit = patience);
-    /// Runs inside each call.
-    std::function<void()> inside;
-
-private:
-    Signal m_signal;
-    std::vector<Received> m_messages;
+    std::function<void()> inside; ///< runs inside each call
+    Notes<Received> messages;
 };
 
 class RecordingPort : public media::Port
@@ -151,53 +124,76 @@ class RecordingPort : public media::Port
 public:
     /// Opens the port of a session, until the next one is opened.
     static std::shared_ptr<RecordingPort> open(ZR_ULONG aoiPort);
-    void setUpTrack(unsigned number, const media::TrackTransport &transport, media::InterleavedWriter writer) override;
-    void interleavedFrame(uint8_t channel, const uint8_t *data, size_t size) override;
-    void connectionClosed() override;
-    /// What happened, in words ("track 0 channels 0-1", "frame 0 abc", "closed"); waits for that many.
-    std::vector<std::string> events(size_t count);
-    media::InterleavedWriter writer();
+    void setUpTrack(unsigned number, const media::TrackTransport &transport, media::InterleavedWriter writer) override
+    {
+        writers.add(std::move(writer));
+        events.add("track " + std::to_string(number) + " channels " + std::to_string(transport.rtpChannel) + "-" +
+                   std::to_string(transport.rtcpChannel));
+    }
+    void interleavedFrame(uint8_t channel, const uint8_t *data, size_t size) override
+    {
+        events.add("frame " + std::to_string(channel) + " " + std::string(data, data + size));
+    }
+    void connectionClosed() override { events.add("closed"); }
 
-private:
-    void note(std::string event);
-    Signal m_signal;
-    std::vector<std::string> m_events;
-    media::InterleavedWriter m_writer;
+    Notes<media::InterleavedWriter> writers;
+    Notes<std::string> events; ///< what happened, in words
 };
 
-/// Requests of one session, sent to a dispatcher or an engine.
+/// Requests of one registration, sent to a dispatcher or an engine.
 class Client
 {
 public:
     /// Registers itself, and the route of its own UA pair.
     Client(CIAOIMsgDisp &dispatcher, ZR_ULONG id, const std::string &host, uint16_t port);
+    Client(CIAOIMsgDisp &dispatcher, ZR_ULONG id, const ScriptedServer &server);
     ~Client();
-    ZR_ULONG describe(const std::string &authorization = "");
-    ZR_ULONG setup(const std::string &session = "", tagProtocol protocol = PROTOCOL_TCP);
-    /// PLAY, PAUSE, TEARDOWN, OPTIONS, SET_PARAMERTER
-    ZR_ULONG send(ZR_ULONG messageId, const std::string &session = "S1");
+    /// DESCRIBE and SETUP as they open a session, the others within it.
+    ZR_ULONG send(ZR_ULONG messageId);
+    /// Sends it and waits for the next message.
+    Received ask(ZR_ULONG messageId);
     ZR_ULONG unregister();
+    /// Where the UA pair leads from now on.
+    void reroute(uint16_t port) const;
 
-    Recorder recorder;
     std::string url;
+    std::string authorization; ///< of a DESCRIBE
+    std::string session = "S1";
+    tagProtocol protocol = PROTOCOL_TCP;
+    Recorder recorder;
 
 private:
-    ZR_ULONG post(aoi::MessagePtr message);
-    aoi::MessagePtr create(ZR_ULONG messageId) const;
-
     CIAOIMsgDisp &m_dispatcher;
     const ZR_ULONG m_id;
-    const std::string m_host;
-    const uint16_t m_port;
-    bool m_registered = false;
+    const std::string m_ua;
+    bool m_registered = true;
 };
 
-/// An answer of 200 with a session, more headers and a body.
+/// An engine, with the settings that it has when it is used first.
+class EngineTest : public testing::Test
+{
+protected:
+    EngineTest() { settings.userAgent = "test"; }
+    dispatch::Engine &engine()
+    {
+        if (!m_engine)
+        {
+            m_engine = std::make_unique<dispatch::Engine>(settings);
+            EXPECT_TRUE(m_engine->start());
+        }
+        return *m_engine;
+    }
+    dispatch::Settings settings;
+
+private:
+    std::unique_ptr<dispatch::Engine> m_engine;
+};
+
+/// An answer of 200 with more headers and a body.
 std::string ok(const std::string &headers = "", const std::string &body = "");
 extern const std::string describeAnswer;
-extern const std::string setupAnswer; ///< interleaved 0-1, session S1
-
-/// Durations short enough for a test.
-dispatch::Settings quickSettings();
+extern const std::string setupAnswer;    ///< interleaved 0-1, session S1
+extern const std::string udpSetupAnswer; ///< of session S1
+extern const std::string sessionAnswer;  ///< 200, of session S1
 
 } // namespace zr::test
