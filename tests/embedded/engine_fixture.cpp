@@ -26,12 +26,9 @@ ACE_SOCK_Acceptor listenWith(int backlog)
     return {ACE_INET_Addr(u_short{0}, ACE_UINT32{INADDR_LOOPBACK}), 0, PF_INET, backlog};
 }
 
-std::string headerOf(const std::string &request, const std::string &name)
+std::string cseqOf(const std::string &request)
 {
-    const size_t at = request.find("\r\n" + name + ": ");
-    if (at == std::string::npos)
-        return {};
-    const size_t begin = at + name.size() + 4;
+    const size_t begin = request.find("\r\nCSeq: ") + 8;
     return request.substr(begin, request.find("\r\n", begin) - begin);
 }
 
@@ -43,7 +40,7 @@ bool play(BIO *stream, const Step &step, const std::string &request)
     {
         size_t mark = 0;
         while ((mark = piece.find("{cseq}")) != std::string::npos)
-            piece.replace(mark, 6, headerOf(request, "CSeq"));
+            piece.replace(mark, 6, cseqOf(request));
         if (BIO_write(stream, piece.data(), static_cast<int>(piece.size())) <= 0)
             return false;
         if (step.pieces.size() > 1) // so that the pieces arrive as pieces

@@ -100,38 +100,32 @@ TEST_F(EngineSession, FindsAnswersInTheStream)
 TEST_F(EngineSession, AnswersTheServerAndHandsItsNoticesUp)
 {
     const auto announcement = [](const std::string &header) {
-        return "ANNOUNCE rtsp://x/ RTSP/1.0\r\nCSeq: 70\r\nSession: S1\r\n" + header + "\r\n";
+        return "ANNOUNCE rtsp://x/ RTSP/1.0\r\nCSeq: 70\r\nSession: S1\r\n" + header + "\r\n\r\n";
     };
-    const std::pair<const char *, ZR_ULONG> cases[] = {
-        // 0: not handed up
-        {"Notice: 2101 \"End-of-Stream Reached\" event-date=20240101T000000Z\r\n", 2001},
-        {"x-notice: 2104\r\n", 2001},
-        {"X-Notice:2306;x\r\n", 2001},
-        {"Notice: 5400\r\n", 2003},
-        {"Notice: 5499 \"x\"\r\n", 2003},
-        {"Notice: 5500\r\n", 2002},
-        {"Notice: 5399\r\n", 2002},
-        {"Notice: 2000\r\n", 2002},
-        {"Notice: 4400\r\n", 2002},
-        {"", 0},
-        {"Notice: \r\n", 0},
-        {"Notice: soon\r\n", 0},
-        {"Notice: 1103\r\n", 0},
-        {"Notice: 2103\r\n", 0},
-        {"Notice: 3101\r\n", 0},
-        {"Notice: 21010\r\n", 0}};
+    const std::pair<ZR_ULONG, std::vector<std::string>> cases[] = {
+        {2001,
+         {"Notice: 2101 \"End-of-Stream Reached\" event-date=20240101T000000Z", "x-notice: 2104", "X-Notice:2306;x"}},
+        {2003, {"Notice: 5400", "Notice: 5499 \"x\""}},
+        {2002, {"Notice: 5500", "Notice: 5399", "Notice: 2000", "Notice: 4400"}},
+        // not handed up
+        {0,
+         {"Range: npt=1-", "Notice: ", "Notice: soon", "Notice: 1103", "Notice: 2103", "Notice: 3101",
+          "Notice: 21010"}}};
     std::string all;
+    size_t announcements = 0;
     std::vector<ZR_ULONG> expected;
-    for (const auto &[header, reason] : cases)
+    for (const auto &[reason, headers] : cases)
     {
-        all += announcement(header);
+        for (const std::string &header : headers)
+            all += announcement(header);
+        announcements += headers.size();
         if (reason != 0)
-            expected.push_back(reason);
+            expected.insert(expected.end(), headers.size(), reason);
     }
     const std::string options = "OPTIONS * RTSP/1.0\r\nCSeq: 9\r\n\r\n";
     const std::string unknown = "FLY rtsp://x/ RTSP/1.0\r\nCSeq: 10\r\nSession: S1\r\n\r\n";
     const std::string redirect = "REDIRECT rtsp://x/ RTSP/1.0\r\nCSeq: 71\r\nLocation: rtsp://y/\r\n\r\n";
-    const std::string notSetUpYet = announcement("Notice: 2104\r\n");
+    const std::string notSetUpYet = announcement("Notice: 2104");
     ScriptedServer server({{{"SETUP", {options + unknown + notSetUpYet + setupAnswer}},
                             {"PLAY", {sessionAnswer + all.substr(0, 500), all.substr(500)}},
                             {"PAUSE", {sessionAnswer.substr(0, 20), sessionAnswer.substr(20) + redirect}}}});
@@ -150,8 +144,8 @@ TEST_F(EngineSession, AnswersTheServerAndHandsItsNoticesUp)
     }
     expected.push_back(2003);
     EXPECT_EQ(reasons, expected);
-    const auto answers = server.requests(3 + 3 + std::size(cases) + 1);
-    EXPECT_THAT(answers, Contains(StartsWith("RTSP/1.0 200 ")).Times(2 + std::size(cases) + 1));
+    const auto answers = server.requests(3 + 3 + announcements + 1);
+    EXPECT_THAT(answers, Contains(StartsWith("RTSP/1.0 200 ")).Times(2 + announcements + 1));
     EXPECT_THAT(answers[1], AllOf(StartsWith("RTSP/1.0 200 "), HasSubstr("CSeq: 9\r\n"), HasSubstr("Public: ")));
     EXPECT_THAT(answers[2],
                 AllOf(StartsWith("RTSP/1.0 501 "), HasSubstr("CSeq: 10\r\n"), HasSubstr("Session: S1\r\n")));

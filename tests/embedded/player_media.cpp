@@ -35,7 +35,6 @@ const std::string h264 = "x264enc tune=zerolatency speed-preset=ultrafast key-in
 struct Output
 {
     std::vector<Bytes> buffers;
-    std::string caps; ///< the last buffer's
     double seconds = -1;
     unsigned tracks = 0; ///< of the element "demux"
 };
@@ -56,9 +55,6 @@ Output outputOf(const std::string &text)
         gst_buffer_map(gst_sample_get_buffer(sample), &map, GST_MAP_READ);
         output.buffers.emplace_back(map.data, map.data + map.size);
         gst_buffer_unmap(gst_sample_get_buffer(sample), &map);
-        gchar *caps = gst_caps_to_string(gst_sample_get_caps(sample));
-        output.caps = caps;
-        g_free(caps);
         gst_sample_unref(sample);
     }
     gint64 duration = 0;

@@ -27,14 +27,10 @@ constexpr ZR_ULONG aoiPortId = 815;
 
 inline Bytes rtp(uint16_t sequence, uint32_t timestamp = 0, uint32_t ssrc = 7, uint8_t payloadType = 96)
 {
-    Bytes bytes = {0x80, payloadType};
-    const auto append = [&bytes](uint32_t value, int bits) {
-        for (int shift = bits - 8; shift >= 0; shift -= 8)
-            bytes.push_back(static_cast<uint8_t>(value >> shift));
-    };
-    append(sequence, 16);
-    append(timestamp, 32);
-    append(ssrc, 32);
+    const auto byte = [](uint32_t value, int shift) { return static_cast<uint8_t>(value >> shift); };
+    Bytes bytes = {0x80, payloadType, byte(sequence, 8), byte(sequence, 0)};
+    for (const uint32_t word : {timestamp, ssrc})
+        bytes.insert(bytes.end(), {byte(word, 24), byte(word, 16), byte(word, 8), byte(word, 0)});
     bytes.resize(100, 0xAB);
     return bytes;
 }
