@@ -145,7 +145,7 @@ TEST_F(EngineSession, AnswersTheServerAndHandsItsNoticesUp)
     expected.push_back(2003);
     EXPECT_EQ(reasons, expected);
     const auto answers = server.requests(3 + 3 + announcements + 1);
-    EXPECT_THAT(answers, Contains(StartsWith("RTSP/1.0 200 ")).Times(2 + announcements + 1));
+    ASSERT_THAT(answers, Contains(StartsWith("RTSP/1.0 200 ")).Times(2 + announcements + 1));
     EXPECT_THAT(answers[1], AllOf(StartsWith("RTSP/1.0 200 "), HasSubstr("CSeq: 9\r\n"), HasSubstr("Public: ")));
     EXPECT_THAT(answers[2],
                 AllOf(StartsWith("RTSP/1.0 501 "), HasSubstr("CSeq: 10\r\n"), HasSubstr("Session: S1\r\n")));
