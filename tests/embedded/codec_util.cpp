@@ -167,7 +167,7 @@ TEST(Timers, StopFromTheirOwnCallbackAndTheNextStillRuns)
     const Callback next = [&] {
         const int number = ++nextCalls;
         if (number == 2)
-            throw number;
+            throw 2;
         if (number == 3)
             third.set_value();
     };

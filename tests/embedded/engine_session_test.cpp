@@ -25,7 +25,8 @@ TEST_F(EngineSession, RunsWholeOverTcp)
                                        {"rtsps", "127.0.0.1"},
                                        {"rtsps", "localhost"}})
     {
-        SCOPED_TRACE(std::string(scheme) + host);
+        const std::string url = std::string(scheme).append("://").append(host).append("/live");
+        SCOPED_TRACE(url);
         const bool secure = scheme == std::string("rtsps");
         ScriptedServer server({{{"DESCRIBE", {large.substr(0, 10), large.substr(10)}},
                                 {"SETUP", {setupAnswer}},
@@ -35,7 +36,7 @@ TEST_F(EngineSession, RunsWholeOverTcp)
                               secure ? authority.issue({}) : nullptr);
         const auto port = RecordingPort::open(7);
         Client client(engine(), 7, host, server.port());
-        client.url = std::string(scheme) + "://" + host + "/live";
+        client.url = url;
         const Received described = client.ask(AOI_MSG_RTSP_DESCRIBE);
         EXPECT_EQ(described.kind, 1U);
         EXPECT_EQ(described.destination, 7U);
@@ -53,8 +54,8 @@ TEST_F(EngineSession, RunsWholeOverTcp)
         EXPECT_THAT(port->events(6), ElementsAre("track 0 channels 0-1", "frame 0 abc", "frame 0 abc", "frame 0 abc",
                                                  "frame 0 abc", "closed"));
         std::vector<testing::Matcher<std::string>> requests = {
-            AllOf(StartsWith("DESCRIBE " + std::string(scheme) + "://" + host + "/live RTSP/1.0\r\nCSeq: 1\r\n"),
-                  HasSubstr("User-Agent: test\r\n"), HasSubstr("Accept: application/sdp\r\n")),
+            AllOf(StartsWith("DESCRIBE " + url + " RTSP/1.0\r\nCSeq: 1\r\n"), HasSubstr("User-Agent: test\r\n"),
+                  HasSubstr("Accept: application/sdp\r\n")),
             AllOf(StartsWith("SETUP "), HasSubstr("Transport: RTP/AVP/TCP;unicast;interleaved=0-1")),
             AllOf(StartsWith("PLAY "), HasSubstr("Session: S1\r\n")), StartsWith("OPTIONS "),
             AllOf(StartsWith("TEARDOWN "), HasSubstr("CSeq: 5\r\n"))};
