@@ -83,6 +83,7 @@ TEST_F(EngineLifecycle, UnregisteringFromInsideReturns)
 TEST_F(EngineLifecycle, BlockedObserversStopOnlyThemselves)
 {
     constexpr ZR_ULONG blocked = 8;
+    Notes<ZR_ULONG> entered;
     std::promise<void> leave;
     const std::shared_future<void> left = leave.get_future();
     std::vector<std::unique_ptr<ScriptedServer>> servers;
@@ -92,9 +93,13 @@ TEST_F(EngineLifecycle, BlockedObserversStopOnlyThemselves)
         servers.push_back(std::make_unique<ScriptedServer>(std::vector<Script>{{{"DESCRIBE", {describeAnswer}}}}));
         clients.push_back(std::make_unique<Client>(engine(), 100 + number, *servers.back()));
         if (number < blocked)
-            clients.back()->recorder.inside = [left] { left.wait(); };
+            clients.back()->recorder.inside = [&entered, left, number] {
+                entered.add(number);
+                left.wait();
+            };
         ASSERT_EQ(clients.back()->send(AOI_MSG_RTSP_DESCRIBE), 0U);
     }
+    EXPECT_THAT(entered(blocked), SizeIs(blocked)); // all of them at once
     EXPECT_THAT(clients.back()->recorder.messages(1), SizeIs(1));
     leave.set_value();
     for (const auto &client : clients)

@@ -16,7 +16,8 @@ using EngineSession = EngineTest;
 TEST_F(EngineSession, RunsWholeOverTcp)
 {
     const std::string frame("$\0\0\3abc", 7);
-    const std::string control("$\1\0\2xy", 6);
+    const std::string answerAmongMedia = frame + sessionAnswer + frame;
+    const std::string answerAfterMedia = frame + frame + sessionAnswer;
     const std::string large = ok("Content-Type: application/sdp\r\n", "v=0\r\n" + std::string(200000, 'x'));
     const Authority authority;
     settings.caFile = authority.file();
@@ -30,8 +31,8 @@ TEST_F(EngineSession, RunsWholeOverTcp)
         const bool secure = scheme == std::string("rtsps");
         ScriptedServer server({{{"DESCRIBE", {large.substr(0, 10), large.substr(10)}},
                                 {"SETUP", {setupAnswer}},
-                                {"PLAY", {frame + sessionAnswer + frame}},
-                                {"OPTIONS", {frame + frame + sessionAnswer}},
+                                {"PLAY", {answerAmongMedia}},
+                                {"OPTIONS", {answerAfterMedia}},
                                 {"TEARDOWN", {sessionAnswer}}}},
                               secure ? authority.issue({}) : nullptr);
         const auto port = RecordingPort::open(7);
@@ -46,7 +47,7 @@ TEST_F(EngineSession, RunsWholeOverTcp)
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_SETUP).session, "S1");
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_PLAY).kind, 1U);
         EXPECT_TRUE(port->writers(1).at(0)(1, "xy", 2));
-        EXPECT_THAT(server.frames(1), ElementsAre(control));
+        EXPECT_THAT(server.frames(1), ElementsAre(std::string("$\1\0\2xy", 6)));
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_OPTIONS).kind, 1U);
         ASSERT_EQ(client.send(AOI_MSG_RTSP_TEARDOWN), 0U);
         ASSERT_EQ(client.unregister(), 0U);
