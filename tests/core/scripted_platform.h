@@ -1,19 +1,17 @@
 /// @file
 /// A platform that the test scripts: it records what the plug-in asks of the in-house libraries, answers requests on
-/// cue from a delivery thread of its own, and fails whichever call the test names.
+/// cue from threads of its own, and fails whichever call the test names.
 #pragma once
 
-#include <atomic>
+#include <algorithm>
 #include <condition_variable>
-#include <deque>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <sstream>
-#include <string>
-#include <thread>
+#include <tuple>
 #include <utility>
-#include <vector>
 
 #include "tw_util.h"
 #include "zr_common.h"
@@ -36,30 +34,24 @@ struct Answer : tagAOIMsg
     }
     /// Adds an element: numbers in decimal, a transport as "address:port", the two elements that are read raw with
     /// their leading bytes and their zero.
-    Answer &with(ZR_ULONG element, const std::string &value);
-    Answer &raw(ZR_ULONG element, const std::string &bytes);
+    Answer &with(ZR_ULONG element, const std::string &value)
+    {
+        const size_t lead = element == AOI_IE_DATA ? 84 : element == AOI_IE_AUTHORIZATION_ID ? 8 : 0;
+        return raw(element, std::string(lead, '\x7f') + value + '\0');
+    }
+    Answer &raw(ZR_ULONG element, const std::string &bytes)
+    {
+        elements[element].assign(bytes.begin(), bytes.end());
+        return *this;
+    }
 
     std::map<ZR_ULONG, std::vector<char>> elements;
 };
 
-/// A request as it was sent, its elements in the order of their adding, such as "Scale=1.000000".
-struct Request
-{
-    ZR_ULONG id, kind, source, destination;
-    Texts elements;
-};
-
-/// A message under construction, with its elements in the order of their adding.
+/// A request, with its elements in the order of their adding, such as "Scale=1.000000".
 struct Message : tagMDPMsg
 {
     Texts elements;
-};
-
-/// One log line as "level:code:text", followed by " {module}" or " {file}" where these are not the class's own.
-struct LogLine
-{
-    std::string text;
-    size_t liveMessages; ///< messages allocated and not yet freed when it was written
 };
 
 /// Values as one text, with commas between them.
@@ -71,84 +63,149 @@ std::string listed(const Values &...values)
     return out.str().substr(0, out.str().rfind(','));
 }
 
-/// The process's one scripted platform, and its message dispatcher. All operations may be called from any thread.
+/// The platform and its message dispatcher. All operations may be called from any thread.
 class Platform final : public CIAOIMsgDisp
 {
 public:
-    static Platform &instance();
-
-    /// Forgets everything recorded and scripted, and starts the delivery thread.
-    void start();
-    /// Delivers what is queued and ends the delivery thread.
-    void stop();
+    /// Forgets everything recorded and scripted.
+    void start()
+    {
+        locked()->m_script = {};
+        clearRecord();
+    }
 
     // --- the script
     /// Makes calls of an operation fail: those from the nth on (1: the next), count of them. Operations are named after
-    /// the IE ("URL", "Scale" ...) or by a word of their own ("malloc", "header", "send", "sendto" ...).
+    /// the IE ("URL", "Scale" ...) or by a word of their own ("malloc", "header", "send" ...). Where a call does not
+    /// fail but gives a number, it is that ("received": packets, "sendto": bytes that a datagram takes, -1: none).
     void fail(const std::string &operation, ZR_ULONG code = INJECTED, int nth = 1, int count = 1)
     {
-        locked()->m_faults[operation] = {code, nth - 1, count};
+        locked()->m_script.faults[operation] = {code, nth - 1, count};
     }
     /// Runs at the start of every call of an operation, with no lock of the platform held; it may block or throw.
     void hook(const std::string &operation, const std::function<void()> &action)
     {
-        locked()->m_hooks[operation] = action;
+        locked()->m_script.hooks[operation] = action;
     }
     /// Scripts the answer to the next request of its message identifier that has none yet.
-    void answer(const Answer &scripted) { locked()->m_scripted.push_back(scripted); }
-    /// Hands a message to its processor on the delivery thread.
-    void deliver(const Answer &message) { locked()->m_queue.push_back(message); }
-    /// Runs the callback of every timer of a period, on the caller's thread.
-    void tick(ZR_ULONG periodMs);
-    /// From now on a wait of 25 seconds is over after a few milliseconds.
-    void expireWaits();
-    std::atomic<int> sendChunk{0};       ///< bytes that a datagram takes; 0: all; negative: none
-    std::atomic<int64_t> clockOffset{0}; ///< of the counter, in ticks of 100 ns
-    std::atomic<int64_t> todOffset{0};   ///< of the next reading of the time of day alone
+    void answer(const Answer &scripted) { locked()->m_script.answers.emplace(scripted.stHeader.ulMsgID, scripted); }
+    /// Hands a message to its processor, on a thread of its own.
+    void deliver(Answer message)
+    {
+        const auto delivery = [this, message]() mutable {
+            CIAOIMsgProc *processor = locked()->m_script.processors[message.stHeader.ulDstID];
+            if (processor != nullptr)
+                processor->AOIMsgPro(&message);
+        };
+        locked()->m_deliveries.push_back(std::async(std::launch::async, delivery));
+    }
+    /// Waits for what is being delivered; not from inside a delivery.
+    void settle() { const auto finished = std::exchange(locked()->m_deliveries, {}); }
+    void setTimer(ZR_ULONG periodMs, const std::function<void()> &step) { locked()->m_script.timers[periodMs] = step; }
+    bool dropTimer(ZR_ULONG periodMs) { return locked()->m_script.timers.erase(periodMs) == 1; }
+    /// Runs the timer of a period, on the caller's thread.
+    void tick(ZR_ULONG periodMs)
+    {
+        const auto step = locked()->m_script.timers.at(periodMs);
+        step();
+    }
+    /// From now on a wait of 25 seconds is over after a few milliseconds; by the time of day only the next one.
+    void expireWaits()
+    {
+        fail("counterBehindMs", 24'995, 1, 1'000'000);
+        fail("timeBehindMs", 24'995);
+    }
 
     // --- the record
-    Texts logs(char fromLevel = '1');
-    std::vector<LogLine> logLines() { return locked()->m_logs; }
-    std::vector<Request> requests() { return locked()->m_requests; }
+    Texts logs(char fromLevel = '1')
+    {
+        Texts texts = locked()->m_record.logs;
+        const auto below = [fromLevel](const std::string &text) { return text[0] < fromLevel; };
+        texts.erase(std::remove_if(texts.begin(), texts.end(), below), texts.end());
+        return texts;
+    }
+    std::vector<Message> requests() { return locked()->m_record.requests; }
     /// What happened besides, in order: "addUAAddr(...)", "register(77)", "release()" ...
-    Texts events() { return locked()->m_events; }
+    Texts events() { return locked()->m_record.events; }
     /// The bytes that were sent as datagrams or handed to the player library.
-    Texts packets() { return locked()->m_packets; }
-    std::vector<ZR_ULONG> deliveryResults() { return locked()->m_deliveryResults; }
-    std::atomic<size_t> liveMessages{0};
+    Texts packets() { return locked()->m_record.packets; }
+    void clearRecord() { locked()->m_record = {}; }
+    std::atomic<size_t> liveMessages{0}; ///< allocated and not yet freed
     std::atomic<int> openSockets{0};
-    std::atomic<int> frequencyReads{0}; ///< of the process
-    void clearRecord();
     /// Waits, 20 seconds at most, until a predicate over the record holds.
-    bool waitFor(const std::function<bool()> &predicate);
+    bool waitFor(const std::function<bool()> &predicate)
+    {
+        std::unique_lock<std::recursive_mutex> guard(m_lock);
+        return m_changed.wait_for(guard, std::chrono::seconds(20), predicate);
+    }
 
     // --- for the platform's operations
     template <typename... Values>
     void record(const std::string &event, const Values &...values)
     {
-        locked()->m_events.push_back(event + "(" + listed(values...) + ")");
+        locked()->m_record.events.push_back(event + "(" + listed(values...) + ")");
     }
-    void recordPacket(const std::string &bytes) { locked()->m_packets.push_back(bytes); }
-    void writeLog(const std::string &text) { locked()->m_logs.push_back({text, liveMessages}); }
+    void recordPacket(const std::string &bytes) { locked()->m_record.packets.push_back(bytes); }
+    /// One log line as "level:code:text", followed by " {module}" or " {file}" where these are not the class's own.
+    void writeLog(const std::string &text) { locked()->m_record.logs.push_back(text); }
     /// Runs the operation's hook and says whether this call fails, and with which code.
-    ZR_ULONG enter(const std::string &operation);
-    ZR_ULONG startTimer(ZR_ULONG periodMs, TW_TIMER_CALLBACK callback, void *user);
-    ZR_ULONG stopTimer(ZR_ULONG handle);
-    ZR_ULONG sendAOIMsg(tagMDPMsg *message) override;
-    ZR_ULONG registerAOIMsgProc(ZR_ULONG id, CIAOIMsgProc *processor) override;
-    ZR_ULONG unregisterAOIMsgProc(ZR_ULONG id) override;
+    ZR_ULONG enter(const std::string &operation)
+    {
+        std::unique_lock<std::recursive_mutex> guard(m_lock);
+        const auto action = m_script.hooks[operation];
+        Fault &fault = m_script.faults[operation];
+        const bool fails = fault.count > 0 && fault.skip-- <= 0;
+        fault.count -= fails ? 1 : 0;
+        const ZR_ULONG code = fails ? fault.code : 0;
+        guard.unlock();
+        if (action)
+            action();
+        return code;
+    }
+    ZR_ULONG sendAOIMsg(tagMDPMsg *message) override
+    {
+        const ZR_ULONG code = enter("send");
+        if (code != 0)
+            return code;
+        const Locked guard = locked();
+        m_record.requests.push_back(*static_cast<Message *>(message));
+        if (const auto scripted = m_script.answers.extract(message->stHeader.ulMsgID))
+            deliver(scripted.mapped());
+        return 0;
+    }
+    ZR_ULONG registerAOIMsgProc(ZR_ULONG id, CIAOIMsgProc *processor) override
+    {
+        record("register", id);
+        locked()->m_script.processors[id] = processor;
+        return 0;
+    }
+    ZR_ULONG unregisterAOIMsgProc(ZR_ULONG id) override
+    {
+        record("unregister", id);
+        enter("unregister");
+        locked()->m_script.processors.erase(id);
+        settle();
+        return 0;
+    }
 
 private:
-    struct Timer
-    {
-        ZR_ULONG periodMs;
-        TW_TIMER_CALLBACK callback;
-        void *user;
-    };
     struct Fault
     {
         ZR_ULONG code;
         int skip, count;
+    };
+    struct Script
+    {
+        std::map<std::string, Fault> faults;
+        std::map<std::string, std::function<void()>> hooks;
+        std::multimap<ZR_ULONG, Answer> answers;
+        std::map<ZR_ULONG, CIAOIMsgProc *> processors;
+        std::map<ZR_ULONG, std::function<void()>> timers;
+    };
+    struct Record
+    {
+        std::vector<Message> requests;
+        Texts logs, events, packets;
     };
     /// The platform for one statement, under its lock; whoever waits for a change is told.
     struct Locked
@@ -159,23 +216,14 @@ private:
         std::unique_lock<std::recursive_mutex> guard{platform->m_lock};
     };
     Locked locked() { return {this}; }
-    void runDelivery();
 
     std::recursive_mutex m_lock; ///< guards everything below; never held while foreign code runs
     std::condition_variable_any m_changed;
-    std::map<std::string, Fault> m_faults;
-    std::map<std::string, std::function<void()>> m_hooks;
-    std::deque<Answer> m_scripted, m_queue;
-    std::map<ZR_ULONG, CIAOIMsgProc *> m_processors;
-    std::map<ZR_ULONG, Timer> m_timers;
-    std::vector<LogLine> m_logs;
-    std::vector<Request> m_requests;
-    Texts m_events, m_packets;
-    std::vector<ZR_ULONG> m_deliveryResults;
-    std::thread m_delivery;
-    ZR_ULONG m_runningId = 0; ///< whose processor the delivery thread is in
-    bool m_stopping = false;
-    ZR_ULONG m_lastTimer = 0;
+    Script m_script;
+    Record m_record;
+    std::vector<std::future<void>> m_deliveries;
 };
+
+inline Platform platform; ///< the process's one
 
 } // namespace zr::test
