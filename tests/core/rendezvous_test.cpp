@@ -225,7 +225,7 @@ TEST_F(RendezvousTest, strayWakeUpsEndNoWait)
     EXPECT_EQ(13002U, session.take(failure(AOI_MSG_RTSP_PAUSE, 500)));
     EXPECT_EQ(0U, session.take(success(AOI_MSG_RTSP_DESCRIBE))); // taken in any state, but no answer to this
     EXPECT_EQ(1U, session.probe.state());
-    EXPECT_EQ(std::future_status::timeout, setup.wait_for(std::chrono::seconds(0)));
+    EXPECT_EQ(std::future_status::timeout, setup.wait_for(std::chrono::milliseconds(50)));
     EXPECT_EQ(0U, session.take(failure(AOI_MSG_RTSP_SETUP, 461)));
     EXPECT_EQ(461U, soon(setup));
 }
