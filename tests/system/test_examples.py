@@ -1,0 +1,46 @@
+"""The examples do what their first line says."""
+
+import os
+import subprocess
+import time
+import unittest
+
+from programs import HOST, HostTest
+
+
+class ExamplesTest(HostTest):
+    def start_example(self, name, device, mount, *arguments):
+        program = os.path.join(os.path.dirname(HOST), f"example_{name}")
+        process = subprocess.Popen([program, "127.0.0.1", device.port(), f"/{mount}", *arguments], text=True,
+                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.kill)
+        return process
+
+    def ended(self, process):
+        out = process.communicate(timeout=60)[0]
+        self.assertEqual(process.returncode, 0, out)
+        return out
+
+    def test_play(self):
+        out = self.ended(self.start_example("play", self.device(), "vod", self.file("p.png")))
+        self.check_picture(self.file("p.png"))
+        self.assertRegex(out, r"played: \d+ packets, 0 lost\npaused: \d+ packets")
+
+    def test_download(self):
+        self.ended(self.start_example("download", self.device(), "vod", "2", "6", self.file("o.mkv")))
+        self.check_recording(self.file("o.mkv"), 4, "video/x-h264")
+
+    def test_reconnect(self):
+        device = self.device()
+        process = self.start_example("reconnect", device, "live", "4")
+        self.assertEqual(process.stdout.readline(), "playing\n")
+        device.kill()
+        while "once more" not in process.stdout.readline():
+            time.sleep(0.01)
+        self.device("--port", device.port())
+        self.assertIn("playing", self.ended(process))
+
+
+if __name__ == "__main__":
+    unittest.main()
