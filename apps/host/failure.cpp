@@ -48,24 +48,24 @@ constexpr const char *unverified = "; --insecure goes on without verifying, for 
 
 struct Problem
 {
-    ZR_ULONG problem;
     const char *meaning;
     const char *advice;
+    ZR_ULONG problem;
     bool untrusted;
 };
 
 constexpr Problem problems[] = {
-    {ZR_CONNECTION_TLS_FAILED, "no TLS with the server", "check that this port serves rtsps, with TLS 1.2 or newer",
+    {"no TLS with the server", "check that this port serves rtsps, with TLS 1.2 or newer", ZR_CONNECTION_TLS_FAILED,
      false},
-    {ZR_CONNECTION_FOREIGN_ISSUER, "the server's certificate comes from an issuer that is not known here",
-     "give the issuer's certificate, or the server's own, with --ca FILE", true},
-    {ZR_CONNECTION_WRONG_NAME, "the server's certificate is for another host name",
-     "use the name or address that the certificate was made for", true},
-    {ZR_CONNECTION_EXPIRED, "the server's certificate has expired", "renew it on the device", true},
-    {ZR_CONNECTION_NOT_YET_VALID, "the server's certificate is not valid yet",
-     "check the clocks of this machine and of the device", true},
-    {ZR_CONNECTION_NOT_TRUSTED, "the server's certificate is not accepted", "replace it on the device", true},
-    {ZR_CONNECTION_FAILED, "the server cannot be reached", checkAddress, false},
+    {"the server's certificate comes from an issuer that is not known here",
+     "give the issuer's certificate, or the server's own, with --ca FILE", ZR_CONNECTION_FOREIGN_ISSUER, true},
+    {"the server's certificate is for another host name", "use the name or address that the certificate was made for",
+     ZR_CONNECTION_WRONG_NAME, true},
+    {"the server's certificate has expired", "renew it on the device", ZR_CONNECTION_EXPIRED, true},
+    {"the server's certificate is not valid yet", "check the clocks of this machine and of the device",
+     ZR_CONNECTION_NOT_YET_VALID, true},
+    {"the server's certificate is not accepted", "replace it on the device", ZR_CONNECTION_NOT_TRUSTED, true},
+    {"the server cannot be reached", checkAddress, ZR_CONNECTION_FAILED, false},
 };
 
 } // namespace
