@@ -110,6 +110,7 @@ public:
     }
 
     ZR_ULONG portId() const { return m_id; }
+    std::string url() const { return m_source.url(); }
     ZrMediaStatistics statistics() const
     {
         ZrMediaStatistics received = {};
