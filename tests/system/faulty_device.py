@@ -1,0 +1,264 @@
+"""An RTSP device that plays one fault, which is data: faults.toml tells the keys. Without one it behaves well."""
+
+import base64
+import hashlib
+import re
+import select
+import socket
+import struct
+import threading
+import time
+from collections import deque
+
+USER, PASSWORD = "viewer", "pass-w0rd"
+METHODS = "OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER"
+SDP = "v=0\r\ns=-\r\nt=0 0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:video\r\n"
+OWN_HEADERS = {"DESCRIBE": "Content-Type: application/sdp\r\n", "SETUP": "Transport: {transport}\r\nSession: {session}\r\n",
+               "OPTIONS": "Public: " + METHODS + "\r\n"}
+BETWEEN_PACKETS = 0.02
+WELL = {}
+
+
+def md5(text):
+    return hashlib.md5(text.encode("latin-1")).hexdigest()
+
+
+def end(stream, how):
+    try:
+        stream.shutdown(how)
+    except OSError:
+        pass  # it is closed
+
+
+class Device:
+    """Listens on a port of its own and serves each connection on a thread."""
+
+    def __init__(self, fault):
+        self.fault = fault
+        self.asked = []  # methods, over all connections
+        self.broken = []  # what of the fault could not be played
+        self.uses = {}
+        self.nonce = 1
+        self.connections = []
+        self.holder = socket.socket()  # keeps the port while nobody listens
+        self.holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+        self.holder.bind(("127.0.0.1", 0))
+        self.port = self.holder.getsockname()[1]
+        self.listen()
+
+    def listen(self):
+        self.listener = socket.create_server(("127.0.0.1", self.port), backlog=64, reuse_port=True)
+        if "deaf" not in self.fault:
+            threading.Thread(target=self.accept, args=(self.listener,), daemon=True).start()
+
+    def accept(self, listener):
+        try:
+            while True:
+                connection = Connection(self, listener.accept()[0])
+                self.connections.append(connection)
+                threading.Thread(target=connection.run, daemon=True).start()
+        except OSError:
+            pass  # closed
+
+    def restart(self, seconds):
+        self.hang_up()
+        time.sleep(seconds)
+        self.listen()
+
+    def heal(self):
+        deaf = self.fault.pop("deaf", False)
+        self.fault, self.uses = WELL, {}
+        if deaf:
+            threading.Thread(target=self.accept, args=(self.listener,), daemon=True).start()
+
+    def close(self):
+        self.hang_up()
+        self.holder.close()
+
+    def hang_up(self):
+        end(self.listener, socket.SHUT_RDWR)
+        self.listener.close()
+        for connection in self.connections:
+            end(connection.stream, socket.SHUT_RDWR)
+
+    def step(self, method):
+        """What the fault does when this method comes for the n-th time; the last of a list stays."""
+        steps = self.fault.get(method, WELL)
+        if isinstance(steps, dict):
+            return steps
+        self.uses[method] = self.uses.get(method, -1) + 1
+        return steps[min(self.uses[method], len(steps) - 1)]
+
+    def admits(self, method, value):
+        auth = self.fault.get("auth")
+        if auth is None:
+            return True
+        if method == auth.get("stale_at") and self.nonce == 1:
+            self.nonce = 2
+        given = dict(re.findall(r'(\w+)="([^"]*)"', value))
+        if auth.get("takes") == "Basic":
+            return value == "Basic " + base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()
+        realm = auth.get("realm", given.get("realm"))
+        response = md5(f"{md5(f'{USER}:{realm}:{PASSWORD}')}:nonce{self.nonce}:{md5(method + ':' + given.get('uri', ''))}")
+        return auth.get("takes") != "nothing" and value.startswith("Digest ") and given.get("response") == response
+
+
+class Connection:
+    """Reads requests and sends, each at its time, what the fault or good manners answer, and media after PLAY."""
+
+    def __init__(self, device, stream):
+        self.device = device
+        self.stream = stream
+        self.values = {"ue": "\xfc", "long": 4000 * "A", "port": device.port, "session": "4711", "nonce": "nonce1", "cseq": "0", "url": ""}
+        self.plan = deque()  # (when, bytes or an action)
+        self.playing = None  # when the next packet is due
+        self.phases = deque()
+        self.rtp = {"channel": 0, "pt": 96, "seq": 100, "ts": 0, "ssrc": 0x5EED, "size": 100, "source": "127.0.0.1"}
+        self.udp = {}
+        self.client_port = None
+
+    def run(self):
+        with self.stream:
+            try:
+                self.act("CONNECT", "")
+                self.serve()
+            except OSError:
+                pass  # the host has hung up, or the device
+            except Exception as problem:  # pylint: disable=broad-except
+                self.device.broken.append(repr(problem))
+            for sender in self.udp.values():
+                sender.close()
+
+    def serve(self):
+        received = b""
+        while True:
+            due = [moment for moment in (self.plan and self.plan[0][0], self.playing) if moment]
+            wait = max(0, min(due) - time.monotonic()) if due else None
+            if select.select([self.stream], [], [], wait)[0]:
+                more = self.stream.recv(65536)
+                if not more:
+                    return
+                received = self.take(received + more)
+            while self.plan and self.plan[0][0] <= time.monotonic():
+                what = self.plan.popleft()[1]
+                self.stream.sendall(what) if isinstance(what, bytes) else what()
+            if self.playing and not self.plan and self.playing <= time.monotonic():
+                self.send_packet()
+
+    def take(self, received):
+        """Acts on whole requests; the host's frames and answers are passed over."""
+        while received:
+            if received[:1] == b"$":
+                size = 4 + int.from_bytes(received[2:4], "big")
+                if len(received) < max(size, 4):
+                    break
+                received = received[size:]
+                continue
+            head, blank, rest = received.partition(b"\r\n\r\n")
+            length = re.search(rb"\r\nContent-Length: (\d+)", head)
+            size = int(length[1]) if length else 0
+            if not blank or len(rest) < size:
+                break
+            received = rest[size:]
+            if not head.startswith(b"RTSP/"):
+                self.act(head.split()[0].decode(), head.decode("latin-1"))
+        return received
+
+    def act(self, method, head):
+        header = lambda name: (re.findall(rf"(?im)^{name}: (.*?)\r?$", head) or [""])[0]
+        device, values = self.device, self.values
+        if head:
+            device.asked.append(method)
+            values.update(cseq=header("CSeq"), url=head.split()[1])
+        admitted = not head or device.admits(method, header("Authorization"))
+        values["nonce"] = f"nonce{device.nonce}"
+        step = device.step(method) if admitted else {"status": "401 Unauthorized", "lines": device.fault["auth"]["lines"]}
+        if method == "SETUP" and admitted:
+            self.set_up(header("Transport"))
+        text = step.get("before", "") + step.get("answer", self.answer(method, step) if head else "") + step.get("after", "")
+        self.send(self.expand(text), step.get("delay", 0), step.get("pieces", len(text)), step.get("every", 0))
+        ends = {"close": lambda: end(self.stream, socket.SHUT_RDWR), "half": lambda: end(self.stream, socket.SHUT_WR),
+                "reset": self.reset, "restart": threading.Thread(target=device.restart, args=(step.get("away", 0),)).start}
+        if "end" in step:
+            self.plan.append((time.monotonic() + step.get("delay", 0) + step.get("after_s", 0), ends[step["end"]]))
+        if method == "PLAY" and admitted and step.get("status", "200")[0] == "2":
+            self.phases = deque(device.fault.get("media", [WELL]))
+            self.playing = time.monotonic()
+        elif method in ("PAUSE", "TEARDOWN"):
+            self.playing = None
+
+    def answer(self, method, step):
+        status = step.get("status", "200 OK")
+        well = status[0] == "2"
+        body = step.get("body", SDP if method == "DESCRIBE" and well else "")
+        head = f"RTSP/1.0 {status}\r\nCSeq: {{cseq}}\r\n" + (OWN_HEADERS.get(method, "Session: {session}\r\n") if well else "")
+        length = f"Content-Length: {len(self.expand(body))}\r\n" if body else ""
+        head += "".join(line + "\r\n" for line in step.get("lines", ())) + length + "\r\n"
+        for pattern, replacement in step.get("edit", ()):
+            head, found = re.subn(pattern, replacement, head)
+            assert found, f"{pattern} is not in the answer to {method}"
+        return head + body
+
+    def expand(self, text):
+        """{name} is a value, <<TEXT*N>> a repetition, <<rtp KEY=N ...>> an interleaved frame; characters are bytes."""
+        for name, value in self.values.items():
+            text = text.replace("{" + name + "}", str(value))
+        frame = lambda match: self.frame({**self.rtp, **{k: int(v) for k, v in re.findall(r"(\w+)=(\d+)", match[1])}})
+        text = re.sub(r"<<rtp(.*?)>>", lambda match: frame(match).decode("latin-1"), text)
+        text = re.sub(r"(?s)<<(.*?)\*(\d+)>>", lambda match: match[1] * int(match[2]), text)
+        return text.encode("latin-1")
+
+    def send(self, data, delay, size, every):
+        begin = max(time.monotonic(), self.plan[-1][0] if self.plan else 0) + delay
+        for number, at in enumerate(range(0, len(data), max(size, 1))):
+            self.plan.append((begin + number * every, data[at:at + size]))
+
+    def set_up(self, asked):
+        ports = re.search(r"client_port=(\d+)", asked)
+        if ports:
+            self.client_port = int(ports[1])
+            for address in ("127.0.0.1", "127.0.0.2"):
+                if address not in self.udp:
+                    self.udp[address] = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+                    self.udp[address].bind((address, 0))
+            port = self.udp["127.0.0.1"].getsockname()[1]
+            asked += f";server_port={port}-{port}"  # RTCP comes from there as well
+        self.values["transport"] = asked
+
+    def packet(self, rtp):
+        if "bye" in rtp:  # a receiver report, for a compound packet begins with one (RFC 3550, 6.1), and the goodbye
+            return struct.pack(">BBHIBBHI", 0x80, 201, 1, rtp["ssrc"], 0x81, 203, 1, rtp["ssrc"])
+        head = struct.pack(">BBHII", 0x80, rtp["pt"], rtp["seq"] & 0xFFFF, rtp["ts"] & 0xFFFFFFFF, rtp["ssrc"])
+        return (head + b"\x41" + bytes(max(0, rtp["size"] - 13)))[:rtp["size"]]
+
+    def frame(self, rtp):
+        packet = self.packet(rtp)
+        return struct.pack(">cBH", b"$", rtp["channel"] + ("bye" in rtp), len(packet)) + packet
+
+    def send_packet(self):
+        """The next packet of the media's first phase that is not over: {count, every, and what changes from there on}."""
+        if not self.phases:
+            self.playing = None
+            return
+        phase = self.phases[0]
+        if "begun" not in phase:
+            phase = self.phases[0] = {**phase, "begun": True, "left": phase.get("count", 1 << 30)}
+            self.rtp.update({key: value for key, value in phase.items() if key in self.rtp or key == "bye"})
+            self.rtp["seq"] += phase.get("jump", 0)
+        if self.client_port and "interleaved" not in self.values["transport"]:
+            address = ("127.0.0.1", self.client_port + ("bye" in self.rtp))
+            self.udp[self.rtp["source"]].sendto(self.packet(self.rtp), address)
+        else:
+            self.stream.sendall(self.frame(self.rtp))
+        self.rtp["seq"] += 1
+        self.rtp["ts"] += 1800
+        self.playing += phase.get("every", BETWEEN_PACKETS)
+        phase["left"] -= 1
+        if phase["left"] == 0:
+            self.rtp.pop("bye", None)
+            self.phases.popleft()
+
+    def reset(self):
+        self.stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.stream.close()
+        raise ConnectionResetError
