@@ -156,13 +156,17 @@ private:
         try
         {
             example::Session session(target.source, "127.0.0.1", &watcher);
-            session.setUp(pick(2) == 0 ? PROTOCOL_TCP : PROTOCOL_UDP);
+            const bool tcp = pick(2) == 0;
+            session.setUp(tcp ? PROTOCOL_TCP : PROTOCOL_UDP);
+            const auto begin = Clock::now();
             example::Library::require("play", session.control().play("", ""));
             ++m_tally.opened;
             live(session, watcher);
             m_tally.packets += session.statistics().ullPackets;
             if (session.statistics().ullPackets == 0 && !watcher.ended() && !target.mortal)
-                m_tally.fault("a session without media");
+                m_tally.fault("a session without media over " + std::string(tcp ? "TCP " : "UDP ") +
+                              target.source.path + " for " +
+                              std::to_string((Clock::now() - begin) / std::chrono::seconds(1)) + " s");
             if (pick(3) != 0) // the others are ended by their deletion
                 session.control().tearDown();
         }
