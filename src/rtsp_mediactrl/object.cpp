@@ -138,22 +138,30 @@ CRtspMediaCtrl::CRtspMediaCtrl(ZR_ULONG ulPortID, const std::string &strSrcUaID,
 CRtspMediaCtrl::~CRtspMediaCtrl()
 {
     const CNoCancellation oNoCancellation; // a destructor cannot let it through
+    bool bRouted = true;
+    const auto fnDropRoute = [&] {
+        const std::string strLocalUaID = m_oMediaAbility.getLocalUaID();
+        const std::string strRemoteUaID = m_oMediaAbility.getRemoteUaID();
+        if (std::exchange(bRouted, false))
+            CRouteMgr::deleteUAAddr(strLocalUaID, strRemoteUaID);
+    };
     try
     {
-        endSession();
+        CRtspMediaCtrl::tearDown(); // whose own failure leaves none of the other steps out
         unregisterFromDispatcher();
         endCallsInside();
         if (m_bAbilityFromHost == 0)
             m_oMediaAbility.release();
-        CRouteMgr::deleteUAAddr(m_oMediaAbility.getLocalUaID(), m_oMediaAbility.getRemoteUaID());
+        fnDropRoute();
         CJugeMediaKeepLive::RefreshMediaKeepLive(m_ulPortID);
     }
     catch (...)
     {
         RTSP_LOG(ERROR, ZR_RTSP_FAILED, "[%s] Exception when resetDefault of Rtsp!", g_szDestructor);
-        // nothing may reach the object any more, whichever step was left out
+        // nothing may reach the object any more, nor be left of it, whichever step was left out
         guarded(FILE_RTSP_MEDIACTRL, g_szDestructor, [&] { unregisterFromDispatcher(); });
         guarded(FILE_RTSP_MEDIACTRL, g_szDestructor, [&] { endCallsInside(); });
+        guarded(FILE_RTSP_MEDIACTRL, g_szDestructor, fnDropRoute);
     }
 }
 
