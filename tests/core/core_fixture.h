@@ -72,8 +72,8 @@ class Session
 public:
     static constexpr ZR_ULONG AS_CREATED = 0xFFFFFFFF;
 
-    explicit Session(const std::string &tag = "", ZR_ULONG state = AS_CREATED)
-        : main(createMediaCtrlInter(5, "src", "dst", "127.0.0.1", 6000, "10.0.0.9", 8554, AOI_PORT))
+    explicit Session(const std::string &tag = "", ZR_ULONG state = AS_CREATED, const std::string &source = "src")
+        : main(createMediaCtrlInter(5, source, "dst", "127.0.0.1", 6000, "10.0.0.9", 8554, AOI_PORT))
         , ex(dynamic_cast<CIMediaCtrlEx *>(main))
         , ex2(dynamic_cast<CIMediaCtrlEx2 *>(main))
         , processor(dynamic_cast<CIAOIMsgProc *>(main))

@@ -22,6 +22,17 @@ void scriptedRelease(CMediaAbility *) asm("__wrap__ZN13CMediaAbility7releaseEv")
 
 namespace {
 
+ZR_ULONG find(const tagAOIMsg *message, ZR_ULONG id, const void **value, ZR_ULONG *length)
+{
+    const auto &elements = static_cast<const Answer *>(message)->elements;
+    const auto found = elements.find(id);
+    if (found == elements.end())
+        return id;
+    *value = found->second.data();
+    *length = static_cast<ZR_ULONG>(found->second.size());
+    return 0;
+}
+
 ZR_ULONG add(tagAOIMsg *message, const std::string &name, const std::string &value)
 {
     const ZR_ULONG code = platform.enter(name);
@@ -35,7 +46,7 @@ ZR_ULONG get(const tagAOIMsg *message, ZR_ULONG id, const char *operation, std::
     const void *bytes = nullptr;
     ZR_ULONG length = 0, code = platform.enter(operation);
     if (code == 0)
-        code = MDP_GetMsgIE(message, id, &bytes, &length);
+        code = find(message, id, &bytes, &length);
     if (code == 0)
         text.assign(static_cast<const char *>(bytes) + (id == AOI_IE_DATA ? 84 : 0));
     return code;
@@ -73,13 +84,8 @@ ZR_ULONG MDP_CreatReqMsgHeader(const tagMDPMsgHeader *header, tagMDPMsg *message
 
 ZR_ULONG MDP_GetMsgIE(const tagAOIMsg *message, ZR_ULONG id, const void **value, ZR_ULONG *length)
 {
-    const auto &elements = static_cast<const Answer *>(message)->elements;
-    const auto found = elements.find(id);
-    if (found == elements.end())
-        return id;
-    *value = found->second.data();
-    *length = static_cast<ZR_ULONG>(found->second.size());
-    return 0;
+    const ZR_ULONG code = platform.enter("getIE");
+    return code != 0 ? code : find(message, id, value, length);
 }
 
 ZR_ULONG ZR_MSGDISP_Init(ZR_ULONG maxBytes, ZR_ULONG timeoutMs, const char *userAgent, const char *caFile)
@@ -91,6 +97,7 @@ ZR_ULONG ZR_MSGDISP_Init(ZR_ULONG maxBytes, ZR_ULONG timeoutMs, const char *user
 void ZR_MSGDISP_Destroy()
 {
     platform.record("MSGDISP_Destroy");
+    platform.enter("MSGDISP_Destroy");
 }
 
 CIAOIMsgDisp *ZR_MSGDISP_GetAOIMsgDispInter()
@@ -102,8 +109,9 @@ tagMDPMsg *CAOIIETool::mallocAOIMsg(ZR_ULONG size)
 {
     if (platform.enter("malloc") != 0 || size != 2048)
         return nullptr;
-    ++platform.liveMessages;
-    return new Message{};
+    auto *message = new (std::nothrow) Message{};
+    platform.liveMessages += message != nullptr ? 1 : 0;
+    return message;
 }
 
 void CAOIIETool::genAOIMsgHeader(ZR_ULONG id, ZR_ULONG source, ZR_ULONG destination, tagMDPMsgHeader &header)
@@ -164,6 +172,7 @@ ZR_ULONG CAOIIETool::getAOIIETransport(const tagAOIMsg *message, tagBroadcastmet
 void CZRWriteLog::writeLog(tagZrLogLevel level, ZR_ULONG code, ZR_ULONG module, const char *file, int,
                            const char *format, ...)
 {
+    const Uncounted uncounted;
     char text[2048];
     va_list arguments;
     va_start(arguments, format);
@@ -195,6 +204,7 @@ void scriptedRelease(CMediaAbility *)
 void CJugeMediaKeepLive::RefreshMediaKeepLive(ZR_ULONG port)
 {
     platform.record("refresh", port);
+    platform.enter("refresh");
 }
 
 ZR_ULONG CJugeMediaKeepLive::CheckIfRecvPkt(ZR_ULONG)
@@ -208,17 +218,23 @@ ZR_ULONG CRouteMgr::addUAAddr(const std::string &source, const std::string &dest
                               ZR_USHORT port)
 {
     platform.record("addUAAddr", source, destination, ip, port);
-    return 0;
+    const ZR_ULONG code = platform.enter("addUAAddr");
+    if (code == 0)
+        platform.addRoute(source + destination);
+    return code;
 }
 
 ZR_ULONG CRouteMgr::deleteUAAddr(const std::string &source, const std::string &destination)
 {
+    const Uncounted uncounted;
     platform.record("deleteUAAddr", source, destination);
-    return 0;
+    platform.dropRoute(source + destination);
+    return platform.enter("deleteUAAddr");
 }
 
 int PlayerInputOnvifRtpInfo(ZR_ULONG port, const unsigned char *packet, ZR_ULONG length)
 {
+    const Uncounted uncounted;
     platform.record("player", port);
     platform.recordPacket(std::string(reinterpret_cast<const char *>(packet), length));
     return static_cast<int>(platform.enter("player"));
@@ -229,6 +245,8 @@ int PlayerInputOnvifRtpInfo(ZR_ULONG port, const unsigned char *packet, ZR_ULONG
 ZR_ULONG TW_StartIndependTimer(ZR_ULONG periodMs, TW_TIMER_CALLBACK callback, void *user, ZR_ULONG *handle)
 {
     platform.record("startTimer", periodMs);
+    if (const ZR_ULONG code = platform.enter("startTimer"))
+        return code;
     platform.setTimer(periodMs, [=] { callback(user); });
     *handle = periodMs;
     return 0;
@@ -276,6 +294,7 @@ int VELK_socket(int family, int type, int)
 
 int VELK_sendto(int, const void *data, int length, int, const sockaddr *to, int toLength)
 {
+    const Uncounted uncounted;
     const int taken = static_cast<int>(platform.enter("sendto"));
     errno = 99;
     if (taken == INJECTED || toLength != sizeof(sockaddr_in))

@@ -9,6 +9,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <tuple>
 #include <utility>
@@ -24,6 +25,19 @@ using Texts = std::vector<std::string>;
 constexpr ZR_ULONG AOI_PORT = 77;  ///< under which the tests register their objects
 constexpr ZR_ULONG INJECTED = 777; ///< the code of an injected failure
 constexpr ZR_ULONG REQUEST = 0, SUCCESS = 1, FAILURE = 2;
+
+/// Which of the running thread's next steps is picked, counted from 1; 0: none, or it was met. Allocations are counted
+/// by the one program that replaces operator new; there the picked one fails.
+inline thread_local int callsLeft = 0, allocationsLeft = 0;
+/// What happens at the picked call of the platform, and the code with which it then fails.
+inline thread_local std::function<ZR_ULONG(const std::string &operation)> atPickedCall;
+
+/// While it lives, the running thread's allocations are not counted: operations of a C interface never throw.
+struct Uncounted
+{
+    int left = std::exchange(allocationsLeft, 0);
+    ~Uncounted() { allocationsLeft = left; }
+};
 
 /// A message from the far side. Elements are texts; an element that is absent fails its read with its own identifier.
 struct Answer : tagAOIMsg
@@ -92,8 +106,9 @@ public:
     /// Hands a message to its processor, on a thread of its own.
     void deliver(Answer message)
     {
+        const Uncounted uncounted;
         const auto delivery = [this, message]() mutable {
-            CIAOIMsgProc *processor = locked()->m_script.processors[message.stHeader.ulDstID];
+            CIAOIMsgProc *processor = locked()->processorOf(message.stHeader.ulDstID);
             if (processor != nullptr)
                 processor->AOIMsgPro(&message);
         };
@@ -101,7 +116,11 @@ public:
     }
     /// Waits for what is being delivered; not from inside a delivery.
     void settle() { const auto finished = std::exchange(locked()->m_deliveries, {}); }
-    void setTimer(ZR_ULONG periodMs, const std::function<void()> &step) { locked()->m_script.timers[periodMs] = step; }
+    void setTimer(ZR_ULONG periodMs, const std::function<void()> &step)
+    {
+        const Uncounted uncounted;
+        locked()->m_script.timers[periodMs] = step;
+    }
     bool dropTimer(ZR_ULONG periodMs) { return locked()->m_script.timers.erase(periodMs) == 1; }
     /// Runs the timer of a period, on the caller's thread.
     void tick(ZR_ULONG periodMs)
@@ -132,6 +151,8 @@ public:
     void clearRecord() { locked()->m_record = {}; }
     std::atomic<size_t> liveMessages{0}; ///< allocated and not yet freed
     std::atomic<int> openSockets{0};
+    /// Processors and routes that are registered.
+    size_t registrations() { return locked()->m_script.processors.size() + m_script.routes.size(); }
     /// Waits, 20 seconds at most, until a predicate over the record holds.
     bool waitFor(const std::function<bool()> &predicate)
     {
@@ -140,9 +161,12 @@ public:
     }
 
     // --- for the platform's operations
+    void addRoute(const std::string &route) { locked()->m_script.routes.insert(route); }
+    void dropRoute(const std::string &route) { locked()->m_script.routes.erase(route); }
     template <typename... Values>
     void record(const std::string &event, const Values &...values)
     {
+        const Uncounted uncounted;
         locked()->m_record.events.push_back(event + "(" + listed(values...) + ")");
     }
     void recordPacket(const std::string &bytes) { locked()->m_record.packets.push_back(bytes); }
@@ -151,6 +175,12 @@ public:
     /// Runs the operation's hook and says whether this call fails, and with which code.
     ZR_ULONG enter(const std::string &operation)
     {
+        const Uncounted uncounted;
+        if (callsLeft > 0 && --callsLeft == 0)
+        {
+            if (const ZR_ULONG code = atPickedCall(operation))
+                return code;
+        }
         std::unique_lock<std::recursive_mutex> guard(m_lock);
         const auto action = m_script.hooks[operation];
         Fault &fault = m_script.faults[operation];
@@ -176,16 +206,18 @@ public:
     ZR_ULONG registerAOIMsgProc(ZR_ULONG id, CIAOIMsgProc *processor) override
     {
         record("register", id);
-        locked()->m_script.processors[id] = processor;
-        return 0;
+        const ZR_ULONG code = enter("register");
+        if (code == 0)
+            locked()->m_script.processors[id] = processor;
+        return code;
     }
     ZR_ULONG unregisterAOIMsgProc(ZR_ULONG id) override
     {
         record("unregister", id);
-        enter("unregister");
+        const ZR_ULONG code = enter("unregister");
         locked()->m_script.processors.erase(id);
         settle();
-        return 0;
+        return code;
     }
 
 private:
@@ -201,6 +233,7 @@ private:
         std::multimap<ZR_ULONG, Answer> answers;
         std::map<ZR_ULONG, CIAOIMsgProc *> processors;
         std::map<ZR_ULONG, std::function<void()>> timers;
+        std::set<std::string> routes;
     };
     struct Record
     {
@@ -216,6 +249,11 @@ private:
         std::unique_lock<std::recursive_mutex> guard{platform->m_lock};
     };
     Locked locked() { return {this}; }
+    CIAOIMsgProc *processorOf(ZR_ULONG id) const
+    {
+        const auto found = m_script.processors.find(id);
+        return found != m_script.processors.end() ? found->second : nullptr;
+    }
 
     std::recursive_mutex m_lock; ///< guards everything below; never held while foreign code runs
     std::condition_variable_any m_changed;
