@@ -132,7 +132,8 @@ class Connection:
     def serve(self):
         received = b""
         while True:
-            due = [moment for moment in (self.plan and self.plan[0][0], self.playing) if moment]
+            due = [self.plan[0][0]] if self.plan else []
+            due += [self.playing] if self.playing and not self.answering() else []
             wait = max(0, min(due) - time.monotonic()) if due else None
             if select.select([self.stream], [], [], wait)[0]:
                 more = self.stream.recv(65536)
@@ -142,8 +143,11 @@ class Connection:
             while self.plan and self.plan[0][0] <= time.monotonic():
                 what = self.plan.popleft()[1]
                 self.stream.sendall(what) if isinstance(what, bytes) else what()
-            if self.playing and not self.plan and self.playing <= time.monotonic():
+            if self.playing and not self.answering() and self.playing <= time.monotonic():
                 self.send_packet()
+
+    def answering(self):
+        return self.plan and isinstance(self.plan[0][1], bytes)
 
     def take(self, received):
         """Acts on whole requests; the host's frames and answers are passed over."""
