@@ -147,7 +147,7 @@ CRtspMediaCtrl::~CRtspMediaCtrl()
     };
     try
     {
-        CRtspMediaCtrl::tearDown(); // whose own failure leaves none of the other steps out
+        endSession();
         unregisterFromDispatcher();
         endCallsInside();
         if (m_bAbilityFromHost == 0)
