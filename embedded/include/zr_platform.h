@@ -36,13 +36,14 @@ enum tagZrTlsCode : ZR_ULONG
 enum tagZrConnectionProblem : ZR_ULONG
 {
     ZR_CONNECTION_NONE = 0,
-    ZR_CONNECTION_FAILED = 1,         ///< refused, unreachable, unresolved, reset, closed, or cut by a limit
+    ZR_CONNECTION_FAILED = 1,         ///< there was none: refused, unreachable, unresolved, or too slow
     ZR_CONNECTION_TLS_FAILED = 2,     ///< no TLS with the server: it speaks none, or only versions before 1.2
     ZR_CONNECTION_NOT_TRUSTED = 3,    ///< its certificate is not accepted, for a reason that is none of these
     ZR_CONNECTION_FOREIGN_ISSUER = 4, ///< nobody who is trusted vouches for its certificate
     ZR_CONNECTION_WRONG_NAME = 5,     ///< its certificate is for another host
     ZR_CONNECTION_EXPIRED = 6,        ///< its certificate has expired
-    ZR_CONNECTION_NOT_YET_VALID = 7   ///< its certificate will be valid, or this machine's clock is wrong
+    ZR_CONNECTION_NOT_YET_VALID = 7,  ///< its certificate will be valid, or this machine's clock is wrong
+    ZR_CONNECTION_BROKEN = 8          ///< it was there, and was reset, closed, or cut for what the server sent
 };
 
 extern "C"
@@ -67,6 +68,13 @@ extern "C"
     /// @param ulSize       its bytes
     /// @return a tagZrConnectionProblem; 0: none since it connected, or no such session
     ZR_PLATFORM_API ZR_ULONG ZR_ConnectionProblem(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize);
+
+    /// Says how a session's latest request, keep-alives apart, was refused: of most requests the plug-in tells only
+    /// that they failed. Any thread.
+    /// @param ulAOIPortID, pszText, ulSize  as above; the words are the server's, or say why its answer cannot be used
+    /// @return its status (RFC 2326, 7.1.1), or the one that the answer amounts to; 0: it was not refused, or not
+    ///         answered, or there is no such session
+    ZR_PLATFORM_API ZR_ULONG ZR_RequestRefusal(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize);
 
     /// What a media port has received so far, all tracks together.
     struct ZrMediaStatistics

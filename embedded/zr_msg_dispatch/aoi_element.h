@@ -17,6 +17,9 @@ using mdp::Status;
 constexpr size_t dataPrefix = 84;
 constexpr size_t challengePrefix = 8;
 
+/// Stands behind the UA ID of a destination, and its zero, that whoever asks takes for an ONVIF source.
+constexpr std::string_view onvifMark("\0onvif", 6);
+
 /// Whether a text may become part of a header: no CR, LF or NUL.
 bool isHeaderText(std::string_view text);
 

@@ -170,6 +170,9 @@ ZR_ULONG readRequest(const tagMDPMsg *message, Request &out)
     }
     std::string_view accept;
     request.accept = mdp::find(message, AOI_IE_ACCEPT, accept) == mdp::Ok;
+    std::string_view destination;
+    request.onvif = mdp::find(message, AOI_IE_DST_UA_ID, destination) == mdp::Ok &&
+                    destination.find(onvifMark) != std::string_view::npos;
     out = std::move(request);
     return mdp::Ok;
 }

@@ -43,6 +43,7 @@ struct Request
     std::optional<TransportElement> transport;
     std::optional<float> scale;
     bool accept = false;
+    bool onvif = false; ///< whoever asks takes the source for one (DESCRIBE, SETUP)
 };
 
 /// Decodes a request message.

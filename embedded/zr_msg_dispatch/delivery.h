@@ -17,10 +17,10 @@
 
 namespace zr::dispatch {
 
-/// Why a connection failed.
+/// Why a connection or a request failed.
 struct Problem
 {
-    ZR_ULONG code = 0; ///< a tagZrConnectionProblem
+    ZR_ULONG code = 0; ///< a tagZrConnectionProblem; a request's status
     std::string text;
 };
 
@@ -39,22 +39,30 @@ public:
     /// Requests that were accepted and are neither answered nor dropped. Any thread.
     std::atomic<size_t> requests{0};
 
-    /// Why its connection failed last, until there is one again. Any thread; its mutex is held for the copy alone.
-    Problem problem() const
+    /// Any thread; a mutex is held for the copy alone.
+    class Note
     {
-        const std::lock_guard<std::mutex> lock(m_problemMutex);
-        return m_problem;
-    }
-    void setProblem(const Problem &problem)
-    {
-        const std::lock_guard<std::mutex> lock(m_problemMutex);
-        m_problem = problem;
-    }
+    public:
+        Problem get() const
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            return m_problem;
+        }
+        void set(const Problem &problem)
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_problem = problem;
+        }
+
+    private:
+        mutable std::mutex m_mutex;
+        Problem m_problem;
+    };
+    Note connection; ///< why it failed last, until there is one again
+    Note refusal;    ///< of the latest request, until the next one
 
 private:
     friend class Delivery;
-    mutable std::mutex m_problemMutex;
-    Problem m_problem;
     CIAOIMsgProc *const processor;
     // the rest is guarded by the delivery's mutex
     std::deque<aoi::MessagePtr> messages;

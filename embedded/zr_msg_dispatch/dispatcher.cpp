@@ -125,10 +125,16 @@ ZR_ULONG Dispatcher::setVerification(bool wanted)
     return 0;
 }
 
-Problem Dispatcher::problem(ZR_ULONG id) const
+ZR_ULONG Dispatcher::tell(ZR_ULONG id, Registration::Note Registration::*which, char *text, ZR_ULONG size) const
 {
+    const bool wanted = text != nullptr && size > 0;
+    if (wanted)
+        *text = '\0';
     const auto running = engine();
-    return running ? running->problem(id) : Problem();
+    const Problem problem = running ? running->note(id, which) : Problem();
+    if (wanted)
+        text[problem.text.copy(text, size - 1)] = '\0';
+    return problem.code;
 }
 
 ZR_ULONG Dispatcher::sendAOIMsg(tagMDPMsg *pstMDPMsg)
@@ -210,14 +216,16 @@ ZR_ULONG ZR_TlsSetVerification(ZR_ULONG ulVerify)
 
 ZR_ULONG ZR_ConnectionProblem(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize)
 {
-    const bool wanted = pszText != nullptr && ulSize > 0;
-    if (wanted)
-        *pszText = '\0';
-    const auto tell = [&] {
-        const zr::dispatch::Problem problem = Dispatcher::instance().problem(ulAOIPortID);
-        if (wanted)
-            pszText[problem.text.copy(pszText, ulSize - 1)] = '\0';
-        return problem.code;
+    const auto read = [&] {
+        return Dispatcher::instance().tell(ulAOIPortID, &zr::dispatch::Registration::connection, pszText, ulSize);
     };
-    return zr::dispatch::guarded("ZR_ConnectionProblem", tell, ZR_CONNECTION_FAILED);
+    return zr::dispatch::guarded("ZR_ConnectionProblem", read, ZR_CONNECTION_FAILED);
+}
+
+ZR_ULONG ZR_RequestRefusal(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize)
+{
+    const auto read = [&] {
+        return Dispatcher::instance().tell(ulAOIPortID, &zr::dispatch::Registration::refusal, pszText, ulSize);
+    };
+    return zr::dispatch::guarded("ZR_RequestRefusal", read, ZR_ULONG{0});
 }

@@ -21,8 +21,8 @@ public:
     /// Trusts a further file from the next start on; empty: no further ones. @return 0, or a tagZrTlsCode
     ZR_ULONG addTrust(const std::string &file);
     ZR_ULONG setVerification(bool wanted);
-    /// Why the connection of a registration failed last.
-    Problem problem(ZR_ULONG id) const;
+    /// Copies out what a registration notes, the text cut to fit. @return its code
+    ZR_ULONG tell(ZR_ULONG id, Registration::Note Registration::*which, char *text, ZR_ULONG size) const;
     void destroy();
     bool everStarted() const;
     /// The process ends. @see Engine::abandon

@@ -106,10 +106,10 @@ ZR_ULONG Engine::sendAOIMsg(tagMDPMsg *message)
     return codeNotRegistered;
 }
 
-Problem Engine::problem(ZR_ULONG id)
+Problem Engine::note(ZR_ULONG id, Registration::Note Registration::*which)
 {
     const RegistrationPtr registration = m_delivery.find(id);
-    return registration ? registration->problem() : Problem();
+    return registration ? (registration.get()->*which).get() : Problem();
 }
 
 ZR_ULONG Engine::accept(aoi::Request request, const RegistrationPtr &registration)

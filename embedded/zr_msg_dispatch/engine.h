@@ -39,8 +39,8 @@ public:
     ZR_ULONG sendAOIMsg(tagMDPMsg *message) override;
     ZR_ULONG registerAOIMsgProc(ZR_ULONG id, CIAOIMsgProc *processor) override { return m_delivery.add(id, processor); }
     ZR_ULONG unregisterAOIMsgProc(ZR_ULONG id) override;
-    /// Why the connection of a registration failed last.
-    Problem problem(ZR_ULONG id);
+    /// What a registration notes of its connection, or of its latest request; nothing when there is none.
+    Problem note(ZR_ULONG id, Registration::Note Registration::*which);
 
 private:
     ZR_ULONG accept(aoi::Request request, const RegistrationPtr &registration);

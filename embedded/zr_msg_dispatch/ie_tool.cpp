@@ -11,15 +11,16 @@ using zr::aoi::Status;
 
 namespace {
 
-/// Adds a text that becomes part of a header. The log names the IE, not the text: that may be a credential.
-Status addText(const char *name, ZR_ULONG id, const std::string &text, tagAOIMsg *message)
+/// Adds a text that becomes part of a header, and behind its zero the mark. The log names the IE, not the text: that
+/// may be a credential.
+Status addText(const char *name, ZR_ULONG id, const std::string &text, tagAOIMsg *message, std::string_view mark = {})
 {
     if (!zr::aoi::isHeaderText(text))
     {
         ZR_PLATFORM_LOG(WARNING, zr::mdp::ForbiddenText, Dispatch, "[%s] a text with CR, LF or NUL is refused", name);
         return zr::mdp::ForbiddenText;
     }
-    return zr::aoi::appendText(message, id, {}, text);
+    return zr::aoi::appendText(message, id, {}, mark.empty() ? text : text + std::string(mark));
 }
 
 Status addTransport(ZR_ULONG id, const zr::aoi::TransportElement &transport, tagAOIMsg *message)
@@ -69,15 +70,17 @@ ZR_ULONG CAOIIETool::addAOIIESessionID(const std::string &strSessionID, tagAOIMs
     return addText("addAOIIESessionID", AOI_IE_SESSION_ID, strSessionID, pstAOIMsg);
 }
 
-// the UA IDs find the route, which is the same whether or not an ONVIF device is at its end
+// the UA IDs find the route, which is the same whether or not an ONVIF device is at its end; the requester reads the
+// answers of one otherwise
 ZR_ULONG CAOIIETool::addAOIIESrcUaID(const std::string &strUaID, tagAOIMsg *pstAOIMsg, ZR_ULONG /*ulOnvif*/)
 {
     return addText("addAOIIESrcUaID", AOI_IE_SRC_UA_ID, strUaID, pstAOIMsg);
 }
 
-ZR_ULONG CAOIIETool::addAOIIEDstUaID(const std::string &strUaID, tagAOIMsg *pstAOIMsg, ZR_ULONG /*ulOnvif*/)
+ZR_ULONG CAOIIETool::addAOIIEDstUaID(const std::string &strUaID, tagAOIMsg *pstAOIMsg, ZR_ULONG ulOnvif)
 {
-    return addText("addAOIIEDstUaID", AOI_IE_DST_UA_ID, strUaID, pstAOIMsg);
+    return addText("addAOIIEDstUaID", AOI_IE_DST_UA_ID, strUaID, pstAOIMsg,
+                   ulOnvif == 1 ? zr::aoi::onvifMark : std::string_view());
 }
 
 ZR_ULONG CAOIIETool::addAOIIETransport(const std::string &strIP, ZR_USHORT usPort, tagProtocol enProtocol,

@@ -13,6 +13,7 @@ constexpr ZR_ULONG successKind = 1;
 constexpr ZR_ULONG failureKind = 2;
 constexpr ZR_ULONG forbidden = 403;
 constexpr ZR_ULONG unsupportedMediaType = 415;
+constexpr ZR_ULONG sessionNotFound = 454;
 constexpr ZR_ULONG unsupportedTransport = 461;
 constexpr ZR_ULONG badGateway = 502;
 
@@ -108,7 +109,14 @@ void mapDescription(const aoi::Request &request, const std::string &requestUrl, 
                     "the DESCRIBE answer holds no SDP: " + std::to_string(response.body.size()) + " bytes of type " +
                         rtsp::quoted(type != nullptr ? *type : ""));
     }
-    mapped.answer.body = completeRtpmaps(*sdp);
+    std::string completed = completeRtpmaps(*sdp);
+    if (request.onvif)
+    {
+        std::string problem = descriptionProblem(completed);
+        if (!problem.empty())
+            return fail(mapped, request, unsupportedMediaType, std::move(problem));
+    }
+    mapped.answer.body = std::move(completed);
     mapped.answer.contentBase = contentBase(request, requestUrl, response, *sdp);
     if (const std::string *location = response.find("Content-Location"))
         mapped.answer.url = resolveUrl(requestUrl, *location);
@@ -148,6 +156,15 @@ void mapPlay(const aoi::Request &request, const rtsp::Message &response, Session
                           scale != nullptr ? rtsp::parseDecimal(*scale, largestScale).value_or(1) : 1, now);
 }
 
+/// Whether an answer that a requester waits for is its session's: it would pass over another one, and go on waiting.
+bool isOfSession(const aoi::Request &request, const rtsp::Message &response)
+{
+    const bool awaited = request.messageId == AOI_MSG_RTSP_PLAY || request.messageId == AOI_MSG_RTSP_PAUSE;
+    unsigned ignored = 0;
+    const std::string id = readSession(response, ignored);
+    return !awaited || id.empty() || request.sessionId.empty() || id == request.sessionId;
+}
+
 /// What every 2xx answer says.
 void mapCommon(const aoi::Request &request, const rtsp::Message &response, Session &session, aoi::Answer &answer)
 {
@@ -184,6 +201,12 @@ Mapped mapResponse(const aoi::Request &request, const std::string &requestUrl, c
         mapped.answer = failureAnswer(request, static_cast<ZR_ULONG>(response.status));
         if (response.status == 401)
             mapChallenge(request, response, session, ends, mapped);
+        return mapped;
+    }
+    if (!isOfSession(request, response))
+    {
+        fail(mapped, request, sessionNotFound,
+             "the answer is for the session " + rtsp::quoted(*response.find("Session")));
         return mapped;
     }
     mapCommon(request, response, session, mapped.answer);

@@ -136,6 +136,32 @@ std::string completeRtpmaps(std::string_view sdp)
     return writer.take();
 }
 
+std::string descriptionProblem(std::string_view sdp)
+{
+    struct Attribute
+    {
+        std::string_view name;
+        const char *end;
+        size_t longest; ///< characters that the plug-in has room for
+    };
+    constexpr Attribute attributes[] = {{"a=rtpmap:", "\r\n/;", 31}, {"a=control:", "\r\n", 511}};
+    constexpr std::string_view video = "m=video";
+    const size_t section = sdp.find(video);
+    if (section == std::string_view::npos)
+        return "the description names no video";
+    for (const Attribute &attribute : attributes)
+    {
+        const size_t begin = sdp.find(attribute.name, section + video.size());
+        if (begin == std::string_view::npos)
+            return "the description's video has no " + std::string(attribute.name);
+        const std::string_view value = sdp.substr(begin + attribute.name.size());
+        if (std::min(value.find_first_of(attribute.end), value.size()) > attribute.longest)
+            return "the description's video has more than " + std::to_string(attribute.longest) + " characters in " +
+                   std::string(attribute.name);
+    }
+    return {};
+}
+
 bool hasRelativeControls(std::string_view sdp)
 {
     constexpr std::string_view attribute = "a=control:";

@@ -38,6 +38,10 @@ std::optional<std::string> readDescription(const rtsp::Message &response);
 /// that has none.
 std::string completeRtpmaps(std::string_view sdp);
 
+/// Why the plug-in could make nothing of an ONVIF source's description, and would go on waiting; empty when it can: it
+/// takes codec and control URL of the first video, wherever behind it they stand.
+std::string descriptionProblem(std::string_view sdp);
+
 /// Whether a control attribute is to be joined to the content base.
 bool hasRelativeControls(std::string_view sdp);
 

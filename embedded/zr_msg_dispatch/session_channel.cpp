@@ -6,6 +6,7 @@
 #include "platform_log.h"
 #include "result_codes.h"
 #include "rtsp_text.h"
+#include "zr_platform.h"
 
 namespace zr::dispatch {
 
@@ -113,6 +114,8 @@ void SessionChannel::send(const AcceptedPtr &accepted)
         refuse(*accepted, statusBadRequest, "its URL or transport cannot be written");
         return;
     }
+    if (!isDroppable(request.messageId))
+        m_registration->refusal.set({});
     m_exchanges.sent({accepted, request.messageId, ++m_cseq, request.url, SteadyClock::now()});
     m_keeper.sent(request);
     m_connection->write(bytes);
@@ -145,7 +148,7 @@ void SessionChannel::keepAlive()
 void SessionChannel::connected()
 {
     m_wasUp = true;
-    m_registration->setProblem({});
+    m_registration->connection.set({});
     ZR_PLATFORM_LOG(DEBUG, 0, Dispatch, "%s: connected", name().c_str());
     if (m_life == Life::Lingering)
         flushTeardowns();
@@ -184,6 +187,7 @@ void SessionChannel::takeResponse(const rtsp::Message &response)
             finish();
         return;
     }
+    m_answered = true;
     if (exchange->accepted && follow(*exchange, response))
         return;
     if (exchange->accepted && exchange->accepted->own)
@@ -226,6 +230,9 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
     if (mapped.track)
         setUpTrack(mapped);
     m_keeper.watch(m_session);
+    if (mapped.answer.errorCode && !isDroppable(request.messageId)) // before whoever waits is told
+        m_registration->refusal.set(
+            {*mapped.answer.errorCode, mapped.problem.empty() ? response.reason : mapped.problem});
     deliver(mapped.answer);
 }
 
@@ -271,8 +278,11 @@ void SessionChannel::answerServer(const rtsp::Message &request)
 
 void SessionChannel::lost(const std::string &reason, bool orderly)
 {
-    const Problem problem{m_connection->problem(), reason};
+    const ZR_ULONG code = m_connection->problem();
+    const Problem problem{m_wasUp && code == ZR_CONNECTION_FAILED ? ZR_ULONG{ZR_CONNECTION_BROKEN} : code, reason};
     m_connection.reset();
+    if (orderly && askAgain())
+        return;
     if (m_life != Life::Open)
     {
         finish();
@@ -287,7 +297,7 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
         ZR_PLATFORM_LOG(WARNING, codeConnection, Dispatch, "%s: %s: %s", name().c_str(),
                         m_wasUp ? "the connection is lost" : "no connection", reason.c_str());
     if (!quiet) // before whoever waits is told
-        m_registration->setProblem(problem);
+        m_registration->connection.set(problem);
     const bool missed = m_exchanges.hasKeepAlive(true);
     failAll(reason);
     m_mayReconnect = goesOn;
@@ -335,6 +345,7 @@ void SessionChannel::refuse(const Accepted &accepted, ZR_ULONG status, const std
         return; // the next one comes by itself
     ZR_PLATFORM_LOG(WARNING, status, Dispatch, "%s: %s fails with %u: %s", name().c_str(),
                     methodOf(accepted.request.messageId), status, why.c_str());
+    m_registration->refusal.set({}); // it was not the server's
     deliver(failureAnswer(accepted.request, status));
 }
 

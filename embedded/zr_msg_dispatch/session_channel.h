@@ -70,6 +70,7 @@ private:
     bool leadsElsewhere(const Accepted &accepted, const Target &target) const;
     bool follow(const Exchange &exchange, const rtsp::Message &response);
     void leadTo(const Url &url);
+    bool askAgain();
     void openConnection();
     void dropConnection();
     bool maySeeCredentials() const;
@@ -109,7 +110,8 @@ private:
     std::optional<Redirect> m_redirect;
     std::shared_ptr<Connection> m_connection; ///< null: none; else being resolved, connecting, or up
     Session m_session;
-    bool m_wasUp = false; ///< the connection
+    bool m_wasUp = false;    ///< the connection
+    bool m_answered = false; ///< a request, on it
     bool m_interleaved = false;
     bool m_tornDown = false;     ///< the last answer was that to a TEARDOWN: the server may close now
     bool m_mayReconnect = false; ///< a UDP session whose server closed between requests

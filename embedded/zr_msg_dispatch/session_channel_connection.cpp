@@ -103,12 +103,28 @@ void SessionChannel::leadTo(const Url &url)
     openConnection();
 }
 
+/// A server that closes after each answer, as in HTTP, may do so when the next request is under way already: it goes
+/// out again, on a connection of its own.
+/// @return false when it may not, for the server has answered nothing on the connection, or a session is set up
+bool SessionChannel::askAgain()
+{
+    if (m_life != Life::Open || !m_answered || m_session.setups > 0 || !m_exchanges.awaited())
+        return false;
+    ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: the server closed the connection instead of answering, it is asked again",
+                    name().c_str());
+    for (AcceptedPtr &accepted : m_exchanges.takeAll())
+        m_exchanges.push(std::move(accepted));
+    openConnection();
+    return true;
+}
+
 void SessionChannel::openConnection()
 {
     m_mayReconnect = false;
     m_notes = 0;
     m_announced = 0;
     m_wasUp = false;
+    m_answered = false;
     Connection::Owner &owner = *this;
     m_connection =
         std::make_shared<Connection>(m_services.loop, m_services.settings, owner,

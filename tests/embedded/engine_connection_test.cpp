@@ -53,8 +53,8 @@ TEST_F(EngineConnection, TrustsNobodyElse)
         EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(reason));
         ASSERT_THAT(answers, SizeIs(2));
         EXPECT_TRUE(answers[0].error == 503 && answers[1].error == 503);
-        EXPECT_EQ(engine().problem(8).code, problem);
-        EXPECT_THAT(engine().problem(8).text, HasSubstr(reason));
+        EXPECT_EQ(engine().note(8, &zr::dispatch::Registration::connection).code, problem);
+        EXPECT_THAT(engine().note(8, &zr::dispatch::Registration::connection).text, HasSubstr(reason));
         EXPECT_THAT(server.requests(0), IsEmpty());
     }
 }

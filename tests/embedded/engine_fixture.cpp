@@ -250,7 +250,7 @@ ZR_ULONG Client::send(ZR_ULONG messageId)
     MDP_CreatReqMsgHeader(&header, message);
     CAOIIETool::addAOIIEURL(url, message);
     CAOIIETool::addAOIIESrcUaID(m_ua, message, 1);
-    CAOIIETool::addAOIIEDstUaID("camera", message, 1);
+    CAOIIETool::addAOIIEDstUaID("camera", message, 0);
     if (messageId == AOI_MSG_RTSP_DESCRIBE)
     {
         CAOIIETool::addAOIIEUserAgent(message);
