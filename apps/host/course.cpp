@@ -48,21 +48,54 @@ milliseconds inMilliseconds(double seconds)
 
 Course::Course(Plugin &plugin, const Interrupt &interrupt, const Source &source, const CourseOptions &options,
                Report &report)
-    : m_interrupt(interrupt)
+    : m_plugin(plugin)
+    , m_interrupt(interrupt)
     , m_source(source)
     , m_options(options)
     , m_report(report)
     , m_mailbox(interrupt)
-    , m_session(plugin, source, m_mailbox)
+    , m_protocol(options.protocol)
     , m_playback(options.playback)
 {
+    m_session.emplace(plugin, source, m_mailbox);
 }
 
 void Course::begin()
 {
-    open();
-    start();
+    for (bool again = true; again;)
+    {
+        try
+        {
+            open();
+            start();
+            again = false;
+        }
+        catch (const Failure &failed)
+        {
+            openAnew(failed);
+        }
+    }
     awaitMedia();
+}
+
+// An object has one session: what only another one can avoid takes a new object.
+void Course::openAnew(const Failure &failed)
+{
+    constexpr ZR_ULONG unauthorized = 401, unsupportedTransport = 461;
+    const bool overTcp = failed.code() == unsupportedTransport && m_protocol == PROTOCOL_UDP && m_options.fallBack;
+    const bool described = !m_description.tracks.empty();
+    const bool withNonce = failed.code() == unauthorized && described && m_session->authenticated() && !m_renewed;
+    if (m_interrupt.asked() || (!overTcp && !withNonce))
+    {
+        throw Failure(failed);
+    }
+    m_renewed = m_renewed || withNonce;
+    m_protocol = overTcp ? PROTOCOL_TCP : m_protocol;
+    m_report.event("opening_anew",
+                   overTcp ? "the server does not offer UDP: opening a new session over TCP"
+                           : "the server takes its nonce no more: opening a new session with a new nonce",
+                   {{"code", failed.code()}});
+    m_session.emplace(m_plugin, m_source, m_mailbox);
 }
 
 void Course::stopUnlessInterrupted()
@@ -75,13 +108,13 @@ void Course::stopUnlessInterrupted()
 
 void Course::open()
 {
-    m_description = m_session.describe();
+    m_description = m_session->describe();
     m_report.event("described", "described: " + summary(m_description), {{"range", m_description.range}});
     stopUnlessInterrupted();
-    const char *transport = m_options.protocol == PROTOCOL_TCP ? "TCP" : "UDP";
-    for (const TrackUrl &track : m_session.tracks())
+    const char *transport = m_protocol == PROTOCOL_TCP ? "TCP" : "UDP";
+    for (const TrackUrl &track : m_session->tracks())
     {
-        m_session.setUp(track, m_options.protocol, m_options.playback);
+        m_session->setUp(track, m_protocol, m_options.playback);
         m_report.event("set_up", "set up " + track.media + " over " + transport,
                        {{"media", track.media}, {"transport", transport}});
         stopUnlessInterrupted();
@@ -92,9 +125,9 @@ void Course::start()
 {
     if (!m_options.record.empty())
     {
-        m_session.record(m_options.record);
+        m_session->record(m_options.record);
     }
-    m_session.play(m_options.playback);
+    m_session->play(m_options.playback);
     m_resumed = Clock::now();
     std::string text = "playing";
     text += m_options.playback.from.empty() ? "" : " from " + m_options.playback.from;
@@ -106,7 +139,7 @@ void Course::start()
 void Course::awaitMedia()
 {
     std::optional<ZR_ULONG> notice;
-    while (m_session.statistics().ullPackets == 0)
+    while (m_session->statistics().ullPackets == 0)
     {
         if (notice)
         {
@@ -117,8 +150,8 @@ void Course::awaitMedia()
         if (Clock::now() - m_resumed > firstMediaWithin)
         {
             throw Failure(ExitCode::NoMedia, "playing", 0, "no media arrived within 5 s",
-                          m_options.protocol == PROTOCOL_TCP ? "check that the stream plays elsewhere"
-                                                             : "--tcp, since a firewall or a router may keep UDP away");
+                          m_protocol == PROTOCOL_TCP ? "check that the stream plays elsewhere"
+                                                     : "--tcp, since a firewall or a router may keep UDP away");
         }
         notice = m_mailbox.wait(pollEvery);
     }
@@ -195,7 +228,7 @@ double Course::secondsOfMedia() const
 void Course::measure()
 {
     const auto now = m_lastLook = Clock::now();
-    const ZrMediaStatistics statistics = m_session.statistics();
+    const ZrMediaStatistics statistics = m_session->statistics();
     m_media.packets = statistics.ullPackets;
     m_media.bytes = statistics.ullBytes;
     m_media.lost = statistics.ullLost;
@@ -230,7 +263,7 @@ void Course::lookForSilence()
     {
         m_nextProbe = probeAfter;
     }
-    else if (m_media.silent >= m_nextProbe && m_options.protocol == PROTOCOL_UDP)
+    else if (m_media.silent >= m_nextProbe && m_protocol == PROTOCOL_UDP)
     {
         m_nextProbe = m_media.silent + probeAgainAfter;
         if (refusesConnections(m_source.url.host, m_source.url.port))
@@ -243,14 +276,14 @@ void Course::lookForSilence()
 
 void Course::pause()
 {
-    m_session.pause();
+    m_session->pause();
     m_paused = Clock::now();
     m_report.event("paused", "paused", nullptr);
 }
 
 void Course::playOn()
 {
-    m_session.play({"", "", m_playback.speedCode, std::nullopt});
+    m_session->play({"", "", m_playback.speedCode, std::nullopt});
     endPause();
     m_report.event("playing", "playing on", nullptr);
 }
@@ -258,7 +291,7 @@ void Course::playOn()
 void Course::endPause()
 {
     m_resumed = m_lastLook = m_lastRate = Clock::now();
-    m_rateBytes = m_session.statistics().ullBytes;
+    m_rateBytes = m_session->statistics().ullBytes;
     if (m_paused)
     {
         m_pausedSeconds += inSeconds(m_resumed - *m_paused);
@@ -268,7 +301,7 @@ void Course::endPause()
 
 void Course::seek(const Playback &playback)
 {
-    m_session.seek(playback);
+    m_session->seek(playback);
     endPause();
     m_playback = playback;
     m_playbackSince = secondsOfMedia();
@@ -282,7 +315,7 @@ void Course::endRecording()
     }
     try
     {
-        m_session.endRecording();
+        m_session->endRecording();
         m_report.event("recorded", "recorded " + m_options.record, {{"file", m_options.record}});
     }
     catch (const Failure &failed) // a session that was lost at once has nothing to record: that is not the cause
@@ -295,9 +328,9 @@ void Course::endRecording()
 void Course::end()
 {
     measure();
-    const ZrMediaStatistics statistics = m_session.statistics();
+    const ZrMediaStatistics statistics = m_session->statistics();
     endRecording();
-    m_session.end();
+    m_session->end();
     m_report.event("received",
                    "received " + std::to_string(statistics.ullPackets) + " packets, " + amount(statistics.ullBytes) +
                        ", lost " + std::to_string(statistics.ullLost),

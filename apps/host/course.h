@@ -15,6 +15,7 @@ namespace zr::host {
 struct CourseOptions
 {
     tagProtocol protocol = PROTOCOL_UDP;
+    bool fallBack = false; ///< to TCP, where the server refuses UDP
     Playback playback;
     std::string speed;  ///< as it was given, to be shown
     std::string record; ///< file; empty: none
@@ -44,7 +45,8 @@ public:
     Course(Plugin &plugin, const Interrupt &interrupt, const Source &source, const CourseOptions &options,
            Report &report);
 
-    /// Describes and sets up, starts the recording, plays, and waits for the first packet.
+    /// Describes and sets up, starts the recording, plays, and waits for the first packet. Begins once more with a new
+    /// session over TCP where the server refuses UDP (if the options let it), and where its nonce became old.
     void begin();
     /// Waits for what happens, half a second at most, and looks after the media.
     void step(std::chrono::milliseconds longest);
@@ -64,7 +66,7 @@ public:
     /// From now on step returns early as well when this descriptor is readable. -1: none.
     void alsoWakeFor(int handle) { m_mailbox.alsoWakeFor(handle); }
 
-    Session &session() { return m_session; }
+    Session &session() { return *m_session; }
     const Description &description() const { return m_description; }
     /// Seconds since media began, without pauses.
     double secondsOfMedia() const;
@@ -85,6 +87,7 @@ public:
 
 private:
     void open();
+    void openAnew(const Failure &failed);
     void start();
     void awaitMedia();
     void measure();
@@ -94,12 +97,15 @@ private:
     void endPause();
     void stopUnlessInterrupted();
 
+    Plugin &m_plugin;
     const Interrupt &m_interrupt;
     const Source &m_source;
     const CourseOptions &m_options;
     Report &m_report;
     Mailbox m_mailbox;
-    Session m_session;
+    std::optional<Session> m_session;
+    tagProtocol m_protocol; ///< of the session
+    bool m_renewed = false; ///< for a new nonce
     Description m_description;
     Playback m_playback;        ///< what was asked for last
     double m_playbackSince = 0; ///< and when, in seconds of media

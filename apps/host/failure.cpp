@@ -18,30 +18,30 @@ constexpr const char *readTheLog = "run it again with --log-level info: the log 
 constexpr const char *checkAddress =
     "check the address and the port, and that the device is on and reachable from here";
 
-// Below 600 RTSP's statuses (RFC 2326, 7.1.1). 503 is also what the platform answers itself when there is no
-// connection.
+// Below 1000 RTSP's statuses (RFC 2326, 7.1.1).
 constexpr Words words[] = {
     {400, ExitCode::Refused, "the server did not understand the request", readTheLog},
     {401, ExitCode::Credentials, "the server asks for credentials", "give --user and --password, with --tag onvif"},
     {403, ExitCode::Credentials, "the server forbids it, or asks for an authentication that is not known here",
      readTheLog},
     {404, ExitCode::Refused, "the server has no such stream", "check the path of the URL"},
-    {415, ExitCode::Refused, "the server's answer holds no description (SDP)", "check that the URL names a stream"},
+    {415, ExitCode::Refused, "the server's answer holds no description (SDP) that can be used",
+     "check that the URL names a stream"},
     {453, ExitCode::Refused, "the server has not enough bandwidth left", "end other sessions of this device"},
     {454, ExitCode::Refused, "the server does not know the session", readTheLog},
     {457, ExitCode::Refused, "the server cannot play this range",
      "check --from and --to against the recording's length"},
     {461, ExitCode::Refused, "the server does not offer this transport", "try the other one: --tcp or --udp"},
     {502, ExitCode::Refused, "the server's answer names no session", readTheLog},
-    {503, ExitCode::Unreachable, "the server cannot be reached", checkAddress},
+    {503, ExitCode::Refused, "the server cannot serve now", "try again later, or end other sessions of this device"},
     {ZR_RTSP_NO_ANSWER, ExitCode::Unreachable, "no answer came that could be used", readTheLog},
     {ZR_RTSP_SETUP_FAILED, ExitCode::Unreachable, "the server did not answer", readTheLog},
     {ZR_RTSP_REQUEST_SEND_FAILED, ExitCode::Internal, "the request could not be sent", readTheLog},
     {ZR_RTSP_WRONG_STATE, ExitCode::Internal, "the session is not in a state for it", readTheLog},
-    {ZR_RTSP_PLAY_FAILED, ExitCode::Refused, "the server refused to play, or did not answer", readTheLog},
-    {ZR_RTSP_SPEED_CHANGE_FAILED, ExitCode::Refused, "the server refused the download, or did not answer", readTheLog},
-    {ZR_RTSP_DRAG_FAILED, ExitCode::Refused, "the server refused to play so, or did not answer", readTheLog},
-    {ZR_RTSP_PAUSE_FAILED, ExitCode::Refused, "the server refused to pause, or did not answer", readTheLog},
+    {ZR_RTSP_PLAY_FAILED, ExitCode::Unreachable, "the server did not answer", readTheLog},
+    {ZR_RTSP_SPEED_CHANGE_FAILED, ExitCode::Unreachable, "the server did not answer", readTheLog},
+    {ZR_RTSP_DRAG_FAILED, ExitCode::Unreachable, "the server did not answer", readTheLog},
+    {ZR_RTSP_PAUSE_FAILED, ExitCode::Unreachable, "the server did not answer", readTheLog},
 };
 
 constexpr const char *unverified = "; --insecure goes on without verifying, for a network that is trusted";
@@ -66,6 +66,8 @@ constexpr Problem problems[] = {
      ZR_CONNECTION_NOT_YET_VALID, true},
     {"the server's certificate is not accepted", "replace it on the device", ZR_CONNECTION_NOT_TRUSTED, true},
     {"the server cannot be reached", checkAddress, ZR_CONNECTION_FAILED, false},
+    {"the connection to the server broke off",
+     "check that the port is that of the RTSP server, and the device's own log", ZR_CONNECTION_BROKEN, false},
 };
 
 } // namespace
@@ -81,27 +83,30 @@ Failure::Failure(ExitCode exit, const std::string &step, ZR_ULONG code, const st
 {
 }
 
-Failure requestFailed(const std::string &step, ZR_ULONG code)
+Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string &text)
 {
+    const std::string because = text.empty() ? "" : ": " + text;
     for (const Words &row : words)
     {
         if (row.code == code)
         {
-            return {row.exit, step, code, row.meaning, row.advice};
+            return {row.exit, step, code, row.meaning + because, row.advice};
         }
     }
-    const bool status = code >= 300 && code < 600;
+    const bool status = code >= 300 && code < 1000;
     return {status ? ExitCode::Refused : ExitCode::Internal, step, code,
-            status ? "the server refused the request" : "it could not be done", readTheLog};
+            (status ? "the server refused the request" : "it could not be done") + because, readTheLog};
 }
 
-Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text)
+Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text, bool played)
 {
     for (const Problem &row : problems)
     {
         if (row.problem == problem)
         {
-            return {ExitCode::Unreachable, step, code, row.meaning + (text.empty() ? "" : ": " + text),
+            const bool lost = played && problem == ZR_CONNECTION_BROKEN;
+            return {lost ? ExitCode::Lost : ExitCode::Unreachable, step, code,
+                    row.meaning + (text.empty() ? "" : ": " + text),
                     row.advice + std::string(row.untrusted ? unverified : "")};
         }
     }

@@ -48,13 +48,16 @@ private:
     std::string m_advice;
 };
 
-/// @param code  what an operation of the plug-in or the platform returned
-Failure requestFailed(const std::string &step, ZR_ULONG code);
+/// @param code  what an operation of the plug-in or the platform returned, or the server's status
+/// @param text  what the server or the platform says of it; may be empty
+Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string &text = {});
 
 /// A request that failed with its connection.
 /// @param problem  a tagZrConnectionProblem
 /// @param text     what happened, in the platform's words
-Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text);
+/// @param played   it was that of a session that played
+Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text,
+                         bool played);
 
 /// A command line that cannot be followed.
 Failure wrongUsage(const std::string &meaning);

@@ -87,7 +87,9 @@ void addTransport(CLI::App &app, Raw &raw, bool tcpIsDefault)
     auto *tcp = app.add_flag("--tcp", raw.tcp,
                              std::string("Receive media interleaved in the RTSP connection") +
                                  (tcpIsDefault ? " (default)" : ""));
-    app.add_flag("--udp", raw.udp, std::string("Receive media over UDP") + (tcpIsDefault ? "" : " (default)"))
+    app.add_flag("--udp", raw.udp,
+                 std::string("Receive media over UDP") +
+                     (tcpIsDefault ? "" : " alone (default: UDP, or TCP where the server refuses that)"))
         ->excludes(tcp);
 }
 
@@ -235,6 +237,7 @@ void understand(const Raw &raw, Options &options)
         requireFree(options.play.course.record, common.force);
         common.source = source(tagOr("onvif"));
         options.play.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
+        options.play.course.fallBack = !raw.udp;
         if (!options.play.course.speed.empty())
         {
             options.play.course.playback.speedCode = speedCode(options.play.course.speed);
@@ -253,6 +256,7 @@ void understand(const Raw &raw, Options &options)
     case Command::Tv:
         common.source = source(tagOr("plain"));
         options.tv.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
+        options.tv.course.fallBack = true;
         options.tv.wall = wallAddress(raw.wall);
         if (common.source.tag.substr(0, common.source.tag.find('@')) == "onvif")
         {

@@ -10,7 +10,8 @@ Exit codes:
        whole (download), all streams are alive at the end (watch)
   1    internal error
   2    wrong usage
-  3    the server cannot be reached, cannot be trusted, or does not answer
+  3    the server cannot be reached, cannot be trusted, or does not answer (so that
+       it can be understood)
   4    credentials missing or refused
   5    refused by the server
   6    no media arrived, or it stopped

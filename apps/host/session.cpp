@@ -10,6 +10,8 @@
 namespace zr::host {
 namespace {
 
+constexpr ZR_ULONG unauthorized = 401;
+
 ZR_ULONG nextId()
 {
     static std::atomic<ZR_ULONG> last{0};
@@ -88,8 +90,26 @@ bool Session::onvif() const
 Failure Session::failed(const std::string &step, ZR_ULONG result) const
 {
     char text[400] = "";
+    const ZR_ULONG status = ZR_RequestRefusal(m_id, text, sizeof text);
+    if (status == unauthorized && !m_source.credentials.user.empty())
+    {
+        return {ExitCode::Credentials, step, status,
+                authenticated() ? "the server asks for credentials again, after it has taken them"
+                                : "the server asks for credentials that it did not ask for when it described",
+                "only those that a description asks for can be given here"};
+    }
+    if (status != 0) // whatever became of the connection, it was answered
+    {
+        return requestFailed(step, status, text);
+    }
     const ZR_ULONG problem = ZR_ConnectionProblem(m_id, text, sizeof text);
-    return problem == ZR_CONNECTION_NONE ? requestFailed(step, result) : connectionFailed(step, result, problem, text);
+    return problem == ZR_CONNECTION_NONE ? requestFailed(step, result)
+                                         : connectionFailed(step, result, problem, text, m_played);
+}
+
+bool Session::authenticated() const
+{
+    return !ability().getOnvifInfo().m_strDescribeAuth.empty();
 }
 
 void Session::check(const std::string &step, ZR_ULONG result) const
@@ -102,17 +122,16 @@ void Session::check(const std::string &step, ZR_ULONG result) const
 
 void Session::throwDescribeFailed(ZR_ULONG result) const
 {
-    const CMediaAbility record = ability();
-    const bool challenged = result == ZR_RTSP_INVALID_PARAMETER && !record.getOnvifInfo().m_strDescribeAuth.empty() &&
-                            record.getDescribeRspSdp().empty();
+    const bool challenged =
+        result == ZR_RTSP_INVALID_PARAMETER && authenticated() && ability().getDescribeRspSdp().empty();
     if (challenged && m_source.credentials.user.empty())
     {
-        throw requestFailed("describe", 401);
+        throw requestFailed("describe", unauthorized);
     }
     if (challenged)
     {
-        throw Failure(ExitCode::Credentials, "describe", 401, "the server refused the user name or the password",
-                      "check --user and --password");
+        throw Failure(ExitCode::Credentials, "describe", unauthorized,
+                      "the server refused the user name or the password", "check --user and --password");
     }
     if (result == ZR_RTSP_INVALID_PARAMETER)
     {
@@ -171,11 +190,13 @@ void Session::play(const Playback &playback)
     if (const auto &download = playback.download)
     {
         check("download", m_controlEx->download(from, playback.to, download->code, download->fullFrame ? 1 : 0));
+        m_played = true;
         return;
     }
     // only dragPlay sends an ONVIF source its Scale whether or not it authenticates
     check("play", playback.speedCode ? m_controlEx->dragPlay(from, playback.to, *playback.speedCode)
                                      : m_control->play(from, playback.to));
+    m_played = true;
 }
 
 void Session::pause()

@@ -79,6 +79,8 @@ public:
     /// Writes the next whole picture.
     void snapshot(const std::string &file, ZR_ULONG timeoutMs);
     ZrMediaStatistics statistics() const;
+    /// Whether the server asked for credentials, and got some.
+    bool authenticated() const;
 
 private:
     ZR_ULONG getObserverID() override;
@@ -97,6 +99,7 @@ private:
     CIMediaCtrlEx *m_controlEx = nullptr;
     CIMediaCtrlEx2 *m_controlEx2 = nullptr;
     Description m_description;
+    bool m_played = false; ///< the server agreed to
 };
 
 } // namespace zr::host
