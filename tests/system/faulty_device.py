@@ -1,6 +1,7 @@
 """An RTSP device that plays one fault, which is data: faults.toml tells the keys. Without one it behaves well."""
 
 import base64
+import contextlib
 import hashlib
 import re
 import select
@@ -11,12 +12,9 @@ import time
 from collections import deque
 
 USER, PASSWORD = "viewer", "pass-w0rd"
-METHODS = "OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER"
 SDP = "v=0\r\ns=-\r\nt=0 0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:video\r\n"
 OWN_HEADERS = {"DESCRIBE": "Content-Type: application/sdp\r\n", "SETUP": "Transport: {transport}\r\nSession: {session}\r\n",
-               "OPTIONS": "Public: " + METHODS + "\r\n"}
-BETWEEN_PACKETS = 0.02
-WELL = {}
+               "OPTIONS": "Public: OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER\r\n"}
 
 
 def md5(text):
@@ -24,10 +22,8 @@ def md5(text):
 
 
 def end(stream, how):
-    try:
+    with contextlib.suppress(OSError):  # it is closed
         stream.shutdown(how)
-    except OSError:
-        pass  # it is closed
 
 
 class Device:
@@ -37,9 +33,7 @@ class Device:
         self.fault = fault
         self.asked = []  # methods, over all connections
         self.broken = []  # what of the fault could not be played
-        self.uses = {}
-        self.nonce = 1
-        self.connections = []
+        self.uses, self.nonce, self.connections = {}, 1, []
         self.holder = socket.socket()  # keeps the port while nobody listens
         self.holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
         self.holder.bind(("127.0.0.1", 0))
@@ -48,17 +42,16 @@ class Device:
 
     def listen(self):
         self.listener = socket.create_server(("127.0.0.1", self.port), backlog=64, reuse_port=True)
-        if "deaf" not in self.fault:
-            threading.Thread(target=self.accept, args=(self.listener,), daemon=True).start()
+        threading.Thread(target=self.accept, args=(self.listener,), daemon=True).start()
 
     def accept(self, listener):
-        try:
+        while "deaf" in self.fault:
+            time.sleep(0.05)
+        with contextlib.suppress(OSError):  # it is closed
             while True:
                 connection = Connection(self, listener.accept()[0])
                 self.connections.append(connection)
                 threading.Thread(target=connection.run, daemon=True).start()
-        except OSError:
-            pass  # closed
 
     def restart(self, seconds):
         self.hang_up()
@@ -66,10 +59,7 @@ class Device:
         self.listen()
 
     def heal(self):
-        deaf = self.fault.pop("deaf", False)
-        self.fault, self.uses = WELL, {}
-        if deaf:
-            threading.Thread(target=self.accept, args=(self.listener,), daemon=True).start()
+        self.fault, self.uses = {}, {}
 
     def close(self):
         self.hang_up()
@@ -83,7 +73,7 @@ class Device:
 
     def step(self, method):
         """What the fault does when this method comes for the n-th time; the last of a list stays."""
-        steps = self.fault.get(method, WELL)
+        steps = self.fault.get(method, {})
         if isinstance(steps, dict):
             return steps
         self.uses[method] = self.uses.get(method, -1) + 1
@@ -109,7 +99,7 @@ class Connection:
     def __init__(self, device, stream):
         self.device = device
         self.stream = stream
-        self.values = {"ue": "\xfc", "long": 4000 * "A", "port": device.port, "session": "4711", "nonce": "nonce1", "cseq": "0", "url": ""}
+        self.values = {"ue": "\xfc", "long": 4000 * "A", "port": device.port, "session": "4711", "cseq": "0", "url": ""}
         self.plan = deque()  # (when, bytes or an action)
         self.playing = None  # when the next packet is due
         self.phases = deque()
@@ -118,16 +108,11 @@ class Connection:
         self.client_port = None
 
     def run(self):
-        with self.stream:
-            try:
-                self.act("CONNECT", "")
-                self.serve()
-            except OSError:
-                pass  # the host has hung up, or the device
-            except Exception as problem:  # pylint: disable=broad-except
-                self.device.broken.append(repr(problem))
-            for sender in self.udp.values():
-                sender.close()
+        with self.stream, contextlib.suppress(OSError):  # the host has hung up, or the device
+            self.act("CONNECT", "")
+            self.serve()
+        for sender in self.udp.values():
+            sender.close()
 
     def serve(self):
         received = b""
@@ -159,11 +144,9 @@ class Connection:
                 received = received[size:]
                 continue
             head, blank, rest = received.partition(b"\r\n\r\n")
-            length = re.search(rb"\r\nContent-Length: (\d+)", head)
-            size = int(length[1]) if length else 0
-            if not blank or len(rest) < size:
+            if not blank:
                 break
-            received = rest[size:]
+            received = rest
             if not head.startswith(b"RTSP/"):
                 self.act(head.split()[0].decode(), head.decode("latin-1"))
         return received
@@ -179,15 +162,18 @@ class Connection:
         step = device.step(method) if admitted else {"status": "401 Unauthorized", "lines": device.fault["auth"]["lines"]}
         if method == "SETUP" and admitted:
             self.set_up(header("Transport"))
-        text = step.get("before", "") + step.get("answer", self.answer(method, step) if head else "") + step.get("after", "")
-        self.send(self.expand(text), step.get("delay", 0), step.get("pieces", len(text)), step.get("every", 0))
+        answer = step.get("answer", self.answer(method, step) if head else "")
+        data = self.expand(step.get("before", "") + answer + step.get("after", ""))
+        begin = max(time.monotonic(), self.plan[-1][0] if self.plan else 0) + step.get("delay", 0)
+        size = step.get("pieces", max(len(data), 1))
+        self.plan += [(begin + at // size * step.get("every", 0), data[at:at + size]) for at in range(0, len(data), size)]
         ends = {"close": lambda: end(self.stream, socket.SHUT_RDWR), "half": lambda: end(self.stream, socket.SHUT_WR),
                 "reset": self.reset, "restart": threading.Thread(target=device.restart, args=(step.get("away", 0),)).start}
         if "end" in step:
             self.plan.append((time.monotonic() + step.get("delay", 0) + step.get("after_s", 0), ends[step["end"]]))
         if method == "PLAY" and admitted and step.get("status", "200")[0] == "2":
-            self.phases = deque(device.fault.get("media", [WELL]))
-            self.playing = time.monotonic()
+            self.phases = deque(device.fault.get("media", [{}]))
+            self.playing = time.monotonic() if self.phases else None
         elif method in ("PAUSE", "TEARDOWN"):
             self.playing = None
 
@@ -196,11 +182,12 @@ class Connection:
         well = status[0] == "2"
         body = step.get("body", SDP if method == "DESCRIBE" and well else "")
         head = f"RTSP/1.0 {status}\r\nCSeq: {{cseq}}\r\n" + (OWN_HEADERS.get(method, "Session: {session}\r\n") if well else "")
-        length = f"Content-Length: {len(self.expand(body))}\r\n" if body else ""
-        head += "".join(line + "\r\n" for line in step.get("lines", ())) + length + "\r\n"
+        head += "".join(line + "\r\n" for line in step.get("lines", ()))
+        head += f"Content-Length: {len(self.expand(body))}\r\n\r\n" if body else "\r\n"
         for pattern, replacement in step.get("edit", ()):
             head, found = re.subn(pattern, replacement, head)
-            assert found, f"{pattern} is not in the answer to {method}"
+            if not found:
+                self.device.broken.append(f"{pattern} is not in the answer to {method}")
         return head + body
 
     def expand(self, text):
@@ -212,19 +199,13 @@ class Connection:
         text = re.sub(r"(?s)<<(.*?)\*(\d+)>>", lambda match: match[1] * int(match[2]), text)
         return text.encode("latin-1")
 
-    def send(self, data, delay, size, every):
-        begin = max(time.monotonic(), self.plan[-1][0] if self.plan else 0) + delay
-        for number, at in enumerate(range(0, len(data), max(size, 1))):
-            self.plan.append((begin + number * every, data[at:at + size]))
-
     def set_up(self, asked):
         ports = re.search(r"client_port=(\d+)", asked)
         if ports:
             self.client_port = int(ports[1])
             for address in ("127.0.0.1", "127.0.0.2"):
-                if address not in self.udp:
-                    self.udp[address] = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-                    self.udp[address].bind((address, 0))
+                self.udp[address] = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+                self.udp[address].bind((address, 0))
             port = self.udp["127.0.0.1"].getsockname()[1]
             asked += f";server_port={port}-{port}"  # RTCP comes from there as well
         self.values["transport"] = asked
@@ -241,28 +222,25 @@ class Connection:
 
     def send_packet(self):
         """The next packet of the media's first phase that is not over: {count, every, and what changes from there on}."""
-        if not self.phases:
-            self.playing = None
-            return
         phase = self.phases[0]
-        if "begun" not in phase:
-            phase = self.phases[0] = {**phase, "begun": True, "left": phase.get("count", 1 << 30)}
+        if "left" not in phase:
+            phase = self.phases[0] = {**phase, "left": phase.get("count", 1 << 30)}
             self.rtp.update({key: value for key, value in phase.items() if key in self.rtp or key == "bye"})
             self.rtp["seq"] += phase.get("jump", 0)
-        if self.client_port and "interleaved" not in self.values["transport"]:
+        if self.udp:
             address = ("127.0.0.1", self.client_port + ("bye" in self.rtp))
             self.udp[self.rtp["source"]].sendto(self.packet(self.rtp), address)
         else:
             self.stream.sendall(self.frame(self.rtp))
         self.rtp["seq"] += 1
         self.rtp["ts"] += 1800
-        self.playing += phase.get("every", BETWEEN_PACKETS)
+        self.playing += phase.get("every", 0.02)
         phase["left"] -= 1
         if phase["left"] == 0:
             self.rtp.pop("bye", None)
             self.phases.popleft()
+            self.playing = self.playing if self.phases else None
 
     def reset(self):
         self.stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        self.stream.close()
         raise ConnectionResetError
