@@ -76,6 +76,29 @@ extern "C"
     ///         answered, or there is no such session
     ZR_PLATFORM_API ZR_ULONG ZR_RequestRefusal(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize);
 
+    /// What a server told of itself on the connection of a session. Texts are cut to fit and end with a zero; servers'
+    /// words in them may be anything but control characters.
+    struct ZrSessionFacts
+    {
+        char szTls[16];            ///< such as "TLSv1.3"; empty: no TLS, or never connected
+        char szServer[160];        ///< of the last Server header (RFC 2326, 12.36)
+        char szMethods[400];       ///< of the last Public header (12.28), such as "OPTIONS, DESCRIBE"; empty: unknown
+        ZR_ULONG ulTimeout;        ///< seconds until a silent session ends (12.37); 0: no session
+        ZR_ULONG ulChecksAnswered; ///< answers to ZR_SessionCheck and to keep-alives of the platform's own
+        ZR_ULONG ulCheckStatus;    ///< the status of the last of them
+    };
+
+    /// Any thread.
+    /// @param ulAOIPortID  as for ZR_ConnectionProblem
+    /// @return 0; 1: no such session
+    ZR_PLATFORM_API ZR_ULONG ZR_SessionFacts(ZR_ULONG ulAOIPortID, ZrSessionFacts *pstOut);
+
+    /// Sends what keeps a session alive now: GET_PARAMETER where the server lists it, else OPTIONS. From the first
+    /// answered DESCRIBE on. Its answer reaches nobody but the facts; while one is outstanding nothing is sent. Does
+    /// not wait. Any thread.
+    /// @return 0; 1: no such session
+    ZR_PLATFORM_API ZR_ULONG ZR_SessionCheck(ZR_ULONG ulAOIPortID);
+
     /// What a media port has received so far, all tracks together.
     struct ZrMediaStatistics
     {

@@ -53,6 +53,8 @@ public:
     bool secure() const { return m_security.context != nullptr; }
     /// Why it was lost, as a tagZrConnectionProblem; within lost().
     ZR_ULONG problem() const;
+    /// The TLS version, once connected; empty without TLS.
+    std::string tlsVersion() const { return m_tls ? m_tls->version() : ""; }
     /// Far end; valid once connected.
     const Ends &ends() const { return m_ends; }
 

@@ -24,6 +24,17 @@ struct Problem
     std::string text;
 };
 
+/// What a server told of itself.
+struct Facts
+{
+    std::string tls; ///< version; empty: none
+    std::string server;
+    std::vector<std::string> methods;
+    unsigned timeoutSeconds = 0; ///< 0: no session
+    unsigned checksAnswered = 0; ///< keep-alives of the platform's own
+    int checkStatus = 0;         ///< of the last one
+};
+
 /// One registration of a processor. An identifier that is registered again gets a new one, so that nothing addressed to
 /// the old one reaches the new.
 class Registration
@@ -40,26 +51,29 @@ public:
     std::atomic<size_t> requests{0};
 
     /// Any thread; a mutex is held for the copy alone.
-    class Note
+    template <typename Value>
+    class Noted
     {
     public:
-        Problem get() const
+        Value get() const
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            return m_problem;
+            return m_value;
         }
-        void set(const Problem &problem)
+        void set(const Value &value)
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            m_problem = problem;
+            m_value = value;
         }
 
     private:
         mutable std::mutex m_mutex;
-        Problem m_problem;
+        Value m_value;
     };
-    Note connection; ///< why it failed last, until there is one again
-    Note refusal;    ///< of the latest request, until the next one
+    using Note = Noted<Problem>;
+    Noted<Facts> facts; ///< what its server told so far, also when the connection is gone
+    Note connection;    ///< why it failed last, until there is one again
+    Note refusal;       ///< of the latest request, until the next one
 
 private:
     friend class Delivery;

@@ -137,6 +137,18 @@ ZR_ULONG Dispatcher::tell(ZR_ULONG id, Registration::Note Registration::*which, 
     return problem.code;
 }
 
+std::optional<Facts> Dispatcher::facts(ZR_ULONG id) const
+{
+    const auto running = engine();
+    return running ? running->facts(id) : std::nullopt;
+}
+
+bool Dispatcher::check(ZR_ULONG id) const
+{
+    const auto running = engine();
+    return running && running->check(id);
+}
+
 ZR_ULONG Dispatcher::sendAOIMsg(tagMDPMsg *pstMDPMsg)
 {
     return guarded("sendAOIMsg", [this, pstMDPMsg] {
@@ -228,4 +240,43 @@ ZR_ULONG ZR_RequestRefusal(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize)
         return Dispatcher::instance().tell(ulAOIPortID, &zr::dispatch::Registration::refusal, pszText, ulSize);
     };
     return zr::dispatch::guarded("ZR_RequestRefusal", read, ZR_ULONG{0});
+}
+
+namespace {
+
+template <size_t Size>
+void copyText(const std::string &text, char (&out)[Size])
+{
+    out[text.copy(out, Size - 1)] = '\0';
+}
+
+} // namespace
+
+ZR_ULONG ZR_SessionFacts(ZR_ULONG ulAOIPortID, ZrSessionFacts *pstOut)
+{
+    return zr::dispatch::guarded(
+        "ZR_SessionFacts",
+        [&]() -> ZR_ULONG {
+            const auto facts = pstOut ? Dispatcher::instance().facts(ulAOIPortID) : std::nullopt;
+            if (!facts)
+                return 1;
+            *pstOut = {};
+            copyText(facts->tls, pstOut->szTls);
+            copyText(facts->server, pstOut->szServer);
+            std::string methods;
+            for (const std::string &method : facts->methods)
+                methods += (methods.empty() ? "" : ", ") + method;
+            copyText(methods, pstOut->szMethods);
+            pstOut->ulTimeout = facts->timeoutSeconds;
+            pstOut->ulChecksAnswered = facts->checksAnswered;
+            pstOut->ulCheckStatus = static_cast<ZR_ULONG>(facts->checkStatus);
+            return 0;
+        },
+        1);
+}
+
+ZR_ULONG ZR_SessionCheck(ZR_ULONG ulAOIPortID)
+{
+    return zr::dispatch::guarded(
+        "ZR_SessionCheck", [&]() -> ZR_ULONG { return Dispatcher::instance().check(ulAOIPortID) ? 0 : 1; }, 1);
 }

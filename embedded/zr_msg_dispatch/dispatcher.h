@@ -23,6 +23,8 @@ public:
     ZR_ULONG setVerification(bool wanted);
     /// Copies out what a registration notes, the text cut to fit. @return its code
     ZR_ULONG tell(ZR_ULONG id, Registration::Note Registration::*which, char *text, ZR_ULONG size) const;
+    std::optional<Facts> facts(ZR_ULONG id) const;
+    bool check(ZR_ULONG id) const;
     void destroy();
     bool everStarted() const;
     /// The process ends. @see Engine::abandon

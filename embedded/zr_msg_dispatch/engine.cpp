@@ -112,6 +112,22 @@ Problem Engine::note(ZR_ULONG id, Registration::Note Registration::*which)
     return registration ? (registration.get()->*which).get() : Problem();
 }
 
+std::optional<Facts> Engine::facts(ZR_ULONG id)
+{
+    const RegistrationPtr registration = m_delivery.find(id);
+    return registration ? std::optional<Facts>(registration->facts.get()) : std::nullopt;
+}
+
+bool Engine::check(ZR_ULONG id)
+{
+    const RegistrationPtr registration = m_delivery.find(id);
+    return registration && m_loop.post([this, registration] {
+        const auto found = m_channels.find(registration.get());
+        if (found != m_channels.end())
+            found->second->check();
+    });
+}
+
 ZR_ULONG Engine::accept(aoi::Request request, const RegistrationPtr &registration)
 {
     if (registration->requests >= m_settings.maxRequests)

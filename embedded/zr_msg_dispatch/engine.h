@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 #include "delivery.h"
@@ -41,6 +42,10 @@ public:
     ZR_ULONG unregisterAOIMsgProc(ZR_ULONG id) override;
     /// What a registration notes of its connection, or of its latest request; nothing when there is none.
     Problem note(ZR_ULONG id, Registration::Note Registration::*which);
+    /// What its server told. @return nothing for an identifier that is not registered
+    std::optional<Facts> facts(ZR_ULONG id);
+    /// Has its session send a keep-alive. @return false when it has none
+    bool check(ZR_ULONG id);
 
 private:
     ZR_ULONG accept(aoi::Request request, const RegistrationPtr &registration);

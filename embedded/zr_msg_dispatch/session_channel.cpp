@@ -149,6 +149,8 @@ void SessionChannel::connected()
 {
     m_wasUp = true;
     m_registration->connection.set({});
+    m_facts.tls = m_connection->tlsVersion();
+    m_registration->facts.set(m_facts);
     ZR_PLATFORM_LOG(DEBUG, 0, Dispatch, "%s: connected", name().c_str());
     if (m_life == Life::Lingering)
         flushTeardowns();
@@ -200,10 +202,25 @@ void SessionChannel::takeResponse(const rtsp::Message &response)
     pump();
 }
 
+void SessionChannel::noteFacts(const Exchange &exchange, const rtsp::Message &response)
+{
+    if (const std::string *server = response.find("Server"))
+        m_facts.server = *server;
+    m_facts.methods = m_session.publicMethods;
+    m_facts.timeoutSeconds = m_session.id.empty() ? 0 : m_session.timeoutSeconds;
+    if (exchange.accepted->own)
+    {
+        ++m_facts.checksAnswered;
+        m_facts.checkStatus = response.status;
+    }
+    m_registration->facts.set(m_facts);
+}
+
 /// It stays here; what it says of the session counts.
 void SessionChannel::takeOwnAnswer(const Exchange &exchange, const rtsp::Message &response)
 {
     mapResponse(exchange.accepted->request, exchange.url, response, m_session, m_connection->ends());
+    noteFacts(exchange, response);
     if (isUnauthorized(response))
         m_session.challengedBy = farSide();
     if (isSuccess(response))
@@ -233,6 +250,7 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
     if (mapped.answer.errorCode && !isDroppable(request.messageId)) // before whoever waits is told
         m_registration->refusal.set(
             {*mapped.answer.errorCode, mapped.problem.empty() ? response.reason : mapped.problem});
+    noteFacts(exchange, response); // before whoever waits is told
     deliver(mapped.answer);
 }
 

@@ -38,6 +38,8 @@ public:
     ~SessionChannel();
 
     void submit(AcceptedPtr accepted);
+    /// Sends a keep-alive now, unless one is outstanding.
+    void check() { keepAlive(); }
     /// The registration is over: a TEARDOWN that was accepted is written at once, the rest dropped; the connection
     /// lingers until it is answered.
     void end();
@@ -78,6 +80,7 @@ private:
     void send(const AcceptedPtr &accepted);
 
     void takeResponse(const rtsp::Message &response);
+    void noteFacts(const Exchange &exchange, const rtsp::Message &response);
     void keepAlive();
     void takeOwnAnswer(const Exchange &exchange, const rtsp::Message &response);
     void answer(const Exchange &exchange, const rtsp::Message &response);
@@ -110,6 +113,7 @@ private:
     std::optional<Redirect> m_redirect;
     std::shared_ptr<Connection> m_connection; ///< null: none; else being resolved, connecting, or up
     Session m_session;
+    Facts m_facts;           ///< as the registration has them
     bool m_wasUp = false;    ///< the connection
     bool m_answered = false; ///< a request, on it
     bool m_interleaved = false;

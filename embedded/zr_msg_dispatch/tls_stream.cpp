@@ -211,6 +211,11 @@ void TlsStream::end()
         SSL_shutdown(m_ssl.get());
 }
 
+const char *TlsStream::version() const
+{
+    return SSL_get_version(m_ssl.get());
+}
+
 std::string TlsStream::takeOutgoing()
 {
     BIO *const out = SSL_get_wbio(m_ssl.get());

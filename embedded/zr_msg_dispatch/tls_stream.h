@@ -64,6 +64,8 @@ public:
     void end();
     /// The bytes for the wire since the last call, after any of the operations above.
     std::string takeOutgoing();
+    /// The version that was agreed on, such as "TLSv1.3"; once open.
+    const char *version() const;
     /// Why it failed.
     const std::string &problem() const { return m_problem; }
     /// A tagZrConnectionProblem: what a failure means now, also one of the connection beneath.
