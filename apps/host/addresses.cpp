@@ -55,6 +55,28 @@ Addresses resolve(const std::string &host, uint16_t port, int &unresolved)
     return {unresolved == 0 ? raw : nullptr, freeaddrinfo};
 }
 
+/// Connects over TCP. @return 0; else why not, as errno
+int connectError(const addrinfo &server, std::chrono::milliseconds longest)
+{
+    const Socket probe(SOCK_STREAM | SOCK_NONBLOCK);
+    if (connect(probe.handle(), server.ai_addr, server.ai_addrlen) == 0)
+    {
+        return 0;
+    }
+    int error = errno;
+    pollfd ready{probe.handle(), POLLOUT, 0};
+    if (error == EINPROGRESS)
+    {
+        error = ETIMEDOUT;
+        if (poll(&ready, 1, static_cast<int>(longest.count())) > 0)
+        {
+            socklen_t length = sizeof error;
+            getsockopt(probe.handle(), SOL_SOCKET, SO_ERROR, &error, &length);
+        }
+    }
+    return error;
+}
+
 } // namespace
 
 std::string localAddressTowards(const std::string &host, uint16_t port)
@@ -79,24 +101,53 @@ std::string localAddressTowards(const std::string &host, uint16_t port)
     return text;
 }
 
+std::vector<std::string> addressesOf(const std::string &host)
+{
+    int unresolved = 0;
+    const Addresses server = resolve(host, 0, unresolved);
+    if (!server)
+    {
+        throw noWay(host, gai_strerror(unresolved));
+    }
+    std::vector<std::string> found;
+    for (const addrinfo *one = server.get(); one != nullptr; one = one->ai_next)
+    {
+        char text[INET_ADDRSTRLEN] = "";
+        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(one->ai_addr)->sin_addr, text, sizeof text);
+        found.emplace_back(text);
+    }
+    return found;
+}
+
+double timeToConnect(const std::string &host, uint16_t port, std::chrono::milliseconds longest)
+{
+    int unresolved = 0;
+    const Addresses server = resolve(host, port, unresolved);
+    if (!server)
+    {
+        throw noWay(host, gai_strerror(unresolved));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    const int error = connectError(*server, longest);
+    if (error != 0)
+    {
+        const bool refused = error == ECONNREFUSED;
+        const std::string advice = refused ? "check the port, and that RTSP is enabled on the device"
+                                           : "check that the device is on, and firewalls and routes on the way";
+        throw Failure(ExitCode::Unreachable, "connecting to port " + std::to_string(port), 0,
+                      refused ? "nobody listens there: the connection is refused"
+                              : std::system_category().message(error),
+                      advice);
+    }
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
 bool refusesConnections(const std::string &host, uint16_t port)
 {
-    constexpr int momentMs = 300;
-    int error = 0;
-    const Addresses server = resolve(host, port, error);
-    const Socket probe(SOCK_STREAM | SOCK_NONBLOCK);
-    if (!server || connect(probe.handle(), server->ai_addr, server->ai_addrlen) == 0)
-    {
-        return false;
-    }
-    error = errno;
-    pollfd ready{probe.handle(), POLLOUT, 0};
-    if (error == EINPROGRESS && poll(&ready, 1, momentMs) > 0)
-    {
-        socklen_t length = sizeof error;
-        getsockopt(probe.handle(), SOL_SOCKET, SO_ERROR, &error, &length);
-    }
-    return error == ECONNREFUSED;
+    constexpr std::chrono::milliseconds moment{300};
+    int unresolved = 0;
+    const Addresses server = resolve(host, port, unresolved);
+    return server && connectError(*server, moment) == ECONNREFUSED;
 }
 
 } // namespace zr::host

@@ -1,8 +1,10 @@
 /// @file
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace zr::host {
 
@@ -10,6 +12,15 @@ namespace zr::host {
 /// @param host  a name or an address; resolving a name may take seconds
 /// @throws Failure  Unreachable, for a name that cannot be resolved or an address without a way to it
 std::string localAddressTowards(const std::string &host, uint16_t port);
+
+/// A server's addresses, IPv4 and numeric.
+/// @throws Failure  as localAddressTowards
+std::vector<std::string> addressesOf(const std::string &host);
+
+/// Connects to a server's port once, and closes.
+/// @return the seconds that it took
+/// @throws Failure  Unreachable, with the cause
+double timeToConnect(const std::string &host, uint16_t port, std::chrono::milliseconds longest);
 
 /// Whether nobody listens at a server's port any more: a connection is refused. What is not known within a moment
 /// counts as listening.

@@ -8,7 +8,8 @@
 
 namespace zr::host {
 
-void describeCommand(const CommonOptions &options, Report &report);
+void describeCommand(const CommonOptions &options, const DescribeOptions &own, Report &report);
+void checkCommand(const CommonOptions &common, const CheckOptions &options, Report &report);
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report);
 void downloadCommand(const CommonOptions &common, const DownloadOptions &options, Report &report);
 void tvCommand(const CommonOptions &common, const TvOptions &options, Report &report);
@@ -17,5 +18,7 @@ void watchCommand(const CommonOptions &common, const WatchOptions &options, Repo
 
 /// The codecs of a description's tracks, such as "H264 video, PCMU audio".
 std::string summary(const Description &description);
+/// A track's codec and what its pictures or its sound are like, such as "H264 High 640x360, 25 frames/s".
+std::string details(const Track &track);
 
 } // namespace zr::host

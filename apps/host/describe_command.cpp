@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "commands.h"
 
 namespace zr::host {
@@ -8,15 +10,69 @@ std::string codecOf(const Track &track)
     return track.codec.empty() ? "payload type " + std::to_string(track.payloadType) : track.codec;
 }
 
-// RTSP's answers do not reach a host: of the server only what its description says is known.
-std::string serverLine(const Url &url, const Description &description)
+// Whole frames without a fraction, others as 29.97.
+std::string rateText(double framesPerSecond)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.4g frames/s", framesPerSecond);
+    return text;
+}
+
+std::string serverLine(const Url &url, const Description &description, const ZrSessionFacts &facts)
 {
     std::string line = "server " + url.host + ":" + std::to_string(url.port);
-    for (const std::string &part : {description.name, description.tool, description.range})
+    for (const std::string &part : {std::string(facts.szServer), description.name, description.tool, description.range})
     {
         line += part.empty() ? "" : ", " + part;
     }
     return line;
+}
+
+void tellServer(const Url &url, const Session &session, const Description &description, Report &report)
+{
+    constexpr std::chrono::milliseconds methodsWithin{2000};
+    const ZrSessionFacts facts = session.ask(methodsWithin).value_or(session.facts());
+    const auto length = description.length();
+    report.event("server", serverLine(url, description, facts),
+                 {{"host", url.host},
+                  {"port", url.port},
+                  {"server", facts.szServer},
+                  {"methods", facts.szMethods},
+                  {"tls", facts.szTls},
+                  {"name", description.name},
+                  {"tool", description.tool},
+                  {"range", description.range},
+                  {"length", length ? Fields(*length) : Fields(nullptr)},
+                  {"session_timeout", facts.ulTimeout}});
+    if (*facts.szMethods != '\0')
+    {
+        report.event("methods", std::string("methods ") + facts.szMethods, nullptr);
+    }
+}
+
+Fields trackFields(const Track &track, const std::string &url)
+{
+    Fields fields{{"media", track.media},
+                  {"codec", track.codec},
+                  {"payload_type", track.payloadType},
+                  {"clock_rate", track.clockRate},
+                  {"control", url}};
+    if (track.picture)
+    {
+        fields.update({{"width", track.picture->width},
+                       {"height", track.picture->height},
+                       {"bit_depth", track.picture->bitDepth},
+                       {"profile", track.picture->profile}});
+    }
+    if (track.framesPerSecond)
+    {
+        fields["frames_per_s"] = *track.framesPerSecond;
+    }
+    if (track.channels > 0)
+    {
+        fields["channels"] = track.channels;
+    }
+    return fields;
 }
 
 } // namespace
@@ -31,32 +87,62 @@ std::string summary(const Description &description)
     return text;
 }
 
-void describeCommand(const CommonOptions &options, Report &report)
+std::string details(const Track &track)
+{
+    std::string text = codecOf(track);
+    if (track.picture)
+    {
+        const PictureFormat &picture = *track.picture;
+        text += (picture.profile.empty() ? "" : " " + picture.profile) + " " + std::to_string(picture.width) + "x" +
+                std::to_string(picture.height) +
+                (picture.bitDepth == 8 ? "" : " " + std::to_string(picture.bitDepth) + " bit");
+    }
+    text += track.framesPerSecond ? ", " + rateText(*track.framesPerSecond) : "";
+    text += track.channels > 0
+                ? ", " + std::to_string(track.channels) + (track.channels == 1 ? " channel" : " channels")
+                : "";
+    return text;
+}
+
+void describeCommand(const CommonOptions &options, const DescribeOptions &own, Report &report)
 {
     const Interrupt interrupt;
     Mailbox mailbox(interrupt);
     Plugin plugin(options.plugin);
     Session session(plugin, options.source, mailbox);
-    const Description &description = session.describe();
-
+    const auto tellSdp = [&] {
+        std::string text = session.sdp();
+        text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+        text.erase(text.find_last_not_of('\n') + 1);
+        report.event("sdp", text, {{"sdp", session.sdp()}});
+    };
+    try
+    {
+        session.describe();
+    }
+    catch (const Failure &)
+    {
+        if (!session.sdp().empty()) // what it holds may say why it is of no use
+        {
+            tellSdp();
+        }
+        throw;
+    }
+    if (own.sdp)
+    {
+        return tellSdp();
+    }
+    const Description &description = session.description();
     report.event("described", options.source.url.text + ": " + summary(description),
                  {{"url", options.source.url.text}, {"range", description.range}});
-    report.event("server", serverLine(options.source.url, description),
-                 {{"host", options.source.url.host},
-                  {"port", options.source.url.port},
-                  {"name", description.name},
-                  {"tool", description.tool}});
+    tellServer(options.source.url, session, description, report);
     for (const TrackUrl &url : session.tracks())
     {
         const Track &track = *description.first(url.media);
         report.event("track",
-                     "  " + track.media + "  " + codecOf(track) + "  payload type " +
+                     "  " + track.media + "  " + details(track) + "  payload type " +
                          std::to_string(track.payloadType) + ", " + std::to_string(track.clockRate) + " Hz  " + url.url,
-                     {{"media", track.media},
-                      {"codec", track.codec},
-                      {"payload_type", track.payloadType},
-                      {"clock_rate", track.clockRate},
-                      {"control", url.url}});
+                     trackFields(track, url.url));
     }
 }
 

@@ -67,7 +67,10 @@ int run(int argc, char **argv, Report &report)
         case Command::Help:
             break;
         case Command::Describe:
-            describeCommand(options.common, report);
+            describeCommand(options.common, options.describe, report);
+            break;
+        case Command::Check:
+            checkCommand(options.common, options.check, report);
             break;
         case Command::Play:
             playCommand(options.common, options.play, report);

@@ -232,6 +232,10 @@ void understand(const Raw &raw, Options &options)
     case Command::Describe:
         common.source = source(tagOr("onvif"));
         break;
+    case Command::Check:
+        requireFree(options.check.html, common.force);
+        common.source = source(tagOr("onvif"));
+        break;
     case Command::Play:
         requireFree(options.play.snapshot, common.force);
         requireFree(options.play.course.record, common.force);
@@ -287,19 +291,26 @@ Options parseOptions(int argc, char **argv)
     };
     auto *describe =
         add(Command::Describe, "describe", "Print a stream's tracks, codecs and control URLs", describeHelp);
+    auto *check =
+        add(Command::Check, "check", "Try one after another what a stream needs, and say what fails", checkHelp);
     auto *play =
         add(Command::Play, "play", "Play a stream: receive it, and record it or take a picture if asked to", playHelp);
     auto *download = add(Command::Download, "download", "Fetch a recording into a file", downloadHelp);
     auto *tv = add(Command::Tv, "tv", "Play a recording, and have the server send it to a TV wall as well", tvHelp);
     auto *watch = add(Command::Watch, "watch", "Play many streams at once, and say how they are", watchHelp);
     addUrl(*describe, raw);
+    describe->add_flag("--sdp", options.describe.sdp, "Print the description (SDP) as it came, and nothing else");
+    addUrl(*check, raw);
+    addForce(*check, options.common);
+    check->add_option("--report", options.check.html, "Write a page with the table and a picture (HTML)")
+        ->check(writable);
     addPlay(*play, raw, options.play);
     addForce(*play, options.common);
     addDownload(*download, raw, options.download);
     addForce(*download, options.common);
     addTv(*tv, raw, options.tv);
     addWatch(*watch, raw, options.watch);
-    for (CLI::App *command : {describe, play, download, tv, watch})
+    for (CLI::App *command : {describe, check, play, download, tv, watch})
     {
         addCommon(*command, raw, options.common);
     }

@@ -22,6 +22,16 @@ struct CommonOptions
     bool force = false;    ///< files may be written over
 };
 
+struct DescribeOptions
+{
+    bool sdp = false; ///< as it came, instead of what it says
+};
+
+struct CheckOptions
+{
+    std::string html; ///< file of the report; empty: none
+};
+
 struct PlayOptions
 {
     CourseOptions course;
@@ -56,6 +66,7 @@ enum class Command
 {
     Help, ///< it was printed, nothing is left to do
     Describe,
+    Check,
     Play,
     Download,
     Tv,
@@ -66,6 +77,8 @@ struct Options
 {
     Command command = Command::Help;
     CommonOptions common;
+    DescribeOptions describe;
+    CheckOptions check;
     PlayOptions play;
     DownloadOptions download;
     TvOptions tv;

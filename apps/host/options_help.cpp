@@ -6,8 +6,8 @@ const char *const generalHelp = R"(
 zr_rtsp_host COMMAND --help tells a command's options, with examples.
 
 Exit codes:
-  0    done: the stream was described, media arrived (play, tv), the recording is
-       whole (download), all streams are alive at the end (watch)
+  0    done: the stream was described, media arrived (check, play, tv), the recording
+       is whole (download), all streams are alive at the end (watch)
   1    internal error
   2    wrong usage
   3    the server cannot be reached, cannot be trusted, or does not answer (so that
@@ -24,7 +24,17 @@ const char *const describeHelp = R"(
 Examples:
   zr_rtsp_host describe rtsp://192.0.2.10/live
   zr_rtsp_host describe rtsp://192.0.2.10/live --user admin --password-file secret.txt --json
-  zr_rtsp_host describe rtsps://192.0.2.10/live --ca authority.pem)";
+  zr_rtsp_host describe rtsps://192.0.2.10/live --ca authority.pem --sdp)";
+
+const char *const checkHelp = R"(
+Each step is ok, failed or skipped; steps that do not need a failed one go on. It
+takes about 10 s. The exit code is 0 when media arrives over UDP or TCP: what only
+some devices can (pause, seek, speed, keep-alive) does not change it. Else it is
+that of the first failed step, by the list of zr_rtsp_host --help.
+
+Examples:
+  zr_rtsp_host check rtsp://192.0.2.10/live --user admin --password-file secret.txt
+  zr_rtsp_host check rtsps://192.0.2.10/live --ca authority.pem --report check.html)";
 
 const char *const playHelp = R"(
 A stream that stays silent is said so after --silence seconds, and given up after

@@ -6,6 +6,7 @@ namespace zr::host {
 
 extern const char *const generalHelp; ///< the exit codes
 extern const char *const describeHelp;
+extern const char *const checkHelp;
 extern const char *const playHelp;
 extern const char *const downloadHelp;
 extern const char *const tvHelp;

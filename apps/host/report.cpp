@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 #include <sys/ioctl.h>
@@ -65,6 +66,18 @@ public:
         printLine(harmless(text));
     }
 
+    void judged(const std::string &, Verdict verdict, const std::string &text, const Fields &) override
+    {
+        const std::scoped_lock lock(m_mutex);
+        clearStatus();
+        const char *colour = !m_coloured                  ? ""
+                             : verdict == Verdict::Ok     ? "\033[32m"
+                             : verdict == Verdict::Failed ? "\033[31m"
+                                                          : "\033[33m";
+        std::printf("%s%-7s%s ", colour, word(verdict), m_coloured ? "\033[0m" : "");
+        printLine(harmless(text));
+    }
+
     void status(const Status &now) override
     {
         const std::scoped_lock lock(m_mutex);
@@ -110,8 +123,10 @@ private:
 
     std::mutex m_mutex; ///< guards the terminal and what follows
     const bool m_terminal = isatty(STDOUT_FILENO) == 1;
-    bool m_status = false;                       ///< a status line stands where the cursor is
-    Clock::time_point m_lastLine = Clock::now(); ///< of a status
+    const bool m_coloured =
+        m_terminal && std::getenv("NO_COLOR") == nullptr; // NOLINT(concurrency-mt-unsafe): there is one thread yet
+    bool m_status = false;                                ///< a status line stands where the cursor is
+    Clock::time_point m_lastLine = Clock::now();          ///< of a status
 };
 
 class JsonReport : public Report
@@ -144,6 +159,11 @@ private:
 };
 
 } // namespace
+
+const char *word(Verdict verdict)
+{
+    return verdict == Verdict::Ok ? "ok" : verdict == Verdict::Failed ? "failed" : "skipped";
+}
 
 std::unique_ptr<Report> makeReport(bool json)
 {

@@ -25,6 +25,16 @@ struct Status
     std::optional<double> done = std::nullopt; ///< from 0 to 1, for a progress bar
 };
 
+/// How something that was tried went.
+enum class Verdict
+{
+    Ok,
+    Failed,
+    Skipped
+};
+
+const char *word(Verdict verdict);
+
 /// What servers sent may stand in any text: it is made harmless for terminals and for JSON here, and only here.
 /// Any thread may call.
 class Report
@@ -37,6 +47,12 @@ public:
     /// @param text    for people
     /// @param fields  for programs; an object or null
     virtual void event(const std::string &name, const std::string &text, const Fields &fields) = 0;
+    /// Something was tried: an event whose text begins with a word for it, coloured on a terminal (unless NO_COLOR is
+    /// in the environment).
+    virtual void judged(const std::string &name, Verdict verdict, const std::string &text, const Fields &fields)
+    {
+        event(name, word(verdict) + (" " + text), fields);
+    }
     virtual void status(const Status &now) = 0;
     virtual void failure(const Failure &what) = 0;
 };

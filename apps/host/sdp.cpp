@@ -1,5 +1,6 @@
 #include "sdp.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -16,6 +17,11 @@ bool takePrefix(const std::string &line, const char *prefix, std::string &rest)
     }
     rest = line.substr(wanted.size());
     return true;
+}
+
+int number(const char *text, char **end)
+{
+    return static_cast<int>(std::clamp(std::strtol(text, end, 10), 0L, 1000000000L));
 }
 
 Track readMedia(const std::string &value)
@@ -40,8 +46,44 @@ void readRtpmap(const std::string &value, Track &track)
     }
     const size_t slash = encoding.find('/');
     track.codec = encoding.substr(0, slash);
-    track.clockRate =
-        slash == std::string::npos ? 0 : static_cast<int>(std::strtol(encoding.c_str() + slash + 1, nullptr, 10));
+    char *end = nullptr;
+    track.clockRate = slash == std::string::npos ? 0 : number(encoding.c_str() + slash + 1, &end);
+    if (track.media == "audio" && slash != std::string::npos)
+    {
+        track.channels = *end == '/' ? number(end + 1, nullptr) : 1; // RFC 4566, 6
+    }
+}
+
+void readParameters(const std::string &value, Track &track)
+{
+    const auto find = [&](const std::string &name) {
+        const size_t at = value.find(name + "=");
+        const size_t begin = at == std::string::npos ? value.size() : at + name.size() + 1;
+        return value.substr(begin, value.find_first_of(",; ", begin) - begin);
+    };
+    for (const auto &[name, parse] :
+         {std::pair("sprop-parameter-sets", &parseH264Sps), std::pair("sprop-sps", &parseH265Sps)})
+    {
+        const auto bytes = fromBase64(find(name));
+        if (bytes && !bytes->empty())
+        {
+            track.picture = parse(*bytes);
+        }
+    }
+    if (track.picture && !track.framesPerSecond)
+    {
+        track.framesPerSecond = track.picture->framesPerSecond;
+    }
+}
+
+void readFrameRate(const std::string &value, Track &track)
+{
+    constexpr double unusual = 1000;
+    const double rate = std::strtod(value.c_str(), nullptr);
+    if (rate > 0 && rate <= unusual)
+    {
+        track.framesPerSecond = rate;
+    }
 }
 
 } // namespace
@@ -93,6 +135,14 @@ Description parseDescription(const std::string &sdp)
         else if (takePrefix(line, "a=rtpmap:", value))
         {
             readRtpmap(value, description.tracks.back());
+        }
+        else if (takePrefix(line, "a=fmtp:", value))
+        {
+            readParameters(value, description.tracks.back());
+        }
+        else if (takePrefix(line, "a=framerate:", value))
+        {
+            readFrameRate(value, description.tracks.back());
         }
         else
         {

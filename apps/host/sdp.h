@@ -6,15 +6,20 @@
 #include <string>
 #include <vector>
 
+#include "sps.h"
+
 namespace zr::host {
 
 struct Track
 {
-    std::string media;   ///< "video", "audio" ...
-    int payloadType = 0; ///< the first one offered
-    std::string codec;   ///< its rtpmap's encoding name; empty without one
-    int clockRate = 0;   ///< Hz; 0 without an rtpmap
-    std::string control; ///< as it stands; may be empty or relative
+    std::string media;                     ///< "video", "audio" ...
+    int payloadType = 0;                   ///< the first one offered
+    std::string codec;                     ///< its rtpmap's encoding name; empty without one
+    int clockRate = 0;                     ///< Hz; 0 without an rtpmap
+    int channels = 0;                      ///< of sound; 0: not said
+    std::string control;                   ///< as it stands; may be empty or relative
+    std::optional<PictureFormat> picture;  ///< of H.264 (RFC 6184, 8.1) and H.265 (RFC 7798, 7.1), when it is told
+    std::optional<double> framesPerSecond; ///< a=framerate, or else the picture's
 };
 
 struct Description

@@ -1,6 +1,7 @@
 #include "session.h"
 
 #include <atomic>
+#include <thread>
 
 #include <unistd.h>
 
@@ -148,14 +149,39 @@ const Description &Session::describe()
     {
         throwDescribeFailed(result);
     }
-    const std::string sdp = ability().getDescribeRspSdp();
-    m_description = parseDescription(sdp);
-    if (ZR_MediaPortSetDescription(m_id, sdp.c_str()) != 0)
+    m_sdp = ability().getDescribeRspSdp();
+    m_description = parseDescription(m_sdp);
+    if (ZR_MediaPortSetDescription(m_id, m_sdp.c_str()) != 0)
     {
         throw Failure(ExitCode::Refused, "describe", 0, "the description names no track that is understood here",
                       "zr_rtsp_host describe shows what there is");
     }
     return m_description;
+}
+
+ZrSessionFacts Session::facts() const
+{
+    ZrSessionFacts now{};
+    ZR_SessionFacts(m_id, &now);
+    return now;
+}
+
+std::optional<ZrSessionFacts> Session::ask(std::chrono::milliseconds longest) const
+{
+    constexpr std::chrono::milliseconds pollEvery{10};
+    const ZR_ULONG before = facts().ulChecksAnswered;
+    const auto end = std::chrono::steady_clock::now() + longest;
+    ZR_SessionCheck(m_id);
+    while (std::chrono::steady_clock::now() < end)
+    {
+        const ZrSessionFacts now = facts();
+        if (now.ulChecksAnswered != before)
+        {
+            return now;
+        }
+        std::this_thread::sleep_for(pollEvery);
+    }
+    return std::nullopt;
 }
 
 std::vector<TrackUrl> Session::tracks() const

@@ -57,6 +57,15 @@ public:
     Session &operator=(const Session &) = delete;
 
     const Description &describe();
+    /// What describe returned.
+    const Description &description() const { return m_description; }
+    /// As it came; empty before.
+    const std::string &sdp() const { return m_sdp; }
+    /// What the server told of itself so far.
+    ZrSessionFacts facts() const;
+    /// Asks the server for a sign of life, as a keep-alive does, and waits for it.
+    /// @return what is known then; nothing when no answer came in time
+    std::optional<ZrSessionFacts> ask(std::chrono::milliseconds longest) const;
     /// @return the first video and the first audio track, video first
     std::vector<TrackUrl> tracks() const;
     /// @param playback  what will be played: a download tells its speed already here
@@ -98,6 +107,7 @@ private:
     CIMediaCtrl *m_control = nullptr;
     CIMediaCtrlEx *m_controlEx = nullptr;
     CIMediaCtrlEx2 *m_controlEx2 = nullptr;
+    std::string m_sdp;
     Description m_description;
     bool m_played = false; ///< the server agreed to
 };

@@ -1,0 +1,97 @@
+#include "check_page.h"
+
+#include <ctime>
+#include <fstream>
+
+#include "sps.h"
+
+namespace zr::host {
+namespace {
+
+constexpr const char *head = R"(<!DOCTYPE html>
+<html lang="en"><head><meta charset="utf-8"><meta name="viewport" content="width=device-width">
+<title>Check of a stream</title><style>
+body { font: 15px/1.4 sans-serif; margin: 2em auto; max-width: 60em; padding: 0 1em; color: #222 }
+table { border-collapse: collapse; width: 100% } td { border-top: 1px solid #ddd; padding: .35em .6em; vertical-align: top }
+td:first-child { font-weight: bold; width: 5em } .ok { color: #17803d } .failed { color: #c0201c } .skipped { color: #8a6d00 }
+small { color: #555; display: block } img { max-width: 100%; margin-top: 1em }
+</style></head><body>
+)";
+
+std::string escaped(const std::string &text)
+{
+    std::string safe;
+    for (const char c : text)
+    {
+        switch (c)
+        {
+        case '&':
+            safe += "&amp;";
+            break;
+        case '<':
+            safe += "&lt;";
+            break;
+        case '>':
+            safe += "&gt;";
+            break;
+        default:
+            safe += c;
+        }
+    }
+    return safe;
+}
+
+/// A server may repeat what it was told.
+std::string masked(std::string text, const std::string &secret)
+{
+    constexpr size_t unmistakable = 4; // a shorter one stands in many words
+    if (secret.size() < unmistakable)
+    {
+        return text;
+    }
+    for (size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + 3))
+    {
+        text.replace(at, secret.size(), "***");
+    }
+    return text;
+}
+
+std::string nowText()
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm day{};
+    localtime_r(&now, &day);
+    char text[40];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &day);
+    return text;
+}
+
+} // namespace
+
+void writePage(const std::string &file, const Source &source, const CheckTable &table, const std::string &verdict,
+               const std::string &picture)
+{
+    const auto shown = [&](const std::string &text) { return escaped(masked(text, source.credentials.password)); };
+    std::string page = head;
+    page +=
+        "<h1>" + shown(source.url.text) + "</h1>\n<p>" + nowText() + ": <b>" + shown(verdict) + "</b></p>\n<table>\n";
+    for (const CheckTable::Row &row : table.rows())
+    {
+        const std::string name = word(row.verdict);
+        page += "<tr><td class=\"" + name + "\">" + name + "</td><td>" + shown(row.step) + "</td><td>" +
+                shown(row.text) + (row.advice.empty() ? "" : "<small>try: " + shown(row.advice) + "</small>") +
+                "</td></tr>\n";
+    }
+    page += "</table>\n";
+    page += picture.empty() ? "<p>No picture.</p>\n"
+                            : "<img alt=\"The picture\" src=\"data:image/png;base64," + toBase64(picture) + "\">\n";
+    page += "</body></html>\n";
+    std::ofstream out(file, std::ios::binary);
+    out << page;
+    if (!out.flush())
+    {
+        throw Failure(ExitCode::Output, "writing the report", 0, file + " could not be written", "check the folder");
+    }
+}
+
+} // namespace zr::host
