@@ -51,6 +51,10 @@ class Progress : public Report
 public:
     void event(const std::string &name, const std::string &, const Fields &fields) override
     {
+        if (name == "described") // of a session that was opened anew as well
+        {
+            m_tracks.clear();
+        }
         if (name == "set_up")
         {
             m_tracks += (m_tracks.empty() ? "" : ", ") + fields.value("media", "");

@@ -1,5 +1,7 @@
 // The host's parts that need no device: URLs and credentials, speeds, descriptions.
 
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 #include "failure.h"
@@ -7,6 +9,7 @@
 #include "position.h"
 #include "sdp.h"
 #include "speed.h"
+#include "sps.h"
 #include "url.h"
 
 namespace zr::host {
@@ -160,6 +163,30 @@ TEST(HostDescription, isReadAsFarAsItIsUnderstood)
     EXPECT_EQ(described.first("text"), nullptr);
     EXPECT_FALSE(parseDescription("a=range:npt=now-\r\n").length());
     EXPECT_TRUE(parseDescription("").tracks.empty());
+}
+
+TEST(HostParameterSet, tellsThePicturesWhateverComes)
+{
+    using Told = std::tuple<unsigned, unsigned, unsigned, std::optional<double>>;
+    const std::tuple<const char *, decltype(&parseH264Sps), Told> cases[] = {
+        {"Z2QAKKzZQHgCJ+XAWoCAgKAAAH0gAB1MEeMGMsA=", parseH264Sps, {1920, 1080, 8, 30000 / 1001.0}}, // cropped
+        {"Z/QAHpDZsoFoSbAUoMDAyAAAAwAIAAADAZT4oUyw", parseH264Sps, {720, 576, 10, 25}},              // 4:4:4, fields
+        {"QgEBBAgAAAMAmAgAAAMAAHiQAHgQAhzuylLKzSSZX/4AAgAC1AQEBBAAAAMAEAAAAwGQgA==",
+         parseH265Sps,
+         {1918, 1078, 12, std::nullopt}}};
+    for (const auto &[text, parse, told] : cases)
+    {
+        const std::string nal = fromBase64(text).value();
+        const PictureFormat read = parse(nal).value();
+        EXPECT_EQ(Told(read.width, read.height, read.bitDepth, read.framesPerSecond), told);
+        EXPECT_FALSE(parse(nal.substr(0, 9)));
+        for (size_t bit = 0; bit < nal.size() * 8; ++bit) // the sanitizers watch
+        {
+            std::string damaged = nal;
+            damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ 1 << bit % 8);
+            parse(damaged);
+        }
+    }
 }
 
 } // namespace

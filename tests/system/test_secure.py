@@ -4,7 +4,7 @@ import os
 import subprocess
 import unittest
 
-from programs import OK, OUTPUT, PASSWORD, UNREACHABLE, USAGE, USER, HostTest
+from programs import CREDENTIALS, OK, OUTPUT, PASSWORD, UNREACHABLE, USAGE, USER, HostTest
 
 
 class SecureTest(HostTest):
@@ -40,6 +40,24 @@ class SecureTest(HostTest):
         self.run_host(OK, *play, "--ca", certificate, "--record", recording, "--force")
         self.assertGreater(os.path.getsize(recording), 1000)
         self.assertIn("warning", self.run_host(OK, "describe", other.url("live"), "--insecure").out)
+
+    def test_check(self):
+        certificate, key = self.identity("camera", "127.0.0.1")
+        device = self.device("--tls", certificate, key, "--user", USER, "--password", PASSWORD)
+        page = self.file("page.html")
+        known = (device.url("vod"), "--ca", certificate, "--user", USER, "--password")
+        for code, failed, last, arguments in (
+                (OK, [], "TCP: TEARDOWN", (*known, PASSWORD, "--report", page)),
+                (CREDENTIALS, ["DESCRIBE, user"], "PLAY", (*known, "another")),
+                (UNREACHABLE, ["TLS"], "PLAY", (device.url("live"),)),
+                (UNREACHABLE, ["TCP"], "PLAY", ("rtsp://127.0.0.1:9/",))):
+            with self.subTest(arguments=arguments):
+                events = self.run_host(code, "check", *arguments, "--json").events()
+                steps = [event for event in events if event["event"] == "step"]
+                self.assertEqual([step["step"] for step in steps if step["result"] == "failed"], failed)
+                self.assertEqual(steps[-1]["step"], last)
+        with open(page, encoding="utf-8") as written:
+            self.assertRegex(written.read(), "(?s)stream plays<.*>speed<.*data:image/png;base64,.{1000}")
 
 
 if __name__ == "__main__":
