@@ -21,9 +21,10 @@ struct CRtspMediaCtrlProbe
     std::atomic<tagProtocol> &protocol = ctrl.m_enProtocol;
     std::atomic<float> &playSpeed = ctrl.m_fPlaySpeed;
     std::atomic<ZR_ULONG> &aoiPort = ctrl.m_ulAOIPortID, &playFlag = ctrl.m_ulPlayFlag,
-                          &playbackNowFlag = ctrl.m_ulPlaybackNowFlag, &msRelayer = ctrl.m_bMSRelayer;
+                          &playbackNowFlag = ctrl.m_ulPlaybackNowFlag, &msRelayer = ctrl.m_bMSRelayer,
+                          &checksMedia = ctrl.m_bCheckMediaKeepLive;
     std::atomic<ZR_USHORT> &rangeSkipCount = ctrl.m_usRangeSkipCount;
-    ZR_ULONG &rspResult = ctrl.m_ulRspResult;
+    ZR_ULONG &rspResult = ctrl.m_ulRspResult, &silentPeriods = ctrl.m_ulKeepLiveFailCount;
 
     /// Runs a call with the object's lock held, as an operation that calls another would.
     ZR_ULONG withLock(const std::function<ZR_ULONG()> &call)

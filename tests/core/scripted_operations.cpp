@@ -22,17 +22,6 @@ void scriptedRelease(CMediaAbility *) asm("__wrap__ZN13CMediaAbility7releaseEv")
 
 namespace {
 
-ZR_ULONG find(const tagAOIMsg *message, ZR_ULONG id, const void **value, ZR_ULONG *length)
-{
-    const auto &elements = static_cast<const Answer *>(message)->elements;
-    const auto found = elements.find(id);
-    if (found == elements.end())
-        return id;
-    *value = found->second.data();
-    *length = static_cast<ZR_ULONG>(found->second.size());
-    return 0;
-}
-
 ZR_ULONG add(tagAOIMsg *message, const std::string &name, const std::string &value)
 {
     const ZR_ULONG code = platform.enter(name);
@@ -46,7 +35,7 @@ ZR_ULONG get(const tagAOIMsg *message, ZR_ULONG id, const char *operation, std::
     const void *bytes = nullptr;
     ZR_ULONG length = 0, code = platform.enter(operation);
     if (code == 0)
-        code = find(message, id, &bytes, &length);
+        code = MDP_GetMsgIE(message, id, &bytes, &length);
     if (code == 0)
         text.assign(static_cast<const char *>(bytes) + (id == AOI_IE_DATA ? 84 : 0));
     return code;
@@ -64,6 +53,7 @@ ZR_ULONG get(const tagAOIMsg *message, ZR_ULONG id, const char *operation, Numbe
 
 ZR_ULONG getTransport(const tagAOIMsg *message, ZR_ULONG id, std::string &ip, ZR_USHORT &port)
 {
+    const Uncounted uncounted; // a stream would swallow the failure
     std::string text;
     const ZR_ULONG code = get(message, id, "getTransport", text);
     if (code == 0)
@@ -84,8 +74,13 @@ ZR_ULONG MDP_CreatReqMsgHeader(const tagMDPMsgHeader *header, tagMDPMsg *message
 
 ZR_ULONG MDP_GetMsgIE(const tagAOIMsg *message, ZR_ULONG id, const void **value, ZR_ULONG *length)
 {
-    const ZR_ULONG code = platform.enter("getIE");
-    return code != 0 ? code : find(message, id, value, length);
+    const auto &elements = static_cast<const Answer *>(message)->elements;
+    const auto found = elements.find(id);
+    if (found == elements.end())
+        return id;
+    *value = found->second.data();
+    *length = static_cast<ZR_ULONG>(found->second.size());
+    return 0;
 }
 
 ZR_ULONG ZR_MSGDISP_Init(ZR_ULONG maxBytes, ZR_ULONG timeoutMs, const char *userAgent, const char *caFile)
@@ -97,7 +92,6 @@ ZR_ULONG ZR_MSGDISP_Init(ZR_ULONG maxBytes, ZR_ULONG timeoutMs, const char *user
 void ZR_MSGDISP_Destroy()
 {
     platform.record("MSGDISP_Destroy");
-    platform.enter("MSGDISP_Destroy");
 }
 
 CIAOIMsgDisp *ZR_MSGDISP_GetAOIMsgDispInter()
@@ -109,8 +103,8 @@ tagMDPMsg *CAOIIETool::mallocAOIMsg(ZR_ULONG size)
 {
     if (platform.enter("malloc") != 0 || size != 2048)
         return nullptr;
-    auto *message = new (std::nothrow) Message{};
-    platform.liveMessages += message != nullptr ? 1 : 0;
+    auto *message = new Message{};
+    ++platform.liveMessages;
     return message;
 }
 
@@ -204,7 +198,6 @@ void scriptedRelease(CMediaAbility *)
 void CJugeMediaKeepLive::RefreshMediaKeepLive(ZR_ULONG port)
 {
     platform.record("refresh", port);
-    platform.enter("refresh");
 }
 
 ZR_ULONG CJugeMediaKeepLive::CheckIfRecvPkt(ZR_ULONG)
@@ -218,23 +211,19 @@ ZR_ULONG CRouteMgr::addUAAddr(const std::string &source, const std::string &dest
                               ZR_USHORT port)
 {
     platform.record("addUAAddr", source, destination, ip, port);
-    const ZR_ULONG code = platform.enter("addUAAddr");
-    if (code == 0)
-        platform.addRoute(source + destination);
-    return code;
+    ++platform.openRoutes;
+    return platform.enter("addUAAddr");
 }
 
 ZR_ULONG CRouteMgr::deleteUAAddr(const std::string &source, const std::string &destination)
 {
-    const Uncounted uncounted;
     platform.record("deleteUAAddr", source, destination);
-    platform.dropRoute(source + destination);
+    --platform.openRoutes;
     return platform.enter("deleteUAAddr");
 }
 
 int PlayerInputOnvifRtpInfo(ZR_ULONG port, const unsigned char *packet, ZR_ULONG length)
 {
-    const Uncounted uncounted;
     platform.record("player", port);
     platform.recordPacket(std::string(reinterpret_cast<const char *>(packet), length));
     return static_cast<int>(platform.enter("player"));

@@ -9,7 +9,6 @@
 #include <future>
 #include <map>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <tuple>
 #include <utility>
@@ -32,7 +31,7 @@ inline thread_local int callsLeft = 0, allocationsLeft = 0;
 /// What happens at the picked call of the platform, and the code with which it then fails.
 inline thread_local std::function<ZR_ULONG(const std::string &operation)> atPickedCall;
 
-/// While it lives, the running thread's allocations are not counted: operations of a C interface never throw.
+/// While it lives, the running thread's allocations are not counted: what has a C interface never throws.
 struct Uncounted
 {
     int left = std::exchange(allocationsLeft, 0);
@@ -72,6 +71,7 @@ struct Message : tagMDPMsg
 template <typename... Values>
 std::string listed(const Values &...values)
 {
+    const Uncounted uncounted; // a stream would swallow the failure
     std::ostringstream out;
     ((out << std::fixed << values << ','), ...);
     return out.str().substr(0, out.str().rfind(','));
@@ -106,7 +106,6 @@ public:
     /// Hands a message to its processor, on a thread of its own.
     void deliver(Answer message)
     {
-        const Uncounted uncounted;
         const auto delivery = [this, message]() mutable {
             CIAOIMsgProc *processor = locked()->processorOf(message.stHeader.ulDstID);
             if (processor != nullptr)
@@ -116,11 +115,7 @@ public:
     }
     /// Waits for what is being delivered; not from inside a delivery.
     void settle() { const auto finished = std::exchange(locked()->m_deliveries, {}); }
-    void setTimer(ZR_ULONG periodMs, const std::function<void()> &step)
-    {
-        const Uncounted uncounted;
-        locked()->m_script.timers[periodMs] = step;
-    }
+    void setTimer(ZR_ULONG periodMs, const std::function<void()> &step) { locked()->m_script.timers[periodMs] = step; }
     bool dropTimer(ZR_ULONG periodMs) { return locked()->m_script.timers.erase(periodMs) == 1; }
     /// Runs the timer of a period, on the caller's thread.
     void tick(ZR_ULONG periodMs)
@@ -150,9 +145,8 @@ public:
     Texts packets() { return locked()->m_record.packets; }
     void clearRecord() { locked()->m_record = {}; }
     std::atomic<size_t> liveMessages{0}; ///< allocated and not yet freed
-    std::atomic<int> openSockets{0};
-    /// Processors and routes that are registered.
-    size_t registrations() { return locked()->m_script.processors.size() + m_script.routes.size(); }
+    std::atomic<int> openSockets{0}, openRoutes{0};
+    size_t processors() { return locked()->m_script.processors.size(); }
     /// Waits, 20 seconds at most, until a predicate over the record holds.
     bool waitFor(const std::function<bool()> &predicate)
     {
@@ -161,12 +155,9 @@ public:
     }
 
     // --- for the platform's operations
-    void addRoute(const std::string &route) { locked()->m_script.routes.insert(route); }
-    void dropRoute(const std::string &route) { locked()->m_script.routes.erase(route); }
     template <typename... Values>
     void record(const std::string &event, const Values &...values)
     {
-        const Uncounted uncounted;
         locked()->m_record.events.push_back(event + "(" + listed(values...) + ")");
     }
     void recordPacket(const std::string &bytes) { locked()->m_record.packets.push_back(bytes); }
@@ -176,11 +167,8 @@ public:
     ZR_ULONG enter(const std::string &operation)
     {
         const Uncounted uncounted;
-        if (callsLeft > 0 && --callsLeft == 0)
-        {
-            if (const ZR_ULONG code = atPickedCall(operation))
-                return code;
-        }
+        if (const ZR_ULONG code = callsLeft > 0 && --callsLeft == 0 ? atPickedCall(operation) : 0)
+            return code;
         std::unique_lock<std::recursive_mutex> guard(m_lock);
         const auto action = m_script.hooks[operation];
         Fault &fault = m_script.faults[operation];
@@ -214,10 +202,10 @@ public:
     ZR_ULONG unregisterAOIMsgProc(ZR_ULONG id) override
     {
         record("unregister", id);
-        const ZR_ULONG code = enter("unregister");
+        enter("unregister");
         locked()->m_script.processors.erase(id);
         settle();
-        return code;
+        return 0;
     }
 
 private:
@@ -233,7 +221,6 @@ private:
         std::multimap<ZR_ULONG, Answer> answers;
         std::map<ZR_ULONG, CIAOIMsgProc *> processors;
         std::map<ZR_ULONG, std::function<void()>> timers;
-        std::set<std::string> routes;
     };
     struct Record
     {
@@ -247,13 +234,10 @@ private:
         Platform *operator->() const { return platform; }
         Platform *platform;
         std::unique_lock<std::recursive_mutex> guard{platform->m_lock};
+        Uncounted uncounted{};
     };
     Locked locked() { return {this}; }
-    CIAOIMsgProc *processorOf(ZR_ULONG id) const
-    {
-        const auto found = m_script.processors.find(id);
-        return found != m_script.processors.end() ? found->second : nullptr;
-    }
+    CIAOIMsgProc *processorOf(ZR_ULONG id) { return m_script.processors.count(id) ? m_script.processors[id] : nullptr; }
 
     std::recursive_mutex m_lock; ///< guards everything below; never held while foreign code runs
     std::condition_variable_any m_changed;
