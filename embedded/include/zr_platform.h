@@ -46,8 +46,83 @@ enum tagZrConnectionProblem : ZR_ULONG
     ZR_CONNECTION_BROKEN = 8          ///< it was there, and was reset, closed, or cut for what the server sent
 };
 
+/// What the operations of sessions return besides 0; the log says more.
+enum tagZrSessionCode : ZR_ULONG
+{
+    ZR_SESSION_FAILED = 1,  ///< no memory
+    ZR_SESSION_INVALID = 2, ///< an argument
+    ZR_SESSION_TOO_MANY = 3 ///< the session has 16 headers already
+};
+
+/// For ZR_SessionSetCredentials.
+enum tagZrCredentialsFlag : ZR_ULONG
+{
+    ZR_CREDENTIALS_BASIC_IN_CLEAR = 1 ///< Basic is answered also where the connection is not encrypted
+};
+
+/// Whether a server sends as fast as the media plays, for ZrOnvifReplay.
+enum tagZrRateControl : ZR_ULONG
+{
+    ZR_RATE_CONTROL_UNSAID = 0, ///< no Rate-Control: it does
+    ZR_RATE_CONTROL_NO = 1,     ///< it sends as fast as it is taken
+    ZR_RATE_CONTROL_YES = 2
+};
+
+/// Which frames a server sends, for ZrOnvifReplay.
+enum tagZrFrames : ZR_ULONG
+{
+    ZR_FRAMES_ALL = 0, ///< no Frames
+    ZR_FRAMES_INTRA = 1,
+    ZR_FRAMES_PREDICTED = 2 ///< intra-coded and predicted ones, no bidirectional ones
+};
+
 extern "C"
 {
+    /// Gives user and password for a session. The dispatcher then answers each 401 itself, to any request, once: Digest
+    /// (RFC 7616, RFC 2617) with SHA-256 or MD5, the "-sess" kinds too, qop auth or none, the strongest that the server
+    /// offers; or Basic (RFC 7617). The challenge is answered in all further requests on the connection, until the
+    /// server has another one. Where a right answer is refused, the request fails with 403. A challenge that cannot be
+    /// answered is handed up as without credentials. They go to no other server than the session's route leads to, not
+    /// where a redirect leads either.
+    ///
+    /// Before the session's object is created or while it lives; forgotten when that is torn down. Any thread.
+    /// @param ulAOIPortID  the identifier of the session's object
+    /// @param pszUser      1 to 255 bytes without control characters and colons (RFC 7617, 2); NULL: takes both back
+    /// @param pszPassword  0 to 255 bytes without control characters; copied, wiped in the end
+    /// @param ulFlags      0 or ZR_CREDENTIALS_BASIC_IN_CLEAR
+    /// @return 0, else a tagZrSessionCode and nothing has changed
+    ZR_PLATFORM_API ZR_ULONG ZR_SessionSetCredentials(ZR_ULONG ulAOIPortID, const char *pszUser,
+                                                      const char *pszPassword, ZR_ULONG ulFlags);
+
+    /// Adds a header to requests of a session, at most 16, from the next request on; one of the same method and name is
+    /// replaced, one for a method stands for one of the same name for all. No secrets: it goes where a redirect leads,
+    /// too. Forgotten when the session's object is torn down. Any thread.
+    /// @param pszMethod  DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, OPTIONS, GET_PARAMETER or SET_PARAMETER as it is sent;
+    ///                   NULL: all of them
+    /// @param pszName    a token of at most 64 characters (RFC 2326, 15.1), not what the platform writes itself: CSeq,
+    ///                   User-Agent, Session, Transport, Scale, Range, Authorization, Accept, those of a body
+    /// @param pszValue   at most 1024 bytes without control characters; NULL: takes the header back
+    /// @return 0, else a tagZrSessionCode and nothing has changed
+    ZR_PLATFORM_API ZR_ULONG ZR_SessionSetHeader(ZR_ULONG ulAOIPortID, const char *pszMethod, const char *pszName,
+                                                 const char *pszValue);
+
+    /// How an ONVIF recorder replays (ONVIF Streaming Specification, replay control).
+    struct ZrOnvifReplay
+    {
+        ZR_ULONG ulRateControl; ///< a tagZrRateControl
+        ZR_ULONG ulImmediate;   ///< not 0: a PLAY takes effect at once, before what an earlier one asked for has ended
+        ZR_ULONG ulFrames;      ///< a tagZrFrames
+        ZR_ULONG ulIntervalMs;  ///< with ZR_FRAMES_INTRA (servers may take it with predicted ones): the least time
+                                ///< between two, in milliseconds; 0: none
+    };
+
+    /// Has a session replay a recording: Require: onvif-replay on SETUP and PLAY, Rate-Control, Immediate and Frames on
+    /// PLAY. They are headers as ZR_SessionSetHeader adds them, five at most. Any thread, before or during the session;
+    /// the next SETUP and PLAY say it.
+    /// @param pstReplay  NULL: takes it back
+    /// @return 0, else a tagZrSessionCode and nothing has changed
+    ZR_PLATFORM_API ZR_ULONG ZR_SessionSetReplay(ZR_ULONG ulAOIPortID, const ZrOnvifReplay *pstReplay);
+
     /// Trusts the certificates of a file for rtsps, issuers' or a server's own, besides those of the system or of the
     /// file given to init. Counts
     /// from the plug-in's next init on, so call it before. May be called for several files. Any thread.

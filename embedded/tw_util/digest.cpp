@@ -1,8 +1,7 @@
+#include "digest.h"
+
 #include <algorithm>
 #include <array>
-#include <cstring>
-#include <initializer_list>
-#include <string>
 #include <strings.h>
 
 #include <openssl/crypto.h>
@@ -28,13 +27,13 @@ bool anyNull(std::initializer_list<const char *> texts)
 class SecretText
 {
 public:
-    explicit SecretText(std::initializer_list<const char *> fields)
+    explicit SecretText(std::initializer_list<std::string_view> fields)
     {
         size_t length = 0;
-        for (const char *field : fields)
-            length += std::strlen(field) + 1;
+        for (const std::string_view field : fields)
+            length += field.size() + 1;
         m_text.reserve(length); // so that it is never moved
-        for (const char *field : fields)
+        for (const std::string_view field : fields)
             m_text.append(field).append(1, ':');
         m_text.pop_back();
     }
@@ -48,27 +47,35 @@ private:
 };
 
 /// MD5 of the fields joined by colons, as text; the output is written only on success.
-ZR_ULONG hash(std::initializer_list<const char *> fields, char *out)
+ZR_ULONG hash(std::initializer_list<std::string_view> fields, char *out)
 {
-    const SecretText joined(fields);
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    size_t length = 0;
-    if (EVP_Q_digest(nullptr, "MD5", nullptr, joined.text().data(), joined.text().size(), digest.data(), &length) != 1)
-    {
-        ZR_PLATFORM_LOG(ERROR, codeFailed, Util, "[hash] MD5 is not available in the cryptographic library");
+    const auto digest = zr::util::hexDigest("MD5", fields);
+    if (!digest)
         return codeFailed;
-    }
-    static constexpr char digits[] = "0123456789abcdef";
-    for (size_t i = 0; i < length; ++i)
-    {
-        *out++ = digits[digest[i] >> 4];
-        *out++ = digits[digest[i] & 15];
-    }
-    *out = '\0';
+    out[digest->copy(out, hashText - 1)] = '\0';
     return 0;
 }
 
 } // namespace
+
+std::optional<std::string> zr::util::hexDigest(const char *algorithm, std::initializer_list<std::string_view> fields)
+{
+    const SecretText joined(fields);
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    size_t length = 0;
+    if (EVP_Q_digest(nullptr, algorithm, nullptr, joined.text().data(), joined.text().size(), digest.data(), &length) !=
+        1)
+    {
+        ZR_PLATFORM_LOG(ERROR, codeFailed, Util, "[hexDigest] %s is not available in the cryptographic library",
+                        algorithm);
+        return std::nullopt;
+    }
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < length; ++i)
+        text.append(1, digits[digest[i] >> 4]).append(1, digits[digest[i] & 15]);
+    return text;
+}
 
 ZR_ULONG TW_DigestCalcHA1(const char *pszAlg, const char *pszUserName, const char *pszRealm, const char *pszPassword,
                           const char *pszNonce, const char *pszCNonce, char *pszHA1)

@@ -96,6 +96,7 @@ RegistrationPtr Delivery::retire(ZR_ULONG id)
 void Delivery::endRegistration(RegistrationPtr registration, std::deque<aoi::MessagePtr> &dropped)
 {
     registration->retired = true;
+    registration->orders->forget(registration->id);
     std::move(registration->messages.begin(), registration->messages.end(), std::back_inserter(dropped));
     registration->messages.clear();
     if (registration->running)

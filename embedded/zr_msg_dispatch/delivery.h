@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "aoi_message.h"
+#include "host_orders.h"
 #include "io_loop.h"
 
 namespace zr::dispatch {
@@ -42,11 +43,13 @@ class Registration
 public:
     Registration(ZR_ULONG identifier, CIAOIMsgProc *messageProcessor)
         : id(identifier)
+        , orders(HostOrders::of(identifier))
         , processor(messageProcessor)
     {
     }
 
     const ZR_ULONG id;
+    const std::shared_ptr<HostOrders> orders; ///< of the host, for this session
     /// Requests that were accepted and are neither answered nor dropped. Any thread.
     std::atomic<size_t> requests{0};
 

@@ -53,6 +53,7 @@ struct Accepted
     std::optional<route::Address> target;   ///< of a request that may open the connection
     bool own = false;                       ///< a keep-alive of the platform's: nobody is told of its answer
     unsigned redirects = 0;                 ///< that it has followed; I/O thread
+    unsigned answered = 0;                  ///< challenges for which it was asked again; I/O thread
 };
 using AcceptedPtr = std::shared_ptr<Accepted>;
 
@@ -64,6 +65,7 @@ struct Exchange
     unsigned cseq = 0;
     std::string url;
     SteadyClock::time_point sent;
+    unsigned challenge = 0; ///< the number of the challenge that it answers; 0: none
 };
 
 /// One request at a time is on the wire (many cameras fail on pipelining), but for two: a keep-alive that is not
@@ -81,6 +83,8 @@ public:
     /// The connection leads elsewhere now: what was on the wire is forgotten, and one that is asked there again goes
     /// before all others.
     void restart(AcceptedPtr accepted);
+    /// The request is sent again, before all others.
+    void again(AcceptedPtr accepted) { m_waiting.push_front(std::move(accepted)); }
     /// Takes the exchange that an answer belongs to: by CSeq, or without one (RFC 2326, 12.17 demands it) the oldest.
     /// None when it belongs to no request.
     std::optional<Exchange> match(const rtsp::Message &response);

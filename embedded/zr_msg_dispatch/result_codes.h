@@ -27,6 +27,8 @@ enum : ZR_ULONG
 {
     statusOk = 200,
     statusBadRequest = 400,
+    statusUnauthorized = 401,
+    statusForbidden = 403,
     statusMethodNotAllowed = 405,
     statusNotImplemented = 501,
     statusServiceUnavailable = 503,

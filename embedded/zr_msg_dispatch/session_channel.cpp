@@ -19,7 +19,7 @@ constexpr unsigned mostAnnouncements = 20;
 
 bool isUnauthorized(const rtsp::Message &response)
 {
-    return response.status == 401;
+    return response.status == statusUnauthorized;
 }
 
 bool isSuccess(const rtsp::Message &response)
@@ -103,11 +103,14 @@ void SessionChannel::send(const AcceptedPtr &accepted)
                         m_session.challengedBy.empty() ? "another server" : m_session.challengedBy.c_str());
         request.authorization.clear();
     }
+    const auto orders = m_registration->orders->current();
+    if (authenticates(*orders))
+        request.authorization.clear();
     request.url = wireUrl(request, m_session);
     if (m_redirect && request.url == m_redirect->from)
         request.url = m_redirect->to;
     const std::string &userAgent = m_services.settings.userAgent;
-    const std::string bytes = accepted->own ? writeKeepAlive(m_session, request.authorization, m_cseq + 1, userAgent)
+    std::string bytes = accepted->own ? writeKeepAlive(m_session, request.authorization, m_cseq + 1, userAgent)
                                             : writeRequest(request, m_cseq + 1, m_session, userAgent);
     if (bytes.empty())
     {
@@ -116,7 +119,8 @@ void SessionChannel::send(const AcceptedPtr &accepted)
     }
     if (!isDroppable(request.messageId))
         m_registration->refusal.set({});
-    m_exchanges.sent({accepted, request.messageId, ++m_cseq, request.url, SteadyClock::now()});
+    const unsigned challenge = addOrders(bytes, *orders);
+    m_exchanges.sent({accepted, request.messageId, ++m_cseq, request.url, SteadyClock::now(), challenge});
     m_keeper.sent(request);
     m_connection->write(bytes);
 }
@@ -185,14 +189,20 @@ void SessionChannel::takeResponse(const rtsp::Message &response)
     }
     if (m_life == Life::Lingering)
     {
-        if (isTeardown(exchange->messageId))
+        if (!isTeardown(exchange->messageId))
+            return;
+        if (exchange->accepted && authenticate(*exchange, response) == Authentication::Again)
+            flushTeardowns();
+        else
             finish();
         return;
     }
     m_answered = true;
     if (exchange->accepted && follow(*exchange, response))
         return;
-    if (exchange->accepted && exchange->accepted->own)
+    if (exchange->accepted && authenticate(*exchange, response) != Authentication::None)
+        ; // nobody is to hear of the answer
+    else if (exchange->accepted && exchange->accepted->own)
         takeOwnAnswer(*exchange, response);
     else if (exchange->accepted)
         answer(*exchange, response);
@@ -451,7 +461,8 @@ void SessionChannel::flushTeardowns()
 {
     for (const AcceptedPtr &accepted : m_exchanges.takeTeardowns())
         send(accepted);
-    m_connection->finishWriting();
+    if (!m_registration->orders->current()->credentials) // one may have to be sent again
+        m_connection->finishWriting();
 }
 
 void SessionChannel::closePort()

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "authenticator.h"
 #include "connection.h"
 #include "delivery.h"
 #include "exchange_queue.h"
@@ -76,6 +77,16 @@ private:
     void openConnection();
     void dropConnection();
     bool maySeeCredentials() const;
+    bool authenticates(const Orders &orders) const;
+    unsigned addOrders(std::string &bytes, const Orders &orders);
+    /// What becomes of an answer where the host gave credentials.
+    enum class Authentication
+    {
+        None,   ///< the answer is whose it would be without them
+        Again,  ///< the request waits to be sent with an answer to the challenge
+        Refused ///< its requester was told
+    };
+    Authentication authenticate(const Exchange &exchange, const rtsp::Message &response);
     void pump();
     void send(const AcceptedPtr &accepted);
 
@@ -113,6 +124,7 @@ private:
     std::optional<Redirect> m_redirect;
     std::shared_ptr<Connection> m_connection; ///< null: none; else being resolved, connecting, or up
     Session m_session;
+    Authenticator m_authenticator; ///< of the session with its server
     Facts m_facts;           ///< as the registration has them
     bool m_wasUp = false;    ///< the connection
     bool m_answered = false; ///< a request, on it

@@ -85,6 +85,7 @@ bool SessionChannel::follow(const Exchange &exchange, const rtsp::Message &respo
     }
     ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: redirected (%d) to %s", name().c_str(), response.status, location.c_str());
     ++accepted->redirects;
+    accepted->answered = 0;
     m_redirect = Redirect{wireUrl(accepted->request, m_session), url->withoutCredentials};
     m_exchanges.restart(accepted);
     leadTo(*url);
@@ -125,6 +126,7 @@ void SessionChannel::openConnection()
     m_announced = 0;
     m_wasUp = false;
     m_answered = false;
+    m_authenticator.reset();
     Connection::Owner &owner = *this;
     m_connection =
         std::make_shared<Connection>(m_services.loop, m_services.settings, owner,

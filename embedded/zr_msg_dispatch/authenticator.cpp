@@ -1,0 +1,219 @@
+#include "authenticator.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include "challenge.h"
+#include "digest.h"
+#include "rtsp_text.h"
+
+namespace zr::dispatch {
+
+namespace {
+
+struct Algorithm
+{
+    std::string_view name;
+    const char *hash;
+    bool session;
+    int strength;
+};
+constexpr std::array<Algorithm, 5> algorithms = {{{"", "MD5", false, 0},
+                                                  {"MD5", "MD5", false, 0},
+                                                  {"MD5-sess", "MD5", true, 0},
+                                                  {"SHA-256", "SHA256", false, 1},
+                                                  {"SHA-256-sess", "SHA256", true, 1}}};
+
+const Algorithm *findAlgorithm(std::string_view name)
+{
+    const auto found = std::find_if(algorithms.begin(), algorithms.end(),
+                                    [name](const Algorithm &known) { return rtsp::sameText(known.name, name); });
+    return found == algorithms.end() ? nullptr : &*found;
+}
+
+/// Whether it may go back in a header, as long as servers take it.
+bool isPlain(std::string_view text)
+{
+    constexpr size_t longest = 1024;
+    return text.size() <= longest && rtsp::headerSafe(text) == text;
+}
+
+std::string inQuotes(std::string_view text)
+{
+    std::string out = "\"";
+    for (const char c : text)
+    {
+        if (c == '"' || c == '\\')
+            out += '\\';
+        out += c;
+    }
+    return out + '"';
+}
+
+/// @return empty when there is no randomness
+std::string makeCnonce()
+{
+    std::array<unsigned char, 16> bytes{};
+    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
+        return {};
+    std::string text;
+    for (const unsigned byte : bytes)
+        text.append(1, "0123456789abcdef"[byte >> 4]).append(1, "0123456789abcdef"[byte & 15]);
+    return text;
+}
+
+bool offersAuth(const std::string &qop)
+{
+    const auto offers = rtsp::split(qop, ',');
+    return std::any_of(offers.begin(), offers.end(), [](std::string_view offer) { return rtsp::sameText(offer, "auth"); });
+}
+
+std::string answerBasic(const Credentials &credentials)
+{
+    std::string plain;
+    plain.reserve(credentials.user.size() + 1 + credentials.password.size());
+    plain.append(credentials.user).append(1, ':').append(credentials.password);
+    std::vector<unsigned char> text(4 * ((plain.size() + 2) / 3) + 1);
+    const int size = EVP_EncodeBlock(text.data(), reinterpret_cast<const unsigned char *>(plain.data()),
+                                     static_cast<int>(plain.size()));
+    OPENSSL_cleanse(plain.data(), plain.size());
+    return "Basic " + std::string(text.begin(), text.begin() + size);
+}
+
+} // namespace
+
+/// A Digest challenge that can be answered.
+/// @param problem  receives why it cannot be
+std::optional<Authenticator::Digest> Authenticator::readDigest(const rtsp::Challenge &challenge, std::string &problem)
+{
+    Digest digest;
+    digest.realm = challenge.value("realm");
+    digest.nonce = challenge.value("nonce");
+    digest.opaque = challenge.value("opaque");
+    digest.algorithm = challenge.value("algorithm");
+    digest.stale = rtsp::sameText(challenge.value("stale"), "true");
+    const std::string qop = challenge.value("qop");
+    digest.quality = offersAuth(qop);
+    const Algorithm *const algorithm = findAlgorithm(digest.algorithm);
+    if (!algorithm)
+        problem = "a Digest challenge with the algorithm " + rtsp::quoted(digest.algorithm);
+    else if (!qop.empty() && !digest.quality)
+        problem = "a Digest challenge with the qop " + rtsp::quoted(qop);
+    else if (digest.nonce.empty() || !isPlain(digest.nonce) || !isPlain(digest.realm) || !isPlain(digest.opaque))
+        problem = "a Digest challenge whose nonce, realm or opaque is missing, too long or unprintable";
+    else if ((digest.cnonce = makeCnonce()).empty())
+        problem = "a Digest challenge, and no randomness";
+    else
+    {
+        digest.hash = algorithm->hash;
+        digest.session = algorithm->session;
+        digest.strength = 2 * algorithm->strength + (digest.quality ? 1 : 0);
+        return digest;
+    }
+    return std::nullopt;
+}
+
+/// Whether a server that got an answer to the one asks the same again.
+bool Authenticator::sameChallenge(const Choice &left, const Choice &right)
+{
+    if (left.digest && right.digest)
+        return left.digest->realm == right.digest->realm && left.digest->nonce == right.digest->nonce;
+    return !left.digest && !right.digest && left.basicRealm == right.basicRealm;
+}
+
+Authenticator::Choice Authenticator::choose(const rtsp::Message &response, bool mayShow, std::string &problem)
+{
+    Choice choice;
+    problem = "no challenge that is known";
+    for (const rtsp::Challenge &challenge : rtsp::readChallenges(response))
+    {
+        if (rtsp::sameText(challenge.scheme, "Basic") && mayShow)
+            choice.basicRealm = challenge.value("realm");
+        else if (rtsp::sameText(challenge.scheme, "Basic"))
+            problem = "a Basic challenge on a connection that is not encrypted";
+        if (!rtsp::sameText(challenge.scheme, "Digest"))
+            continue;
+        auto digest = readDigest(challenge, problem);
+        if (digest && (!choice.digest || choice.digest->strength < digest->strength))
+            choice.digest = std::move(digest);
+    }
+    return choice;
+}
+
+Authenticator::Verdict Authenticator::take(const rtsp::Message &response, const Attempt &attempt, bool mayShow,
+                                           std::string &problem)
+{
+    Choice choice = choose(response, mayShow, problem);
+    if (!choice.digest && !choice.basicRealm)
+        return attempt.answered == 0 ? Verdict::Unusable : Verdict::Refused;
+    const bool stale = choice.digest && choice.digest->stale;
+    const bool again = attempt.challenge != 0 && attempt.challenge == challenge() && sameChallenge(choice, m_choice);
+    problem = "the server refuses the host's user or password";
+    if (again && !stale)
+        return Verdict::Refused; // other requests may be allowed
+    if (attempt.answered > 1 || (attempt.answered == 1 && !stale))
+    {
+        reset();
+        return Verdict::Refused;
+    }
+    m_choice = std::move(choice);
+    ++m_number;
+    return Verdict::Answer;
+}
+
+unsigned Authenticator::challenge() const
+{
+    return m_choice.digest || m_choice.basicRealm ? m_number : 0;
+}
+
+void Authenticator::reset()
+{
+    m_choice = Choice();
+}
+
+std::string Authenticator::authorization(const Credentials &credentials, std::string_view method, std::string_view uri)
+{
+    if (m_choice.digest)
+        return answerDigest(*m_choice.digest, credentials, method, uri);
+    return m_choice.basicRealm ? answerBasic(credentials) : std::string();
+}
+
+std::string Authenticator::answerDigest(Digest &digest, const Credentials &credentials, std::string_view method,
+                                        std::string_view uri)
+{
+    std::array<char, 9> count{};
+    std::snprintf(count.data(), count.size(), "%08x", ++digest.uses);
+    auto secret = util::hexDigest(digest.hash, {credentials.user, digest.realm, credentials.password});
+    if (secret && digest.session)
+        secret = util::hexDigest(digest.hash, {*secret, digest.nonce, digest.cnonce});
+    const auto request = util::hexDigest(digest.hash, {method, uri});
+    if (!secret || !request)
+        return {};
+    const auto response =
+        digest.quality
+            ? util::hexDigest(digest.hash, {*secret, digest.nonce, count.data(), digest.cnonce, "auth", *request})
+            : util::hexDigest(digest.hash, {*secret, digest.nonce, *request});
+    OPENSSL_cleanse(secret->data(), secret->size());
+    if (!response)
+        return {};
+    std::string text = "Digest username=" + inQuotes(credentials.user) + ", realm=" + inQuotes(digest.realm) +
+                       ", nonce=" + inQuotes(digest.nonce) + ", uri=" + inQuotes(uri) + ", response=\"" + *response + '"';
+    if (!digest.algorithm.empty())
+        text.append(", algorithm=").append(digest.algorithm);
+    if (!digest.opaque.empty())
+        text.append(", opaque=").append(inQuotes(digest.opaque));
+    if (digest.quality || digest.session)
+        text.append(", cnonce=\"").append(digest.cnonce).append(1, '"');
+    if (digest.quality)
+        text.append(", qop=auth, nc=").append(count.data());
+    return text;
+}
+
+} // namespace zr::dispatch

@@ -1,0 +1,66 @@
+// What the host orders for a session: answers to challenges, and headers of its own.
+
+#include <string_view>
+
+#include "platform_log.h"
+#include "result_codes.h"
+#include "session_channel.h"
+
+namespace zr::dispatch {
+
+/// Whether a request goes out with the host's credentials. No other server than the session's own may see them, also
+/// where a redirect leads.
+bool SessionChannel::authenticates(const Orders &orders) const
+{
+    return orders.credentials && m_authenticator.challenge() != 0 && m_target.address == m_asked.address;
+}
+
+/// Adds to the bytes of a request.
+/// @return the number of the challenge that it answers now
+unsigned SessionChannel::addOrders(std::string &bytes, const Orders &orders)
+{
+    const size_t space = bytes.find(' ');
+    const std::string method = bytes.substr(0, space);
+    std::string lines;
+    if (authenticates(orders))
+    {
+        const std::string uri = bytes.substr(space + 1, bytes.find(' ', space + 1) - space - 1);
+        const std::string value = m_authenticator.authorization(*orders.credentials, method, uri);
+        if (!value.empty())
+            lines.append("Authorization: ").append(value).append("\r\n");
+    }
+    const bool answers = !lines.empty();
+    lines += orders.linesFor(method);
+    bytes.insert(bytes.size() - 2, lines); // before the blank line
+    return answers ? m_authenticator.challenge() : 0;
+}
+
+SessionChannel::Authentication SessionChannel::authenticate(const Exchange &exchange, const rtsp::Message &response)
+{
+    const auto orders = m_registration->orders->current();
+    if (response.status != statusUnauthorized || !orders->credentials || !(m_target.address == m_asked.address))
+        return Authentication::None;
+    const AcceptedPtr &accepted = exchange.accepted;
+    const bool mayShow = orders->credentials->mayShow || m_connection->secure();
+    std::string problem;
+    switch (m_authenticator.take(response, {exchange.challenge, accepted->answered}, mayShow, problem))
+    {
+    case Authenticator::Verdict::Answer:
+        ++accepted->answered;
+        m_exchanges.again(accepted);
+        return Authentication::Again;
+    case Authenticator::Verdict::Refused:
+        if (accepted->own)
+            return Authentication::None;
+        refuse(*accepted, statusForbidden, problem);
+        return Authentication::Refused;
+    case Authenticator::Verdict::Unusable:
+        break;
+    }
+    if (mayNote())
+        ZR_PLATFORM_LOG(WARNING, statusUnauthorized, Dispatch, "%s: the host's credentials are of no use for %s",
+                        name().c_str(), problem.c_str());
+    return Authentication::None;
+}
+
+} // namespace zr::dispatch
