@@ -80,10 +80,10 @@ extern "C"
 {
     /// Gives user and password for a session. The dispatcher then answers each 401 itself, to any request, once: Digest
     /// (RFC 7616, RFC 2617) with SHA-256 or MD5, the "-sess" kinds too, qop auth or none, the strongest that the server
-    /// offers; or Basic (RFC 7617). The challenge is answered in all further requests on the connection, until the
-    /// server has another one. Where a right answer is refused, the request fails with 403. A challenge that cannot be
-    /// answered is handed up as without credentials. They go to no other server than the session's route leads to, not
-    /// where a redirect leads either.
+    /// offers; or Basic (RFC 7617). The challenge is answered in all further requests, until the server has
+    /// another one. Where a right answer is refused, the request fails with 403, and ZR_RequestRefusal says 401. A
+    /// challenge that cannot be answered is handed up as without credentials. They go to no other server than the
+    /// session's route leads to, not where a redirect leads either.
     ///
     /// Before the session's object is created or while it lives; forgotten when that is torn down. Any thread.
     /// @param ulAOIPortID  the identifier of the session's object

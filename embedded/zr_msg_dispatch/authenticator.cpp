@@ -72,7 +72,8 @@ std::string makeCnonce()
 bool offersAuth(const std::string &qop)
 {
     const auto offers = rtsp::split(qop, ',');
-    return std::any_of(offers.begin(), offers.end(), [](std::string_view offer) { return rtsp::sameText(offer, "auth"); });
+    return std::any_of(offers.begin(), offers.end(),
+                       [](std::string_view offer) { return rtsp::sameText(offer, "auth"); });
 }
 
 std::string answerBasic(const Credentials &credentials)
@@ -204,7 +205,8 @@ std::string Authenticator::answerDigest(Digest &digest, const Credentials &crede
     if (!response)
         return {};
     std::string text = "Digest username=" + inQuotes(credentials.user) + ", realm=" + inQuotes(digest.realm) +
-                       ", nonce=" + inQuotes(digest.nonce) + ", uri=" + inQuotes(uri) + ", response=\"" + *response + '"';
+                       ", nonce=" + inQuotes(digest.nonce) + ", uri=" + inQuotes(uri) + ", response=\"" + *response +
+                       '"';
     if (!digest.algorithm.empty())
         text.append(", algorithm=").append(digest.algorithm);
     if (!digest.opaque.empty())

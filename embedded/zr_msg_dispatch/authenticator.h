@@ -12,8 +12,8 @@
 
 namespace zr::dispatch {
 
-/// What one connection's server has challenged with, answered with the host's credentials in every request from then
-/// on. I/O thread.
+/// What a session's server has challenged with, answered with the host's credentials in every request from then on: a
+/// server whose nonces end with their connection challenges anew. I/O thread.
 class Authenticator
 {
 public:
@@ -42,7 +42,7 @@ public:
     /// @param uri  as it stands in the request
     /// @return empty without a challenge, or when the cryptographic library refuses its algorithm
     std::string authorization(const Credentials &credentials, std::string_view method, std::string_view uri);
-    /// Another connection: its server challenges anew.
+    /// The session is over, or with another server.
     void reset();
 
 private:

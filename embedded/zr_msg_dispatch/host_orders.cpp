@@ -23,8 +23,8 @@ constexpr size_t longestValue = 1024;
 
 /// What the dispatch writes itself, or what would announce a body.
 constexpr std::array<std::string_view, 11> reservedNames = {
-    "CSeq",  "Session", "Transport",      "Content-Length",    "Authorization", "User-Agent",
-    "Scale", "Range",   "Accept",         "Transfer-Encoding", "Content-Encoding"};
+    "CSeq",  "Session", "Transport", "Content-Length",    "Authorization",   "User-Agent",
+    "Scale", "Range",   "Accept",    "Transfer-Encoding", "Content-Encoding"};
 constexpr std::array<std::string_view, 8> methods = {"DESCRIBE", "SETUP",   "PLAY",          "PAUSE",
                                                      "TEARDOWN", "OPTIONS", "GET_PARAMETER", "SET_PARAMETER"};
 
@@ -179,8 +179,8 @@ ZR_ULONG HostOrders::change(ZR_ULONG id, const std::function<ZR_ULONG(Orders &)>
 {
     const std::lock_guard<std::mutex> lock(store().mutex);
     const auto found = store().orders.find(id);
-    const auto changed =
-        found == store().orders.end() ? std::make_shared<Orders>() : std::make_shared<Orders>(*found->second->m_current);
+    const auto changed = found == store().orders.end() ? std::make_shared<Orders>()
+                                                       : std::make_shared<Orders>(*found->second->m_current);
     const ZR_ULONG code = apply(*changed);
     const bool empty = !changed->credentials && changed->headers.empty();
     if (code != 0 || (found == store().orders.end() && empty))
@@ -242,9 +242,9 @@ ZR_ULONG ZR_SessionSetHeader(ZR_ULONG ulAOIPortID, const char *pszMethod, const 
     namespace zd = zr::dispatch;
     constexpr const char *operation = "ZR_SessionSetHeader";
     return zd::guarded(operation, ulAOIPortID, [&]() -> ZR_ULONG {
-        const zd::HostHeader header = {pszMethod ? pszMethod : "",
-                                       {pszName ? pszName : "",
-                                        std::string(zr::rtsp::trimmed(pszValue ? pszValue : ""))}};
+        const zd::HostHeader header = {
+            pszMethod ? pszMethod : "",
+            {pszName ? pszName : "", std::string(zr::rtsp::trimmed(pszValue ? pszValue : ""))}};
         const char *problem = zd::headerProblem(header.method, header.header.name, header.header.value);
         if (!problem && pszValue && header.header.value.empty())
             problem = "its value is empty";

@@ -111,7 +111,7 @@ void SessionChannel::send(const AcceptedPtr &accepted)
         request.url = m_redirect->to;
     const std::string &userAgent = m_services.settings.userAgent;
     std::string bytes = accepted->own ? writeKeepAlive(m_session, request.authorization, m_cseq + 1, userAgent)
-                                            : writeRequest(request, m_cseq + 1, m_session, userAgent);
+                                      : writeRequest(request, m_cseq + 1, m_session, userAgent);
     if (bytes.empty())
     {
         refuse(*accepted, statusBadRequest, "its URL or transport cannot be written");
@@ -352,6 +352,7 @@ void SessionChannel::resetSession()
     m_session = Session();
     m_session.challengedBy = std::move(challenger);
     m_keeper.stop();
+    m_authenticator.reset();
     m_interleaved = false;
     m_tornDown = false;
 }

@@ -126,7 +126,6 @@ void SessionChannel::openConnection()
     m_announced = 0;
     m_wasUp = false;
     m_answered = false;
-    m_authenticator.reset();
     Connection::Owner &owner = *this;
     m_connection =
         std::make_shared<Connection>(m_services.loop, m_services.settings, owner,

@@ -52,7 +52,11 @@ SessionChannel::Authentication SessionChannel::authenticate(const Exchange &exch
     case Authenticator::Verdict::Refused:
         if (accepted->own)
             return Authentication::None;
-        refuse(*accepted, statusForbidden, problem);
+        ZR_PLATFORM_LOG(WARNING, statusUnauthorized, Dispatch, "%s: %s fails: %s", name().c_str(),
+                        methodOf(exchange.messageId), problem.c_str());
+        if (!isDroppable(exchange.messageId))
+            m_registration->refusal.set({statusUnauthorized, problem});
+        deliver(failureAnswer(accepted->request, statusForbidden)); // 401 is for one who has other credentials
         return Authentication::Refused;
     case Authenticator::Verdict::Unusable:
         break;

@@ -1,0 +1,58 @@
+#include "digest.h"
+#include "engine_fixture.h"
+#include "zr_platform.h"
+
+namespace zr::test {
+
+using EngineOrders = EngineTest;
+static const std::string challenge = "RTSP/1.0 401 Unauthorized\r\nCSeq: {cseq}\r\nWWW-Authenticate: ";
+
+/// The strongest of what is offered, by the formulas of RFC 7616, 3.4.
+TEST_F(EngineOrders, AnswerAsTheChallengeAsks)
+{
+    const auto check = [&](const std::string &asked, const char *hash, bool session, bool qop, const char *says) {
+        ScriptedServer server({{{"DESCRIBE", {challenge + asked + "\r\n\r\n"}}, {"DESCRIBE", {describeAnswer}}}});
+        ZR_SessionSetCredentials(7, "u", "p", ZR_CREDENTIALS_BASIC_IN_CLEAR);
+        EXPECT_EQ(Client(engine(), 7, server).ask(AOI_MSG_RTSP_DESCRIBE).kind, 1U);
+        const std::string request = server.requests(2).at(1);
+        const std::string cnonce = qop || session ? request.substr(request.find(" cnonce=\"") + 9, 32) : "";
+        const auto h = [hash](const std::string &text) { return util::hexDigest(hash, {text}).value(); };
+        const std::string secret = (session ? h(h("u:r\":p") + ":n:" + cnonce) : h("u:r\":p")) + ":n:";
+        const std::string count = qop ? "00000001:" + cnonce + ":auth:" : "";
+        const std::string response = '"' + h(secret + count + h("DESCRIBE:" + server.url())) + '"';
+        EXPECT_TRUE(request.find(says) + 1 && (says[0] == 'B' || request.find(response) + 1)) << asked << request;
+    };
+    const std::string more = ", realm=\"r\\\"\", nonce=\"n\"";
+    const std::string sha = "\r\nWWW-Authenticate: Digest algorithm=\"SHA-256\"" + more + ", Digest algorithm=X" + more;
+    check("Digest algorithm=\"md5-SESS\", opaque=\"o\"" + more, "MD5", true, false, "opaque=\"o\", cnonce=");
+    check("Digest qop=\"x, auth\", algorithm=SHA-256-sess" + more, "SHA256", true, true, "qop=auth, nc=00000001");
+    check("Basic realm=x, Digest qop=auth" + more + sha, "SHA256", false, false, "algorithm=SHA-256\r\n");
+    check("Basic realm=x", "MD5", false, false, "Basic dTpw\r\n");
+}
+
+/// Nonces that end, what the user may not do, a TEARDOWN that is asked twice; and nothing for another server.
+TEST_F(EngineOrders, LastForTheSession)
+{
+    const auto digest = [](const char *n) { return challenge + "Digest qop=auth, realm=r, nonce=" + n + "\r\n\r\n"; };
+    Script script;
+    for (const std::string &answer : {digest("n1"), setupAnswer, sessionAnswer, digest("n2"), digest("n3, stale=true"),
+                                      digest("n4"), challenge + "Basic\r\n\r\n", digest("n5"), sessionAnswer})
+        script.push_back({"", {answer}});
+    ScriptedServer other({{{"", {digest("n")}}}});
+    ScriptedServer server({script, {{"", {"RTSP/1.0 302 x\r\nCSeq: 1\r\nLocation: " + other.url() + "\r\n\r\n"}}}});
+    const ZrOnvifReplay replay = {ZR_RATE_CONTROL_NO, 1, ZR_FRAMES_INTRA, 4000};
+    Client client(engine(), 7, server);
+    EXPECT_EQ(ZR_SessionSetCredentials(7, "u", "p", 0) + ZR_SessionSetReplay(7, &replay), 0U);
+    EXPECT_EQ(ZR_SessionSetHeader(7, nullptr, "X", "a\r\nY: b") & ZR_SessionSetHeader(7, "PLAY", "cseq", "1"), 2U);
+    const ZR_ULONG errors[] = {client.ask(AOI_MSG_RTSP_SETUP).error, client.ask(AOI_MSG_RTSP_PLAY).error,
+                               client.ask(AOI_MSG_RTSP_PAUSE).error, client.ask(AOI_MSG_RTSP_OPTIONS).error};
+    EXPECT_THAT(errors, testing::ElementsAre(0U, 0U, 403U, 401U));
+    EXPECT_EQ(client.send(AOI_MSG_RTSP_TEARDOWN) + client.unregister(), 0U);
+    EXPECT_TRUE(server.ended(1));
+    EXPECT_THAT(server.requests(9).at(2), testing::ContainsRegex("^PLAY.*n1.*nc=00000002.*Require: onvif-replay"));
+    ZR_SessionSetCredentials(7, "u", "p", 0);
+    EXPECT_EQ(Client(engine(), 7, server).ask(AOI_MSG_RTSP_DESCRIBE).error, 401U);
+    EXPECT_EQ(other.requests(1).at(0).find("Authorization"), std::string::npos);
+}
+
+} // namespace zr::test
