@@ -1,4 +1,4 @@
-// What runs a target: libFuzzer, or the main function below, which runs the inputs in folders once.
+// What runs a target: libFuzzer, or the main function below, which runs the inputs in a folder once.
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -39,15 +39,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 int main(int argc, char **argv)
 {
     int count = 0;
-    for (int i = 1; i < argc; ++i)
+    for (const auto &entry : std::filesystem::directory_iterator(argc == 2 ? argv[1] : ""))
     {
-        for (const auto &entry : std::filesystem::directory_iterator(argv[i]))
-        {
-            std::fprintf(stderr, "%s\n", entry.path().c_str());
-            std::ifstream file(entry.path(), std::ios::binary);
-            const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-            count += 1 + LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
-        }
+        std::fprintf(stderr, "%s\n", entry.path().c_str());
+        std::ifstream file(entry.path(), std::ios::binary);
+        const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+        count += 1 + LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
     }
     return count > 0 ? 0 : 1;
 }

@@ -14,12 +14,18 @@ using Event = rtsp::Parser::Event;
 struct CRtspMediaCtrlProbe
 {
     static void setState(CRtspMediaCtrl &ctrl, ZR_ULONG state) { ctrl.m_ulState = state; }
-    static constexpr auto dataFromSdp = &CRtspMediaCtrl::getDataFromSDP;
+    static void wantMulticast(CRtspMediaCtrl &ctrl)
+    {
+        COnvifInfo oInfo = ctrl.m_oMediaAbility.getOnvifInfo();
+        oInfo.m_enBroadcastMethod = BROADCASTMETHOD_MULTICAST;
+        ctrl.m_oMediaAbility.setOnvifInfo(oInfo);
+    }
 };
 
-static bool hasCredentials(const std::string &url)
+static bool isClean(const std::string &url)
 {
-    return dispatch::parseUrl(url)->withoutCredentials != url;
+    const auto parsed = dispatch::parseUrl(url);
+    return parsed && parsed->withoutCredentials == url;
 }
 
 struct Session final : CIAOIMsgDisp
@@ -40,16 +46,19 @@ struct Session final : CIAOIMsgDisp
         return ctrl->AOIMsgPro(message.get());
     }
 
-    /// Takes a message of the far side: the answer to what was sent, or a request of its own.
+    /// Takes a message of the far side: an answer to what was sent, or a request of its own.
     void take(const rtsp::Message &message)
     {
+        if (message.response && message.status < 200)
+            return;
         const std::string url = dispatch::wireUrl(sent, wire);
         const auto target = dispatch::redirectTarget(url, message);
-        assert(!target || !hasCredentials(*target));
+        assert(!target || isClean(*target));
         const auto judged = dispatch::judgeServerRequest(message);
         rtsp::writeResponse(message, judged.status, judged.headers);
         aoi::Answer answer;
         answer.messageId = AOI_MSG_RTSP_ADMINSSION_ANNOUNCE;
+        answer.sessionId = wire.id;
         answer.quitReason = judged.quitReason;
         if (message.response)
             answer = dispatch::mapResponse(sent, url, message, wire, {"10.0.0.9", 8554}).answer;
@@ -64,7 +73,7 @@ struct Session final : CIAOIMsgDisp
         const std::string bytes = dispatch::writeRequest(sent, 1, wire, "fuzz");
         rtsp::Parser parser({SIZE_MAX, 8, SIZE_MAX, 0});
         parser.append(bytes.data(), bytes.size());
-        const bool read = parser.next() == Event::Message && !hasCredentials(parser.message().uri);
+        const bool read = parser.next() == Event::Message && isClean(parser.message().uri);
         assert((bytes.empty() || read) && parser.next() == Event::NeedMore && !parser.midMessage());
         return 1;
     }
@@ -76,8 +85,7 @@ struct Session final : CIAOIMsgDisp
     dispatch::Session wire;
 };
 
-/// A session that does what letters stand for; after each that sends a request come the far side's messages up to the
-/// answer.
+/// A session that does what letters stand for. After each that sends a request it reads up to the answer.
 /// @return the last Authorization
 static std::string talk(const std::string &tag, std::string url, std::string_view letters, std::string_view stream)
 {
@@ -85,9 +93,10 @@ static std::string talk(const std::string &tag, std::string url, std::string_vie
         {'d', [](auto &object, auto &target) { object.describe(target); }},
         {'s', [](auto &object, auto &target) { object.setup(target, PROTOCOL_UDP); }},
         {'i', [](auto &object, auto &target) { object.setup(target, PROTOCOL_TCP, 1, 0); }},
+        {'m', [](auto &object, auto &) { CRtspMediaCtrlProbe::wantMulticast(object); }},
         {'v',
          [](auto &object, auto &) {
-             object.setupToTV(1, {9000, "10.7.7.7"});
+             object.setupToTV(1, tagTransportAddr{9000, "10.7.7.7"});
          }},
         {'p', [](auto &object, auto &) { object.play("0", ""); }},
         {'g', [](auto &object, auto &) { object.dragPlay(object.getRange(), "", 3); }},
@@ -104,11 +113,11 @@ static std::string talk(const std::string &tag, std::string url, std::string_vie
         const std::string control = session.ctrl->getMediaAbility(ability).getOnvifInfo().m_strVideoControl;
         if (const auto step = steps.find(letter); step != steps.end())
             step->second(*session.ctrl, control.empty() || letter == 'd' ? url : control);
-        for (Event event = Event::Frame; session.sent.messageId != 0; event = parser.next())
+        for (bool open = true; open && session.sent.messageId != 0;)
         {
-            if (event == Event::NeedMore || event == Event::Error)
-                break;
-            if (event == Event::Message && (!parser.message().response || parser.message().status >= 200))
+            const Event event = parser.next();
+            open = event == Event::Message || event == Event::Frame;
+            if (event == Event::Message)
                 session.take(parser.message());
         }
     }
@@ -122,17 +131,13 @@ void fuzz::answer(Input input)
     talk(tag, "rtsp://10.0.0.9:8554/live", letters, input.left);
 }
 
-/// A byte for the room of values, and a description.
+/// A description.
 void fuzz::sdp(Input input)
 {
-    const size_t room = input.byte();
     const std::string head = "RTSP/1.0 200 OK\nContent-Length: " + std::to_string(input.left.size()) + "\n\n";
     talk("onvif", "rtsp://10.0.0.9/live", "dsip", head + std::string(input.left));
     const std::string whole = dispatch::completeRtpmaps(input.left);
     assert(whole == dispatch::completeRtpmaps(whole));
-    const std::unique_ptr<char[]> out(new char[room]);
-    for (const char *key : {"a=rtpmap:", "sprop-parameter-sets=", "a=control:", "realm="})
-        CRtspMediaCtrlProbe::dataFromSdp(whole.c_str(), "m=video", key, static_cast<ZR_ULONG>(room), out.get());
 }
 
 /// A line with a URL and its credentials, and the headers of a 401: where Digest is offered the password stays.
@@ -143,13 +148,11 @@ void fuzz::challenge(Input input)
     assert(auth.substr(0, 6) != "Basic " || headers.find("WWW-Authenticate: Digest realm=") != 0);
 }
 
-/// A line with a session's URL, a line with a base, and a reference.
+/// A line with a session's URL, and where a redirect leads to.
 void fuzz::url(Input input)
 {
-    const std::string url = input.line(), base = input.line();
-    talk("onvif", url, "dsivt", {});
-    const auto whole = dispatch::resolveUrl(base, input.left);
-    assert(!whole || !hasCredentials(*whole));
+    const std::string url = input.line(), location(input.left);
+    talk("onvif", url, "dsivt", "RTSP/1.0 302 Moved\nLocation: " + location + "\n\n");
 }
 
 /// A line with the tag, and a message but for its capacity: where its used length is 0 it is set right.

@@ -54,8 +54,6 @@ void zr::fuzz::handOff(Input input)
     Description description = Description::fromSdp(input.left);
     description.confirm(read);
     assert(taken == problem.empty() && description.sections().size() <= 18);
-    for (unsigned type = 0; type < 128; ++type)
-        description.find(type % 20, static_cast<uint8_t>(type));
 }
 
 /// A description's size, the description, and packets: channel (4 and more: time passes), size, bytes.
