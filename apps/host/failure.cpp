@@ -21,7 +21,7 @@ constexpr const char *checkAddress =
 // Below 1000 RTSP's statuses (RFC 2326, 7.1.1).
 constexpr Words words[] = {
     {400, ExitCode::Refused, "the server did not understand the request", readTheLog},
-    {401, ExitCode::Credentials, "the server asks for credentials", "give --user and --password, with --tag onvif"},
+    {401, ExitCode::Credentials, "the server asks for credentials", "give --user and --password"},
     {403, ExitCode::Credentials, "the server forbids it, or asks for an authentication that is not known here",
      readTheLog},
     {404, ExitCode::Refused, "the server has no such stream", "check the path of the URL"},

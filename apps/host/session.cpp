@@ -12,6 +12,7 @@ namespace zr::host {
 namespace {
 
 constexpr ZR_ULONG unauthorized = 401;
+constexpr const char *onvifTag = "onvif";
 
 ZR_ULONG nextId()
 {
@@ -53,6 +54,11 @@ Session::Session(Plugin &plugin, const Source &source, Mailbox &mailbox)
         throw Failure(ExitCode::Internal, "creating the session", 0, "the plug-in gave no object");
     }
     m_control->setDecoderDesc(source.tag);
+    if (source.tag != onvifTag && !source.credentials.user.empty()) // the plug-in answers challenges of ONVIF alone
+    {
+        ZR_SessionSetCredentials(m_id, source.credentials.user.c_str(), source.credentials.password.c_str(),
+                                 ZR_CREDENTIALS_BASIC_IN_CLEAR);
+    }
     m_control->attachObserver(this);
 }
 
@@ -92,6 +98,10 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
 {
     char text[400] = "";
     const ZR_ULONG status = ZR_RequestRefusal(m_id, text, sizeof text);
+    if (status == unauthorized && !m_source.credentials.user.empty() && m_source.tag != onvifTag)
+    {
+        return {ExitCode::Credentials, step, status, text, "check --user and --password"};
+    }
     if (status == unauthorized && !m_source.credentials.user.empty())
     {
         return {ExitCode::Credentials, step, status,
