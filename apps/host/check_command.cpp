@@ -24,7 +24,9 @@ constexpr milliseconds connectWithin{5000};
 constexpr milliseconds answerWithin{3000};
 constexpr milliseconds mediaWithin{5000};
 constexpr milliseconds pollEvery{20};
-constexpr double watchedFor = 5;      // seconds
+constexpr const char *deviceLog = "look for other clients of the device, and into its own log";
+constexpr double watchedFor = 5; // seconds
+constexpr ZR_ULONG stoppedAfterMs = 2500;
 constexpr double bearableLoss = 0.01; // of the packets
 constexpr ZR_ULONG pictureWithinMs = 5000;
 
@@ -201,7 +203,8 @@ void Check::tellOptions(const Session &session)
     stopIfAsked();
     if (!facts)
     {
-        m_table.failed("OPTIONS", Failure(ExitCode::Unreachable, "options", 0, "no answer came within 3 s"), false);
+        m_table.failed("OPTIONS", Failure(ExitCode::Unreachable, "options", 0, "no answer came within 3 s", deviceLog),
+                       false);
     }
     else if (facts->ulCheckStatus >= 300)
     {
@@ -416,13 +419,15 @@ bool Check::tryPackets(Course &course)
     {
         m_table.failed("packets",
                        Failure(ExitCode::Lost, "packets", 0,
-                               course.notice() ? noticeText(*course.notice()) : "the server is gone"),
+                               course.notice() ? noticeText(*course.notice()) : "the server is gone", deviceLog),
                        true);
         return false;
     }
-    if (packets == 0)
+    if (now.ulLastArrivalMs > stoppedAfterMs && !ended)
     {
-        m_table.failed("packets", Failure(ExitCode::NoMedia, "packets", 0, "media stopped after its beginning"), true);
+        m_table.failed("packets",
+                       Failure(ExitCode::NoMedia, "packets", 0, std::string("media stopped: ") + text, deviceLog),
+                       true);
     }
     else if (static_cast<double>(lost) > bearableLoss * static_cast<double>(packets + lost))
     {
@@ -476,9 +481,10 @@ void Check::tryKeepAlive(const Session &session)
     const std::string ends = "a silent session ends after " + std::to_string(session.facts().ulTimeout) + " s";
     if (!facts)
     {
-        m_table.failed("keep-alive",
-                       Failure(ExitCode::Unreachable, "keep-alive", 0, "no answer came within 3 s, and " + ends),
-                       false);
+        m_table.failed(
+            "keep-alive",
+            Failure(ExitCode::Unreachable, "keep-alive", 0, "no answer came within 3 s, and " + ends, deviceLog),
+            false);
     }
     else if (facts->ulCheckStatus >= 300)
     {
@@ -504,7 +510,7 @@ void Check::tryPlaying(Course &course, const std::string &step, const std::strin
         {
             if (since(answered) > std::chrono::duration<double>(mediaWithin).count())
             {
-                throw Failure(ExitCode::NoMedia, step, 0, "the server agreed, but no media came within 5 s");
+                throw Failure(ExitCode::NoMedia, step, 0, "the server agreed, but no media came within 5 s", deviceLog);
             }
             sleep(pollEvery);
         }
@@ -542,7 +548,10 @@ void Check::tryPause(Course &course)
     }
     else
     {
-        m_table.failed("PAUSE", Failure(ExitCode::Refused, "pause", 0, "the server agreed, but media goes on"), false);
+        m_table.failed("PAUSE",
+                       Failure(ExitCode::Refused, "pause", 0, "the server agreed, but media goes on",
+                               "do without it: live streams of many devices do not pause"),
+                       false);
     }
     tryPlaying(course, "play on", "playing", [&] { course.playOn(); });
 }
