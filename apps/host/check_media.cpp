@@ -1,0 +1,315 @@
+// What "check" tries of the media: transports, packets, and how a session can be steered.
+
+#include "check.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "notices.h"
+#include "speed.h"
+
+namespace zr::host {
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = Course::Clock;
+
+constexpr milliseconds answerWithin{3000};
+constexpr milliseconds mediaWithin{5000};
+constexpr milliseconds pollEvery{20};
+constexpr const char *deviceLog = "look for other clients of the device, and into its own log";
+constexpr double watchedFor = 5; // seconds
+constexpr ZR_ULONG stoppedAfterMs = 2500;
+constexpr double bearableLoss = 0.01; // of the packets
+constexpr ZR_ULONG pictureWithinMs = 5000;
+
+} // namespace
+
+bool Check::tellStart(const std::string &name, const Progress &progress, const std::optional<Failure> &failure,
+                      Clock::time_point begin)
+{
+    struct Step
+    {
+        const char *name;
+        const char *event;
+    };
+    static constexpr Step steps[] = {{" SETUP", "set_up"}, {" PLAY", "playing"}, {" media", "media"}};
+    auto last = progress.when("described").value_or(begin);
+    bool broken = false;
+    for (const Step &step : steps)
+    {
+        // what came behind it says that a step was done: one track may be set up and the other refused
+        const auto reached = progress.when(step.event);
+        const bool setUp = std::string(step.event) == "set_up";
+        const bool done =
+            reached && (!setUp || !failure || progress.when("playing") || failure->step().rfind("setup", 0) != 0);
+        if (broken)
+        {
+            m_table.skipped(name + step.name, "it needs the step before");
+        }
+        else if (!done)
+        {
+            broken = true;
+            m_table.failed(name + step.name, *failure, false);
+        }
+        else
+        {
+            const double seconds = std::chrono::duration<double>(*reached - last).count();
+            m_table.ok(name + step.name,
+                       (setUp                 ? progress.tracks() + " in "
+                        : step.name[1] == 'm' ? "the first packet came after "
+                                              : "answered in ") +
+                           inMs(seconds),
+                       took(seconds));
+            last = *reached;
+        }
+    }
+    return !broken;
+}
+
+/// One session from its beginning to its end.
+/// @param more  what is tried once alone is tried with it, if media comes
+bool Check::tryTransport(tagProtocol protocol, bool more)
+{
+    const std::string name = protocol == PROTOCOL_TCP ? "TCP:" : "UDP:";
+    CourseOptions options;
+    options.protocol = protocol;
+    Progress progress;
+    std::optional<Failure> failure;
+    const auto begin = Clock::now();
+    Course course(m_plugin, m_interrupt, m_source, options, progress);
+    try
+    {
+        course.begin();
+    }
+    catch (const Failure &failed)
+    {
+        failure.emplace(failed);
+    }
+    stopIfAsked();
+    const bool plays = tellStart(name, progress, failure, begin);
+    if (!plays && !m_transportFailure)
+    {
+        m_transportFailure.emplace(failure->exit(), name + " " + failure->step(), failure->code(), failure->meaning(),
+                                   failure->advice());
+    }
+    if (plays && more)
+    {
+        tryRest(course);
+    }
+    if (plays)
+    {
+        end(course);
+    }
+    return plays;
+}
+
+void Check::tryRest(Course &course)
+{
+    if (!tryPackets(course))
+    {
+        skip({"keep-alive", "PAUSE", "play on", "seek", "speed"}, "the session is over");
+        return;
+    }
+    takePicture(course, course.session());
+    tryKeepAlive(course.session());
+    tryPause(course);
+    tryPlaces(course);
+}
+
+bool Check::tryPackets(Course &course)
+{
+    const auto begin = Clock::now();
+    const ZrMediaStatistics before = course.session().statistics();
+    while (since(begin) < watchedFor && !course.over())
+    {
+        course.step(pollEvery * 5);
+    }
+    stopIfAsked();
+    const double seconds = since(begin);
+    const ZrMediaStatistics now = course.session().statistics();
+    const uint64_t packets = now.ullPackets - before.ullPackets;
+    const uint64_t lost = now.ullLost - std::min(now.ullLost, before.ullLost);
+    const double rate = static_cast<double>(now.ullBytes - before.ullBytes) * 8 / 1000 / seconds;
+    const double jitter = now.ulJitterUs / 1000.0;
+    char text[160];
+    std::snprintf(text, sizeof text, "%llu in %.0f s, %.0f kbit/s, lost %llu, jitter %.1f ms",
+                  static_cast<unsigned long long>(packets), seconds, rate, static_cast<unsigned long long>(lost),
+                  jitter);
+    const bool ended = course.notice() == ZR_RTSP_NOTICE_END_OF_STREAM; // a short recording
+    if (course.over() && !ended)
+    {
+        m_table.failed("packets",
+                       Failure(ExitCode::Lost, "packets", 0,
+                               course.notice() ? noticeText(*course.notice()) : "the server is gone", deviceLog),
+                       true);
+        return false;
+    }
+    if (now.ulLastArrivalMs > stoppedAfterMs && !ended)
+    {
+        m_table.failed("packets",
+                       Failure(ExitCode::NoMedia, "packets", 0, std::string("media stopped: ") + text, deviceLog),
+                       true);
+    }
+    else if (static_cast<double>(lost) > bearableLoss * static_cast<double>(packets + lost))
+    {
+        m_table.failed("packets",
+                       Failure(ExitCode::NoMedia, "packets", 0, text,
+                               "check the network for what is overloaded; --tcp loses nothing, but comes late"),
+                       false);
+    }
+    else
+    {
+        m_table.ok(
+            "packets", text,
+            {{"packets", packets}, {"kbit_per_s", rate}, {"lost", lost}, {"jitter_ms", jitter}, {"seconds", seconds}});
+    }
+    return !ended;
+}
+
+void Check::takePicture(const Course &course, Session &session)
+{
+    if (m_options.html.empty() || course.description().first("video") == nullptr)
+    {
+        return;
+    }
+    std::string folder = (std::filesystem::temp_directory_path() / "zr_rtsp_check.XXXXXX").string();
+    try
+    {
+        if (mkdtemp(folder.data()) == nullptr)
+        {
+            throw Failure(ExitCode::Output, "taking the picture", 0, "there is no room for it in " + folder);
+        }
+        const std::string file = folder + "/picture.png";
+        session.snapshot(file, pictureWithinMs);
+        std::ifstream in(file, std::ios::binary);
+        m_picture.assign(std::istreambuf_iterator<char>(in), {});
+        m_table.ok("picture", "decoded");
+    }
+    catch (const Failure &failed)
+    {
+        m_table.failed("picture", failed, false);
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+    stopIfAsked();
+}
+
+void Check::tryKeepAlive(const Session &session)
+{
+    const auto begin = Clock::now();
+    const auto facts = session.ask(answerWithin);
+    stopIfAsked();
+    const std::string ends = "a silent session ends after " + std::to_string(session.facts().ulTimeout) + " s";
+    if (!facts)
+    {
+        m_table.failed(
+            "keep-alive",
+            Failure(ExitCode::Unreachable, "keep-alive", 0, "no answer came within 3 s, and " + ends, deviceLog),
+            false);
+    }
+    else if (facts->ulCheckStatus >= 300)
+    {
+        m_table.failed("keep-alive", requestFailed("keep-alive", facts->ulCheckStatus), false);
+    }
+    else
+    {
+        m_table.ok("keep-alive", "answered in " + inMs(since(begin)) + "; " + ends,
+                   {{"session_timeout", facts->ulTimeout}});
+    }
+}
+
+/// Does what makes media come again, and waits for it.
+void Check::tryPlaying(Course &course, const std::string &step, const std::string &text,
+                       const std::function<void()> &begin)
+{
+    try
+    {
+        begin();
+        const auto answered = Clock::now();
+        const uint64_t before = course.session().statistics().ullPackets;
+        while (course.session().statistics().ullPackets == before)
+        {
+            if (since(answered) > std::chrono::duration<double>(mediaWithin).count())
+            {
+                throw Failure(ExitCode::NoMedia, step, 0, "the server agreed, but no media came within 5 s", deviceLog);
+            }
+            sleep(pollEvery);
+        }
+        m_table.ok(step, text + ", media after " + inMs(since(answered)), took(since(answered)));
+    }
+    catch (const Failure &failed)
+    {
+        stopIfAsked();
+        m_table.failed(step, failed, false);
+    }
+}
+
+void Check::tryPause(Course &course)
+{
+    constexpr milliseconds onTheWay{300};
+    constexpr milliseconds quiet{700};
+    try
+    {
+        course.pause();
+    }
+    catch (const Failure &failed)
+    {
+        stopIfAsked();
+        m_table.failed("PAUSE", failed, false);
+        m_table.skipped("play on", "it needs the step before");
+        return;
+    }
+    sleep(onTheWay);
+    const uint64_t before = course.session().statistics().ullPackets;
+    sleep(quiet);
+    const uint64_t still = course.session().statistics().ullPackets - before;
+    if (still == 0)
+    {
+        m_table.ok("PAUSE", "media stopped");
+    }
+    else
+    {
+        m_table.failed("PAUSE",
+                       Failure(ExitCode::Refused, "pause", 0, "the server agreed, but media goes on",
+                               "do without it: live streams of many devices do not pause"),
+                       false);
+    }
+    tryPlaying(course, "play on", "playing", [&] { course.playOn(); });
+}
+
+void Check::tryPlaces(Course &course)
+{
+    const Span span = parseSpan(course.description().range);
+    if (!span.begin || !span.end || span.end->seconds <= span.begin->seconds)
+    {
+        skip({"seek", "speed"}, "the stream is live");
+        return;
+    }
+    Position middle = *span.begin;
+    middle.seconds += (span.end->seconds - span.begin->seconds) / 2;
+    Playback playback{positionText(middle), positionText(*span.end), std::nullopt, std::nullopt};
+    tryPlaying(course, "seek", "to " + positionShown(middle), [&] { course.seek(playback); });
+    playback.from = positionText(*span.begin);
+    playback.speedCode = speedCode("2");
+    tryPlaying(course, "speed", "Scale 2 from the beginning", [&] { course.seek(playback); });
+}
+
+void Check::end(Course &course)
+{
+    const char *step = course.options().protocol == PROTOCOL_TCP ? "TCP: TEARDOWN" : "UDP: TEARDOWN";
+    try
+    {
+        course.end();
+        m_table.ok(step, "sent");
+    }
+    catch (const Failure &failed)
+    {
+        m_table.failed(step, failed, false);
+    }
+}
+
+} // namespace zr::host
