@@ -35,7 +35,7 @@ class ServerTest(HostTest):
     SDP = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:track\r\n"
 
     def scripted(self, location="", after_play=b""):
-        """A server that sends three packets; and the requests that it will have got."""
+        """A server that sends three packets after PLAY and after each TEARDOWN; and the requests that it will have got."""
         requests = []
 
         def answer(method, cseq, headers):
@@ -44,8 +44,10 @@ class ServerTest(HostTest):
                 return described(cseq, self.SDP).replace(b"\r\n", location.encode() + b"\r\n", 1)
             transport = headers.get("transport", "") + ";source=127.0.0.1;server_port=7000-7001"
             text = f"RTSP/1.0 200 OK\r\nCSeq: {cseq}\r\nSession: 1\r\nTransport: {transport}\r\n\r\n"
-            packets = [struct.pack(">cBHBBHII", b"$", 0, 13, 0x80, 96, number, 0, 1) + b"\x01" for number in range(3)]
-            return text.encode() + (b"".join(packets) + after_play if method == "PLAY" else b"")
+            first = 3 * [request[0] for request in requests].count("TEARDOWN")
+            packets = [struct.pack(">cBHBBHII", b"$", 0, 13, 0x80, 96, first + n, 0, 1) + b"\x01" for n in range(3)]
+            media = b"".join(packets) if method in ("PLAY", "TEARDOWN") else b""
+            return text.encode() + media + (after_play if method == "PLAY" else b"")
 
         server = ScriptedServer(answer)
         self.addCleanup(server.close)
@@ -57,7 +59,8 @@ class ServerTest(HostTest):
         return result, [request for request in requests if request[0] in ("SETUP", "PLAY", "TEARDOWN")]
 
     def test_relation(self):
-        _, requests = self.relay(OK, "\r\nContent-Location: relay", "--duration", "0.5")
+        result, requests = self.relay(OK, "\r\nContent-Location: relay", "--duration", "0.5")
+        self.assertIn("received 6 packets, ", result.out)  # it plays on after the relation
         self.assertEqual([method for method, _, _ in requests], ["SETUP", "PLAY", "SETUP", "TEARDOWN", "TEARDOWN"])
         self.assertEqual(requests[2][1:], ("RTP/AVP/TCP;unicast;destination=127.0.0.9;client_port=6000-6001", "1"))
 
