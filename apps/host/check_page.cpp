@@ -78,9 +78,13 @@ void writePage(const std::string &file, const Source &source, const CheckTable &
     for (const CheckTable::Row &row : table.rows())
     {
         const std::string name = word(row.verdict);
-        page += "<tr><td class=\"" + name + "\">" + name + "</td><td>" + shown(row.step) + "</td><td>" +
-                shown(row.text) + (row.advice.empty() ? "" : "<small>try: " + shown(row.advice) + "</small>") +
-                "</td></tr>\n";
+        page.append("<tr><td class=\"").append(name).append("\">").append(name).append("</td><td>");
+        page.append(shown(row.step)).append("</td><td>").append(shown(row.text));
+        if (!row.advice.empty())
+        {
+            page.append("<small>try: ").append(shown(row.advice)).append("</small>");
+        }
+        page.append("</td></tr>\n");
     }
     page += "</table>\n";
     page += picture.empty() ? "<p>No picture.</p>\n"

@@ -201,7 +201,8 @@ std::string Authenticator::answerDigest(Digest &digest, const Credentials &crede
         digest.quality
             ? util::hexDigest(digest.hash, {*secret, digest.nonce, count.data(), digest.cnonce, "auth", *request})
             : util::hexDigest(digest.hash, {*secret, digest.nonce, *request});
-    OPENSSL_cleanse(secret->data(), secret->size());
+    std::string &spent = *secret;
+    OPENSSL_cleanse(spent.data(), spent.size());
     if (!response)
         return {};
     std::string text = "Digest username=" + inQuotes(credentials.user) + ", realm=" + inQuotes(digest.realm) +
