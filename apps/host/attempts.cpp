@@ -46,4 +46,29 @@ void makeAttempts(Again again, const Interrupt &interrupt, Report &report, const
     }
 }
 
+Ending attempt(Plugin &plugin, const Interrupt &interrupt, const Source &source, const CourseOptions &options,
+               Report &report, const std::function<void(Course &)> &run)
+{
+    Ending ending;
+    try
+    {
+        Course course(plugin, interrupt, source, options, report);
+        try
+        {
+            run(course);
+        }
+        catch (const Failure &failed)
+        {
+            ending.failure = failed;
+        }
+        ending.notice = course.notice();
+        ending.seconds = course.secondsOfMedia();
+    }
+    catch (const Failure &failed)
+    {
+        ending.failure = failed;
+    }
+    return ending;
+}
+
 } // namespace zr::host

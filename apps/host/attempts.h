@@ -5,8 +5,7 @@
 #include <functional>
 #include <optional>
 
-#include "interrupt.h"
-#include "report.h"
+#include "course.h"
 
 namespace zr::host {
 
@@ -30,5 +29,10 @@ enum class Again
 /// @param attempt  runs one session and does not throw for what goes wrong with it
 /// @throws Failure  that of the last attempt
 void makeAttempts(Again again, const Interrupt &interrupt, Report &report, const std::function<Ending()> &attempt);
+
+/// One attempt: what goes wrong with the session is its ending.
+/// @param run  begins, plays and ends it
+Ending attempt(Plugin &plugin, const Interrupt &interrupt, const Source &source, const CourseOptions &options,
+               Report &report, const std::function<void(Course &)> &run);
 
 } // namespace zr::host

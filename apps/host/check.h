@@ -17,6 +17,9 @@
 
 namespace zr::host {
 
+inline constexpr std::chrono::milliseconds answerWithin{3000};
+inline constexpr const char *deviceLog = "look for other clients of the device, and into its own log";
+
 /// Seconds since then.
 double since(Course::Clock::time_point begin);
 /// Such as "3.1 ms".

@@ -15,8 +15,6 @@ using std::chrono::milliseconds;
 using Clock = Course::Clock;
 
 constexpr milliseconds connectWithin{5000};
-constexpr milliseconds answerWithin{3000};
-constexpr const char *deviceLog = "look for other clients of the device, and into its own log";
 
 } // namespace
 

@@ -17,10 +17,8 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = Course::Clock;
 
-constexpr milliseconds answerWithin{3000};
 constexpr milliseconds mediaWithin{5000};
 constexpr milliseconds pollEvery{20};
-constexpr const char *deviceLog = "look for other clients of the device, and into its own log";
 constexpr double watchedFor = 5; // seconds
 constexpr ZR_ULONG stoppedAfterMs = 2500;
 constexpr double bearableLoss = 0.01; // of the packets

@@ -193,30 +193,14 @@ void playCommand(const CommonOptions &common, const PlayOptions &options, Report
     double seconds = 0;
     int number = 1; // of the session among those that had media
     makeAttempts(options.reconnect ? Again::OncePlayed : Again::Never, interrupt, report, [&] {
-        Ending ending;
-        try
+        CourseOptions own = options.course;
+        if (!own.record.empty()) // each session has its own
         {
-            CourseOptions own = options.course;
-            if (!own.record.empty()) // each session has its own
-            {
-                own.record = numbered(own.record, number, common.force);
-            }
-            Course course(plugin, interrupt, common.source, own, report);
-            try
-            {
-                Play(course, interrupt, options, report, seconds).run(Controls::wanted(common.json));
-            }
-            catch (const Failure &failed)
-            {
-                ending.failure = failed;
-            }
-            ending.notice = course.notice();
-            ending.seconds = course.secondsOfMedia();
+            own.record = numbered(own.record, number, common.force);
         }
-        catch (const Failure &failed)
-        {
-            ending.failure = failed;
-        }
+        const Ending ending = attempt(plugin, interrupt, common.source, own, report, [&](Course &course) {
+            Play(course, interrupt, options, report, seconds).run(Controls::wanted(common.json));
+        });
         seconds += ending.seconds;
         number += ending.seconds > 0 ? 1 : 0;
         return ending;

@@ -52,7 +52,7 @@ public:
     uint64_t lost() const { return m_lost; }
 
 private:
-    Ending attempt(Plugin &plugin, const Interrupt &interrupt, const CourseOptions &options);
+    Ending runOnce(Plugin &plugin, const Interrupt &interrupt, const CourseOptions &options);
     void count(const Media &media, const Media &before);
 
     // of a course's events those that change the stream's state are told, with its number and URL
@@ -112,36 +112,19 @@ void Stream::count(const Media &media, const Media &before)
     m_lost += media.lost - std::min(media.lost, before.lost);
 }
 
-Ending Stream::attempt(Plugin &plugin, const Interrupt &interrupt, const CourseOptions &options)
+Ending Stream::runOnce(Plugin &plugin, const Interrupt &interrupt, const CourseOptions &options)
 {
     m_told = false;
-    Ending ending;
-    try
-    {
-        Course course(plugin, interrupt, m_source, options, *this);
-        try
+    return attempt(plugin, interrupt, m_source, options, *this, [this](Course &course) {
+        course.begin();
+        while (!course.over())
         {
-            course.begin();
-            while (!course.over())
-            {
-                const Media before = course.media();
-                course.step(atLeisure);
-                count(course.media(), before);
-            }
-            course.end();
+            const Media before = course.media();
+            course.step(atLeisure);
+            count(course.media(), before);
         }
-        catch (const Failure &failed)
-        {
-            ending.failure = failed;
-        }
-        ending.notice = course.notice();
-        ending.seconds = course.secondsOfMedia();
-    }
-    catch (const Failure &failed)
-    {
-        ending.failure = failed;
-    }
-    return ending;
+        course.end();
+    });
 }
 
 void Stream::run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options)
@@ -149,7 +132,7 @@ void Stream::run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions 
     try
     {
         makeAttempts(options.reconnect ? Again::Always : Again::Never, interrupt, *this,
-                     [&] { return attempt(plugin, interrupt, options.course); });
+                     [&] { return runOnce(plugin, interrupt, options.course); });
     }
     catch (const Failure &failed)
     {

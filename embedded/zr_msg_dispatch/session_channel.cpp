@@ -384,15 +384,22 @@ void SessionChannel::failAll(const std::string &why)
         refuse(*accepted, statusServiceUnavailable, why);
 }
 
+/// A message of its own accord, to the session's object.
+aoi::Answer SessionChannel::notice(ZR_ULONG messageId) const
+{
+    aoi::Answer made;
+    made.messageId = messageId;
+    made.destinationId = m_registration->id;
+    made.sessionId = m_session.id;
+    return made;
+}
+
 void SessionChannel::notifyLost()
 {
     constexpr ZR_ULONG sessionLost = 1;
-    aoi::Answer notice;
-    notice.messageId = AOI_MSG_INTERNAL_NOTIFY_RTSP;
-    notice.destinationId = m_registration->id;
-    notice.sessionId = m_session.id;
-    notice.action = sessionLost;
-    deliver(notice);
+    aoi::Answer lost = notice(AOI_MSG_INTERNAL_NOTIFY_RTSP);
+    lost.action = sessionLost;
+    deliver(lost);
 }
 
 /// The server ends the session. One that is not set up has no end.
@@ -400,12 +407,9 @@ void SessionChannel::announce(ZR_ULONG quitReason)
 {
     if (m_session.id.empty() || ++m_announced > mostAnnouncements)
         return;
-    aoi::Answer notice;
-    notice.messageId = AOI_MSG_RTSP_ADMINSSION_ANNOUNCE;
-    notice.destinationId = m_registration->id;
-    notice.sessionId = m_session.id;
-    notice.quitReason = quitReason;
-    deliver(notice);
+    aoi::Answer ended = notice(AOI_MSG_RTSP_ADMINSSION_ANNOUNCE);
+    ended.quitReason = quitReason;
+    deliver(ended);
 }
 
 bool SessionChannel::mayNote()

@@ -101,6 +101,7 @@ private:
     void deliver(const aoi::Answer &answer);
     void refuse(const Accepted &accepted, ZR_ULONG status, const std::string &why);
     void failAll(const std::string &why);
+    aoi::Answer notice(ZR_ULONG messageId) const;
     void notifyLost();
     void announce(ZR_ULONG quitReason);
     void resetSession();
