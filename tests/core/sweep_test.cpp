@@ -99,7 +99,6 @@ protected:
             }
         }
         EXPECT_LT(250, steps);
-        std::printf("%d steps in turn\n", steps);
     }
     void failEachStep(int &stepsLeft, std::string &picked);
     static std::vector<Operation> operations();

@@ -110,10 +110,11 @@ void ScriptedServer::run()
         const int one = 1;
         setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
         BIO *const plain = BIO_new_socket(socket, BIO_CLOSE);
-        const std::unique_ptr<BIO, decltype(&BIO_free_all)> stream(
+        std::unique_ptr<BIO, decltype(&BIO_free_all)> stream(
             m_tls ? BIO_push(BIO_new_ssl(m_tls.get(), 0), plain) : plain, BIO_free_all);
         BIO_do_handshake(stream.get()); // what comes of it shows in what follows
         serve(stream.get(), number < m_scripts.size() ? m_scripts[number] : Script());
+        stream.reset(); // it has ended once its client can see it
         m_ends.add(number);
     }
 }

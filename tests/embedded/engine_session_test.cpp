@@ -210,7 +210,7 @@ TEST_F(EngineSession, ReplacesSetParameter)
     {
         const Received answer = client.ask(request);
         EXPECT_EQ(answer.messageId, request);
-        EXPECT_THAT(answer.range, StartsWith(request == AOI_MSG_RTSP_OPTIONS ? "npt=2" : ""));
+        EXPECT_TRUE(request != AOI_MSG_RTSP_OPTIONS || answer.range.rfind("npt=2", 0) == 0) << answer.range;
     }
 }
 

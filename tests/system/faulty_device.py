@@ -32,6 +32,7 @@ class Device:
     def __init__(self, fault):
         self.fault = fault
         self.asked = []  # methods, over all connections
+        self.heads = []  # of the requests
         self.broken = []  # what of the fault could not be played
         self.uses, self.nonce, self.connections = {}, 1, []
         self.holder = socket.socket()  # keeps the port while nobody listens
@@ -156,6 +157,7 @@ class Connection:
         device, values = self.device, self.values
         if head:
             device.asked.append(method)
+            device.heads.append(head)
             values.update(cseq=header("CSeq"), url=head.split()[1])
         admitted = not head or device.admits(method, header("Authorization"))
         values["nonce"] = f"nonce{device.nonce}"

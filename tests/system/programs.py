@@ -96,8 +96,12 @@ class HostTest(unittest.TestCase):
 
     def start(self, *arguments):
         """A running host."""
-        process = subprocess.Popen(command(*arguments), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        process = self.start_program(command(*arguments), subprocess.PIPE)
         self.addCleanup(process.stderr.close)
+        return process
+
+    def start_program(self, line, stderr):
+        process = subprocess.Popen(line, stdout=subprocess.PIPE, stderr=stderr, text=True)
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)

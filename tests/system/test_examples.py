@@ -2,7 +2,6 @@
 
 import os
 import subprocess
-import time
 import unittest
 
 from programs import HOST, HostTest
@@ -11,11 +10,7 @@ from programs import HOST, HostTest
 class ExamplesTest(HostTest):
     def start_example(self, name, device, mount, *arguments):
         program = os.path.join(os.path.dirname(HOST), f"example_{name}")
-        process = subprocess.Popen([program, "127.0.0.1", device.port(), f"/{mount}", *arguments], text=True,
-                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.kill)
-        return process
+        return self.start_program([program, "127.0.0.1", device.port(), f"/{mount}", *arguments], subprocess.STDOUT)
 
     def ended(self, process):
         out = process.communicate(timeout=60)[0]
@@ -36,8 +31,7 @@ class ExamplesTest(HostTest):
         process = self.start_example("reconnect", device, "live", "4")
         self.assertEqual(process.stdout.readline(), "playing\n")
         device.kill()
-        while "once more" not in process.stdout.readline():
-            time.sleep(0.01)
+        self.assertTrue(any("once more" in line for line in process.stdout))
         self.device("--port", device.port())
         self.assertIn("playing", self.ended(process))
 
