@@ -82,8 +82,7 @@ void CRtspMediaCtrl::beginExchange(const tagExchangeRule &stRule)
     if (m_poExchange != nullptr)
     {
         m_poExchange->bOvertaken = true;
-        poExchange->ulStateBefore =
-            m_poExchange->stateAfter(m_poExchange->bMarked ? m_ulState : m_poExchange->ulStateBefore);
+        poExchange->ulStateBefore = m_poExchange->stateAfter(m_ulState);
         signalResponse();
     }
     m_poExchange = poExchange;

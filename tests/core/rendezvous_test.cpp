@@ -230,7 +230,7 @@ TEST_F(RendezvousTest, strayWakeUpsEndNoWait)
     EXPECT_EQ(461U, soon(setup));
 }
 
-TEST_F(RendezvousTest, aLaterRequestOvertakesAndPutsBackNoWaitingState)
+TEST_F(RendezvousTest, aLaterRequestOvertakesAndPutsBackWhatTheFirstLeft)
 {
     Session session("", 17);
     const auto drag = [&] { return session.ex->dragPlay("1", "2", 11); };
@@ -247,6 +247,16 @@ TEST_F(RendezvousTest, aLaterRequestOvertakesAndPutsBackNoWaitingState)
     EXPECT_EQ(0U, session.take(failure(AOI_MSG_RTSP_PLAY, 454)));
     EXPECT_EQ(13955U, soon(second));
     EXPECT_EQ(16U, session.probe.state()); // what the DESCRIBE left
+
+    Session unanswered("", 0);
+    auto setup = inThread([&] { return unanswered.main->setup("u", PROTOCOL_TCP); });
+    untilWaiting(unanswered, 1);
+    auto third = inThread([&] { return unanswered.ex->dragPlay("1", "2", 11); });
+    EXPECT_EQ(13951U, soon(setup));
+    untilWaiting(unanswered, 2);
+    EXPECT_EQ(0U, unanswered.take(failure(AOI_MSG_RTSP_PLAY, 454)));
+    EXPECT_EQ(13955U, soon(third));
+    EXPECT_EQ(1U, unanswered.probe.state()); // a set-up without an answer leaves its waiting state, whatever comes
 }
 
 TEST_F(RendezvousTest, withoutCounterTheTimeOfDayServes)
