@@ -82,7 +82,9 @@ public:
     /// @return 0; 3; 13402 before setup; 13952 for every other failure; the hand-off's own code
     virtual ZR_ULONG play(const std::string &strStartTime, const std::string &strStopTime) = 0;
 
-    /// Ends the session (RFC 2326, 10.7) without waiting for the answer, and the object's registration with it.
+    /// Ends the session (RFC 2326, 10.7) without waiting for the answer, and the object's registration with it. Called
+    /// from inside a notification, the identifier stays taken until the object is deleted: only then is it certain that
+    /// no message for it is still on its way.
     virtual void tearDown() = 0;
 
     /// Has the server send the stream to a TV wall as well.
