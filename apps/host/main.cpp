@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "commands.h"
+#include "secrets.h"
 #include "zr_platform.h"
 
 namespace {
@@ -15,11 +16,10 @@ using namespace zr::host;
 // A line of the plug-in may hold them in clear.
 void hide(const Credentials &credentials)
 {
-    constexpr size_t unmistakable = 4; // a shorter one stands in many words
     if (!credentials.user.empty())
     {
         ZR_LogHide((credentials.user + ":" + credentials.password).c_str());
-        ZR_LogHide(credentials.password.size() < unmistakable ? nullptr : credentials.password.c_str());
+        ZR_LogHide(isUnmistakable(credentials.password) ? credentials.password.c_str() : nullptr);
     }
 }
 

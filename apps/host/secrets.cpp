@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <limits>
 
 #include <unistd.h>
 
@@ -58,13 +59,25 @@ std::string askPassword(const std::string &whom)
     const TerminalMode hidden(TerminalMode::Kind::Hidden);
     std::fprintf(stderr, "password of %s: ", whom.c_str());
     std::string line;
-    if (!readLine(std::cin, line) && !std::cin)
+    const bool read = readLine(std::cin, line);
+    if (line.size() > longestPassword)
+    {
+        std::cin.ignore(std::numeric_limits<std::streamsize>::max(), '\n'); // the rest is not for the shell
+        throw wrongUsage("a password has at most " + std::to_string(longestPassword) + " characters");
+    }
+    if (!read && !std::cin)
     {
         std::fprintf(stderr, "\n");
         throw Failure(ExitCode::Credentials, "asking for the password", 0, "none was typed",
                       "--password-file FILE, or the environment's ZR_RTSP_PASSWORD");
     }
     return line;
+}
+
+bool isUnmistakable(const std::string &secret)
+{
+    constexpr size_t unmistakable = 4;
+    return secret.size() >= unmistakable;
 }
 
 std::string withoutCredentials(const std::string &text)

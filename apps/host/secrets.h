@@ -15,8 +15,11 @@ bool canAskPassword();
 
 /// Asks on the terminal; what is typed is not shown.
 /// @param whom  such as "admin at 192.0.2.10"; shown
-/// @throws Failure  when no line is typed (Ctrl-D)
+/// @throws Failure  when no line is typed (Ctrl-D), or one that is too long
 std::string askPassword(const std::string &whom);
+
+/// Whether a secret can be hidden wherever it stands: a short one stands in many words.
+bool isUnmistakable(const std::string &secret);
 
 /// The text with the credentials of all its URLs as "***".
 std::string withoutCredentials(const std::string &text);
