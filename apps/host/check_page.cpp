@@ -3,7 +3,8 @@
 #include <ctime>
 #include <fstream>
 
-#include "sps.h"
+#include "base64.h"
+#include "secrets.h"
 
 namespace zr::host {
 namespace {
@@ -44,8 +45,7 @@ std::string escaped(const std::string &text)
 /// A server may repeat what it was told.
 std::string masked(std::string text, const std::string &secret)
 {
-    constexpr size_t unmistakable = 4; // a shorter one stands in many words
-    if (secret.size() < unmistakable)
+    if (!isUnmistakable(secret))
     {
         return text;
     }

@@ -16,9 +16,4 @@ void tvCommand(const CommonOptions &common, const TvOptions &options, Report &re
 /// Ends the process itself when a server does not answer at the end.
 void watchCommand(const CommonOptions &common, const WatchOptions &options, Report &report);
 
-/// The codecs of a description's tracks, such as "H264 video, PCMU audio".
-std::string summary(const Description &description);
-/// A track's codec and what its pictures or its sound are like, such as "H264 High 640x360, 25 frames/s".
-std::string details(const Track &track);
-
 } // namespace zr::host

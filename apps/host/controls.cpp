@@ -1,14 +1,13 @@
 #include "controls.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 
 #include <poll.h>
 #include <unistd.h>
 
-#include "commands.h"
 #include "output_file.h"
 #include "speed.h"
 

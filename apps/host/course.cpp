@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
+#include <cstdio>
 
 #include "addresses.h"
-#include "commands.h"
 #include "notices.h"
 #include "speed.h"
 
@@ -98,7 +97,7 @@ void Course::openAnew(const Failure &failed)
     m_session.emplace(m_plugin, m_source, m_mailbox);
 }
 
-void Course::stopUnlessInterrupted()
+void Course::stopIfInterrupted()
 {
     if (m_interrupt.asked())
     {
@@ -110,14 +109,14 @@ void Course::open()
 {
     m_description = m_session->describe();
     m_report.event("described", "described: " + summary(m_description), {{"range", m_description.range}});
-    stopUnlessInterrupted();
+    stopIfInterrupted();
     const char *transport = m_protocol == PROTOCOL_TCP ? "TCP" : "UDP";
     for (const TrackUrl &track : m_session->tracks())
     {
         m_session->setUp(track, m_protocol, m_options.playback);
         m_report.event("set_up", "set up " + track.media + " over " + transport,
                        {{"media", track.media}, {"transport", transport}});
-        stopUnlessInterrupted();
+        stopIfInterrupted();
     }
 }
 
@@ -146,7 +145,7 @@ void Course::awaitMedia()
             m_notice = notice;
             throw Failure(ExitCode::Lost, "playing", 0, noticeText(*notice));
         }
-        stopUnlessInterrupted();
+        stopIfInterrupted();
         if (Clock::now() - m_resumed > firstMediaWithin)
         {
             throw Failure(ExitCode::NoMedia, "playing", 0, "no media arrived within 5 s",

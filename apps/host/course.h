@@ -95,7 +95,7 @@ private:
     void lookForSilence();
     void take(ZR_ULONG notice);
     void endPause();
-    void stopUnlessInterrupted();
+    void stopIfInterrupted();
 
     Plugin &m_plugin;
     const Interrupt &m_interrupt;

@@ -5,19 +5,6 @@
 namespace zr::host {
 namespace {
 
-std::string codecOf(const Track &track)
-{
-    return track.codec.empty() ? "payload type " + std::to_string(track.payloadType) : track.codec;
-}
-
-// Whole frames without a fraction, others as 29.97.
-std::string rateText(double framesPerSecond)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%.4g frames/s", framesPerSecond);
-    return text;
-}
-
 std::string serverLine(const Url &url, const Description &description, const ZrSessionFacts &facts)
 {
     std::string line = "server " + url.host + ":" + std::to_string(url.port);
@@ -76,33 +63,6 @@ Fields trackFields(const Track &track, const std::string &url)
 }
 
 } // namespace
-
-std::string summary(const Description &description)
-{
-    std::string text;
-    for (const Track &track : description.tracks)
-    {
-        text += (text.empty() ? "" : ", ") + codecOf(track) + " " + track.media;
-    }
-    return text;
-}
-
-std::string details(const Track &track)
-{
-    std::string text = codecOf(track);
-    if (track.picture)
-    {
-        const PictureFormat &picture = *track.picture;
-        text += (picture.profile.empty() ? "" : " " + picture.profile) + " " + std::to_string(picture.width) + "x" +
-                std::to_string(picture.height) +
-                (picture.bitDepth == 8 ? "" : " " + std::to_string(picture.bitDepth) + " bit");
-    }
-    text += track.framesPerSecond ? ", " + rateText(*track.framesPerSecond) : "";
-    text += track.channels > 0
-                ? ", " + std::to_string(track.channels) + (track.channels == 1 ? " channel" : " channels")
-                : "";
-    return text;
-}
 
 void describeCommand(const CommonOptions &options, const DescribeOptions &own, Report &report)
 {

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include "commands.h"
-#include "notices.h"
 
 namespace zr::host {
 namespace {

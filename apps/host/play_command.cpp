@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include "attempts.h"
 #include "commands.h"
 #include "controls.h"
-#include "notices.h"
 #include "output_file.h"
 #include "speed.h"
 

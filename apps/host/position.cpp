@@ -31,7 +31,7 @@ bool readNormal(const std::string &text, double &seconds)
     int hours = 0;
     int minutes = 0;
     int length = 0;
-    if (std::sscanf(text.c_str(), "%d:%d:%lf%n", &hours, &minutes, &seconds, &length) == 3 &&
+    if (std::sscanf(text.c_str(), "%9d:%9d:%lf%n", &hours, &minutes, &seconds, &length) == 3 &&
         length == static_cast<int>(text.size()))
     {
         seconds += hours * 3600.0 + minutes * 60.0;
@@ -55,8 +55,9 @@ std::optional<Position> parsePosition(const std::string &text)
 {
     Position position;
     position.clock = text.find('T') != std::string::npos;
+    constexpr double unusual = 1e11; // some thousand years, and what a calendar can reckon with
     const bool read = position.clock ? readClock(text, position.seconds) : readNormal(text, position.seconds);
-    return read && std::isfinite(position.seconds) ? std::optional<Position>(position) : std::nullopt;
+    return read && std::fabs(position.seconds) < unusual ? std::optional<Position>(position) : std::nullopt;
 }
 
 std::string positionText(const Position &position)

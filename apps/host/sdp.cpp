@@ -5,6 +5,9 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "base64.h"
+#include "position.h"
+
 namespace zr::host {
 namespace {
 
@@ -56,6 +59,12 @@ void readRtpmap(const std::string &value, Track &track)
 
 void readParameters(const std::string &value, Track &track)
 {
+    int payloadType = -1;
+    std::istringstream(value) >> payloadType;
+    if (payloadType != track.payloadType)
+    {
+        return;
+    }
     const auto find = [&](const std::string &name) {
         const size_t at = value.find(name + "=");
         const size_t begin = at == std::string::npos ? value.size() : at + name.size() + 1;
@@ -86,6 +95,19 @@ void readFrameRate(const std::string &value, Track &track)
     }
 }
 
+std::string codecOf(const Track &track)
+{
+    return track.codec.empty() ? "payload type " + std::to_string(track.payloadType) : track.codec;
+}
+
+// Whole frames without a fraction, others as 29.97.
+std::string rateText(double framesPerSecond)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.4g frames/s", framesPerSecond);
+    return text;
+}
+
 } // namespace
 
 const Track *Description::first(const std::string &media) const
@@ -102,13 +124,10 @@ const Track *Description::first(const std::string &media) const
 
 std::optional<double> Description::length() const
 {
-    double begin = 0;
-    double end = 0;
-    if (std::sscanf(range.c_str(), "npt=%lf-%lf", &begin, &end) == 2 && end > begin)
-    {
-        return end - begin;
-    }
-    return std::nullopt;
+    const Span span = parseSpan(range);
+    const bool told = span.begin && span.end && span.begin->clock == span.end->clock;
+    const double seconds = told ? span.end->seconds - span.begin->seconds : 0;
+    return seconds > 0 ? std::optional<double>(seconds) : std::nullopt;
 }
 
 Description parseDescription(const std::string &sdp)
@@ -150,6 +169,33 @@ Description parseDescription(const std::string &sdp)
         }
     }
     return description;
+}
+
+std::string summary(const Description &description)
+{
+    std::string text;
+    for (const Track &track : description.tracks)
+    {
+        text += (text.empty() ? "" : ", ") + codecOf(track) + " " + track.media;
+    }
+    return text;
+}
+
+std::string details(const Track &track)
+{
+    std::string text = codecOf(track);
+    if (track.picture)
+    {
+        const PictureFormat &picture = *track.picture;
+        text += (picture.profile.empty() ? "" : " " + picture.profile) + " " + std::to_string(picture.width) + "x" +
+                std::to_string(picture.height) +
+                (picture.bitDepth == 8 ? "" : " " + std::to_string(picture.bitDepth) + " bit");
+    }
+    text += track.framesPerSecond ? ", " + rateText(*track.framesPerSecond) : "";
+    text += track.channels > 0
+                ? ", " + std::to_string(track.channels) + (track.channels == 1 ? " channel" : " channels")
+                : "";
+    return text;
 }
 
 std::string controlUrl(const std::string &url, const std::string &control)

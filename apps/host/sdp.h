@@ -35,6 +35,12 @@ struct Description
 /// Reads what it understands and passes over the rest; never fails.
 Description parseDescription(const std::string &sdp);
 
+/// The codecs of a description's tracks, such as "H264 video, PCMU audio".
+std::string summary(const Description &description);
+
+/// A track's codec and what its pictures or its sound are like, such as "H264 High 640x360, 25 frames/s".
+std::string details(const Track &track);
+
 /// A control URL: absolute as it stands, "*" or none the URL itself, else joined to it.
 std::string controlUrl(const std::string &url, const std::string &control);
 

@@ -2,14 +2,10 @@
 
 #include <cstdint>
 #include <stdexcept>
-#include <vector>
-
-#include <openssl/evp.h>
 
 namespace zr::host {
 namespace {
 
-constexpr size_t longestText = 1 << 20;
 constexpr unsigned largestSide = 16384;
 constexpr uint64_t unusualRate = 1000; // frames per second: what is faster is nonsense
 
@@ -240,7 +236,7 @@ std::optional<PictureFormat> readH264(BitReader in)
     const bool sampled = !separate && (chroma == 1 || chroma == 2);
     const unsigned unitX = sampled ? 2 : 1;
     const unsigned unitY = (!separate && chroma == 1 ? 2 : 1) * fields;
-    if (chroma > 3 || format.bitDepth > 14 ||
+    if (chroma > 3 || format.bitDepth < 8 || format.bitDepth > 14 ||
         !setSize(format, width, mapUnits * 16 * fields, cropX * unitX, cropY * unitY))
     {
         return std::nullopt;
@@ -295,7 +291,8 @@ std::optional<PictureFormat> readH265(BitReader in)
     format.bitDepth = 8 + in.ue();
     const unsigned unitX = !separate && (chroma == 1 || chroma == 2) ? 2 : 1;
     const unsigned unitY = !separate && chroma == 1 ? 2 : 1;
-    if (chroma > 3 || format.bitDepth > 16 || !setSize(format, width, height, cropX * unitX, cropY * unitY))
+    if (chroma > 3 || format.bitDepth < 8 || format.bitDepth > 16 ||
+        !setSize(format, width, height, cropX * unitX, cropY * unitY))
     {
         return std::nullopt;
     }
@@ -328,31 +325,6 @@ std::optional<PictureFormat> parseH265Sps(const std::string &nal)
     {
         return std::nullopt;
     }
-}
-
-std::optional<std::string> fromBase64(const std::string &text)
-{
-    std::string padded = text.substr(0, text.find('='));
-    const size_t size = padded.size() * 3 / 4;
-    padded.resize((padded.size() + 3) / 4 * 4, '=');
-    if (padded.size() > longestText)
-    {
-        return std::nullopt;
-    }
-    std::vector<unsigned char> bytes(padded.size() / 4 * 3 + 1);
-    const int decoded = EVP_DecodeBlock(bytes.data(), reinterpret_cast<const unsigned char *>(padded.data()),
-                                        static_cast<int>(padded.size()));
-    return decoded < static_cast<int>(size)
-               ? std::nullopt
-               : std::optional<std::string>(std::in_place, bytes.begin(), bytes.begin() + static_cast<long>(size));
-}
-
-std::string toBase64(const std::string &bytes)
-{
-    std::vector<unsigned char> text((bytes.size() + 2) / 3 * 4 + 1);
-    const int size = EVP_EncodeBlock(text.data(), reinterpret_cast<const unsigned char *>(bytes.data()),
-                                     static_cast<int>(bytes.size()));
-    return {text.begin(), text.begin() + size};
 }
 
 } // namespace zr::host

@@ -23,10 +23,4 @@ std::optional<PictureFormat> parseH264Sps(const std::string &nal);
 /// @param nal  an H.265 SPS as a NAL unit (ITU-T H.265, 7.3.2.2.1); its frame rate is not looked for
 std::optional<PictureFormat> parseH265Sps(const std::string &nal);
 
-/// Base64 (RFC 4648, 4), with or without padding.
-/// @return nothing for other characters
-std::optional<std::string> fromBase64(const std::string &text);
-/// Padded.
-std::string toBase64(const std::string &bytes);
-
 } // namespace zr::host

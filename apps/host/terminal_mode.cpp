@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 
 #include <termios.h>
 #include <unistd.h>

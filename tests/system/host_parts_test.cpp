@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base64.h"
 #include "failure.h"
 #include "notices.h"
 #include "position.h"
@@ -128,6 +129,8 @@ TEST(HostPosition, isOfARecordingOrOfADay)
     EXPECT_EQ(parsePosition("1:02:03.5")->seconds, 3723.5);
     EXPECT_EQ(positionText(*parsePosition("12")), "12.000");
     EXPECT_FALSE(parsePosition("now") || parsePosition("") || parsePosition("20260228T2359Z") || parsePosition("1s"));
+    EXPECT_FALSE(parsePosition("1e11") || parsePosition("-1e300") || parsePosition("nan"));
+    EXPECT_EQ(positionShown(parsePosition("99999999999").value()), "27777777:46:39");
 }
 
 TEST(HostBackoff, growsUntilASessionLasts)
@@ -161,7 +164,18 @@ TEST(HostDescription, isReadAsFarAsItIsUnderstood)
     EXPECT_EQ(controlUrl("rtsp://h/x", described.first("audio")->control), "rtsp://h/a");
     EXPECT_EQ(controlUrl("rtsp://h/x", "*"), "rtsp://h/x");
     EXPECT_EQ(described.first("text"), nullptr);
-    EXPECT_FALSE(parseDescription("a=range:npt=now-\r\n").length());
+    EXPECT_EQ(parseDescription("a=range:npt=0:01:00-0:01:02.5\r\n").length(), 2.5);
+    for (const char *range : {"npt=now-", "npt=5-5", "npt=9-5", "npt=0-20260228T235950Z"})
+    {
+        EXPECT_FALSE(parseDescription(std::string("a=range:") + range + "\r\n").length()) << range;
+    }
+    const auto pictureOf = [](const std::string &payloadType) { // of the first that is offered, which is 96
+        return parseDescription("m=video 0 RTP/AVP 96 97\r\na=rtpmap:96 H264/90000\r\na=fmtp:" + payloadType +
+                                " sprop-parameter-sets=Z2QAKKzZQHgCJ+XAWoCAgKAAAH0gAB1MEeMGMsA=\r\n")
+            .tracks.at(0);
+    };
+    EXPECT_EQ(details(pictureOf("96")), "H264 High 1920x1080, 29.97 frames/s");
+    EXPECT_EQ(details(pictureOf("97")), "H264");
     EXPECT_TRUE(parseDescription("").tracks.empty());
 }
 
@@ -174,6 +188,7 @@ TEST(HostParameterSet, tellsThePicturesWhateverComes)
         {"QgEBBAgAAAMAmAgAAAMAAHiQAHgQAhzuylLKzSSZX/4AAgAC1AQEBBAAAAMAEAAAAwGQgA==",
          parseH265Sps,
          {1918, 1078, 12, std::nullopt}}};
+    EXPECT_FALSE(parseH264Sps(fromBase64("Z2QAKKAAAAMAH////zLQFAWi").value())); // the luma's 8 and 4294967288 bits
     for (const auto &[text, parse, told] : cases)
     {
         const std::string nal = fromBase64(text).value();
