@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -28,20 +29,43 @@ std::string harmless(std::string text)
     return text;
 }
 
-// Whoever reads stdout may have gone; nobody is left to play for then.
-void flush()
+/// What is printed on stdout. One thread at a time.
+class Output
 {
-    if (std::fflush(stdout) != 0)
+public:
+    /// @throws Failure  when it cannot be written: nobody is left to play for then
+    void flush()
     {
-        throw Failure(ExitCode::Output, "printing", 0, "stdout cannot be written");
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        {
+            m_abandoned = m_abandoned || errno == EPIPE;
+            throw Failure(ExitCode::Output, "printing", 0, "stdout cannot be written");
+        }
     }
-}
 
-void printLine(const std::string &line)
-{
-    std::printf("%s\n", line.c_str());
-    flush();
-}
+    void line(const std::string &text)
+    {
+        std::printf("%s\n", text.c_str());
+        flush();
+    }
+
+    /// Tells on stderr what ends the program. Whoever read stdout and went needs no word about that.
+    void complain(const Failure &what) const
+    {
+        if (m_abandoned && what.exit() == ExitCode::Output)
+        {
+            return;
+        }
+        std::fprintf(stderr, "zr_rtsp_host: %s\n", harmless(what.what()).c_str());
+        if (!what.advice().empty())
+        {
+            std::fprintf(stderr, "  try: %s\n", harmless(what.advice()).c_str());
+        }
+    }
+
+private:
+    bool m_abandoned = false; ///< whoever read it is gone
+};
 
 size_t terminalWidth()
 {
@@ -63,7 +87,7 @@ public:
     {
         const std::scoped_lock lock(m_mutex);
         clearStatus();
-        printLine(harmless(text));
+        m_out.line(harmless(text));
     }
 
     void judged(const std::string &, Verdict verdict, const std::string &text, const Fields &) override
@@ -75,7 +99,7 @@ public:
                              : verdict == Verdict::Failed ? "\033[31m"
                                                           : "\033[33m";
         std::printf("%s%-7s%s ", colour, word(verdict), m_coloured ? "\033[0m" : "");
-        printLine(harmless(text));
+        m_out.line(harmless(text));
     }
 
     void status(const Status &now) override
@@ -86,13 +110,13 @@ public:
             // a line that wraps could not be written over
             const std::string line = (now.done ? bar(*now.done) : "") + harmless(now.text);
             std::printf("\r\033[K%s", line.substr(0, terminalWidth() - 1).c_str());
-            flush();
+            m_out.flush();
             m_status = true;
         }
         else if (now.lines && Clock::now() >= m_lastLine + betweenLines)
         {
             m_lastLine = Clock::now();
-            printLine(harmless(now.text));
+            m_out.line(harmless(now.text));
         }
     }
 
@@ -101,11 +125,7 @@ public:
         const std::scoped_lock lock(m_mutex);
         clearStatus();
         std::fflush(stdout); // whatever becomes of it, the failure is told
-        std::fprintf(stderr, "zr_rtsp_host: %s\n", harmless(what.what()).c_str());
-        if (!what.advice().empty())
-        {
-            std::fprintf(stderr, "  try: %s\n", harmless(what.advice()).c_str());
-        }
+        m_out.complain(what);
     }
 
 private:
@@ -122,6 +142,7 @@ private:
     }
 
     std::mutex m_mutex; ///< guards the terminal and what follows
+    Output m_out;
     const bool m_terminal = isatty(STDOUT_FILENO) == 1;
     const bool m_coloured =
         m_terminal && std::getenv("NO_COLOR") == nullptr; // NOLINT(concurrency-mt-unsafe): there is one thread yet
@@ -140,22 +161,31 @@ public:
             line.update(fields);
         }
         const std::scoped_lock lock(m_mutex);
-        printLine(line.dump(-1, ' ', false, Fields::error_handler_t::replace));
+        m_out.line(line.dump(-1, ' ', false, Fields::error_handler_t::replace));
     }
 
     void status(const Status &now) override { event(now.name, now.text, now.fields); }
 
     void failure(const Failure &what) override
     {
-        event("error", what.what(),
-              {{"step", what.step()},
-               {"code", what.code()},
-               {"exit_code", static_cast<int>(what.exit())},
-               {"advice", what.advice()}});
+        try
+        {
+            event("error", what.what(),
+                  {{"step", what.step()},
+                   {"code", what.code()},
+                   {"exit_code", static_cast<int>(what.exit())},
+                   {"advice", what.advice()}});
+        }
+        catch (const Failure &)
+        {
+            const std::scoped_lock lock(m_mutex);
+            m_out.complain(what);
+        }
     }
 
 private:
     std::mutex m_mutex; ///< guards stdout
+    Output m_out;
 };
 
 } // namespace

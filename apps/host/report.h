@@ -54,6 +54,7 @@ public:
         event(name, word(verdict) + (" " + text), fields);
     }
     virtual void status(const Status &now) = 0;
+    /// Throws nothing where the others do: that stdout cannot be written is a Failure of theirs.
     virtual void failure(const Failure &what) = 0;
 };
 
