@@ -62,9 +62,7 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
         ->option_text("FILE");
     app.add_option("--ca", common.caFile, "Trust this certificate for rtsps as well (PEM)")->check(CLI::ExistingFile);
     app.add_flag("--insecure", common.insecure, "Take any certificate of an rtsps server for good");
-    app.add_option("--tag", raw.tag,
-                   "Decoder description, such as onvif (default), guobiao, omz-v1@12; only onvif authenticates")
-        ->check(plain);
+    app.add_option("--tag", raw.tag, "Decoder description, such as onvif (default), guobiao, omz-v1@12")->check(plain);
     app.add_flag("--json", common.json, "Print one event a line, as JSON");
     app.add_option("--log-level", common.logLevel,
                    "What the libraries log: debug, info, warning or error (default: nothing)")
@@ -221,6 +219,17 @@ tagTransportAddr wallAddress(const std::string &text)
     return {url.port, url.host};
 }
 
+// Without the words themselves, which may be a password's that has a blank or follows a mistyped option.
+std::string unexpected(const std::vector<std::string> &words)
+{
+    std::string options;
+    for (const std::string &word : words)
+    {
+        options += word.rfind("--", 0) == 0 ? " " + word.substr(0, word.find('=')) : "";
+    }
+    return options.empty() ? "there is more than the command takes" : "the command does not know" + options;
+}
+
 void understand(const Raw &raw, Options &options)
 {
     const auto tagOr = [&](const char *own) { return raw.tag.empty() ? std::string(own) : raw.tag; };
@@ -323,6 +332,10 @@ Options parseOptions(int argc, char **argv)
         app.exit(asked);
         options.command = Command::Help;
         return options;
+    }
+    catch (const CLI::ExtrasError &)
+    {
+        throw wrongUsage(unexpected(app.remaining(true)));
     }
     catch (const CLI::ParseError &wrong)
     {

@@ -59,7 +59,7 @@ Examples:
 const char *const tvHelp = R"(
 The server must offer the relation by the Content-Location of its description.
 It is asked for as another source than onvif (--tag plain by default), which has
-none; such a source does not authenticate.
+none.
 
 Examples:
   zr_rtsp_host tv rtsp://192.0.2.10/vod --to 192.0.2.40:5000

@@ -12,7 +12,6 @@ namespace zr::host {
 namespace {
 
 constexpr ZR_ULONG unauthorized = 401;
-constexpr const char *onvifTag = "onvif";
 
 ZR_ULONG nextId()
 {
@@ -41,35 +40,67 @@ Session::Session(Plugin &plugin, const Source &source, Mailbox &mailbox)
     {
         throw requestFailed("opening a media port on " + local, opened);
     }
+    try
+    {
+        make(local, port);
+    }
+    catch (...)
+    {
+        close();
+        throw;
+    }
+}
 
+void Session::make(const std::string &local, ZR_USHORT port)
+{
+    const Url &url = m_source.url;
     const std::string agent = "zr_rtsp_host-" + std::to_string(getpid()) + "-" + std::to_string(m_id);
-    m_control = plugin.create(m_id, agent, source.url.host + ":" + std::to_string(source.url.port), local, port,
-                              source.url.host, source.url.port, m_id);
+    m_control =
+        m_plugin.create(m_id, agent, url.host + ":" + std::to_string(url.port), local, port, url.host, url.port, m_id);
     m_controlEx = dynamic_cast<CIMediaCtrlEx *>(m_control);
     m_controlEx2 = dynamic_cast<CIMediaCtrlEx2 *>(m_control);
     if (m_controlEx == nullptr || m_controlEx2 == nullptr)
     {
-        plugin.remove(&m_control);
-        ZR_MediaPortClose(m_id);
         throw Failure(ExitCode::Internal, "creating the session", 0, "the plug-in gave no object");
     }
-    m_control->setDecoderDesc(source.tag);
-    if (source.tag != onvifTag && !source.credentials.user.empty()) // the plug-in answers challenges of ONVIF alone
-    {
-        ZR_SessionSetCredentials(m_id, source.credentials.user.c_str(), source.credentials.password.c_str(),
-                                 ZR_CREDENTIALS_BASIC_IN_CLEAR);
-    }
+    m_control->setDecoderDesc(m_source.tag);
+    handOverCredentials();
     m_control->attachObserver(this);
+}
+
+void Session::handOverCredentials()
+{
+    const Credentials &given = m_source.credentials;
+    if (onvif() || given.user.empty()) // those of an ONVIF source go to the plug-in, with the URL
+    {
+        return;
+    }
+    const ZR_ULONG result =
+        ZR_SessionSetCredentials(m_id, given.user.c_str(), given.password.c_str(), ZR_CREDENTIALS_BASIC_IN_CLEAR);
+    if (result == ZR_SESSION_INVALID)
+    {
+        throw wrongUsage("the user name or the password cannot be handed over: a colon in the user name, or more than "
+                         "255 bytes");
+    }
+    if (result != 0)
+    {
+        throw requestFailed("handing over the credentials", result);
+    }
+}
+
+void Session::close()
+{
+    if (m_control != nullptr)
+    {
+        m_plugin.remove(&m_control); // which ends the session if it still runs
+    }
+    ZR_MediaPortClose(m_id);
 }
 
 Session::~Session()
 {
-    if (m_control != nullptr)
-    {
-        m_control->detachObserver(this);
-        m_plugin.remove(&m_control); // which ends the session if it still runs
-    }
-    ZR_MediaPortClose(m_id);
+    m_control->detachObserver(this);
+    close();
 }
 
 ZR_ULONG Session::getObserverID()
@@ -98,7 +129,7 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
 {
     char text[400] = "";
     const ZR_ULONG status = ZR_RequestRefusal(m_id, text, sizeof text);
-    if (status == unauthorized && !m_source.credentials.user.empty() && m_source.tag != onvifTag)
+    if (status == unauthorized && !m_source.credentials.user.empty() && !onvif())
     {
         return {ExitCode::Credentials, step, status, text, "check --user and --password"};
     }
@@ -116,6 +147,11 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
     const ZR_ULONG problem = ZR_ConnectionProblem(m_id, text, sizeof text);
     return problem == ZR_CONNECTION_NONE ? requestFailed(step, result)
                                          : connectionFailed(step, result, problem, text, m_played);
+}
+
+bool Session::unexplained() const
+{
+    return ZR_RequestRefusal(m_id, nullptr, 0) == 0 && ZR_ConnectionProblem(m_id, nullptr, 0) == ZR_CONNECTION_NONE;
 }
 
 bool Session::authenticated() const
@@ -230,8 +266,16 @@ void Session::play(const Playback &playback)
         return;
     }
     // only dragPlay sends an ONVIF source its Scale whether or not it authenticates
-    check("play", playback.speedCode ? m_controlEx->dragPlay(from, playback.to, *playback.speedCode)
-                                     : m_control->play(from, playback.to));
+    const ZR_ULONG result = playback.speedCode ? m_controlEx->dragPlay(from, playback.to, *playback.speedCode)
+                                               : m_control->play(from, playback.to);
+    // the media port's answer to what the plug-in hands to it in front of the request
+    if (result == ZR_MEDIA_INVALID && unexplained())
+    {
+        throw Failure(ExitCode::Refused, "play", result,
+                      "the stream's description cannot be used: a codec's name or parameters in it are no plain text",
+                      "describe with --sdp shows it; --tag plain goes without these");
+    }
+    check("play", result);
     m_played = true;
 }
 
@@ -248,11 +292,12 @@ void Session::seek(const Playback &playback)
 
 void Session::setUpToTv(tagProtocol protocol, const tagTransportAddr &wall)
 {
-    // the code for "none offered" and for "no answer" is one: only the latter takes its time
+    // the code for "none offered" and for "no answer" is one, and neither leaves another trace: only the latter takes
+    // its time
     constexpr std::chrono::seconds answerWithin{20};
     const auto begin = std::chrono::steady_clock::now();
     const ZR_ULONG result = m_control->setupToTV(protocol, wall);
-    if (result == ZR_RTSP_SETUP_FAILED && std::chrono::steady_clock::now() - begin < answerWithin)
+    if (result == ZR_RTSP_SETUP_FAILED && unexplained() && std::chrono::steady_clock::now() - begin < answerWithin)
     {
         throw Failure(ExitCode::Refused, "setting up the relation", result,
                       "the server offers no relation to a TV wall: its description names no Content-Location",

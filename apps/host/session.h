@@ -92,10 +92,16 @@ public:
     bool authenticated() const;
 
 private:
+    void make(const std::string &local, ZR_USHORT port);
+    /// @throws Failure  of wrong usage, for what cannot be handed over
+    void handOverCredentials();
+    void close();
     ZR_ULONG getObserverID() override;
     void notify(ZR_ULONG *code, uintptr_t argument) override;
     Failure failed(const std::string &step, ZR_ULONG result) const;
     void check(const std::string &step, ZR_ULONG result) const;
+    /// Whether the latest request was neither refused by the server nor lost with the connection.
+    bool unexplained() const;
     [[noreturn]] void throwDescribeFailed(ZR_ULONG result) const;
     CMediaAbility ability() const;
     bool onvif() const;

@@ -1,4 +1,4 @@
-#include <cmath>
+#include <algorithm>
 
 #include "commands.h"
 
@@ -10,15 +10,6 @@ using std::chrono::milliseconds;
 constexpr milliseconds atLeisure{1000};
 constexpr double silenceOfFault = 10;
 constexpr double playsOnFor = 1; // seconds, for all to see that the session outlives the relation
-
-// A session that is not ONVIF cannot authenticate, and an ONVIF one has no relation.
-Failure noCredentials(const Failure &failed)
-{
-    return {ExitCode::Credentials, failed.step(), failed.code(),
-            "the server asks for credentials, which only an onvif source is given, and that has no relation to a TV "
-            "wall",
-            "a URL of the server that needs no credentials"};
-}
 
 void playFor(Course &course, std::optional<double> seconds)
 {
@@ -53,14 +44,7 @@ void tvCommand(const CommonOptions &common, const TvOptions &options, Report &re
     const Interrupt interrupt;
     Plugin plugin(common.plugin);
     Course course(plugin, interrupt, common.source, options.course, report);
-    try
-    {
-        run(course, options, report);
-    }
-    catch (const Failure &failed)
-    {
-        throw failed.exit() == ExitCode::Credentials ? noCredentials(failed) : Failure(failed);
-    }
+    run(course, options, report);
 }
 
 } // namespace zr::host
