@@ -55,6 +55,18 @@ Addresses resolve(const std::string &host, uint16_t port, int &unresolved)
     return {unresolved == 0 ? raw : nullptr, freeaddrinfo};
 }
 
+/// @throws Failure  for a name that cannot be resolved
+Addresses resolved(const std::string &host, uint16_t port)
+{
+    int unresolved = 0;
+    Addresses found = resolve(host, port, unresolved);
+    if (!found)
+    {
+        throw noWay(host, gai_strerror(unresolved));
+    }
+    return found;
+}
+
 /// Connects over TCP. @return 0; else why not, as errno
 int connectError(const addrinfo &server, std::chrono::milliseconds longest)
 {
@@ -81,12 +93,7 @@ int connectError(const addrinfo &server, std::chrono::milliseconds longest)
 
 std::string localAddressTowards(const std::string &host, uint16_t port)
 {
-    int unresolved = 0;
-    const Addresses server = resolve(host, port, unresolved);
-    if (!server)
-    {
-        throw noWay(host, gai_strerror(unresolved));
-    }
+    const Addresses server = resolved(host, port);
     // connecting a datagram socket sends nothing: it only asks the system for the way
     const Socket probe(SOCK_DGRAM);
     sockaddr_in local{};
@@ -103,12 +110,7 @@ std::string localAddressTowards(const std::string &host, uint16_t port)
 
 std::vector<std::string> addressesOf(const std::string &host)
 {
-    int unresolved = 0;
-    const Addresses server = resolve(host, 0, unresolved);
-    if (!server)
-    {
-        throw noWay(host, gai_strerror(unresolved));
-    }
+    const Addresses server = resolved(host, 0);
     std::vector<std::string> found;
     for (const addrinfo *one = server.get(); one != nullptr; one = one->ai_next)
     {
@@ -121,12 +123,7 @@ std::vector<std::string> addressesOf(const std::string &host)
 
 double timeToConnect(const std::string &host, uint16_t port, std::chrono::milliseconds longest)
 {
-    int unresolved = 0;
-    const Addresses server = resolve(host, port, unresolved);
-    if (!server)
-    {
-        throw noWay(host, gai_strerror(unresolved));
-    }
+    const Addresses server = resolved(host, port);
     const auto begin = std::chrono::steady_clock::now();
     const int error = connectError(*server, longest);
     if (error != 0)

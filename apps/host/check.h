@@ -78,10 +78,12 @@ public:
     void run();
 
 private:
+    void tryAll();
     bool reachable();
     bool described();
     bool describedBy(Session &session, const std::string &step, bool given, std::optional<Failure> &failure);
     void tellTls(const Session &session, const std::optional<Failure> &failure);
+    std::optional<ZrSessionFacts> ask(const Session &session, const std::string &step, const std::string &unanswered);
     void tellOptions(const Session &session);
     void tellTracks(const Description &description);
     bool tryTransport(tagProtocol protocol, bool more);
@@ -108,6 +110,7 @@ private:
     Plugin m_plugin;
     CheckTable m_table;
     Report &m_report;
+    bool m_plays = false;                      ///< over one transport at least
     std::optional<Failure> m_transportFailure; ///< the first one
     std::string m_picture;                     ///< PNG
 };

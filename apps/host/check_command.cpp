@@ -1,12 +1,10 @@
 #include "check.h"
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
+#include <utility>
 
 #include "addresses.h"
 #include "check_page.h"
-#include "notices.h"
 
 namespace zr::host {
 namespace {
@@ -75,6 +73,7 @@ bool Check::reachable()
     }
     catch (const Failure &failed)
     {
+        stopIfAsked();
         m_table.failed(step, failed, true);
         return false;
     }
@@ -99,21 +98,33 @@ void Check::tellTls(const Session &session, const std::optional<Failure> &failur
                {{"version", version}, {"verified", !m_common.insecure}});
 }
 
-void Check::tellOptions(const Session &session)
+/// Asks the server for a sign of life. A row tells what is wrong with it.
+/// @param unanswered  what else there is to say of no answer; may be empty
+/// @return what is known then; nothing when it failed
+std::optional<ZrSessionFacts> Check::ask(const Session &session, const std::string &step, const std::string &unanswered)
 {
-    const auto begin = Clock::now();
     const auto facts = session.ask(answerWithin);
     stopIfAsked();
     if (!facts)
     {
-        m_table.failed("OPTIONS", Failure(ExitCode::Unreachable, "options", 0, "no answer came within 3 s", deviceLog),
-                       false);
+        m_table.failed(
+            step, Failure(ExitCode::Unreachable, step, 0, "no answer came within 3 s" + unanswered, deviceLog), false);
     }
     else if (facts->ulCheckStatus >= 300)
     {
-        m_table.failed("OPTIONS", requestFailed("options", facts->ulCheckStatus), false);
+        m_table.failed(step, requestFailed(step, facts->ulCheckStatus), false);
     }
     else
+    {
+        return facts;
+    }
+    return std::nullopt;
+}
+
+void Check::tellOptions(const Session &session)
+{
+    const auto begin = Clock::now();
+    if (const auto facts = ask(session, "OPTIONS", ""))
     {
         const std::string methods = facts->szMethods;
         m_table.ok("OPTIONS", methods.empty() ? "answered, without a list of methods" : methods,
@@ -171,7 +182,7 @@ bool Check::described()
     Source plain = m_source;
     plain.credentials = {};
     std::optional<Description> description;
-    for (const Source *source : {const_cast<const Source *>(&plain), &m_source})
+    for (const Source *source : {&std::as_const(plain), &m_source})
     {
         if (source == &m_source && (!given || m_table.failure()))
         {
@@ -205,25 +216,24 @@ void Check::tellTracks(const Description &description)
     m_table.ok("tracks", text, {{"range", description.range}});
 }
 
-/// @return whether media came
 void Check::conclude()
 {
     const auto &failure = m_table.failure();
     const std::string steps = m_table.failedSteps();
     const std::string verdict = (failure ? "the stream does not play" : "the stream plays") +
                                 (steps.empty() ? std::string() : "; failed: " + steps);
+    m_report.event("checked", verdict, {{"plays", !failure.has_value()}, {"failed", steps}});
     if (!m_options.html.empty())
     {
         writePage(m_options.html, m_source, m_table, verdict, m_picture);
     }
-    m_report.event("checked", verdict, {{"plays", !failure.has_value()}, {"failed", steps}});
     if (failure)
     {
         throw Failure(*failure);
     }
 }
 
-void Check::run()
+void Check::tryAll()
 {
     constexpr const char *needs = "it needs a step that failed";
     if (!reachable())
@@ -236,12 +246,28 @@ void Check::run()
     }
     else
     {
-        const bool udp = tryTransport(PROTOCOL_UDP, true);
-        const bool tcp = tryTransport(PROTOCOL_TCP, !udp);
-        if (!udp && !tcp)
+        m_plays = tryTransport(PROTOCOL_UDP, true);
+        m_plays = tryTransport(PROTOCOL_TCP, !m_plays) || m_plays;
+        if (!m_plays)
         {
             m_table.needed(*m_transportFailure);
         }
+    }
+}
+
+void Check::run()
+{
+    try
+    {
+        tryAll();
+    }
+    catch (const Failure &failed)
+    {
+        stopIfAsked();
+        m_table.failed(
+            "session",
+            Failure(failed.exit(), "session", failed.code(), failed.step() + ": " + failed.meaning(), failed.advice()),
+            !m_plays);
     }
     conclude();
 }

@@ -2,7 +2,8 @@
 
 #include "check.h"
 
-#include <cmath>
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -174,12 +175,17 @@ void Check::takePicture(const Course &course, Session &session)
     {
         return;
     }
-    std::string folder = (std::filesystem::temp_directory_path() / "zr_rtsp_check.XXXXXX").string();
+    std::error_code noFolder;
+    const auto temporary = std::filesystem::temp_directory_path(noFolder);
+    std::string folder = (temporary / "zr_rtsp_check.XXXXXX").string();
+    const bool made = !noFolder && mkdtemp(folder.data()) != nullptr;
     try
     {
-        if (mkdtemp(folder.data()) == nullptr)
+        if (!made)
         {
-            throw Failure(ExitCode::Output, "taking the picture", 0, "there is no room for it in " + folder);
+            throw Failure(ExitCode::Output, "taking the picture", 0,
+                          "no folder for it can be made in " + (noFolder ? "the temporary one" : temporary.string()),
+                          "check TMPDIR");
         }
         const std::string file = folder + "/picture.png";
         session.snapshot(file, pictureWithinMs);
@@ -191,29 +197,19 @@ void Check::takePicture(const Course &course, Session &session)
     {
         m_table.failed("picture", failed, false);
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
+    if (made)
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored);
+    }
     stopIfAsked();
 }
 
 void Check::tryKeepAlive(const Session &session)
 {
     const auto begin = Clock::now();
-    const auto facts = session.ask(answerWithin);
-    stopIfAsked();
     const std::string ends = "a silent session ends after " + std::to_string(session.facts().ulTimeout) + " s";
-    if (!facts)
-    {
-        m_table.failed(
-            "keep-alive",
-            Failure(ExitCode::Unreachable, "keep-alive", 0, "no answer came within 3 s, and " + ends, deviceLog),
-            false);
-    }
-    else if (facts->ulCheckStatus >= 300)
-    {
-        m_table.failed("keep-alive", requestFailed("keep-alive", facts->ulCheckStatus), false);
-    }
-    else
+    if (const auto facts = ask(session, "keep-alive", ", and " + ends))
     {
         m_table.ok("keep-alive", "answered in " + inMs(since(begin)) + "; " + ends,
                    {{"session_timeout", facts->ulTimeout}});
