@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <strings.h>
+#include <utility>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -23,40 +24,48 @@ bool anyNull(std::initializer_list<const char *> texts)
     return std::any_of(texts.begin(), texts.end(), [](const char *text) { return text == nullptr; });
 }
 
-/// A text that held a password leaves nothing behind.
-class SecretText
-{
-public:
-    explicit SecretText(std::initializer_list<std::string_view> fields)
-    {
-        size_t length = 0;
-        for (const std::string_view field : fields)
-            length += field.size() + 1;
-        m_text.reserve(length); // so that it is never moved
-        for (const std::string_view field : fields)
-            m_text.append(field).append(1, ':');
-        m_text.pop_back();
-    }
-    ~SecretText() { OPENSSL_cleanse(m_text.data(), m_text.size()); }
-    SecretText(const SecretText &) = delete;
-    SecretText &operator=(const SecretText &) = delete;
-    const std::string &text() const { return m_text; }
-
-private:
-    std::string m_text;
-};
-
 /// MD5 of the fields joined by colons, as text; the output is written only on success.
 ZR_ULONG hash(std::initializer_list<std::string_view> fields, char *out)
 {
-    const auto digest = zr::util::hexDigest("MD5", fields);
-    if (!digest)
+    const zr::util::SecretText digest(zr::util::hexDigest("MD5", fields).value_or(std::string()));
+    if (digest.text().empty())
         return codeFailed;
-    out[digest->copy(out, hashText - 1)] = '\0';
+    out[digest.text().copy(out, hashText - 1)] = '\0';
     return 0;
 }
 
 } // namespace
+
+zr::util::SecretText::SecretText(std::string text)
+    : m_text(std::move(text))
+{
+}
+
+zr::util::SecretText::SecretText(std::initializer_list<std::string_view> fields)
+{
+    size_t length = 0;
+    for (const std::string_view field : fields)
+        length += field.size() + 1;
+    m_text.reserve(length); // so that it is never moved
+    for (const std::string_view field : fields)
+        m_text.append(field).append(1, ':');
+    m_text.pop_back();
+}
+
+zr::util::SecretText::~SecretText()
+{
+    OPENSSL_cleanse(m_text.data(), m_text.size());
+}
+
+std::string zr::util::hex(const unsigned char *bytes, size_t size)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * size);
+    for (const unsigned char *byte = bytes; byte != bytes + size; ++byte)
+        text.append(1, digits[*byte >> 4]).append(1, digits[*byte & 15]);
+    return text;
+}
 
 std::optional<std::string> zr::util::hexDigest(const char *algorithm, std::initializer_list<std::string_view> fields)
 {
@@ -70,10 +79,8 @@ std::optional<std::string> zr::util::hexDigest(const char *algorithm, std::initi
                         algorithm);
         return std::nullopt;
     }
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < length; ++i)
-        text.append(1, digits[digest[i] >> 4]).append(1, digits[digest[i] & 15]);
+    std::string text = hex(digest.data(), length);
+    OPENSSL_cleanse(digest.data(), digest.size());
     return text;
 }
 
@@ -89,7 +96,9 @@ ZR_ULONG TW_DigestCalcHA1(const char *pszAlg, const char *pszUserName, const cha
         return hash({pszUserName, pszRealm, pszPassword}, pszHA1);
     std::array<char, hashText> user{};
     const ZR_ULONG result = hash({pszUserName, pszRealm, pszPassword}, user.data());
-    return result != 0 ? result : hash({user.data(), pszNonce, pszCNonce}, pszHA1);
+    const ZR_ULONG combined = result != 0 ? result : hash({user.data(), pszNonce, pszCNonce}, pszHA1);
+    OPENSSL_cleanse(user.data(), user.size());
+    return combined;
 }
 
 ZR_ULONG TW_DigestCalcResponse(const char *pszHA1, const char *pszNonce, const char *pszNonceCount,

@@ -4,9 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <utility>
-#include <vector>
 
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
@@ -63,10 +61,7 @@ std::string makeCnonce()
     std::array<unsigned char, 16> bytes{};
     if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
         return {};
-    std::string text;
-    for (const unsigned byte : bytes)
-        text.append(1, "0123456789abcdef"[byte >> 4]).append(1, "0123456789abcdef"[byte & 15]);
-    return text;
+    return util::hex(bytes.data(), bytes.size());
 }
 
 bool offersAuth(const std::string &qop)
@@ -78,14 +73,17 @@ bool offersAuth(const std::string &qop)
 
 std::string answerBasic(const Credentials &credentials)
 {
-    std::string plain;
-    plain.reserve(credentials.user.size() + 1 + credentials.password.size());
-    plain.append(credentials.user).append(1, ':').append(credentials.password);
-    std::vector<unsigned char> text(4 * ((plain.size() + 2) / 3) + 1);
-    const int size = EVP_EncodeBlock(text.data(), reinterpret_cast<const unsigned char *>(plain.data()),
-                                     static_cast<int>(plain.size()));
-    OPENSSL_cleanse(plain.data(), plain.size());
-    return "Basic " + std::string(text.begin(), text.begin() + size);
+    constexpr std::string_view scheme = "Basic ";
+    const util::SecretText plain({credentials.user, credentials.password});
+    const size_t size = plain.text().size();
+    const size_t encoded = 4 * ((size + 2) / 3);
+    std::string text; // encoded in its place, so that there is no other copy
+    text.reserve(scheme.size() + encoded + 1);
+    text.append(scheme).resize(scheme.size() + encoded + 1); // with the zero that is written, too
+    EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.data()) + scheme.size(),
+                    reinterpret_cast<const unsigned char *>(plain.text().data()), static_cast<int>(size));
+    text.pop_back();
+    return text;
 }
 
 } // namespace
@@ -191,22 +189,20 @@ std::string Authenticator::answerDigest(Digest &digest, const Credentials &crede
 {
     std::array<char, 9> count{};
     std::snprintf(count.data(), count.size(), "%08x", ++digest.uses);
-    auto secret = util::hexDigest(digest.hash, {credentials.user, digest.realm, credentials.password});
-    if (secret && digest.session)
-        secret = util::hexDigest(digest.hash, {*secret, digest.nonce, digest.cnonce});
-    const auto request = util::hexDigest(digest.hash, {method, uri});
-    if (!secret || !request)
-        return {};
-    const auto response =
-        digest.quality
-            ? util::hexDigest(digest.hash, {*secret, digest.nonce, count.data(), digest.cnonce, "auth", *request})
-            : util::hexDigest(digest.hash, {*secret, digest.nonce, *request});
-    std::string &spent = *secret;
-    OPENSSL_cleanse(spent.data(), spent.size());
-    if (!response)
+    const auto hash = [&digest](std::initializer_list<std::string_view> fields) {
+        return util::hexDigest(digest.hash, fields).value_or(std::string());
+    };
+    const util::SecretText user(hash({credentials.user, digest.realm, credentials.password}));
+    const util::SecretText session(digest.session ? hash({user.text(), digest.nonce, digest.cnonce}) : std::string());
+    const std::string &secret = (digest.session ? session : user).text();
+    const std::string request = hash({method, uri});
+    const std::string response = digest.quality
+                                     ? hash({secret, digest.nonce, count.data(), digest.cnonce, "auth", request})
+                                     : hash({secret, digest.nonce, request});
+    if (user.text().empty() || secret.empty() || request.empty() || response.empty())
         return {};
     std::string text = "Digest username=" + inQuotes(credentials.user) + ", realm=" + inQuotes(digest.realm) +
-                       ", nonce=" + inQuotes(digest.nonce) + ", uri=" + inQuotes(uri) + ", response=\"" + *response +
+                       ", nonce=" + inQuotes(digest.nonce) + ", uri=" + inQuotes(uri) + ", response=\"" + response +
                        '"';
     if (!digest.algorithm.empty())
         text.append(", algorithm=").append(digest.algorithm);

@@ -40,7 +40,7 @@ public:
     unsigned challenge() const;
     /// The value of an Authorization header.
     /// @param uri  as it stands in the request
-    /// @return empty without a challenge, or when the cryptographic library refuses its algorithm
+    /// @return empty without a challenge, or when the cryptographic library refuses its algorithm; of Basic a secret
     std::string authorization(const Credentials &credentials, std::string_view method, std::string_view uri);
     /// The session is over, or with another server.
     void reset();

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "digest.h"
 #include "platform_log.h"
 #include "result_codes.h"
 #include "session_channel.h"
@@ -21,18 +22,19 @@ unsigned SessionChannel::addOrders(std::string &bytes, const Orders &orders)
 {
     const size_t space = bytes.find(' ');
     const std::string method = bytes.substr(0, space);
-    std::string lines;
-    if (authenticates(orders))
-    {
-        const std::string uri = bytes.substr(space + 1, bytes.find(' ', space + 1) - space - 1);
-        const std::string value = m_authenticator.authorization(*orders.credentials, method, uri);
-        if (!value.empty())
-            lines.append("Authorization: ").append(value).append("\r\n");
-    }
-    const bool answers = !lines.empty();
-    lines += orders.linesFor(method);
-    bytes.insert(bytes.size() - 2, lines); // before the blank line
-    return answers ? m_authenticator.challenge() : 0;
+    const std::string uri = bytes.substr(space + 1, bytes.find(' ', space + 1) - space - 1);
+    const util::SecretText value(authenticates(orders) ? m_authenticator.authorization(*orders.credentials, method, uri)
+                                                       : std::string());
+    const std::string lines = orders.linesFor(method);
+    constexpr std::string_view name = "Authorization: ";
+    constexpr std::string_view end = "\r\n";
+    bytes.resize(bytes.size() - end.size()); // the blank line comes last
+    // so that it is not moved, which would leave a copy
+    bytes.reserve(bytes.size() + name.size() + value.text().size() + lines.size() + 2 * end.size());
+    if (!value.text().empty())
+        bytes.append(name).append(value.text()).append(end);
+    bytes.append(lines).append(end);
+    return value.text().empty() ? 0 : m_authenticator.challenge();
 }
 
 SessionChannel::Authentication SessionChannel::authenticate(const Exchange &exchange, const rtsp::Message &response)
