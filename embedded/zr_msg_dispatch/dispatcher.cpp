@@ -1,6 +1,5 @@
 #include "dispatcher.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -8,6 +7,7 @@
 #include "callback_thread.h"
 #include "platform_log.h"
 #include "result_codes.h"
+#include "rtsp_text.h"
 #include "zr_platform.h"
 
 namespace zr::dispatch {
@@ -193,8 +193,7 @@ ZR_ULONG ZR_MSGDISP_Init(ZR_ULONG ulMaxMessageBytes, ZR_ULONG ulConnectTimeoutMs
             settings.connectTimeout = std::chrono::milliseconds(ulConnectTimeoutMs);
         if (pszCaFile)
             settings.caFile = pszCaFile;
-        const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
-        if (std::any_of(settings.userAgent.begin(), settings.userAgent.end(), isControl))
+        if (zr::rtsp::hasControls(settings.userAgent))
         {
             ZR_PLATFORM_LOG(ERROR, zr::dispatch::codeInvalidArgument, Dispatch,
                             "ZR_MSGDISP_Init is refused: a User-Agent has no control characters");

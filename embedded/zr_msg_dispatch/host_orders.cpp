@@ -41,33 +41,17 @@ Store &store()
     return *only;
 }
 
-bool hasControls(std::string_view text)
-{
-    return std::any_of(text.begin(), text.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return byte < 0x20 || byte == 0x7f;
-    });
-}
-
-/// A token of RFC 2326, 15.1.
-bool isToken(std::string_view text)
-{
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-        return c > 0x20 && c < 0x7f && std::strchr("()<>@,;:\\\"/[]?={}", c) == nullptr;
-    });
-}
-
 /// @return why a header cannot be added, or null
 const char *headerProblem(std::string_view method, std::string_view name, std::string_view value)
 {
     if (!method.empty() && std::find(methods.begin(), methods.end(), method) == methods.end())
         return "the method is none that is sent";
-    if (!isToken(name) || name.size() > longestName)
+    if (!rtsp::isToken(name) || name.size() > longestName)
         return "its name is no token of at most 64 characters";
     if (std::any_of(reservedNames.begin(), reservedNames.end(),
                     [name](std::string_view reserved) { return rtsp::sameText(name, reserved); }))
         return "the platform writes it itself";
-    if (hasControls(value) || value.size() > longestValue)
+    if (rtsp::hasControls(value) || value.size() > longestValue)
         return "its value has control characters, or more than 1024 bytes";
     return nullptr;
 }
@@ -76,6 +60,11 @@ ZR_ULONG refused(const char *operation, ZR_ULONG id, ZR_ULONG code, const char *
 {
     ZR_PLATFORM_LOG(ERROR, code, Dispatch, "%s for %u is refused: %s", operation, id, why);
     return code;
+}
+
+ZR_ULONG tooMany(const char *operation, ZR_ULONG id)
+{
+    return refused(operation, id, ZR_SESSION_TOO_MANY, "it has 16 headers already");
 }
 
 /// Puts a header in the place of the one that it replaces; an empty value only takes that away.
@@ -175,23 +164,24 @@ std::shared_ptr<HostOrders> HostOrders::of(ZR_ULONG id)
     return found;
 }
 
-ZR_ULONG HostOrders::change(ZR_ULONG id, const std::function<ZR_ULONG(Orders &)> &apply)
+bool HostOrders::change(ZR_ULONG id, const std::function<bool(Orders &)> &apply)
 {
     const std::lock_guard<std::mutex> lock(store().mutex);
     const auto found = store().orders.find(id);
     const auto changed = found == store().orders.end() ? std::make_shared<Orders>()
                                                        : std::make_shared<Orders>(*found->second->m_current);
-    const ZR_ULONG code = apply(*changed);
+    if (!apply(*changed))
+        return false;
     const bool empty = !changed->credentials && changed->headers.empty();
-    if (code != 0 || (found == store().orders.end() && empty))
-        return code;
+    if (found == store().orders.end() && empty)
+        return true;
     std::shared_ptr<HostOrders> &orders = store().orders[id];
     if (!orders)
         orders = std::make_shared<HostOrders>();
     orders->m_current = changed;
     if (empty && orders.use_count() == 1) // no session has it
         store().orders.erase(id);
-    return 0;
+    return true;
 }
 
 void HostOrders::forget(ZR_ULONG id)
@@ -222,18 +212,20 @@ ZR_ULONG ZR_SessionSetCredentials(ZR_ULONG ulAOIPortID, const char *pszUser, con
         if (pszUser)
         {
             const std::string_view user = pszUser;
-            if (!pszPassword || user.empty() || user.find(':') != std::string_view::npos || zd::hasControls(user) ||
-                zd::hasControls(pszPassword) || user.size() > zd::longestCredential ||
-                std::strlen(pszPassword) > zd::longestCredential || ulFlags > ZR_CREDENTIALS_BASIC_IN_CLEAR)
+            if (!pszPassword || user.empty() || user.find(':') != std::string_view::npos ||
+                zr::rtsp::hasControls(user) || zr::rtsp::hasControls(pszPassword) ||
+                user.size() > zd::longestCredential || std::strlen(pszPassword) > zd::longestCredential ||
+                ulFlags > ZR_CREDENTIALS_BASIC_IN_CLEAR)
                 return zd::refused(name, ulAOIPortID, ZR_SESSION_INVALID,
                                    "no user or password, one with control characters, a user with a colon, one of more "
                                    "than 255 bytes, or an unknown flag");
             credentials = std::make_shared<zd::Credentials>(user, pszPassword, ulFlags != 0);
         }
-        return HostOrders::change(ulAOIPortID, [&](Orders &orders) {
+        HostOrders::change(ulAOIPortID, [&](Orders &orders) {
             orders.credentials.swap(credentials);
-            return ZR_ULONG{0};
+            return true;
         });
+        return 0;
     });
 }
 
@@ -250,11 +242,8 @@ ZR_ULONG ZR_SessionSetHeader(ZR_ULONG ulAOIPortID, const char *pszMethod, const 
             problem = "its value is empty";
         if (problem)
             return zd::refused(operation, ulAOIPortID, ZR_SESSION_INVALID, problem);
-        return HostOrders::change(ulAOIPortID, [&](Orders &orders) -> ZR_ULONG {
-            return zd::put(orders.headers, header)
-                       ? 0
-                       : zd::refused(operation, ulAOIPortID, ZR_SESSION_TOO_MANY, "it has 16 headers already");
-        });
+        const auto add = [&](Orders &orders) { return zd::put(orders.headers, header); };
+        return HostOrders::change(ulAOIPortID, add) ? 0 : zd::tooMany(operation, ulAOIPortID);
     });
 }
 
@@ -267,13 +256,12 @@ ZR_ULONG ZR_SessionSetReplay(ZR_ULONG ulAOIPortID, const ZrOnvifReplay *pstRepla
                           (pstReplay->ulFrames == ZR_FRAMES_ALL && pstReplay->ulIntervalMs != 0)))
             return zd::refused(name, ulAOIPortID, ZR_SESSION_INVALID,
                                "an unknown value, or an interval between all frames");
-        return HostOrders::change(ulAOIPortID, [&](Orders &orders) -> ZR_ULONG {
-            for (zd::HostHeader &header : zd::replayHeaders(pstReplay))
-            {
-                if (!zd::put(orders.headers, std::move(header)))
-                    return zd::refused(name, ulAOIPortID, ZR_SESSION_TOO_MANY, "it has 16 headers already");
-            }
-            return 0;
-        });
+        std::vector<zd::HostHeader> headers = zd::replayHeaders(pstReplay);
+        const auto add = [&](Orders &orders) {
+            return std::all_of(headers.begin(), headers.end(), [&orders](zd::HostHeader &header) {
+                return zd::put(orders.headers, std::move(header));
+            });
+        };
+        return HostOrders::change(ulAOIPortID, add) ? 0 : zd::tooMany(name, ulAOIPortID);
     });
 }

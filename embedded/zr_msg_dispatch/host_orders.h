@@ -49,7 +49,9 @@ class HostOrders
 public:
     static std::shared_ptr<HostOrders> of(ZR_ULONG id);
     /// Changes a copy of what counts, which then counts, unless the change refuses.
-    static ZR_ULONG change(ZR_ULONG id, const std::function<ZR_ULONG(Orders &)> &apply);
+    /// @param apply  false: it refuses. Called under the mutex, so it does not log
+    /// @return what it said
+    static bool change(ZR_ULONG id, const std::function<bool(Orders &)> &apply);
     /// The session has ended: another one of that identifier begins without orders.
     void forget(ZR_ULONG id);
     /// Never null.

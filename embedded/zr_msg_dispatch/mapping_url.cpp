@@ -57,14 +57,6 @@ bool readAuthority(std::string_view authority, Url &url)
     return true;
 }
 
-bool hasBlankOrControl(std::string_view text)
-{
-    return std::any_of(text.begin(), text.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return byte <= 0x20 || byte == 0x7f;
-    });
-}
-
 } // namespace
 
 namespace zr::dispatch {
@@ -73,7 +65,7 @@ std::optional<Url> parseUrl(std::string_view text)
 {
     Url url;
     const size_t scheme = text.find("://");
-    if (scheme == std::string_view::npos || hasBlankOrControl(text))
+    if (scheme == std::string_view::npos || rtsp::hasControls(text) || text.find(' ') != std::string_view::npos)
         return std::nullopt;
     url.secure = rtsp::sameText(text.substr(0, scheme), "rtsps");
     if (!url.secure && !rtsp::sameText(text.substr(0, scheme), "rtsp"))

@@ -1,7 +1,6 @@
 #include "rtsp_message.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "rtsp_text.h"
 
@@ -11,25 +10,6 @@ using namespace zr::rtsp;
 
 /// An idle parser keeps no larger buffer than this.
 constexpr size_t keptCapacity = 16384;
-
-bool isTokenCharacter(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           (c != 0 && std::strchr("!#$%&'*+-.^_`|~", c) != nullptr);
-}
-
-bool isToken(std::string_view text)
-{
-    return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
-}
-
-bool hasControlCharacter(std::string_view text)
-{
-    return std::any_of(text.begin(), text.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return (byte < 0x20 && c != '\t') || byte == 0x7f;
-    });
-}
 
 /// Takes the first word off a line.
 std::string_view nextWord(std::string_view &line)
@@ -231,7 +211,7 @@ std::optional<Parser::Event> Parser::headLine()
         return fail("a message's head exceeds the limit of " + std::to_string(m_limits.head) + " bytes");
     while (!line.empty() && line.back() == '\r')
         line.remove_suffix(1);
-    if (hasControlCharacter(line))
+    if (hasControls(line, "\t"))
         return fail("a control character in the line " + quoted(line));
     if (m_state == State::Headers)
         return line.empty() ? endOfHead() : headerLine(line);

@@ -81,6 +81,20 @@ std::optional<double> parseDecimal(std::string_view text, double maximum)
     return number;
 }
 
+bool isToken(std::string_view text)
+{
+    constexpr std::string_view separators = "()<>@,;:\\\"/[]?={}";
+    return !text.empty() && std::all_of(text.begin(), text.end(), [separators](char c) {
+        return c > 0x20 && c < 0x7f && separators.find(c) == std::string_view::npos;
+    });
+}
+
+bool hasControls(std::string_view text, std::string_view allowed)
+{
+    return std::any_of(text.begin(), text.end(),
+                       [allowed](char c) { return isControl(c) && allowed.find(c) == std::string_view::npos; });
+}
+
 std::string quoted(std::string_view text)
 {
     constexpr size_t longest = 80;

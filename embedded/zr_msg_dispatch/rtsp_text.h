@@ -28,6 +28,13 @@ std::optional<uint32_t> parseNumber(std::string_view text, uint32_t maximum);
 /// A decimal fraction ("-0.5", no exponent); none when it is something else or exceeds the maximum either way.
 std::optional<double> parseDecimal(std::string_view text, double maximum);
 
+/// Whether it is a token of RFC 2326, 15.1.
+bool isToken(std::string_view text);
+
+/// Whether it has control characters.
+/// @param allowed  those that do not count
+bool hasControls(std::string_view text, std::string_view allowed = {});
+
 /// The text as a log line may hold it: in quotes, printable, no longer than about 80 characters.
 std::string quoted(std::string_view text);
 
