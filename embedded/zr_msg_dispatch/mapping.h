@@ -24,7 +24,7 @@ struct Session
     unsigned setups = 0;          ///< SETUPs of the session itself that were answered 2xx, relations not counted
     std::string lastUrl;          ///< of the last answered request of the session itself
     std::vector<std::string> publicMethods; ///< of the last Public header, in capitals; empty: unknown
-    std::string challengedBy;               ///< hostAndPort of who asked for credentials last
+    std::string challengedBy;               ///< hostAndPort of who asked for credentials last; the owner's to note
     bool played = false;                    ///< a PLAY was answered 2xx
     PlayPosition position;                  ///< what plays, for the Range of OPTIONS answers
 };
@@ -55,11 +55,13 @@ std::string wireUrl(const aoi::Request &request, const Session &session);
 std::string writeRequest(const aoi::Request &request, unsigned cseq, const Session &session,
                          const std::string &userAgent);
 
-/// What keeps a session alive: GET_PARAMETER where the server lists it, else OPTIONS.
-const char *keepAliveMethod(const Session &session);
+/// What keeps a session alive: GET_PARAMETER where the server lists it, else OPTIONS; with a Digest of the requester's,
+/// which holds for OPTIONS alone (RFC 2617, 3.2.2.3), OPTIONS.
+const char *keepAliveMethod(const Session &session, const std::string &authorization);
 
 /// The bytes of a keep-alive of the platform's own.
 /// @param authorization  may be empty
+/// @return empty when nothing of the session was answered yet, so that it has no URL
 std::string writeKeepAlive(const Session &session, const std::string &authorization, unsigned cseq,
                            const std::string &userAgent);
 

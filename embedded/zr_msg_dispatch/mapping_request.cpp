@@ -142,7 +142,7 @@ std::string writeRequest(const aoi::Request &request, unsigned cseq, const Sessi
     // some servers close the connection on a method that they do not know
     if (request.messageId == AOI_MSG_RTSP_SET_PARAMERTER && !session.publicMethods.empty() &&
         !isListed(session, method))
-        method = keepAliveMethod(session);
+        method = keepAliveMethod(session, request.authorization);
     RequestText text(method, url, cseq, userAgent);
     text.add("Session", request.sessionId);
     if (request.transport)
@@ -162,15 +162,18 @@ std::string writeRequest(const aoi::Request &request, unsigned cseq, const Sessi
     return text.end();
 }
 
-const char *keepAliveMethod(const Session &session)
+const char *keepAliveMethod(const Session &session, const std::string &authorization)
 {
-    return isListed(session, "GET_PARAMETER") ? "GET_PARAMETER" : "OPTIONS";
+    const bool bound = rtsp::beginsWith(authorization, "Digest ");
+    return !bound && isListed(session, "GET_PARAMETER") ? "GET_PARAMETER" : "OPTIONS";
 }
 
 std::string writeKeepAlive(const Session &session, const std::string &authorization, unsigned cseq,
                            const std::string &userAgent)
 {
-    RequestText text(keepAliveMethod(session), session.lastUrl, cseq, userAgent);
+    if (session.lastUrl.empty())
+        return {};
+    RequestText text(keepAliveMethod(session, authorization), session.lastUrl, cseq, userAgent);
     text.add("Session", session.id);
     text.add("Authorization", authorization);
     return text.end();

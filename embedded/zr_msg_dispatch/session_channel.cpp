@@ -1,6 +1,5 @@
 #include "session_channel.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "platform_log.h"
@@ -16,11 +15,6 @@ namespace {
 constexpr unsigned mostNotes = 20;
 /// And end its session so many times.
 constexpr unsigned mostAnnouncements = 20;
-
-bool isUnauthorized(const rtsp::Message &response)
-{
-    return response.status == statusUnauthorized;
-}
 
 bool isSuccess(const rtsp::Message &response)
 {
@@ -134,12 +128,9 @@ bool SessionChannel::maySeeCredentials() const
 /// The server is to hear of its session.
 void SessionChannel::keepAlive()
 {
-    if (m_exchanges.hasKeepAlive(true))
-        return;
     aoi::Request request;
     request.messageId = AOI_MSG_RTSP_OPTIONS;
     request.sourceId = m_registration->id;
-    request.sessionId = m_session.id;
     request.authorization = m_keeper.authorization();
     const auto accepted = std::make_shared<Accepted>(m_registration, std::move(request),
                                                      SteadyClock::now() + m_services.settings.requestTimeout);
@@ -212,8 +203,12 @@ void SessionChannel::takeResponse(const rtsp::Message &response)
     pump();
 }
 
+/// What an answer says of its server and session, once it is mapped.
 void SessionChannel::noteFacts(const Exchange &exchange, const rtsp::Message &response)
 {
+    m_keeper.watch(m_session);
+    if (response.status == statusUnauthorized) // by the name under which the connection is opened again
+        m_session.challengedBy = farSide();
     if (const std::string *server = response.find("Server"))
         m_facts.server = *server;
     m_facts.methods = m_session.publicMethods;
@@ -231,32 +226,28 @@ void SessionChannel::takeOwnAnswer(const Exchange &exchange, const rtsp::Message
 {
     mapResponse(exchange.accepted->request, exchange.url, response, m_session, m_connection->ends());
     noteFacts(exchange, response);
-    if (isUnauthorized(response))
-        m_session.challengedBy = farSide();
     if (isSuccess(response))
         return;
     if (mayNote())
         ZR_PLATFORM_LOG(WARNING, codeProtocol, Dispatch, "%s: the keep-alive is answered %d", name().c_str(),
                         response.status);
     if (response.status == statusMethodNotAllowed || response.status == statusNotImplemented)
+    {
         m_session.publicMethods.clear(); // what it listed it does not know
+        m_keeper.missed();
+    }
 }
 
 void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &response)
 {
     const aoi::Request &request = exchange.accepted->request;
     const Mapped mapped = mapResponse(request, exchange.url, response, m_session, m_connection->ends());
-    if (isUnauthorized(response)) // by the name under which the connection is opened again
-        m_session.challengedBy = farSide();
     m_tornDown = isTeardown(request.messageId) && isSuccess(response);
-    if (request.messageId == AOI_MSG_RTSP_PLAY && isSuccess(response))
-        m_session.played = true;
     if (!mapped.problem.empty())
         ZR_PLATFORM_LOG(WARNING, mapped.answer.errorCode.value_or(0), Dispatch, "%s: answer %d to %s: %s",
                         name().c_str(), response.status, methodOf(request.messageId), mapped.problem.c_str());
     if (mapped.track)
         setUpTrack(mapped);
-    m_keeper.watch(m_session);
     if (mapped.answer.errorCode && !isDroppable(request.messageId)) // before whoever waits is told
         m_registration->refusal.set(
             {*mapped.answer.errorCode, mapped.problem.empty() ? response.reason : mapped.problem});
@@ -306,8 +297,7 @@ void SessionChannel::answerServer(const rtsp::Message &request)
 
 void SessionChannel::lost(const std::string &reason, bool orderly)
 {
-    const ZR_ULONG code = m_connection->problem();
-    const Problem problem{m_wasUp && code == ZR_CONNECTION_FAILED ? ZR_ULONG{ZR_CONNECTION_BROKEN} : code, reason};
+    const Problem problem{m_wasUp ? ZR_ULONG{ZR_CONNECTION_BROKEN} : m_connection->problem(), reason};
     m_connection.reset();
     if (orderly && askAgain())
         return;
@@ -335,14 +325,16 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
         return;
     if (m_interleaved)
         closePort();
-    if (m_session.played && !wanted)
-        notifyLost();
+    const bool unexpected = m_session.played && !wanted;
+    const aoi::Answer loss = lossNotice();
     resetSession();
     if (!quiet) // what it was redirected to may be no longer there
     {
         m_target = m_asked;
         m_redirect.reset();
     }
+    if (unexpected)
+        deliver(loss);
 }
 
 /// What a lost session agreed on is void; who challenged stays known, for the credentials' sake.
@@ -355,6 +347,8 @@ void SessionChannel::resetSession()
     m_authenticator.reset();
     m_interleaved = false;
     m_tornDown = false;
+    m_facts.timeoutSeconds = 0;
+    m_registration->facts.set(m_facts);
 }
 
 // ---- what goes up
@@ -394,12 +388,12 @@ aoi::Answer SessionChannel::notice(ZR_ULONG messageId) const
     return made;
 }
 
-void SessionChannel::notifyLost()
+aoi::Answer SessionChannel::lossNotice() const
 {
     constexpr ZR_ULONG sessionLost = 1;
-    aoi::Answer lost = notice(AOI_MSG_INTERNAL_NOTIFY_RTSP);
-    lost.action = sessionLost;
-    deliver(lost);
+    aoi::Answer loss = notice(AOI_MSG_INTERNAL_NOTIFY_RTSP);
+    loss.action = sessionLost;
+    return loss;
 }
 
 /// The server ends the session. One that is not set up has no end.

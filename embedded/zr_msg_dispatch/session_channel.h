@@ -102,7 +102,7 @@ private:
     void refuse(const Accepted &accepted, ZR_ULONG status, const std::string &why);
     void failAll(const std::string &why);
     aoi::Answer notice(ZR_ULONG messageId) const;
-    void notifyLost();
+    aoi::Answer lossNotice() const;
     void announce(ZR_ULONG quitReason);
     void resetSession();
     bool mayNote();

@@ -131,6 +131,7 @@ TEST_F(EngineFailure, ReconnectsOrReportsTheLoss)
     EXPECT_EQ(messages[2].messageId, AOI_MSG_INTERNAL_NOTIFY_RTSP);
     EXPECT_TRUE(messages[2].kind == 0 && messages[2].action == 1 && messages[2].destination == 7);
     EXPECT_EQ(messages[2].session, "S1");
+    EXPECT_EQ(engine().facts(7).value().timeoutSeconds, 0U);
     EXPECT_THAT(port->events(2).back(), "closed");
 
     ScriptedServer ending(
