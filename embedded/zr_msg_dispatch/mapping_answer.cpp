@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "mapping_parts.h"
+#include "result_codes.h"
 #include "rtsp_text.h"
 
 namespace {
@@ -11,11 +12,6 @@ namespace rtsp = zr::rtsp;
 
 constexpr ZR_ULONG successKind = 1;
 constexpr ZR_ULONG failureKind = 2;
-constexpr ZR_ULONG forbidden = 403;
-constexpr ZR_ULONG unsupportedMediaType = 415;
-constexpr ZR_ULONG sessionNotFound = 454;
-constexpr ZR_ULONG unsupportedTransport = 461;
-constexpr ZR_ULONG badGateway = 502;
 
 /// Whether it sets up the relation to a TV wall, not the session itself.
 bool isRelation(const aoi::Request &request)
@@ -69,15 +65,13 @@ std::vector<std::string> readPublic(const rtsp::Message &response)
     return methods;
 }
 
-void mapChallenge(const aoi::Request &request, const rtsp::Message &response, Session &session, const Ends &ends,
-                  Mapped &mapped)
+void mapChallenge(const aoi::Request &request, const rtsp::Message &response, Mapped &mapped)
 {
     mapped.answer = failureAnswer(request, static_cast<ZR_ULONG>(response.status));
     mapped.answer.challenge = chooseChallenge(response, mapped.problem);
     if (!mapped.answer.challenge)
-        return fail(mapped, request, forbidden, std::move(mapped.problem));
+        return fail(mapped, request, statusForbidden, std::move(mapped.problem));
     mapped.problem.clear();
-    session.challengedBy = hostAndPort(ends);
 }
 
 /// The base that control URLs are joined to (RFC 2326, C.1.1); none: the request's own URL, by the requester's rules.
@@ -105,19 +99,20 @@ void mapDescription(const aoi::Request &request, const std::string &requestUrl, 
     if (!sdp)
     {
         const std::string *type = response.find("Content-Type");
-        return fail(mapped, request, unsupportedMediaType,
+        return fail(mapped, request, statusUnsupportedMediaType,
                     "the DESCRIBE answer holds no SDP: " + std::to_string(response.body.size()) + " bytes of type " +
                         rtsp::quoted(type != nullptr ? *type : ""));
     }
     std::string completed = completeRtpmaps(*sdp);
+    mapped.answer.contentBase = contentBase(request, requestUrl, response, *sdp);
     if (request.onvif)
     {
+        completed = completeControl(std::move(completed), mapped.answer.contentBase.value_or(requestUrl));
         std::string problem = descriptionProblem(completed);
         if (!problem.empty())
-            return fail(mapped, request, unsupportedMediaType, std::move(problem));
+            return fail(mapped, request, statusUnsupportedMediaType, std::move(problem));
     }
     mapped.answer.body = std::move(completed);
-    mapped.answer.contentBase = contentBase(request, requestUrl, response, *sdp);
     if (const std::string *location = response.find("Content-Location"))
         mapped.answer.url = resolveUrl(requestUrl, *location);
 }
@@ -129,14 +124,14 @@ void mapSetup(const aoi::Request &request, const rtsp::Message &response, Sessio
     if (!isRelation(request))
         ++session.setups;
     if (!mapped.answer.sessionId)
-        return fail(mapped, request, badGateway, "the SETUP answer has no Session");
+        return fail(mapped, request, statusBadGateway, "the SETUP answer has no Session");
     session.id = *mapped.answer.sessionId;
     if (!request.transport)
         return;
     std::string problem;
     const auto agreed = readTransport(*request.transport, number, response, ends, problem);
     if (!agreed)
-        return fail(mapped, request, unsupportedTransport, std::move(problem));
+        return fail(mapped, request, statusUnsupportedTransport, std::move(problem));
     mapped.answer.transport = agreed->plain;
     if (isRelation(request))
         return;
@@ -199,13 +194,13 @@ Mapped mapResponse(const aoi::Request &request, const std::string &requestUrl, c
     if (response.status < 200 || response.status >= 300)
     {
         mapped.answer = failureAnswer(request, static_cast<ZR_ULONG>(response.status));
-        if (response.status == 401)
-            mapChallenge(request, response, session, ends, mapped);
+        if (response.status == statusUnauthorized)
+            mapChallenge(request, response, mapped);
         return mapped;
     }
     if (!isOfSession(request, response))
     {
-        fail(mapped, request, sessionNotFound,
+        fail(mapped, request, statusSessionNotFound,
              "the answer is for the session " + rtsp::quoted(*response.find("Session")));
         return mapped;
     }

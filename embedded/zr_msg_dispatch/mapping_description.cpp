@@ -44,6 +44,16 @@ std::string_view withoutEnd(std::string_view line)
     return line.substr(0, std::min(line.find_first_of("\r\n"), line.size()));
 }
 
+constexpr std::string_view controlAttribute = "a=control:";
+
+/// The value of a control attribute; none when the line is another.
+std::optional<std::string_view> controlOf(std::string_view line)
+{
+    if (line.substr(0, controlAttribute.size()) != controlAttribute)
+        return std::nullopt;
+    return rtsp::trimmed(line.substr(controlAttribute.size()));
+}
+
 /// Copies a description line by line and completes each section when it ends.
 class RtpmapWriter
 {
@@ -136,6 +146,31 @@ std::string completeRtpmaps(std::string_view sdp)
     return writer.take();
 }
 
+std::string completeControl(std::string sdp, const std::string &base)
+{
+    size_t sections = 0;
+    std::string_view session;
+    for (std::string_view rest = sdp; !rest.empty();)
+    {
+        const std::string_view line = withoutEnd(takeLine(rest));
+        const auto control = controlOf(line);
+        if (control && sections > 0)
+            return sdp;
+        if (control)
+            session = *control;
+        else if (line.substr(0, 2) == "m=")
+            ++sections;
+    }
+    const bool isBase = session.empty() || session == "*";
+    const auto url = isBase ? base : resolveUrl(base.back() == '/' ? base : base + '/', session);
+    if (sections != 1 || !url)
+        return sdp;
+    const char *const lineEnd = sdp.find('\r') == std::string::npos ? "\n" : "\r\n";
+    if (sdp.back() != '\n')
+        sdp += lineEnd;
+    return sdp.append(controlAttribute).append(*url).append(lineEnd);
+}
+
 std::string descriptionProblem(std::string_view sdp)
 {
     struct Attribute
@@ -144,7 +179,7 @@ std::string descriptionProblem(std::string_view sdp)
         const char *end;
         size_t longest; ///< characters that the plug-in has room for
     };
-    constexpr Attribute attributes[] = {{"a=rtpmap:", "\r\n/;", 31}, {"a=control:", "\r\n", 511}};
+    constexpr Attribute attributes[] = {{"a=rtpmap:", "\r\n/;", 31}, {controlAttribute, "\r\n", 511}};
     constexpr std::string_view video = "m=video";
     const size_t section = sdp.find(video);
     if (section == std::string_view::npos)
@@ -164,14 +199,10 @@ std::string descriptionProblem(std::string_view sdp)
 
 bool hasRelativeControls(std::string_view sdp)
 {
-    constexpr std::string_view attribute = "a=control:";
     while (!sdp.empty())
     {
-        const std::string_view line = withoutEnd(takeLine(sdp));
-        if (line.substr(0, attribute.size()) != attribute)
-            continue;
-        const std::string_view value = rtsp::trimmed(line.substr(attribute.size()));
-        if (!value.empty() && value != "*" && value.find("://") == std::string_view::npos)
+        const auto control = controlOf(withoutEnd(takeLine(sdp)));
+        if (control && !control->empty() && *control != "*" && control->find("://") == std::string_view::npos)
             return true;
     }
     return false;

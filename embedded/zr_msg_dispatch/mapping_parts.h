@@ -38,6 +38,12 @@ std::optional<std::string> readDescription(const rtsp::Message &response);
 /// that has none.
 std::string completeRtpmaps(std::string_view sdp);
 
+/// The description of an ONVIF source with a control attribute in its only section, if it has none: the plug-in needs
+/// one, but such a stream has the session's URL (RFC 2326, C.1.1), which is the session's control attribute or the
+/// base.
+/// @param base  the content base, or the URL that was asked
+std::string completeControl(std::string sdp, const std::string &base);
+
 /// Why the plug-in could make nothing of an ONVIF source's description, and would go on waiting; empty when it can: it
 /// takes codec and control URL of the first video, wherever behind it they stand.
 std::string descriptionProblem(std::string_view sdp);

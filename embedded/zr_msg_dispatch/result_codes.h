@@ -22,7 +22,7 @@ enum : ZR_ULONG
     codeDropped = 20010,
 };
 
-/// RTSP statuses that the platform gives itself (RFC 2326, 11).
+/// RTSP statuses that the platform gives itself, or judges (RFC 2326, 11; RFC 9110, 15).
 enum : ZR_ULONG
 {
     statusOk = 200,
@@ -30,7 +30,11 @@ enum : ZR_ULONG
     statusUnauthorized = 401,
     statusForbidden = 403,
     statusMethodNotAllowed = 405,
+    statusUnsupportedMediaType = 415,
+    statusSessionNotFound = 454,
+    statusUnsupportedTransport = 461,
     statusNotImplemented = 501,
+    statusBadGateway = 502,
     statusServiceUnavailable = 503,
 };
 
