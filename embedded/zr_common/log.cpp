@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -96,8 +97,12 @@ public:
     void hide(const std::string &text)
     {
         const std::lock_guard<std::mutex> lock(m_hiddenMutex);
-        if (!text.empty())
-            m_hidden.push_back(text);
+        const auto longestFirst = [](const std::string &left, const std::string &right) {
+            return left.size() != right.size() ? left.size() > right.size() : left < right;
+        };
+        const auto place = std::lower_bound(m_hidden.begin(), m_hidden.end(), text, longestFirst);
+        if (!text.empty() && (place == m_hidden.end() || *place != text))
+            m_hidden.insert(place, text);
     }
 
     void write(tagZrLogLevel level, std::string line)
@@ -135,9 +140,9 @@ private:
 
     std::mutex m_mutex; ///< guards what the next two say and their agreement with destination and threshold
     bool m_toFile = false;
-    ZR_ULONG m_level = 0;     ///< as the host set it; 0: it did not
-    std::mutex m_hiddenMutex; ///< guards m_hidden; held for a moment only
-    std::vector<std::string> m_hidden;
+    ZR_ULONG m_level = 0;              ///< as the host set it; 0: it did not
+    std::mutex m_hiddenMutex;          ///< guards m_hidden; held for a moment only
+    std::vector<std::string> m_hidden; ///< the longest first, for it may hold others
     std::shared_ptr<spdlog::sinks::dist_sink_mt> m_destination;
     std::shared_ptr<spdlog::sinks::sink> m_stderr;
     spdlog::logger m_logger;

@@ -66,6 +66,14 @@ TEST_F(Log, HasOneLineForEachCallWhateverItsTextHolds)
     EXPECT_THAT(all[0], MatchesRegex("....-..-.. ..:..:..\\.[0-9]+ error [0-9]+ 0x.*"));
 }
 
+TEST_F(Log, HidesWhatItIsToldToWhole)
+{
+    for (const char *secret : {"", "s3cret", "user:s3cret-and-more", "s3cret-and-more", "s3cret"})
+        ZR_LogHide(secret);
+    write(ZR_LOG_ERROR, "s3cret user:s3cret-and-more s3cret-and-more");
+    EXPECT_THAT(linesOf(m_file), ElementsAre(EndsWith(":42 *** *** ***")));
+}
+
 TEST_F(Log, TakesTheLevelsThatWereAskedFor)
 {
     write(ZR_LOG_DEBUG, "off by default");
