@@ -124,8 +124,8 @@ extern "C"
     ZR_PLATFORM_API ZR_ULONG ZR_SessionSetReplay(ZR_ULONG ulAOIPortID, const ZrOnvifReplay *pstReplay);
 
     /// Trusts the certificates of a file for rtsps, issuers' or a server's own, besides those of the system or of the
-    /// file given to init. Counts
-    /// from the plug-in's next init on, so call it before. May be called for several files. Any thread.
+    /// file given to init. Counts from the plug-in's next init on, so call it before. May be called for several files.
+    /// Any thread.
     /// @param pszCaFile  PEM certificates; NULL: takes back all that were added
     /// @return 0, else a tagZrTlsCode and nothing has changed
     ZR_PLATFORM_API ZR_ULONG ZR_TlsAddTrust(const char *pszCaFile);
@@ -203,11 +203,14 @@ extern "C"
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortSetDescription(ZR_ULONG ulPortID, const char *pszSdp);
 
     /// Records what arrives into a Matroska file, or ends the recording and returns when the file is whole.
-    /// @param pszFile  the file; NULL ends
+    /// @param pszFile  the file; NULL ends. One that exists is emptied at once, and removed when nothing came. Links
+    ///                 are followed, so name it in no folder where others may make one. What is no regular file is
+    ///                 refused
     /// @return 0; a code when it cannot be written, no track is known, or the library was built without GStreamer
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *pszFile);
 
-    /// Writes the next whole picture into a PNG file.
+    /// Writes the next whole picture into a PNG file: into a new one beside it, which then takes its name, also that of
+    /// a link or of whatever else has it but a directory. Without a picture that stays as it is.
     /// @param ulTimeoutMs  how long to wait for it, in milliseconds
     /// @return 0; a code when none came in time or it cannot be written
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG ulTimeoutMs);

@@ -58,6 +58,8 @@ std::string temporaryName(const std::string &file)
     return file + "." + std::to_string(getpid()) + "-" + std::to_string(number.fetch_add(1)) + ".part";
 }
 
+/// Makes it, or empties what has its name, as a host that names an output file expects; links are followed.
+/// @param fresh  it must be new: a name of our own, behind which nobody else's link may lie
 /// @return 0, else the system's error number
 int createFile(const std::string &file, bool fresh)
 {
