@@ -8,6 +8,7 @@
 #include <gst/rtsp-server/rtsp-server.h>
 
 #include "recording.h"
+#include "shared_media.h"
 
 namespace zr::device {
 namespace {
@@ -55,28 +56,15 @@ private:
     GSource *m_source = nullptr;
 };
 
-// Once more than its clients did: a shared media that the last client leaves while another one comes stays broken.
-void keepPrepared(GstRTSPMedia *media, gpointer)
-{
-    g_signal_handlers_disconnect_by_func(media, reinterpret_cast<gpointer>(keepPrepared), nullptr);
-    gst_rtsp_media_prepare(media, nullptr);
-}
-
-void onSharedMedia(GstRTSPMediaFactory *, GstRTSPMedia *media, gpointer)
-{
-    g_signal_connect(media, "prepared", G_CALLBACK(keepPrepared), nullptr);
-}
-
 void addMount(GstRTSPMountPoints *mounts, const char *path, const std::string &pipeline, bool shared)
 {
     GstRTSPMediaFactory *factory = gst_rtsp_media_factory_new();
     gst_rtsp_media_factory_set_launch(factory, pipeline.c_str());
-    gst_rtsp_media_factory_set_shared(factory, shared ? TRUE : FALSE);
     gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
                                     GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
     if (shared)
     {
-        g_signal_connect(factory, "media-configure", G_CALLBACK(onSharedMedia), nullptr);
+        shareMedia(factory);
     }
     gst_rtsp_mount_points_add_factory(mounts, path, factory); // which takes it over
 }

@@ -37,12 +37,6 @@ std::string encoder(const Picture &picture)
            std::to_string(picture.framesPerSecond);
 }
 
-// A track that no client has set up is linked to nothing: that must not end the others'.
-std::string unasked()
-{
-    return hasElement("errorignore") ? " ! errorignore ignore-error=false ignore-notlinked=true convert-to=ok" : "";
-}
-
 constexpr const char *rawAudio = " ! audio/x-raw,rate=8000,channels=1";
 
 } // namespace
@@ -51,10 +45,11 @@ std::string livePipeline(const Picture &picture, bool audio)
 {
     std::string text = "( videotestsrc is-live=true pattern=" + picture.pattern + rawVideo(picture) +
                        overlay("clockoverlay", "time-format=\"%Y-%m-%d %H:%M:%S\" halignment=center valignment=top") +
-                       encoder(picture) + unasked() + " ! rtph264pay name=pay0 pt=96 config-interval=-1";
+                       encoder(picture) + " ! rtph264pay name=pay0 pt=96 config-interval=-1";
     if (audio)
     {
-        text += std::string(" audiotestsrc is-live=true wave=ticks") + rawAudio + " ! mulawenc" + unasked() +
+        text += std::string(" audiotestsrc is-live=true wave=ticks") + rawAudio +
+                " ! mulawenc"
                 " ! rtppcmupay name=pay1 pt=0 max-ptime=20000000";
     }
     return text + " )";
