@@ -17,7 +17,7 @@ enum class ExitCode
     Usage = 2,       ///< wrong options
     Unreachable = 3, ///< no connection, no trust in who answers, or no answer
     Credentials = 4, ///< the server wants credentials, or other ones
-    Refused = 5,     ///< the server refused a request
+    Refused = 5,     ///< the server refused a request, or its description cannot be used
     NoMedia = 6,     ///< nothing arrived, or it stopped
     Output = 7,      ///< a picture or a recording could not be written
     Lost = 8,        ///< the server ended the session or died; not every stream was alive at the end (watch)

@@ -13,7 +13,7 @@ Exit codes:
   3    the server cannot be reached, cannot be trusted, or does not answer (so that
        it can be understood)
   4    credentials missing or refused
-  5    refused by the server
+  5    refused by the server, or its description cannot be used
   6    no media arrived, or it stopped
   7    a picture or recording could not be written
   8    the server ended the session or died; not all streams are alive (watch)

@@ -44,7 +44,8 @@ public:
     }
 
     /// Runs until it is over for good; throws nothing.
-    void run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options);
+    /// @return false when it is over because what is told cannot be printed
+    bool run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options);
 
     // any thread
     State state() const { return m_state; }
@@ -52,6 +53,7 @@ public:
     uint64_t lost() const { return m_lost; }
 
 private:
+    void runAll(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options);
     Ending runOnce(Plugin &plugin, const Interrupt &interrupt, const CourseOptions &options);
     void count(const Media &media, const Media &before);
 
@@ -103,13 +105,7 @@ void Stream::event(const std::string &name, const std::string &text, const Field
 
 void Stream::failure(const Failure &what)
 {
-    try
-    {
-        event("failed", what.what(), {{"code", what.code()}});
-    }
-    catch (const Failure &) // nobody reads it, which ends the program as soon as its summary is to be printed
-    {
-    }
+    event("failed", what.what(), {{"code", what.code()}});
 }
 
 void Stream::count(const Media &media, const Media &before)
@@ -133,7 +129,21 @@ Ending Stream::runOnce(Plugin &plugin, const Interrupt &interrupt, const CourseO
     });
 }
 
-void Stream::run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options)
+bool Stream::run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options)
+{
+    try
+    {
+        runAll(plugin, interrupt, options);
+        return true;
+    }
+    catch (const Failure &)
+    {
+        return false;
+    }
+}
+
+/// @throws Failure  when it cannot be printed
+void Stream::runAll(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options)
 {
     try
     {
@@ -142,7 +152,11 @@ void Stream::run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions 
     }
     catch (const Failure &failed)
     {
-        if (!m_told && !interrupt.asked() && failed.exit() != ExitCode::Output)
+        if (failed.exit() == ExitCode::Output)
+        {
+            throw;
+        }
+        if (!m_told && !interrupt.asked())
         {
             failure(failed);
         }
@@ -227,7 +241,10 @@ void Watch::start()
     {
         const std::scoped_lock lock(m_mutex);
         m_threads.emplace_back([this, one = stream.get()] {
-            one->run(m_plugin, m_interrupt, m_options);
+            if (!one->run(m_plugin, m_interrupt, m_options))
+            {
+                m_interrupt.ask(); // the end is to be printed as well: that tells why
+            }
             const std::scoped_lock ending(m_mutex);
             --m_running;
             m_ended.notify_all();

@@ -3,8 +3,8 @@
 import signal
 import unittest
 
-from faulty_device import Device as FaultyDevice
-from programs import INTERRUPTED, LOST, OK, REFUSED, HostTest
+from faulty_device import PASSWORD as SECRET, USER, Device as FaultyDevice
+from programs import CREDENTIALS, INTERRUPTED, LOST, OK, REFUSED, HostTest
 
 
 class DownloadTest(HostTest):
@@ -48,6 +48,14 @@ class RelationTest(HostTest):
         for relation in (requests[2], requests[3]):
             self.assertRegex(relation, r"^\w+ rtsp://127.0.0.1:\d+/relay RTSP/1.0\r\n(.*\r\n)*Session: 4711(\r\n|$)")
         self.assertIn("\r\nTransport: RTP/AVP/TCP;unicast;destination=127.0.0.9;client_port=6000-6001", requests[2])
+
+    def test_credentials(self):
+        device = {"DESCRIBE": {"lines": ["Content-Location: relay"]},
+                  "auth": {"lines": ['WWW-Authenticate: Digest realm="wall", nonce="{nonce}"']}}
+        result, _ = self.relay(OK, device, "--duration", "0.5", "--user", USER, "--password", SECRET)
+        self.assertIn("sends to 127.0.0.9:6000 as well", result.out)
+        result, _ = self.relay(CREDENTIALS, device, "--user", USER, "--password", "wrong")
+        self.assertIn("check --user and --password", result.err)
 
     def test_no_relation_is_told(self):
         result, requests = self.relay(REFUSED, {})

@@ -1,10 +1,12 @@
 """What goes wrong is told: an exit code for scripts, and words for people."""
 
+import os
 import socket
+import subprocess
 import time
 import unittest
 
-from programs import CREDENTIALS, OUTPUT, PASSWORD, REFUSED, UNREACHABLE, USAGE, USER, Device, HostTest
+from programs import CREDENTIALS, OUTPUT, PASSWORD, REFUSED, UNREACHABLE, USAGE, USER, Device, HostTest, command
 
 
 class FailuresTest(HostTest):
@@ -41,11 +43,36 @@ class FailuresTest(HostTest):
     def test_usage_and_output(self):
         for arguments in ((), ("play",), ("play", "http://127.0.0.1/"), ("play", "rtsp://127.0.0.1:99999/"),
                           ("play", "rtsp://127.0.0.1/", "--speed", "3"), ("play", "rtsp://127.0.0.1/", "--tcp", "--udp"),
-                          ("play", "rtsp://127.0.0.1/", "--record", self.file("no/such/folder/x.mkv"))):
+                          ("play", "rtsp://127.0.0.1/", "--record", self.file("no/such/folder/x.mkv")),
+                          ("play", "rtsp://127.0.0.1/", "--pasword", PASSWORD), # which is not repeated
+                          ("play", "rtsp://127.0.0.1/", "--tag", "plain", "--user", "a:b", "--password", PASSWORD)):
             with self.subTest(arguments=arguments):
                 self.failure(USAGE, "reading the command line failed", *arguments)
         self.failure(OUTPUT, "could not be written", "play", self.device().url("video"), "--duration", "1",
                      "--snapshot", self.folder)
+
+    def test_nobody_reads(self):
+        url = self.device().url("live")
+        with open(self.file("urls"), "w", encoding="ascii") as listed:
+            listed.write(f"{url}\nrtsp://127.0.0.1:1/\n")
+        for arguments in (("watch", listed.name), ("watch", listed.name, "--json"), ("play", url, "--json")):
+            with self.subTest(arguments=arguments):
+                unread, out = os.pipe()
+                os.close(unread)
+                with os.fdopen(out, "w") as abandoned:
+                    run = subprocess.run(command(*arguments), stdout=abandoned, stderr=subprocess.PIPE, text=True,
+                                         timeout=60)
+                self.assertEqual((run.returncode, run.stderr), (OUTPUT, ""))
+
+    def test_check_ends_with_a_verdict(self):
+        """Whatever fails on the way, and whatever becomes of its page."""
+        url = self.device().url("video")
+        os.environ["TMPDIR"] = self.file("none")
+        self.addCleanup(os.environ.pop, "TMPDIR")
+        result = self.run_host(OUTPUT, "check", url, "--report", "/proc/page.html")
+        self.assertIn("the stream plays; failed: picture", result.out)
+        result = self.run_host(USAGE, "check", url, "--tag", "plain", "--user", "a:b", "--password", PASSWORD)
+        self.assertIn("the stream does not play; failed: session", result.out)
 
     def test_device_says_why_it_cannot_serve(self):
         with socket.create_server(("127.0.0.1", 0)) as taken:
