@@ -62,14 +62,23 @@ int run(Work &&work)
 class Session
 {
 public:
+    /// Whether what plays is received, or only controlled; interleaved media of one that only controls is passed over.
+    enum class Media
+    {
+        Received,
+        None
+    };
+
     /// @param observer  told of the session's end; NULL: nobody
-    Session(Source source, const std::string &localAddress, CIMediaCtrlObserver *observer = nullptr)
+    Session(Source source, const std::string &localAddress, CIMediaCtrlObserver *observer = nullptr,
+            Media media = Media::Received)
         : m_source(std::move(source))
         , m_observer(observer)
+        , m_media(media)
     {
         ZR_USHORT localPort = 0;
-        Library::require("opening a media port",
-                         ZR_MediaPortOpen(m_id, m_id, localAddress.c_str(), &localPort)); // before the object is made
+        if (m_media == Media::Received) // before the object is made
+            Library::require("opening a media port", ZR_MediaPortOpen(m_id, m_id, localAddress.c_str(), &localPort));
         m_control = createMediaCtrlInter(m_id, "example-" + std::to_string(m_id), m_source.host, localAddress,
                                          localPort, m_source.host, m_source.port, m_id);
         m_control->setDecoderDesc("onvif");
@@ -82,7 +91,8 @@ public:
         if (m_observer != nullptr)
             m_control->detachObserver(m_observer);
         deleteMediaCtrlInter(&m_control); // which tears the session down where that was not done
-        ZR_MediaPortClose(m_id);          // after the object is gone
+        if (m_media == Media::Received)
+            ZR_MediaPortClose(m_id); // after the object is gone
     }
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
@@ -94,7 +104,8 @@ public:
         Library::require("describe", m_control->describe(m_source.url()));
         CMediaAbility ability;
         m_control->getMediaAbility(ability);
-        ZR_MediaPortSetDescription(m_id, ability.getDescribeRspSdp().c_str());
+        if (m_media == Media::Received)
+            ZR_MediaPortSetDescription(m_id, ability.getDescribeRspSdp().c_str());
         const std::string video = ability.getOnvifInfo().m_strVideoControl;
         Library::require("setup", downloadSpeed < 0 ? m_control->setup(video, protocol)
                                                     : extended<CIMediaCtrlEx2>().setup(
@@ -129,6 +140,7 @@ private:
     const ZR_ULONG m_id = nextId();
     CIMediaCtrl *m_control = nullptr;
     CIMediaCtrlObserver *const m_observer;
+    const Media m_media;
 };
 
 } // namespace example
