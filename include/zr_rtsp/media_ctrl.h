@@ -67,7 +67,8 @@ public:
     /// Asks for the stream's description (RFC 2326, 10.2) and, of an ONVIF source, answers a challenge once (RFC 2617).
     /// @param strURL  the RTSP URL; credentials may follow as "?auth&username=U&password=P&", which is cut off
     /// @return 0; 2 when an ONVIF answer names no video (with credentials given: they were refused); 13503 without an
-    ///         answer; 13401 when it could not be sent; the server's status; 3; 10109
+    ///         answer; 13401 when it could not be sent; the server's status; 1 for an answer that is neither; 3; 10109
+    ///         or the platform's own code
     virtual ZR_ULONG describe(const std::string &strURL) = 0;
 
     /// Sets a track up (RFC 2326, 10.4), once for each track.
@@ -79,7 +80,7 @@ public:
 
     /// Plays at normal speed (RFC 2326, 10.5), first handing an ONVIF source's stream information to the player.
     /// @param strStartTime, strStopTime  a range as the source understands it; an empty start sends none
-    /// @return 0; 3; 13402 before setup; 13952 for every other failure; the hand-off's own code
+    /// @return 0; 3; 13402 before describe or setup, or after a failed setup; 13952 for every other failure; the hand-off's own code
     virtual ZR_ULONG play(const std::string &strStartTime, const std::string &strStopTime) = 0;
 
     /// Ends the session (RFC 2326, 10.7) without waiting for the answer, and the object's registration with it. Called

@@ -1,7 +1,8 @@
-// g_szDescribe, what is cut out of its answer, and the Authorization values of RFC 2617.
+// DESCRIBE, what is cut out of its answer, and the Authorization values of RFC 2617.
 
 #include "rtsp_mediactrl.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -388,8 +389,10 @@ ZR_ULONG CRtspMediaCtrl::calcAuth(COnvifInfo &oInfo)
     char szHeader[BASIC_SIZE] = {};
     VELK_snprintf(szCredentials, sizeof szCredentials, "%s:%s", oInfo.m_strUserName.c_str(),
                   oInfo.m_strPassword.c_str());
-    const ZR_ULONG ulResult =
-        TW_VODstr2Base64(szCredentials, static_cast<ZR_ULONG>(VELK_strlen(szCredentials)), szBase64);
+    // the encoder is not told the buffer's size; three bytes become four characters
+    constexpr size_t uLongest = (sizeof szBase64 - 1) / 4 * 3;
+    const ZR_ULONG ulResult = TW_VODstr2Base64(
+        szCredentials, static_cast<ZR_ULONG>(std::min(VELK_strlen(szCredentials), uLongest)), szBase64);
     if (ulResult != ZR_RTSP_OK)
     {
         RTSP_LOG(ERROR, ulResult, "[%s] Calc str to base64 failed, string is %s", szFunction, szCredentials);

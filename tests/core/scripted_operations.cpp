@@ -263,7 +263,10 @@ ZR_ULONG TW_DigestCalcResponse(const char *ha1, const char *nonce, const char *c
 ZR_ULONG TW_VODstr2Base64(const char *in, ZR_ULONG length, char *out)
 {
     const ZR_ULONG code = platform.enter("base64");
-    return code != 0 ? code : realBase64(in, length, out);
+    if (code != 0)
+        return code;
+    constexpr ZR_ULONG fills128 = 93, tooLong = 888;
+    return length > fills128 ? tooLong : realBase64(in, length, out);
 }
 
 // --- system wrapper library
