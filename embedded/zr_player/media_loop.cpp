@@ -116,8 +116,8 @@ void MediaLoop::schedule(LoopClient &client, TimePoint due)
     found->second.due = due;
     if (due != TimePoint::max())
     {
-        const bool first = m_dues.insert({due, &client}).first == m_dues.begin();
-        if (first && m_running == nullptr)
+        const auto placed = m_dues.insert({due, &client}).first; // on its own: begin() must be asked for after it
+        if (placed == m_dues.begin() && m_running == nullptr)
         {
             wake();
         }

@@ -1,7 +1,10 @@
+#include <future>
+#include <thread>
 #include <tuple>
 
 #include "description.h"
 #include "hand_off.h"
+#include "media_loop.h"
 #include "player_tools.h"
 #include "rtcp.h"
 #include "rtp.h"
@@ -234,6 +237,26 @@ TEST_F(OpenPort, ReportsToThePeer)
     EXPECT_EQ(report[40], 1U);
     EXPECT_GT(report.size(), 42U + report[41]) << "a zero ends the list";
     EXPECT_EQ(report.size(), 32 + 4 * (1 + readU16(report.data() + 34)));
+}
+
+/// No packet wakes the media thread of a port that is received by its connection.
+TEST(MediaThread, ComesWhenAClientIsDueThoughNothingArrives)
+{
+    struct Client : LoopClient
+    {
+        void readable(int, PacketBatch &) override {}
+        TimePoint tick(TimePoint) override
+        {
+            came.set_value();
+            return TimePoint::max();
+        }
+        std::promise<void> came;
+    } client;
+    ASSERT_TRUE(MediaLoop::instance().add(client));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // it has begun to wait, for ever
+    MediaLoop::instance().schedule(client, Clock::now() + std::chrono::milliseconds(1));
+    EXPECT_EQ(client.came.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    MediaLoop::instance().remove(client);
 }
 
 TEST_F(OpenPort, LetsGoOfAConnection)
