@@ -295,8 +295,9 @@ Paced openAndClose(const Options &options, Failures &failures)
     const Meter meter;
     const auto begin = Clock::now();
     std::atomic<unsigned> begun{0};
-    std::atomic<unsigned> unneeded{0};
-    const unsigned good = forEach(options.n, options.inFlight, failures, [&](unsigned i) {
+    std::atomic<unsigned> unneeded{0}; // those that are late
+    const auto n = static_cast<unsigned>(std::min(uint64_t{options.n}, uint64_t{options.rate} * options.seconds));
+    const unsigned good = forEach(n, options.inFlight, failures, [&](unsigned i) {
         const auto due = begin + std::chrono::nanoseconds(uint64_t{i} * 1000000000U / options.rate);
         std::this_thread::sleep_until(due);
         if (Clock::now() - begin >= std::chrono::seconds(options.seconds))
