@@ -90,6 +90,7 @@ std::string Counts::json() const
                                         {"refused", refused},
                                         {"rtp_sent", rtpSent},
                                         {"rtp_skipped", rtpSkipped},
+                                        {"rtp_worst_gap_ms", rtpWorstGapMs},
                                         {"rtcp_received", rtcpReceived},
                                         {"methods", methods}};
     return all.dump();
@@ -288,6 +289,7 @@ std::string Session::play(const std::string &cseq)
     {
         m_counts.played += m_everPlayed ? 0 : 1;
         m_everPlayed = true;
+        m_packetMade = m_heard;
         become(State::Playing);
     }
     return ok(cseq, sessionLine() + "Range: npt=0.000-\r\n");
@@ -342,6 +344,10 @@ std::string_view Session::nextPacket()
     constexpr size_t frameHeader = 4;
     constexpr size_t size = std::tuple_size_v<decltype(m_packet)> - frameHeader;
     char *const packet = m_packet.data() + frameHeader;
+    const auto now = Clock::now();
+    const auto gap = std::chrono::duration_cast<std::chrono::milliseconds>(now - m_packetMade).count();
+    m_counts.rtpWorstGapMs = std::max(m_counts.rtpWorstGapMs, int64_t{gap});
+    m_packetMade = now;
     m_packet[0] = '$';
     m_packet[1] = static_cast<char>(m_track->to);
     put(m_packet.data() + 2, size, 2);

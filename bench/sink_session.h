@@ -40,6 +40,7 @@ struct Counts
     uint64_t challenges = 0, authRight = 0, authWrong = 0;
     uint64_t refused = 0; ///< answers from 400 on, challenges apart
     uint64_t rtpSent = 0, rtpSkipped = 0, rtcpReceived = 0;
+    int64_t rtpWorstGapMs = 0; ///< the longest that a session waited for its next packet, by the sink's own doing
     std::map<std::string, uint64_t> methods;
 
     std::string json() const;
@@ -109,6 +110,7 @@ private:
     unsigned m_setups = 0;
     Clock::time_point m_heard;
     uint16_t m_sequence = 0;
+    Clock::time_point m_packetMade; ///< since it plays
     uint32_t m_timestamp = 0;
     std::array<char, 4 + 12 + 160> m_packet{};
 };
