@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <map>
+#include <unordered_map>
 
 #include "platform_log.h"
 #include "port.h"
@@ -19,8 +20,16 @@ struct Entry
 
 struct Registry
 {
-    std::mutex mutex; ///< guards the table; nothing is called under it
+    std::mutex mutex; ///< guards what follows; nothing is called under it
     std::map<ZR_ULONG, Entry> table;
+    std::unordered_map<ZR_ULONG, ZR_ULONG> byAoiPort; ///< every SETUP asks, of thousands of ports
+
+    /// Under the mutex.
+    void erase(std::map<ZR_ULONG, Entry>::iterator entry)
+    {
+        byAoiPort.erase(entry->second.aoiPortId);
+        table.erase(entry);
+    }
 };
 
 /// Never destroyed: a port that a host left open must not be closed after the log is gone.
@@ -64,14 +73,20 @@ bool reserve(ZR_ULONG portId, ZR_ULONG aoiPortId)
 {
     Registry &ports = registry();
     const std::lock_guard<std::mutex> lock(ports.mutex);
-    for (const auto &[id, entry] : ports.table)
+    if (ports.table.count(portId) != 0 || ports.byAoiPort.count(aoiPortId) != 0)
     {
-        if (id == portId || entry.aoiPortId == aoiPortId)
-        {
-            return false;
-        }
+        return false;
     }
     ports.table[portId].aoiPortId = aoiPortId;
+    try
+    {
+        ports.byAoiPort[aoiPortId] = portId;
+    }
+    catch (...)
+    {
+        ports.table.erase(portId);
+        throw;
+    }
     return true;
 }
 
@@ -82,7 +97,7 @@ void settle(ZR_ULONG portId, const std::shared_ptr<MediaPort> &port)
     const std::lock_guard<std::mutex> lock(ports.mutex);
     if (port == nullptr)
     {
-        ports.table.erase(portId);
+        ports.erase(ports.table.find(portId));
     }
     else
     {
@@ -101,7 +116,7 @@ std::shared_ptr<MediaPort> take(ZR_ULONG portId)
         return nullptr;
     }
     std::shared_ptr<MediaPort> port = std::move(found->second.port);
-    ports.table.erase(found);
+    ports.erase(found);
     return port;
 }
 
@@ -111,14 +126,8 @@ std::shared_ptr<zr::media::Port> zr::media::findByAoiPort(ZR_ULONG aoiPortId)
 {
     Registry &ports = registry();
     const std::lock_guard<std::mutex> lock(ports.mutex);
-    for (const auto &[id, entry] : ports.table)
-    {
-        if (entry.aoiPortId == aoiPortId)
-        {
-            return entry.port;
-        }
-    }
-    return nullptr;
+    const auto found = ports.byAoiPort.find(aoiPortId);
+    return found == ports.byAoiPort.end() ? nullptr : ports.table.at(found->second).port;
 }
 
 int PlayerInputOnvifRtpInfo(ZR_ULONG ulPortID, const unsigned char *pucPacket, ZR_ULONG ulLen)
