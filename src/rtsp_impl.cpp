@@ -1,8 +1,8 @@
 #include "rtsp_impl.h"
 
-#include <algorithm>
 #include <list>
 #include <memory>
+#include <unordered_map>
 
 #include "ace/Guard_T.h"
 #include "ace/Thread_Mutex.h"
@@ -18,9 +18,11 @@ std::atomic<CIAOIMsgDisp *> g_pAOIMsgDispInter{nullptr};
 
 namespace {
 
-/// The live objects, in the order of their creation; it owns none. Guarded by the mutex below, which is the first in
-/// the order of locks: before an object's and before an observer list's.
+/// The live objects, in the order of their creation; it owns none. It and their places are guarded by the mutex below,
+/// which is the first in the order of locks: before an object's and before an observer list's.
 std::list<CIMediaCtrl *> g_lstMediaCtrl;
+/// Where each stands in it, so that a deletion among thousands searches nothing.
+std::unordered_map<CIMediaCtrl *, std::list<CIMediaCtrl *>::iterator> g_mapPlaces;
 ACE_Thread_Mutex g_oMediaCtrlListMutex(nullptr, errorCheckingAttributes());
 
 CIMediaCtrl *createRegistered(ZR_ULONG ulPortID, const std::string &strSrcUaID, const std::string &strDstUaID,
@@ -38,6 +40,7 @@ CIMediaCtrl *createRegistered(ZR_ULONG ulPortID, const std::string &strSrcUaID, 
                                                   strServerIP, usServerPort, ulAOIPortID);
     RTSP_IMPL_LOG(INFO, 0, "[%s] succeed create a MediaCtrl Object with SrcUaID : %s",
                   "zr_rtsp.dll::createMediaCtrlInter", strSrcUaID.c_str());
+    g_mapPlaces.emplace(poNew.get(), lstNew.begin());
     lstNew.front() = poNew.release();
     g_lstMediaCtrl.splice(g_lstMediaCtrl.end(), lstNew);
     return g_lstMediaCtrl.back();
@@ -50,9 +53,12 @@ ZR_ULONG unregisterObject(CIMediaCtrl *poCIMediaCtrl)
     const ACE_Guard<ACE_Thread_Mutex> oGuard(g_oMediaCtrlListMutex);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
-    const auto itFound = std::find(g_lstMediaCtrl.begin(), g_lstMediaCtrl.end(), poCIMediaCtrl);
-    if (itFound != g_lstMediaCtrl.end())
-        g_lstMediaCtrl.erase(itFound);
+    const auto itFound = g_mapPlaces.find(poCIMediaCtrl);
+    if (itFound != g_mapPlaces.end())
+    {
+        g_lstMediaCtrl.erase(itFound->second);
+        g_mapPlaces.erase(itFound);
+    }
     return ZR_RTSP_OK;
 }
 
