@@ -20,7 +20,26 @@ namespace zr::dispatch {
 namespace {
 
 /// What one wake-up reads at most, so that no server starves the others.
-constexpr size_t readBudget = 65536;
+constexpr size_t readBudget = 16384;
+/// What was sent is kept in front of what waits, up to here.
+constexpr size_t maxSentKept = 65536;
+
+/// A flag that is raised in this scope.
+class Raised
+{
+public:
+    explicit Raised(bool &flag)
+        : m_flag(flag)
+    {
+        m_flag = true;
+    }
+    ~Raised() { m_flag = false; }
+    Raised(const Raised &) = delete;
+    Raised &operator=(const Raised &) = delete;
+
+private:
+    bool &m_flag;
+};
 
 std::string systemText(int error)
 {
@@ -206,7 +225,12 @@ int Connection::handle_input(ACE_HANDLE)
 void Connection::take(std::string_view bytes)
 {
     m_parser.append(bytes.data(), bytes.size());
-    watchMessageTime(parse());
+    {
+        const Raised gathering(m_gathering);
+        watchMessageTime(parse());
+    }
+    if (m_state == State::Up)
+        flush();
 }
 
 void Connection::takeSecured(std::string_view bytes)
@@ -360,7 +384,14 @@ void Connection::finishWriting()
     flush();
 }
 
+/// Sends what waits, unless more is about to come, or the socket is full.
 void Connection::flush()
+{
+    if (!m_gathering && !m_wantsOutput)
+        send();
+}
+
+void Connection::send()
 {
     while (m_outSent < m_out.size())
     {
@@ -378,7 +409,7 @@ void Connection::flush()
         failLater(systemText(errno));
         return;
     }
-    if (m_outSent == m_out.size() || m_outSent > readBudget)
+    if (m_outSent == m_out.size() || m_outSent > maxSentKept)
     {
         m_out.erase(0, m_outSent);
         m_outSent = 0;
@@ -404,7 +435,7 @@ int Connection::handle_output(ACE_HANDLE)
     if (m_state == State::Connecting)
         finishConnect();
     else if (m_state == State::Up || m_state == State::Securing)
-        flush();
+        send();
     return 0;
 }
 

@@ -100,6 +100,7 @@ private:
     bool queueSecured();
     void sayGoodbye();
     void flush();
+    void send();
     void wantOutput(bool wanted);
     void fail(const std::string &reason, bool orderly = false);
     void failLater(const std::string &reason);
@@ -122,6 +123,7 @@ private:
     size_t m_outSent = 0;
     bool m_wantsOutput = false;
     bool m_finishWriting = false;
+    bool m_gathering = false; ///< what was read is being acted on; the answers go out together
 
     bool m_midMessage = false;
     SteadyClock::time_point m_messageBegun;
