@@ -38,7 +38,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto packetEvery = 10ms;
 constexpr auto silence = 3s;
-constexpr size_t blockSize = 64 * 1024;
+constexpr size_t blockSize = 65536;
 
 std::string frame(char channel, size_t payload)
 {
