@@ -65,8 +65,8 @@ private:
 
     const std::shared_ptr<JobQueue> m_jobs = std::make_shared<JobQueue>();
     std::unique_ptr<ACE_Timer_Queue> m_timers; ///< outlives the reactor, which does not own it
+    std::unique_ptr<Waker> m_waker;            ///< likewise: the reactor's end looks at notifications that wait
     std::unique_ptr<ACE_Reactor> m_reactor;
-    std::unique_ptr<Waker> m_waker;
     std::thread m_thread;
     std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_ended{true};

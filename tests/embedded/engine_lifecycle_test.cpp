@@ -1,9 +1,11 @@
 #include <cstdlib>
+#include <functional>
 #include <future>
 
 #include "callback_thread.h"
 #include "dispatcher.h"
 #include "engine_fixture.h"
+#include "io_loop.h"
 
 namespace zr::test {
 
@@ -173,6 +175,19 @@ TEST(Dispatcher, InitAndDestroyNestAndComeAgain)
         EXPECT_NE(dispatcher->sendAOIMsg(nullptr), 0U);
     }
     EXPECT_NE(ZR_MSGDISP_Init(0, 0, "a\r\nb: c", nullptr), 0U);
+}
+
+TEST(IoLoop, EndsWhileItIsNotified)
+{
+    for (int i = 0; i < 20; ++i)
+    {
+        dispatch::IoLoop loop;
+        ASSERT_TRUE(loop.start());
+        std::function<void()> again;
+        again = [&] { loop.post(again); }; // whenever it ends, one more is announced
+        loop.post(again);
+        loop.stop();
+    }
 }
 
 TEST(Dispatcher, MayBeLeftRunningAtTheEnd)
