@@ -80,7 +80,8 @@ public:
 
     /// Plays at normal speed (RFC 2326, 10.5), first handing an ONVIF source's stream information to the player.
     /// @param strStartTime, strStopTime  a range as the source understands it; an empty start sends none
-    /// @return 0; 3; 13402 before describe or setup, or after a failed setup; 13952 for every other failure; the hand-off's own code
+    /// @return 0; 3; 13402 before describe or setup, or after a failed setup; 13952 for every other failure; the
+    /// hand-off's own code
     virtual ZR_ULONG play(const std::string &strStartTime, const std::string &strStopTime) = 0;
 
     /// Ends the session (RFC 2326, 10.7) without waiting for the answer, and the object's registration with it. Called
