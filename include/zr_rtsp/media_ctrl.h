@@ -92,6 +92,8 @@ public:
     /// Has the server send the stream to a TV wall as well.
     /// @param ulProtocol   a tagProtocol
     /// @param stTransport  the wall's receiver
+    /// @return 0; the server's status; 13951 without an answer, or when the description offered no relation; 13402 in a
+    ///         wrong state; 3, 10109 or the platform's own code
     virtual ZR_ULONG setupToTV(ZR_ULONG ulProtocol, const tagTransportAddr &stTransport) = 0;
     virtual void teardownToTV() = 0;
 
@@ -141,6 +143,7 @@ public:
     virtual void setKeepLiveInterval(ZR_ULONG ulMilliseconds) = 0;
     /// Sets a track up for a download; the speed stays for later setups.
     /// @param ulSpeed, iFullFrame  as in CIMediaCtrlEx::download
+    /// @return as CIMediaCtrl::setup
     virtual ZR_ULONG setup(const std::string &strURL, tagProtocol enProtocol, ZR_ULONG ulSpeed, int32_t iFullFrame) = 0;
 
     virtual ~CIMediaCtrlEx2() {}
