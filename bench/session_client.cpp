@@ -382,7 +382,7 @@ Options optionsOf(int argc, char **argv)
     }
     catch (const CLI::ParseError &wrong)
     {
-        std::exit(app.exit(wrong) == 0 ? 0 : 2);
+        std::exit(app.exit(wrong) == 0 ? 0 : 2); // NOLINT(concurrency-mt-unsafe): there is one thread yet
     }
     options.user = credentials.substr(0, credentials.find(':'));
     options.password = credentials.substr(std::min(credentials.size(), options.user.size() + 1));

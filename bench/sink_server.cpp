@@ -142,7 +142,7 @@ Server::Server(const sink::Options &options)
     sigemptyset(&signals);
     for (const int which : {SIGTERM, SIGINT, SIGUSR1})
         sigaddset(&signals, which);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     m_signals = checked(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC), "signalfd");
     uint16_t port = options.port;
     m_listener = boundSocket(SOCK_STREAM, port);
@@ -345,12 +345,12 @@ void Server::sendPacket(int fd, Peer &peer)
     flush(fd, peer); // one that is gone is dropped when it is read
 }
 
-unsigned number(const char *text, unsigned most)
+unsigned number(const std::string &text, unsigned most)
 {
     char *end = nullptr;
-    const unsigned long value = std::strtoul(text, &end, 10);
-    if (*text == '\0' || *end != '\0' || value > most)
-        throw std::invalid_argument(std::string(text) + " is no number up to " + std::to_string(most));
+    const unsigned long value = std::strtoul(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || value > most)
+        throw std::invalid_argument(text + " is no number up to " + std::to_string(most));
     return static_cast<unsigned>(value);
 }
 
@@ -364,11 +364,12 @@ sink::Options optionsOf(int argc, char **argv)
                             {"help", no_argument, nullptr, 'h'},
                             {nullptr, 0, nullptr, 0}};
     sink::Options options;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
     for (int which = 0; (which = getopt_long(argc, argv, "", known, nullptr)) != -1;)
     {
         const std::string value = optarg != nullptr ? optarg : "";
         if (which == 'p')
-            options.port = static_cast<uint16_t>(number(optarg, 65535));
+            options.port = static_cast<uint16_t>(number(value, 65535));
         else if (which == 'a' && value.find(':') != std::string::npos)
         {
             options.user = value.substr(0, value.find(':'));
@@ -377,13 +378,13 @@ sink::Options optionsOf(int argc, char **argv)
         else if (which == 'b')
             options.basic = true;
         else if (which == 't')
-            options.timeout = number(optarg, 1000000);
+            options.timeout = number(value, 1000000);
         else if (which == 'm')
-            options.mediaEvery = number(optarg, 1000000);
+            options.mediaEvery = number(value, 1000000);
         else
         {
             std::fputs(usage, which == 'h' ? stdout : stderr);
-            std::exit(which == 'h' ? 0 : 2);
+            std::exit(which == 'h' ? 0 : 2); // NOLINT(concurrency-mt-unsafe): there is one thread
         }
     }
     return options;

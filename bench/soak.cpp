@@ -242,6 +242,7 @@ int soak(const std::vector<Target> &targets, unsigned sessions, std::chrono::sec
     std::vector<Worker> workers;
     workers.reserve(sessions);
     std::vector<std::thread> threads;
+    threads.reserve(sessions);
     for (unsigned i = 0; i < sessions; ++i)
         workers.emplace_back(targets, gate, tally, i);
     for (Worker &worker : workers)
