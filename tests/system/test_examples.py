@@ -35,6 +35,14 @@ class ExamplesTest(HostTest):
         self.device("--port", device.port())
         self.assertIn("playing", self.ended(process))
 
+    def test_host_guide(self):
+        """The program that docs/host-guide.md is."""
+        device = self.device("--user", "viewer", "--password", "secret")
+        out = self.ended(self.start_example("host_guide", device, "vod", self.file("o.mkv")))
+        self.check_recording(self.file("o.mkv"), 2, "video/x-h264")
+        self.assertRegex(out, r"asked for the position \S+\nnotice 0\ndescribe 404, refused with 404")
+        self.assertRegex(out, r"wall 13951\n4 sessions play\n$")
+
 
 if __name__ == "__main__":
     unittest.main()
