@@ -4,6 +4,7 @@
 
 #include "zr_types.h"
 
+/// What a timer calls, with the pointer that was given for it; it must not throw.
 typedef void (*TW_TIMER_CALLBACK)(void *pvUser);
 
 /// Starts a periodic timer that runs on the facility's own thread.

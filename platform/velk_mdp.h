@@ -24,7 +24,7 @@ struct tagMDPMsgHeader
 /// A message as it is read. What follows the header in the buffer belongs to the dispatch library.
 struct tagAOIMsg
 {
-    tagMDPMsgHeader stHeader;
+    tagMDPMsgHeader stHeader; ///< who sends what to whom
 };
 
 /// A message as it is allocated: the same memory.

@@ -7,15 +7,17 @@
 #else
 #include "zr_types.h"
 
+/// A count of ticks.
 union LARGE_INTEGER
 {
-    int64_t QuadPart;
+    int64_t QuadPart; ///< the whole
 };
 
+/// A time of day in two halves.
 struct FILETIME
 {
-    uint32_t dwLowDateTime;
-    uint32_t dwHighDateTime;
+    uint32_t dwLowDateTime;  ///< the lower 32 bits
+    uint32_t dwHighDateTime; ///< the upper ones
 };
 
 /// @return non-zero, and the ticks a second of the monotonic counter; 0 when there is none

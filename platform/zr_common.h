@@ -8,6 +8,7 @@
 #include "zr_msg_dispatch.h"
 #include "zr_types.h"
 
+/// How much a line of the log matters.
 enum tagZrLogLevel : ZR_ULONG
 {
     ZR_LOG_DEBUG = 1,
@@ -24,6 +25,7 @@ enum tagNatMode : ZR_ULONG
     NAT_MODE_IN = 2
 };
 
+/// Has the compiler check a format against its arguments, which are counted from 1.
 #if defined(__GNUC__)
 #define ZR_PRINTF_FORMAT(iFormat, iFirst) __attribute__((format(printf, iFormat, iFirst)))
 #else
@@ -45,15 +47,24 @@ public:
 /// The ONVIF part of a session's media parameters; a plain record, copied whole.
 struct COnvifInfo
 {
-    std::string m_strOnvifURL; ///< request URL without credentials: the digest URI
-    ZR_ULONG m_ulTimeout = 0;  ///< session time-out in seconds, 0: none given
-    std::string m_strVideoControl, m_strAudioControl;
-    std::string m_strVideoRtpmap, m_strAudioRtpmap;
-    std::string m_strVideoSps; ///< with its key "sprop-parameter-sets="
-    std::string m_strUserName, m_strPassword, m_strRealm, m_strNonce;
-    std::string m_strDescribeAuth, m_strSetupAuth, m_strPlayAuth, m_strOptionsAuth, m_strTeardownAuth;
-    ZR_ULONG m_ulPlayerInput = 0; ///< 1: stream information goes to the player library, not to the local port
-    tagBroadcastmethod m_enBroadcastMethod = BROADCASTMETHOD_NONE;
+    std::string m_strOnvifURL;     ///< request URL without credentials: the digest URI
+    ZR_ULONG m_ulTimeout = 0;      ///< session time-out in seconds, 0: none given
+    std::string m_strVideoControl; ///< control URLs, by which tracks are set up; empty: no such track
+    std::string m_strAudioControl; ///< likewise
+    std::string m_strVideoRtpmap;  ///< the value of a=rtpmap (RFC 8866, 6.6), such as "96 H264/90000"
+    std::string m_strAudioRtpmap;  ///< likewise
+    std::string m_strVideoSps;     ///< with its key "sprop-parameter-sets="
+    std::string m_strUserName;     ///< empty: none were given
+    std::string m_strPassword;     ///< its password
+    std::string m_strRealm;        ///< of the last challenge; empty: Basic, or none
+    std::string m_strNonce;        ///< likewise
+    std::string m_strDescribeAuth; ///< the Authorization value of DESCRIBE; empty before a challenge, as the next ones
+    std::string m_strSetupAuth;    ///< that of SETUP
+    std::string m_strPlayAuth;     ///< that of PLAY
+    std::string m_strOptionsAuth;  ///< that of OPTIONS
+    std::string m_strTeardownAuth; ///< that of TEARDOWN
+    ZR_ULONG m_ulPlayerInput = 0;  ///< 1: stream information goes to the player library, not to the local port
+    tagBroadcastmethod m_enBroadcastMethod = BROADCASTMETHOD_NONE; ///< to how many the source sends
 };
 
 /// The media parameters of one session. Each get and set guards itself, so that several threads may use one object;
@@ -62,17 +73,24 @@ class ZR_PLATFORM_API CMediaAbility
 {
 public:
     CMediaAbility();
+    /// Copies share nothing afterwards.
     CMediaAbility(const CMediaAbility &oOther);
+    /// @copydoc CMediaAbility(const CMediaAbility &)
     CMediaAbility &operator=(const CMediaAbility &oOther);
     ~CMediaAbility();
 
     /// Readies the parameters for a session, and again: idempotent.
     /// @return 0, else a code
     ZR_ULONG init();
+    /// Gives back what init took; without one it does nothing.
     void release();
     /// @return 1 when the decoder tag is "onvif", else 0
     ZR_ULONG isOnvif() const;
 
+    /// @name Parameters
+    /// @{
+
+    /// The value as it was set last; empty or 0 before.
     std::string getServerIP() const;
     void setServerIP(const std::string &strServerIP);
     std::string getLocalIP() const;
@@ -113,6 +131,7 @@ public:
 
     COnvifInfo getOnvifInfo() const;
     void setOnvifInfo(const COnvifInfo &oOnvifInfo);
+    /// @}
 
 private:
     struct Values;

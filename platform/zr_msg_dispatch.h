@@ -53,6 +53,7 @@ enum tagProtocol : ZR_ULONG
     PROTOCOL_TCP = 1
 };
 
+/// To how many a server sends.
 enum tagBroadcastmethod : ZR_ULONG
 {
     BROADCASTMETHOD_UNICAST = 0,
@@ -116,12 +117,17 @@ public:
     /// @param ulSize  the message's size in bytes, header included
     /// @return a message without IEs, the caller's, released by VELK_free; NULL when there is no memory
     static tagMDPMsg *mallocAOIMsg(ZR_ULONG ulSize);
+    /// Fills the header of a request.
     static void genAOIMsgHeader(ZR_ULONG ulMsgID, ZR_ULONG ulSrcID, ZR_ULONG ulDstID, tagMDPMsgHeader &stHeader);
 
+    /// The request URL; a control URL may have been joined to its base.
     static ZR_ULONG addAOIIEURL(const std::string &strURL, tagAOIMsg *pstAOIMsg);
+    /// The Session header (RFC 2326, 12.37); empty: none.
     static ZR_ULONG addAOIIESessionID(const std::string &strSessionID, tagAOIMsg *pstAOIMsg);
+    /// The local user agent; with the remote one it finds the route, and is not sent.
     /// @param ulOnvif  1 for a session with an ONVIF device
     static ZR_ULONG addAOIIESrcUaID(const std::string &strUaID, tagAOIMsg *pstAOIMsg, ZR_ULONG ulOnvif);
+    /// The remote user agent, likewise.
     static ZR_ULONG addAOIIEDstUaID(const std::string &strUaID, tagAOIMsg *pstAOIMsg, ZR_ULONG ulOnvif);
     /// The transport of the relation to a TV wall.
     static ZR_ULONG addAOIIETransport(const std::string &strIP, ZR_USHORT usPort, tagProtocol enProtocol,
@@ -131,26 +137,41 @@ public:
     /// @param usPort  the first of the local ports (RTP of the first track)
     static ZR_ULONG addAOIIETransport(const std::string &strIP, ZR_USHORT usPort, tagProtocol enProtocol,
                                       tagBroadcastmethod enMethod, tagAOIMsg *pstAOIMsg, ZR_ULONG ulReserved);
+    /// The Scale header (RFC 2326, 12.34); 0: none.
     static ZR_ULONG addAOIIEScale(float fScale, tagAOIMsg *pstAOIMsg);
+    /// The Range header (RFC 2326, 12.29); both empty: none.
     /// @param strBegin, strEnd  seconds, "now", hh:mm:ss, YYYYMMDDThhmmss[.f]Z, or a Range value with its "="; may be
     /// empty
     static ZR_ULONG addAOIIERangetime(const std::string &strBegin, const std::string &strEnd, tagAOIMsg *pstAOIMsg);
+    /// The Authorization header's value, a secret; empty: none.
     static ZR_ULONG addAOIIEAuth(const std::string &strAuth, tagAOIMsg *pstAOIMsg);
+    /// The User-Agent header, with the text given to ZR_MSGDISP_Init.
     static ZR_ULONG addAOIIEUserAgent(tagAOIMsg *pstAOIMsg);
+    /// The Accept header: application/sdp.
     static ZR_ULONG addAOIIEAccept(tagAOIMsg *pstAOIMsg);
 
+    /// @param strSessionID  receives the session's ID
     static ZR_ULONG getAOIIESessionID(const tagAOIMsg *pstAOIMsg, std::string &strSessionID);
     /// @param ulErrcode  receives the RTSP status of a failure answer
     static ZR_ULONG getAOIIEErrcode(const tagAOIMsg *pstAOIMsg, ZR_ULONG &ulErrcode);
+    /// Where the server sends from: its address and first port.
     static ZR_ULONG getAOIIETransport(const tagAOIMsg *pstAOIMsg, std::string &strIP, ZR_USHORT &usPort);
+    /// The same of one broadcast method; of multicast the group and its port.
     static ZR_ULONG getAOIIETransport(const tagAOIMsg *pstAOIMsg, tagBroadcastmethod enMethod, std::string &strIP,
                                       ZR_USHORT &usPort);
+    /// @param strRange  receives where it plays now, as a Range value
     static ZR_ULONG getAOIIERange(const tagAOIMsg *pstAOIMsg, std::string &strRange);
+    /// @param enReason  receives why the server ends the session
     static ZR_ULONG getAOIIEQuitReason(const tagAOIMsg *pstAOIMsg, tagAOIIEQuitReason &enReason);
+    /// @param enAction  receives what happened to the session
     static ZR_ULONG getAOIIESAction(const tagAOIMsg *pstAOIMsg, tagAOIIERtspActionType &enAction);
+    /// @param strContentBase  receives the base of control URLs
     static ZR_ULONG getAOIIEContentBase(const tagAOIMsg *pstAOIMsg, std::string &strContentBase);
+    /// @param strURL  receives the URL of the relation to a TV wall
     static ZR_ULONG getAOIIEURL(const tagAOIMsg *pstAOIMsg, std::string &strURL);
+    /// @param strServer  receives the Server header (RFC 2326, 12.36)
     static ZR_ULONG getAOIIEServer(const tagAOIMsg *pstAOIMsg, std::string &strServer);
+    /// @param strSDP  receives the description
     static ZR_ULONG getAOIIESDP(const tagAOIMsg *pstAOIMsg, std::string &strSDP);
 };
 

@@ -6,11 +6,11 @@
 #include <cstdint>
 
 #ifdef _WIN32
-typedef unsigned long ZR_ULONG; ///< 32 bits; unsigned long so that names mangle as they do there
-typedef unsigned short ZR_USHORT;
+typedef unsigned long ZR_ULONG;   ///< 32 bits; unsigned long so that names mangle as they do there
+typedef unsigned short ZR_USHORT; ///< 16 bits
 #else
-typedef uint32_t ZR_ULONG; ///< 32 bits on every platform
-typedef uint16_t ZR_USHORT;
+typedef uint32_t ZR_ULONG;  ///< 32 bits on every platform
+typedef uint16_t ZR_USHORT; ///< 16 bits
 #endif
 
 static_assert(sizeof(ZR_ULONG) == 4, "a ZR_ULONG has 32 bits");

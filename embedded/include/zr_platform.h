@@ -215,6 +215,8 @@ extern "C"
     /// @return 0; a code when none came in time or it cannot be written
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG ulTimeoutMs);
 
+    /// Says what a port has received so far. Any thread.
+    /// @return 0; 2 for NULL; 3 when the port is not open
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortStatistics(ZR_ULONG ulPortID, ZrMediaStatistics *pstOut);
 
     /// Closes a port: ends its recording, closes its sockets. Nothing of it runs when this returns.

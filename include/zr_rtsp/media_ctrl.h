@@ -40,10 +40,11 @@ public:
 /// Where a TV wall receives.
 struct tagTransportAddr
 {
-    ZR_USHORT usPort;
-    std::string strIP;
+    ZR_USHORT usPort;  ///< its first port
+    std::string strIP; ///< its address, numeric IPv4
 };
 
+/// A session from its description to its end.
 class ZR_PLATFORM_API CIMediaCtrl
 {
 public:
@@ -62,6 +63,7 @@ public:
     /// @param pObserver  stays the host's and must live until it was detached or the object deleted
     /// @return 0; 2 for NULL; 1 when it is attached already or the list is locked (from inside a notification)
     virtual ZR_ULONG attachObserver(CIMediaCtrlObserver *pObserver) = 0;
+    /// Returns when no notification of the observer runs. One that is not attached is logged.
     virtual void detachObserver(CIMediaCtrlObserver *pObserver) = 0;
 
     /// Asks for the stream's description (RFC 2326, 10.2) and, of an ONVIF source, answers a challenge once (RFC 2617).
@@ -95,11 +97,13 @@ public:
     /// @return 0; the server's status; 13951 without an answer, or when the description offered no relation; 13402 in a
     ///         wrong state; 3, 10109 or the platform's own code
     virtual ZR_ULONG setupToTV(ZR_ULONG ulProtocol, const tagTransportAddr &stTransport) = 0;
+    /// Ends that relation, without waiting for the answer; the session goes on.
     virtual void teardownToTV() = 0;
 
     virtual ~CIMediaCtrl() {}
 };
 
+/// Playback beyond playing: pausing, seeking, speeds, downloads.
 class ZR_PLATFORM_API CIMediaCtrlEx
 {
 public:
@@ -132,6 +136,7 @@ public:
     virtual ~CIMediaCtrlEx() {}
 };
 
+/// What is seldom needed.
 class ZR_PLATFORM_API CIMediaCtrlEx2
 {
 public:

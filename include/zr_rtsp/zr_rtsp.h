@@ -6,6 +6,7 @@
 
 #include "zr_rtsp/media_ctrl.h"
 
+/// Marks the four entry points, the only functions that the plug-in exports.
 #ifdef _WIN32
 #define ZR_RTSP_API __declspec(dllexport)
 #else
