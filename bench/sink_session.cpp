@@ -8,26 +8,13 @@
 #include <nlohmann/json.hpp>
 #include <openssl/evp.h>
 
+#include "rtsp_text.h"
+
 namespace sink {
 
 namespace {
 
 constexpr size_t longestHead = 65536;
-
-std::string md5(std::string_view text)
-{
-    std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
-    unsigned size = 0;
-    EVP_Digest(text.data(), text.size(), hash.data(), &size, EVP_md5(), nullptr);
-    std::string hex;
-    for (unsigned i = 0; i < size; ++i)
-    {
-        constexpr char digits[] = "0123456789abcdef";
-        hex += digits[hash.at(i) >> 4U];
-        hex += digits[hash.at(i) & 0xFU];
-    }
-    return hex;
-}
 
 std::string base64(std::string_view text)
 {
@@ -37,16 +24,6 @@ std::string base64(std::string_view text)
                         reinterpret_cast<const unsigned char *>(text.data()), static_cast<int>(text.size()));
     out.resize(static_cast<size_t>(size));
     return out;
-}
-
-/// What stands behind a key, up to one of the ends.
-std::string_view behind(std::string_view text, std::string_view key, const char *ends)
-{
-    const size_t at = text.find(key);
-    if (at == std::string_view::npos)
-        return {};
-    const std::string_view rest = text.substr(at + key.size());
-    return rest.substr(0, rest.find_first_of(ends));
 }
 
 template <typename Number>
@@ -116,7 +93,7 @@ Session::Session(const Options &options, Counts &counts, uint64_t number)
     : m_options(options)
     , m_counts(counts)
     , m_id(std::to_string(100000000 + number))
-    , m_nonce(md5(std::to_string(Clock::now().time_since_epoch().count()) + '/' + m_id))
+    , m_nonce(text::md5(std::to_string(Clock::now().time_since_epoch().count()) + '/' + m_id))
     , m_ssrc(static_cast<uint32_t>(number))
 {
 }
@@ -267,9 +244,9 @@ std::string Session::setUp(const Request &request, const std::string &cseq, uint
     const std::string_view transport = request.find("Transport");
     Track track;
     std::string more;
-    if (parse(behind(transport, "interleaved=", "-;,"), track.to) && track.to < 255)
+    if (parse(text::behind(transport, "interleaved=", "-;,"), track.to) && track.to < 255)
         track.interleaved = true;
-    else if (parse(behind(transport, "client_port=", "-;,"), track.to))
+    else if (parse(text::behind(transport, "client_port=", "-;,"), track.to))
         more = ";server_port=" + std::to_string(rtpPort) + '-' + std::to_string(rtpPort + 1);
     else
         return refuse(461, "Unsupported Transport", cseq);
@@ -331,11 +308,11 @@ bool Session::rightCredentials(const Request &request, std::string_view header) 
 {
     if (m_options.basic)
         return header == "Basic " + base64(m_options.user + ':' + m_options.password);
-    const auto value = [header](const char *key) { return std::string(behind(header, key, "\"")); };
-    const std::string secret = md5(m_options.user + ":sink:" + m_options.password);
-    const std::string what = md5(std::string(request.method) + ':' + value("uri=\""));
+    const auto value = [header](const char *key) { return std::string(text::behind(header, key, "\"")); };
+    const std::string secret = text::md5(m_options.user + ":sink:" + m_options.password);
     return header.substr(0, 7) == "Digest " && value("username=\"") == m_options.user && value("realm=\"") == "sink" &&
-           value("nonce=\"") == m_nonce && value("response=\"") == md5(secret + ':' + m_nonce + ':' + what);
+           value("nonce=\"") == m_nonce &&
+           value("response=\"") == text::digestResponse(secret, m_nonce, request.method, value("uri=\""));
 }
 
 /// Picture slices of nothing: it is counted, not shown.

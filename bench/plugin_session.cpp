@@ -1,19 +1,12 @@
-#include "client_session.h"
+#include "plugin_session.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
+#include "rtsp_text.h"
 
 namespace client {
 
 namespace {
 
 constexpr char loopback[] = "127.0.0.1";
-
-double microseconds(const timeval &from, const timeval &to)
-{
-    return static_cast<double>(to.tv_sec - from.tv_sec) * 1e6 + static_cast<double>(to.tv_usec - from.tv_usec);
-}
 
 /// The plug-in knows credentials by the tail of a URL.
 example::Source sourceOf(const Options &options, const std::string &path, bool tail)
@@ -24,33 +17,7 @@ example::Source sourceOf(const Options &options, const std::string &path, bool t
 
 } // namespace
 
-void Failures::print() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    for (const auto &[what, times] : m_times)
-        std::fprintf(stderr, "session_client: %lu times: %s\n", times, what.c_str());
-}
-
-Meter::Spent Meter::spent() const
-{
-    rusage now{};
-    getrusage(RUSAGE_SELF, &now);
-    return {std::chrono::duration<double>(Clock::now() - m_since).count(), microseconds(m_begin.ru_utime, now.ru_utime),
-            microseconds(m_begin.ru_stime, now.ru_stime)};
-}
-
-long ofProcess(const std::string &key)
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);)
-    {
-        if (line.compare(0, key.size(), key) == 0)
-            return std::strtol(line.c_str() + key.size(), nullptr, 10);
-    }
-    return 0;
-}
-
-Session::Session(const Options &options, const std::string &path, bool receives, unsigned keepAliveMs)
+PluginSession::PluginSession(const Options &options, const std::string &path, bool receives, unsigned keepAliveMs)
     : m_options(options)
     , m_keepAliveMs(keepAliveMs)
     , m_session(sourceOf(options, path, keepAliveMs == 0), loopback, this,
@@ -58,7 +25,7 @@ Session::Session(const Options &options, const std::string &path, bool receives,
 {
 }
 
-void Session::open()
+void PluginSession::open()
 {
     const tagProtocol protocol = m_options.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
     if (m_keepAliveMs != 0)
@@ -72,11 +39,10 @@ void Session::open()
         example::Library::require("setup of the second track", m_session.control().setup(audio, protocol));
     }
     play();
-    m_lastHeard = Clock::now();
 }
 
 /// The controls of a session that is not "onvif" are the host's to read.
-void Session::setUpByDescription()
+void PluginSession::setUpByDescription()
 {
     CIMediaCtrl &control = m_session.control();
     control.setDecoderDesc("plain");
@@ -88,35 +54,24 @@ void Session::setUpByDescription()
     example::Library::require("describe", control.describe(m_session.url()));
     CMediaAbility ability;
     const std::string sdp = control.getMediaAbility(ability).getDescribeRspSdp();
-    size_t at = 0;
-    for (unsigned i = 0; i < m_options.setups; ++i)
-    {
-        constexpr char key[] = "a=control:";
-        at = sdp.find("m=", at);
-        at = at == std::string::npos ? at : sdp.find(key, at);
-        if (at == std::string::npos)
-            throw std::runtime_error("the description names too few tracks");
-        at += sizeof key - 1;
-        const std::string track = sdp.substr(at, sdp.find_first_of("\r\n", at) - at);
-        const std::string url = track.find("://") != std::string::npos ? track : m_session.url() + '/' + track;
-        example::Library::require("setup", control.setup(url, m_options.udp ? PROTOCOL_UDP : PROTOCOL_TCP));
-    }
+    for (unsigned track = 0; track < m_options.setups; ++track)
+        example::Library::require("setup", control.setup(text::controlUrl(sdp, m_session.url(), track),
+                                                         m_options.udp ? PROTOCOL_UDP : PROTOCOL_TCP));
 }
 
-void Session::end()
+void PluginSession::end()
 {
-    if (lost())
+    if (m_notice != 0)
         throw std::runtime_error("lost, notice " + std::to_string(m_notice));
     m_session.control().tearDown();
 }
 
-bool Session::keptAlive()
+bool PluginSession::keptAlive()
 {
     std::string position = m_session.extended<CIMediaCtrlEx>().getRange();
     if (position == m_position)
         return false;
     m_position = std::move(position);
-    m_lastHeard = Clock::now();
     return true;
 }
 
