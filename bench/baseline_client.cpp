@@ -97,7 +97,7 @@ public:
         }
         const uint64_t one = 1;
         if (wakes && write(m_wake, &one, sizeof one) != sizeof one)
-            throw std::runtime_error("the loop cannot be woken");
+            std::abort(); // a loop that cannot be woken
     }
 
 private:
