@@ -26,6 +26,14 @@ install(TARGETS ${targets} EXPORT zr_rtspTargets
 foreach(program zr_rtsp_host zr_rtsp_device)
   if(TARGET ${program})
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    set(made ${CMAKE_SOURCE_DIR}/packaging/programs)
+    install(FILES ${made}/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${made}/${program}.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+            RENAME ${program})
+    install(FILES ${made}/${program}.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+    foreach(folder vendor-completions site-functions) # where zsh looks under /usr, and under /usr/local
+      install(FILES ${made}/_${program} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${folder})
+    endforeach()
   endif()
 endforeach()
 
@@ -41,6 +49,9 @@ install(FILES ${CMAKE_BINARY_DIR}/zr_rtspConfig.cmake ${CMAKE_BINARY_DIR}/zr_rts
 file(RELATIVE_PATH ZR_PREFIX_FROM_PC ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_SOURCE_DIR}/packaging/zr_rtsp.pc.in ${CMAKE_BINARY_DIR}/zr_rtsp.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/zr_rtsp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME copyright)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "zr_rtsp")

@@ -1,0 +1,18 @@
+# made by packaging/generate from the program's --help
+_zr_rtsp_device() {
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} command= options= i
+    COMPREPLY=()
+    case $before in
+        --auth) COMPREPLY=($(compgen -W 'basic digest' -- "$word")); return ;;
+        --pattern) COMPREPLY=($(compgen -W 'smpte smpte75 ball bar pinwheel spokes zone-plate' -- "$word")); return ;;
+        --tls) compopt -o filenames; COMPREPLY=($(compgen -f -- "$word")); return ;;
+        --address | --port | --user | --password | --session-timeout | --vod-length) return ;;
+    esac
+    case $command in
+        '') options='--help --address --port --user --password --auth --tls --session-timeout --vod-length --pattern' ;;
+    esac
+    if [[ $word == -* || -z $command ]]; then
+        COMPREPLY=($(compgen -W "$options" -- "$word"))
+    fi
+}
+complete -F _zr_rtsp_device zr_rtsp_device

@@ -1,0 +1,29 @@
+# made by packaging/generate from the program's --help
+_zr_rtsp_host() {
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} command= options= i
+    COMPREPLY=()
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        if [[ ${COMP_WORDS[i]} != -* ]]; then command=${COMP_WORDS[i]}; break; fi
+    done
+    case $before in
+        --log-level) COMPREPLY=($(compgen -W 'debug info warning error' -- "$word")); return ;;
+        --password-file | --ca | --log-file | --plugin | --report | --snapshot | --record) compopt -o filenames; COMPREPLY=($(compgen -f -- "$word")); return ;;
+        --user | --password | --tag | --from | --to | --speed | --duration | --pause-at | --pause-for | --silence) return ;;
+    esac
+    case $command in
+        describe) options='--help --sdp --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
+        check) options='--help --force --report --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
+        play) options='--help --tcp --udp --from --to --speed --duration --pause-at --pause-for --snapshot --record --reconnect --silence --force --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
+        download) options='--help --tcp --udp --from --to --speed --sampled --full-frame --force --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
+        tv) options='--help --to --tcp --duration --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
+        watch) options='--help --tcp --udp --duration --reconnect --silence --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
+        '') options='describe check play download tv watch --help' ;;
+    esac
+    if [[ $word == -* || -z $command ]]; then
+        COMPREPLY=($(compgen -W "$options" -- "$word"))
+    elif [[ $command == download || $command == watch ]]; then
+        compopt -o filenames
+        COMPREPLY=($(compgen -f -- "$word"))
+    fi
+}
+complete -F _zr_rtsp_host zr_rtsp_host
