@@ -198,7 +198,7 @@ void playCommand(const CommonOptions &common, const PlayOptions &options, Report
         {
             own.record = numbered(own.record, number, common.force);
         }
-        const Ending ending = attempt(plugin, interrupt, common.source, own, report, [&](Course &course) {
+        Ending ending = attempt(plugin, interrupt, common.source, own, report, [&](Course &course) {
             Play(course, interrupt, options, report, seconds).run(Controls::wanted(common.json));
         });
         seconds += ending.seconds;

@@ -37,14 +37,16 @@ ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &f
         ZR_PLATFORM_LOG(ERROR, code, Player, "media port %u: '%s' is not begun: %s", m_portId, file.c_str(),
                         error.what());
     }
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (code == 0 && !m_closed)
     {
-        slot.file = std::move(made);
-        return 0;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (code == 0 && !m_closed)
+        {
+            slot.file = std::move(made);
+            return 0;
+        }
     }
-    slot = {};
-    m_released.notify_all();
+    made.reset(); // who closes the port waits for the slot: nothing is left of the file then
+    release(slot);
     return code == 0 ? ZR_ULONG{ZR_MEDIA_UNKNOWN_PORT} : code;
 }
 
