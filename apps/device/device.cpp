@@ -196,9 +196,6 @@ Device::Device(const DeviceOptions &options)
     gst_rtsp_server_set_address(server, options.address.c_str());
     gst_rtsp_server_set_service(server, std::to_string(options.port).c_str());
     secure(server, options);
-    // one for all by default, so that a client which the library waits for would hold up the others
-    const Owned<GstRTSPThreadPool> threads(gst_rtsp_server_get_thread_pool(server));
-    gst_rtsp_thread_pool_set_max_threads(threads.get(), -1);
 
     const Owned<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server));
     addMount(mounts.get(), "/live", livePipeline(options.picture, true), true);
