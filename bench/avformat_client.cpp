@@ -51,11 +51,11 @@ private:
     AVFormatContext *m_context = nullptr;
 };
 
-class Library : public client::ClientLibrary
+class Library : public client::LibraryOf<Session>
 {
 public:
     explicit Library(const Options &options)
-        : m_options(options)
+        : LibraryOf(options)
     {
         av_log_set_level(AV_LOG_ERROR);
         avformat_network_init();
@@ -63,13 +63,6 @@ public:
     ~Library() override { avformat_network_deinit(); }
     Library(const Library &) = delete;
     Library &operator=(const Library &) = delete;
-    std::unique_ptr<client::ClientSession> session(bool /*held*/) override
-    {
-        return std::make_unique<Session>(m_options);
-    }
-
-private:
-    const Options &m_options;
 };
 
 } // namespace

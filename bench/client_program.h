@@ -97,6 +97,21 @@ public:
     virtual std::unique_ptr<ClientSession> session(bool held) = 0;
 };
 
+/// A library that is started and ended by its derived class, and whose sessions are all of one kind.
+template <typename Session>
+class LibraryOf : public ClientLibrary
+{
+public:
+    explicit LibraryOf(const Options &options)
+        : m_options(options)
+    {
+    }
+    std::unique_ptr<ClientSession> session(bool /*held*/) override { return std::make_unique<Session>(m_options); }
+
+private:
+    const Options &m_options;
+};
+
 using Sessions = std::vector<std::unique_ptr<ClientSession>>;
 
 /// Who sends the keep-alives of sessions that are held.

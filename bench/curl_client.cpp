@@ -99,11 +99,11 @@ private:
     bool m_keptAlive = false;
 };
 
-class Library : public client::ClientLibrary
+class Library : public client::LibraryOf<Session>
 {
 public:
     explicit Library(const Options &options)
-        : m_options(options)
+        : LibraryOf(options)
     {
         if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
             throw std::runtime_error("curl_global_init failed");
@@ -111,13 +111,6 @@ public:
     ~Library() override { curl_global_cleanup(); }
     Library(const Library &) = delete;
     Library &operator=(const Library &) = delete;
-    std::unique_ptr<client::ClientSession> session(bool /*held*/) override
-    {
-        return std::make_unique<Session>(m_options);
-    }
-
-private:
-    const Options &m_options;
 };
 
 } // namespace

@@ -139,21 +139,14 @@ private:
     bool m_keptAlive = false;
 };
 
-class Library : public client::ClientLibrary
+class Library : public client::LibraryOf<Session>
 {
 public:
     explicit Library(const Options &options)
-        : m_options(options)
+        : LibraryOf(options)
     {
         gst_init(nullptr, nullptr);
     }
-    std::unique_ptr<client::ClientSession> session(bool /*held*/) override
-    {
-        return std::make_unique<Session>(m_options);
-    }
-
-private:
-    const Options &m_options;
 };
 
 } // namespace
