@@ -1,5 +1,5 @@
 /// @file
-/// The mark of threads on which the platform calls out (delivery threads, the timers' thread). What waits for running
+/// The mark of threads on which the platform calls out (with messages, from timers). What waits for running
 /// calls must not wait on such a thread: it would wait for itself, or for a lock that its caller holds.
 #pragma once
 

@@ -13,7 +13,7 @@
 namespace zr::dispatch {
 
 /// What a session's server has challenged with, answered with the host's credentials in every request from then on: a
-/// server whose nonces end with their connection challenges anew. I/O thread.
+/// server whose nonces end with their connection challenges anew. On the loop's turn.
 class Authenticator
 {
 public:

@@ -6,12 +6,9 @@
 #include <system_error>
 #include <utility>
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-
-#include <ace/SOCK_Connector.h>
 
 #include "zr_platform.h"
 
@@ -129,30 +126,32 @@ void Connection::tryNextAddress()
 
 bool Connection::beginConnect(const ACE_INET_Addr &address)
 {
-    ACE_SOCK_Connector connector;
-    if (connector.connect(m_stream, address, &ACE_Time_Value::zero) == -1 && errno != EWOULDBLOCK &&
-        errno != EINPROGRESS)
-    {
-        m_lastFailure = systemText(errno);
-        m_stream.close();
-        return false;
-    }
-    fcntl(m_stream.get_handle(), F_SETFD, FD_CLOEXEC);
-    m_stream.enable(ACE_NONBLOCK);
-    tune(m_stream.get_handle());
-    if (m_loop.reactor().register_handler(this, ACE_Event_Handler::WRITE_MASK) == -1)
-    {
-        m_lastFailure = "the reactor takes no further descriptor: " + systemText(errno);
-        m_stream.close();
-        return false;
-    }
-    return true;
+    const int handle = socket(address.get_type(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    m_stream.set_handle(handle);
+    if (handle != ACE_INVALID_HANDLE)
+        tune(handle);
+    if (handle != ACE_INVALID_HANDLE &&
+        (connect(handle, static_cast<const sockaddr *>(address.get_addr()),
+                 static_cast<socklen_t>(address.get_size())) == 0 ||
+         errno == EINPROGRESS) &&
+        m_loop.watch(handle, *this, EPOLLOUT))
+        return true;
+    m_lastFailure = systemText(errno);
+    closeSocket();
+    return false;
 }
 
 void Connection::abandonAttempt()
 {
     m_timer.stop();
-    m_loop.reactor().remove_handler(this, ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL);
+    closeSocket();
+}
+
+void Connection::closeSocket()
+{
+    if (m_stream.get_handle() == ACE_INVALID_HANDLE)
+        return;
+    m_loop.forget(m_stream.get_handle());
     m_stream.close();
 }
 
@@ -170,8 +169,7 @@ void Connection::finishConnect()
         return;
     }
     m_timer.stop();
-    m_loop.reactor().cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK);
-    m_loop.reactor().schedule_wakeup(this, ACE_Event_Handler::READ_MASK);
+    m_loop.change(m_stream.get_handle(), EPOLLIN);
     if (secure())
         beginTls();
     else
@@ -205,10 +203,22 @@ void Connection::becomeUp()
     m_owner->connected();
 }
 
-int Connection::handle_input(ACE_HANDLE)
+void Connection::happened(uint32_t events)
 {
-    if (m_state != State::Up && m_state != State::Securing)
-        return 0;
+    const auto stays = shared_from_this(); // its owner may let it go
+    if (m_state == State::Connecting)
+    {
+        finishConnect();
+        return;
+    }
+    if ((events & EPOLLOUT) != 0 && (m_state == State::Up || m_state == State::Securing))
+        send();
+    if ((events & ~uint32_t{EPOLLOUT}) != 0 && (m_state == State::Up || m_state == State::Securing))
+        read();
+}
+
+void Connection::read()
+{
     std::array<char, readBudget> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init): recv fills it
     const ssize_t size = m_stream.recv(buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (size == 0)
@@ -219,7 +229,6 @@ int Connection::handle_input(ACE_HANDLE)
         take({buffer.data(), static_cast<size_t>(size)});
     else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
         fail(systemText(errno));
-    return 0;
 }
 
 void Connection::take(std::string_view bytes)
@@ -304,6 +313,7 @@ void Connection::watchMessageTime(bool progressed)
 
 void Connection::onTimer()
 {
+    m_loop.post([stays = shared_from_this()] { /* the timer's callback is a part of it */ });
     if (m_state == State::Connecting)
     {
         if (m_stream.get_handle() != ACE_INVALID_HANDLE)
@@ -424,35 +434,7 @@ void Connection::wantOutput(bool wanted)
     if (wanted == m_wantsOutput)
         return;
     m_wantsOutput = wanted;
-    if (wanted)
-        m_loop.reactor().schedule_wakeup(this, ACE_Event_Handler::WRITE_MASK);
-    else
-        m_loop.reactor().cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK);
-}
-
-int Connection::handle_output(ACE_HANDLE)
-{
-    if (m_state == State::Connecting)
-        finishConnect();
-    else if (m_state == State::Up || m_state == State::Securing)
-        send();
-    return 0;
-}
-
-/// The reactor gave the descriptor up: an error or hang-up without anything to read.
-int Connection::handle_close(ACE_HANDLE, ACE_Reactor_Mask)
-{
-    if (m_state == State::Connecting)
-    {
-        m_lastFailure = "the connection was reset";
-        abandonAttempt();
-        tryNextAddress();
-    }
-    else if (m_state == State::Up || m_state == State::Securing)
-    {
-        fail("the connection was reset");
-    }
-    return 0;
+    m_loop.change(m_stream.get_handle(), wanted ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 
 void Connection::fail(const std::string &reason, bool orderly)
@@ -497,10 +479,7 @@ void Connection::close()
     m_state = State::Closed;
     m_owner = nullptr;
     m_timer.stop();
-    if (m_stream.get_handle() != ACE_INVALID_HANDLE)
-        m_loop.reactor().remove_handler(this, ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL);
-    m_stream.close();
-    m_loop.post([self = shared_from_this()] { /* the reactor may still be on its way out of this object */ });
+    closeSocket();
 }
 
 } // namespace zr::dispatch

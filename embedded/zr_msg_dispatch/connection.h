@@ -7,7 +7,6 @@
 #include <string_view>
 #include <vector>
 
-#include <ace/Event_Handler.h>
 #include <ace/INET_Addr.h>
 #include <ace/SOCK_Stream.h>
 
@@ -19,12 +18,12 @@
 
 namespace zr::dispatch {
 
-/// Everything here is the I/O thread's. Held by shared pointers; whoever lets the last one go does so by a job, never
-/// from inside a callback (close sees to that).
-class Connection final : public ACE_Event_Handler, public std::enable_shared_from_this<Connection>
+/// Everything here happens on the loop's turn. Held by shared pointers, which may be let go
+/// from inside a callback.
+class Connection final : private IoLoop::Watcher, public std::enable_shared_from_this<Connection>
 {
 public:
-    /// Who uses the connection. Callbacks come from the reactor or from a job, never from inside one of the operations
+    /// Who uses the connection. Callbacks come from the loop or from a job, never from inside one of the operations
     /// below, and never after close.
     class Owner
     {
@@ -41,7 +40,9 @@ public:
     };
 
     Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security = {});
-    ~Connection() override;
+    ~Connection();
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
 
     /// Tries addresses one after the other: these, or those of takeAddresses when there are none yet. connected() or
     /// lost() follows, within the connect time (the TLS handshake included).
@@ -78,17 +79,15 @@ private:
         Closed
     };
 
-    ACE_HANDLE get_handle() const override { return m_stream.get_handle(); }
-    int handle_input(ACE_HANDLE handle) override;
-    int handle_output(ACE_HANDLE handle) override;
-    int handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
-
+    void happened(uint32_t events) override;
+    void read();
     void tryNextAddress();
     bool beginConnect(const ACE_INET_Addr &address);
     void finishConnect();
     void beginTls();
     void becomeUp();
     void abandonAttempt();
+    void closeSocket();
     void take(std::string_view bytes);
     void takeSecured(std::string_view bytes);
     void takeEnd();

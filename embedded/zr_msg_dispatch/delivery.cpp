@@ -20,6 +20,8 @@ constexpr size_t usualThreads = 4;
 constexpr size_t mostThreads = 32;
 constexpr size_t mostMessages = 1024; ///< queued for one registration
 constexpr std::chrono::milliseconds stallTime{50};
+constexpr std::chrono::milliseconds tick{20}; ///< a call by the loop's thread may take that long, and that again
+constexpr unsigned quietTicks = 50;           ///< after them the watching thread sleeps
 
 void callProcessor(CIAOIMsgProc &processor, tagMDPMsg *message)
 {
@@ -36,7 +38,8 @@ void callProcessor(CIAOIMsgProc &processor, tagMDPMsg *message)
 } // namespace
 
 Delivery::Delivery(IoLoop &loop)
-    : m_stallTimer(loop, [this] { checkStalled(); })
+    : m_loop(loop)
+    , m_stallTimer(loop, [this] { checkStalled(); })
 {
 }
 
@@ -131,30 +134,47 @@ void Delivery::waitIdle(ZR_ULONG id)
 void Delivery::deliver(const RegistrationPtr &registration, aoi::MessagePtr message)
 {
     bool overflow = false;
+    bool answered = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (registration->retired || m_stopped)
             return;
+        answered = message->stHeader.ulMsgKind != 0 && m_late < usualThreads;
         overflow = registration->messages.size() >= mostMessages;
         if (!overflow)
             registration->messages.push_back(std::move(message));
-        if (!overflow && !registration->scheduled)
+        if (!overflow && !std::exchange(registration->scheduled, true))
         {
-            registration->scheduled = true;
-            m_ready.push_back(registration);
-            if (m_ready.size() > m_idleThreads && m_threads.size() < usualThreads)
-                grow();
-            m_wake.notify_one();
+            if (answered)
+                m_answered.push_back(registration);
+            else
+                makeReady(registration);
         }
-        if (m_ready.size() > m_idleThreads && !m_stallTimer.armed())
-        {
-            m_takenAtCheck = m_taken;
-            m_stallTimer.start(stallTime);
-        }
+        watchForStalls();
     }
     if (overflow)
         ZR_PLATFORM_LOG(ERROR, codeDropped, Dispatch, "a message for %u is dropped: %zu wait already", registration->id,
                         mostMessages);
+    else if (answered && !m_loop.onItsThread())
+        m_loop.post([] { /* wakes it */ });
+}
+
+/// The mutex is held.
+void Delivery::makeReady(const RegistrationPtr &registration)
+{
+    m_ready.push_back(registration);
+    if (m_ready.size() > m_idleThreads && m_threads.size() < usualThreads)
+        grow();
+    m_wake.notify_one();
+}
+
+/// The mutex is held, on the loop's turn.
+void Delivery::watchForStalls()
+{
+    if (m_ready.size() <= m_idleThreads || m_stallTimer.armed())
+        return;
+    m_takenAtCheck = m_taken;
+    m_stallTimer.start(stallTime);
 }
 
 /// Somebody waited while all threads were busy. When none of them has begun a call since, all are stuck.
@@ -193,17 +213,17 @@ void Delivery::work()
         --m_idleThreads;
         if (m_stopped)
             return;
-        callNext(lock);
+        ++m_taken;
+        callNext(lock, m_ready);
     }
 }
 
-/// Takes the first ready registration, makes one call for it, and puts it back behind the others when more waits for
-/// it. The mutex is held before and after, not during the call.
-void Delivery::callNext(std::unique_lock<std::mutex> &lock)
+/// Takes the first registration, makes one call for it, and lets the threads go on when more waits for it. The mutex is
+/// held before and after, not during the call.
+void Delivery::callNext(std::unique_lock<std::mutex> &lock, Ready &ready)
 {
-    const RegistrationPtr registration = std::move(m_ready.front());
-    m_ready.pop_front();
-    ++m_taken;
+    const RegistrationPtr registration = std::move(ready.front());
+    ready.pop_front();
     if (!registration->messages.empty())
     {
         aoi::MessagePtr message = std::move(registration->messages.front());
@@ -221,12 +241,80 @@ void Delivery::callNext(std::unique_lock<std::mutex> &lock)
         }
     }
     if (registration->messages.empty())
-    {
         registration->scheduled = false;
+    else
+        makeReady(registration);
+}
+
+void Delivery::handOver()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_answered.empty())
+        return;
+    const common::CallbackThreadMark mark;
+    beginWatch();
+    while (!m_answered.empty() && m_loop.onItsThread())
+    {
+        ++m_handedOver;
+        m_handingOver = true;
+        callNext(lock, m_answered);
+        if (m_loop.onItsThread())
+            m_handingOver = false;
+        else
+            --m_late;
+    }
+    if (m_ready.size() > m_idleThreads)
+        m_loop.post([this] {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            watchForStalls();
+        });
+}
+
+/// The mutex is held.
+void Delivery::beginWatch()
+{
+    if (std::exchange(m_watching, true))
+        return;
+    if (m_watcher.joinable())
+    {
+        m_watch.notify_one();
         return;
     }
-    m_ready.push_back(registration);
-    m_wake.notify_one();
+    try
+    {
+        m_watcher = quietThread([this] { watchHandOver(); });
+    }
+    catch (const std::system_error &error)
+    {
+        m_watching = false;
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "nobody watches the I/O thread: %s", error.what());
+    }
+}
+
+/// Gives the loop another thread when a call has been running for a whole tick.
+void Delivery::watchHandOver()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    unsigned quiet = 0;
+    while (!m_stopped)
+    {
+        if (quiet == quietTicks)
+        {
+            m_watching = false;
+            m_watch.wait(lock, [this] { return m_watching || m_stopped; });
+            quiet = 0;
+        }
+        const uint64_t before = m_handedOver;
+        const bool running = m_handingOver;
+        m_watch.wait_for(lock, tick, [this] { return m_stopped; });
+        const bool late = running && m_handingOver && m_handedOver == before;
+        quiet = m_handedOver == before && !m_handingOver ? quiet + 1 : 0;
+        if (late && m_loop.replaceThread())
+        {
+            m_handingOver = false;
+            ++m_late;
+        }
+    }
 }
 
 void Delivery::stop()
@@ -236,8 +324,11 @@ void Delivery::stop()
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_stopped = true;
         threads.swap(m_threads);
+        if (m_watcher.joinable())
+            threads.push_back(std::move(m_watcher));
     }
     m_wake.notify_all();
+    m_watch.notify_all();
     for (std::thread &thread : threads)
         thread.join();
 }

@@ -83,15 +83,20 @@ private:
     CIAOIMsgProc *const processor;
     // the rest is guarded by the delivery's mutex
     std::deque<aoi::MessagePtr> messages;
-    bool scheduled = false; ///< in the ready list, or its call is running
+    bool scheduled = false; ///< in a list of those that are ready, or its call is running
     bool running = false;
     bool retired = false; ///< for good; from then on messages stays empty and no call begins
 };
 using RegistrationPtr = std::shared_ptr<Registration>;
 
 /// A registration's messages come one after the other; a registration whose processor blocks holds one thread and
-/// nobody else. Two threads or so do the work; when all have been stuck in their calls while somebody waits, one more
-/// is started, up to a bound.
+/// nobody else.
+///
+/// An answer is handed over by the loop's own thread, between two turns: another thread would cost more than all the
+/// rest. As answers wake who waits and do little else, that is soon done; when it is not, a thread that watches gives
+/// the loop another one. What a server says of its own accord makes a host act: that, and what comes while a call for
+/// its registration is running, is for threads that do nothing else. When all of those have been stuck in their calls
+/// while somebody waits, one more is started, up to a bound.
 ///
 /// One mutex guards everything here, and no call into a processor and no destruction of a message happens under it. So
 /// "retired" and "running" change in one order that all agree on: a call begins only for a registration that is not
@@ -116,8 +121,10 @@ public:
     /// Waits until no call is running for a registration of that identifier that was retired, now or earlier; on a
     /// callback thread returns at once.
     void waitIdle(ZR_ULONG id);
-    /// Queues a message; dropped when the registration is retired. I/O thread.
+    /// Queues a message; dropped when the registration is retired. On the loop's turn.
     void deliver(const RegistrationPtr &registration, aoi::MessagePtr message);
+    /// Makes the calls for answers. The loop's thread, without the turn.
+    void handOver();
 
     /// Retires all, wherever they are. Any thread.
     std::vector<RegistrationPtr> retireAll();
@@ -125,25 +132,40 @@ public:
     void stop();
 
 private:
+    using Ready = std::deque<RegistrationPtr>;
+
     void endRegistration(RegistrationPtr registration, std::deque<aoi::MessagePtr> &dropped);
     void work();
-    void callNext(std::unique_lock<std::mutex> &lock);
+    void callNext(std::unique_lock<std::mutex> &lock, Ready &ready);
+    void makeReady(const RegistrationPtr &registration);
     void grow();
+    void watchForStalls();
     void checkStalled();
+    void watchHandOver();
+    void beginWatch();
 
+    IoLoop &m_loop;
     std::mutex m_mutex;             ///< guards all below, and the registrations
     std::condition_variable m_wake; ///< a registration is ready, or the end
     std::condition_variable m_idle; ///< a call into a retired registration's processor has ended
     std::unordered_map<ZR_ULONG, RegistrationPtr> m_registrations;
     std::vector<RegistrationPtr> m_ending; ///< retired while their call was running, until it has ended
-    std::deque<RegistrationPtr> m_ready;
+    Ready m_ready;
     std::vector<std::thread> m_threads;
     size_t m_idleThreads = 0;
-    uint64_t m_taken = 0;        ///< calls begun
+    uint64_t m_taken = 0;        ///< calls begun by them
     uint64_t m_takenAtCheck = 0; ///< the same, when the stall timer was started
     bool m_stopped = false;
 
-    LoopTimer m_stallTimer; ///< I/O thread
+    Ready m_answered;           ///< for the loop's thread
+    uint64_t m_handedOver = 0;  ///< calls begun by it
+    bool m_handingOver = false; ///< one is running
+    size_t m_late = 0;          ///< calls whose thread was replaced, and that have not returned
+    bool m_watching = false;    ///< the watching thread looks at every tick
+    std::condition_variable m_watch;
+    std::thread m_watcher;
+
+    LoopTimer m_stallTimer; ///< on the loop's turn
 };
 
 } // namespace zr::dispatch

@@ -81,7 +81,7 @@ Engine::~Engine()
 bool Engine::start()
 {
     m_tls = makeTlsContext({m_settings.caFile, m_settings.moreCaFiles, m_settings.verify});
-    return m_tls && m_loop.start();
+    return m_tls && m_loop.start([this] { m_delivery.handOver(); });
 }
 
 ZR_ULONG Engine::sendAOIMsg(tagMDPMsg *message)
@@ -144,7 +144,7 @@ ZR_ULONG Engine::accept(aoi::Request request, const RegistrationPtr &registratio
         if (code != 0)
             return code;
     }
-    return m_loop.post([this, accepted] { submit(accepted); }) ? ZR_ULONG{0} : codeNotStarted;
+    return m_loop.run([this, accepted] { submit(accepted); }) ? ZR_ULONG{0} : codeNotStarted;
 }
 
 void Engine::submit(const AcceptedPtr &accepted)
@@ -176,7 +176,7 @@ ZR_ULONG Engine::unregisterAOIMsgProc(ZR_ULONG id)
         return codeNotRegistered;
     }
     // before the wait: a TEARDOWN is not to be held up by a call that takes its time
-    m_loop.post([this, registration] { end(registration); });
+    m_loop.run([this, registration] { end(registration); });
     m_delivery.waitIdle(id);
     return 0;
 }

@@ -17,10 +17,11 @@ namespace zr::dispatch {
 
 /// The operations may be called on any thread, also while shutDown runs: they fail then.
 ///
-/// How the threads meet: callers put requests into the loop's job queue, in the order in which they were accepted. All
-/// that concerns connections and sessions happens on the I/O thread and needs no lock. Answers go through the delivery,
-/// whose mutex alone decides whether a registration still gets calls. Nobody holds a lock while he waits for another
-/// thread.
+/// How the threads meet: all that concerns connections and sessions happens on the loop's turn and needs no lock. A
+/// caller whose request finds nobody there takes the turn himself, and so writes to the socket; otherwise the request
+/// goes into the loop's job queue. Either way they are taken in the order in which they were accepted. Answers go
+/// through the delivery, whose mutex alone decides whether a registration still gets calls. Nobody holds a lock, or the
+/// turn, while he waits for another thread.
 class Engine final : public CIAOIMsgDisp
 {
 public:
@@ -32,7 +33,7 @@ public:
     /// @return false when it cannot; the log says why
     bool start();
     /// Ends all registrations, lets connections that wait for their TEARDOWN's answer linger, ends the threads. Not on
-    /// a delivery thread. Idempotent.
+    /// a thread that calls a processor. Idempotent.
     void shutDown();
     /// The process ends without shutDown: lets the I/O thread run out, so that it does not meet what is destroyed then.
     void abandon();
@@ -49,7 +50,7 @@ public:
 
 private:
     ZR_ULONG accept(aoi::Request request, const RegistrationPtr &registration);
-    // I/O thread
+    // on the turn
     void submit(const AcceptedPtr &accepted);
     void end(const RegistrationPtr &registration);
     void forget(const Registration *registration);
@@ -62,7 +63,7 @@ private:
     Resolver m_resolver;
     bool m_down = false; ///< the thread of shutDown only
 
-    // I/O thread
+    // on the turn
     std::unordered_map<const Registration *, std::shared_ptr<SessionChannel>> m_channels;
     std::function<void()> m_allEnded;
 };

@@ -52,8 +52,8 @@ struct Accepted
     const SteadyClock::time_point deadline; ///< nobody waits for the answer after that
     std::optional<route::Address> target;   ///< of a request that may open the connection
     bool own = false;                       ///< a keep-alive of the platform's: nobody is told of its answer
-    unsigned redirects = 0;                 ///< that it has followed; I/O thread
-    unsigned answered = 0;                  ///< challenges for which it was asked again; I/O thread
+    unsigned redirects = 0;                 ///< that it has followed; on the turn
+    unsigned answered = 0;                  ///< challenges for which it was asked again; on the turn
 };
 using AcceptedPtr = std::shared_ptr<Accepted>;
 

@@ -2,17 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <exception>
 #include <system_error>
 #include <utility>
 
-#include <sys/resource.h>
-
-#include <ace/Dev_Poll_Reactor.h>
-#include <ace/Event_Handler_Handle_Timeout_Upcall.h>
-#include <ace/Monotonic_Time_Policy.h>
-#include <ace/Recursive_Thread_Mutex.h>
-#include <ace/Timer_Heap_T.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include "platform_log.h"
 #include "quiet_thread.h"
@@ -22,22 +19,17 @@ namespace zr::dispatch {
 
 namespace {
 
-// the reactor's own timers would follow the wall clock
-using MonotonicHeap = ACE_Timer_Heap_T<ACE_Event_Handler *, ACE_Event_Handler_Handle_Timeout_Upcall,
-                                       ACE_SYNCH_RECURSIVE_MUTEX, ACE_Monotonic_Time_Policy>;
-
-constexpr size_t leastHandles = 1024;
-constexpr size_t mostHandles = 65536;
 constexpr unsigned toleratedFailures = 100;
+constexpr uint32_t theWaker = 0; ///< as a registration
 
-/// The reactor indexes its handlers by descriptor, so it must hold the highest that the process may get.
-size_t handleTableSize()
+/// The loop that the calling thread serves, and its number there.
+struct Service
 {
-    rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return leastHandles;
-    return std::clamp<size_t>(static_cast<size_t>(limit.rlim_cur), leastHandles, mostHandles);
-}
+    const IoLoop *loop = nullptr;
+    uint64_t number = 0;
+};
+thread_local Service service;
+thread_local const IoLoop *turnOf = nullptr; ///< the loop whose turn the calling thread has
 
 /// What cannot be done for want of memory costs one session's request, not the thread.
 template <typename Work>
@@ -49,11 +41,31 @@ void guarded(const Work &work)
     }
     catch (const std::exception &error)
     {
-        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O thread goes on after: %s", error.what());
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O loop goes on after: %s", error.what());
     }
 }
 
+std::string systemText()
+{
+    return std::generic_category().message(errno);
+}
+
+/// A host's thread that is cancelled goes after the loop's work, not within it.
+class NotCancelled
+{
+public:
+    NotCancelled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
+    ~NotCancelled() { pthread_setcancelstate(m_before, nullptr); }
+    NotCancelled(const NotCancelled &) = delete;
+    NotCancelled &operator=(const NotCancelled &) = delete;
+
+private:
+    int m_before = PTHREAD_CANCEL_ENABLE;
+};
+
 } // namespace
+
+// ---- jobs
 
 bool JobQueue::post(Job job)
 {
@@ -61,12 +73,18 @@ bool JobQueue::post(Job job)
     if (!m_wake)
         return false;
     m_jobs.push_back(std::move(job));
-    if (!m_woken)
-        m_woken = m_wake();
+    wakeSleeper();
     return true;
 }
 
-void JobQueue::open(std::function<bool()> wake)
+/// The mutex is held.
+void JobQueue::wakeSleeper()
+{
+    if (std::exchange(m_sleeping, false))
+        m_wake();
+}
+
+void JobQueue::open(std::function<void()> wake)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_wake = std::move(wake);
@@ -74,108 +92,305 @@ void JobQueue::open(std::function<bool()> wake)
 
 void JobQueue::close()
 {
-    std::deque<Job> dropped; // destroyed after the lock: a job may own much
+    std::vector<Job> dropped; // destroyed after the lock: a job may own much
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_wake = nullptr;
     dropped.swap(m_jobs);
 }
 
-std::deque<Job> JobQueue::take()
+bool JobQueue::isOpenAndEmpty()
 {
-    std::deque<Job> batch;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    batch.swap(m_jobs);
-    m_woken = false;
-    return batch;
+    return m_wake && m_jobs.empty();
 }
 
-/// Runs the jobs when the reactor was notified.
-class IoLoop::Waker : public ACE_Event_Handler
+/// @param batch  empty
+void JobQueue::take(std::vector<Job> &batch)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    batch.swap(m_jobs);
+    m_sleeping = false;
+}
+
+bool JobQueue::sleepUnlessJobs()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_sleeping = m_jobs.empty();
+    return m_sleeping;
+}
+
+void JobQueue::wakeUp()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_wake)
+        wakeSleeper();
+}
+
+// ---- the turn
+
+/// Has the turn while it lives, if it was to be had.
+class IoLoop::Turn
 {
 public:
-    explicit Waker(JobQueue &jobs)
-        : m_jobs(jobs)
+    enum class Wanted
     {
+        Waiting,
+        AtOnce
+    };
+    Turn(IoLoop &loop, Wanted wanted)
+        : m_lock(loop.m_turn, std::defer_lock)
+    {
+        if (wanted == Wanted::Waiting)
+            m_lock.lock();
+        else if (turnOf != &loop)
+            m_lock.try_lock();
+        if (m_lock.owns_lock())
+            turnOf = &loop;
     }
+    ~Turn()
+    {
+        if (m_lock.owns_lock())
+            turnOf = nullptr;
+    }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
 
-    int handle_exception(ACE_HANDLE) override
-    {
-        for (const Job &job : m_jobs.take())
-            guarded(job);
-        return 0;
-    }
+    bool had() const { return m_lock.owns_lock(); }
 
 private:
-    JobQueue &m_jobs;
+    std::unique_lock<std::mutex> m_lock;
 };
+
+bool IoLoop::run(const Job &job)
+{
+    {
+        const NotCancelled whole;
+        const Turn turn(*this, Turn::Wanted::AtOnce);
+        if (turn.had() && m_jobs->isOpenAndEmpty())
+        {
+            guarded(job);
+            const Clock::time_point next = m_timers.empty() ? Clock::time_point::max() : m_timers.begin()->first;
+            if (next < m_wakesAt.load())
+            {
+                m_wakesAt = next;
+                m_jobs->wakeUp();
+            }
+            return true;
+        }
+    }
+    return post(job);
+}
+
+void IoLoop::act(const Events &events, int count)
+{
+    const Turn turn(*this, Turn::Wanted::Waiting);
+    for (int i = 0; i < count; ++i)
+        guarded([this, &event = events[static_cast<size_t>(i)]] { tell(event); });
+    fireTimers();
+    m_jobs->take(m_batch);
+    for (const Job &job : m_batch)
+        guarded(job);
+    m_batch.clear();
+    const Clock::time_point next = m_timers.empty() ? Clock::time_point::max() : m_timers.begin()->first;
+    // waking for a timer that was stopped is cheaper than being woken for each one that comes after it
+    const Clock::time_point planned = m_wakesAt;
+    m_wakesAt = planned > Clock::now() ? std::min(planned, next) : next;
+}
+
+void IoLoop::tell(const epoll_event &event)
+{
+    const auto descriptor = static_cast<size_t>(event.data.u64 & UINT32_MAX);
+    const auto registration = static_cast<uint32_t>(event.data.u64 >> 32U);
+    if (registration == theWaker || m_watched[descriptor].registration != registration)
+        return;
+    if (Watcher *const watcher = m_watched[descriptor].watcher)
+        watcher->happened(event.events);
+}
+
+void IoLoop::fireTimers()
+{
+    const Clock::time_point now = Clock::now();
+    while (!m_timers.empty() && m_timers.begin()->first <= now)
+    {
+        LoopTimer &timer = *m_timers.begin()->second;
+        timer.stop();
+        guarded(timer.m_callback);
+    }
+}
+
+bool IoLoop::watch(int descriptor, Watcher &watcher, uint32_t events)
+{
+    const auto place = static_cast<size_t>(descriptor);
+    if (m_watched.size() <= place)
+        m_watched.resize(place + 1);
+    Watched &watched = m_watched[place];
+    if (++watched.registration == theWaker)
+        ++watched.registration;
+    epoll_event wanted = {};
+    wanted.events = events;
+    wanted.data.u64 = uint64_t{watched.registration} << 32U | place;
+    if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, descriptor, &wanted) != 0)
+        return false;
+    watched.watcher = &watcher;
+    return true;
+}
+
+void IoLoop::change(int descriptor, uint32_t events)
+{
+    const auto place = static_cast<size_t>(descriptor);
+    epoll_event wanted = {};
+    wanted.events = events;
+    wanted.data.u64 = uint64_t{m_watched[place].registration} << 32U | place;
+    if (epoll_ctl(m_epoll, EPOLL_CTL_MOD, descriptor, &wanted) != 0)
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "a descriptor is not watched: %s", systemText().c_str());
+}
+
+void IoLoop::forget(int descriptor)
+{
+    const auto place = static_cast<size_t>(descriptor);
+    if (place >= m_watched.size() || !std::exchange(m_watched[place].watcher, nullptr))
+        return;
+    epoll_event none = {};
+    epoll_ctl(m_epoll, EPOLL_CTL_DEL, descriptor, &none);
+}
+
+// ---- the thread
 
 IoLoop::IoLoop() = default;
 
 IoLoop::~IoLoop()
 {
     stop();
+    for (const int descriptor : {m_epoll, m_waker})
+    {
+        if (descriptor >= 0)
+            close(descriptor);
+    }
 }
 
-bool IoLoop::start()
+bool IoLoop::openDescriptors()
 {
-    auto timers = std::make_unique<MonotonicHeap>();
-    constexpr bool restartAfterSignals = true;
-    constexpr int keepNotifyPipe = 0;
-    constexpr int leaveSignalsAlone = 0;
-    auto implementation = std::make_unique<ACE_Dev_Poll_Reactor>(
-        handleTableSize(), restartAfterSignals, nullptr, timers.get(), keepNotifyPipe, nullptr, leaveSignalsAlone);
-    if (!implementation->initialized())
-    {
-        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O thread gets no reactor: %s",
-                        std::generic_category().message(errno).c_str());
+    m_epoll = epoll_create1(EPOLL_CLOEXEC);
+    m_waker = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    epoll_event wanted = {};
+    wanted.events = EPOLLIN | EPOLLET;
+    if (m_epoll >= 0 && m_waker >= 0 && epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_waker, &wanted) == 0)
+        return true;
+    ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O loop gets no descriptors: %s", systemText().c_str());
+    return false;
+}
+
+void IoLoop::wake() const
+{
+    const uint64_t one = 1;
+    // it fails only when the counter is full, and then the loop has been woken
+    [[maybe_unused]] const ssize_t written = write(m_waker, &one, sizeof(one));
+}
+
+bool IoLoop::start(std::function<void()> betweenTurns)
+{
+    m_betweenTurns = std::move(betweenTurns);
+    if (!openDescriptors())
         return false;
-    }
-    m_timers = std::move(timers);
-    constexpr bool owned = true;
-    m_reactor = std::make_unique<ACE_Reactor>(implementation.release(), owned);
-    m_waker = std::make_unique<Waker>(*m_jobs);
-    m_jobs->open([this] { return m_reactor->notify(m_waker.get()) == 0; });
+    m_jobs->open([this] { wake(); });
+    return replaceThread();
+}
+
+/// The servers' mutex is held; those that have ended need it no more.
+void IoLoop::joinEnded()
+{
+    m_servers.remove_if([](Server &server) {
+        if (server.ended)
+            server.thread.join();
+        return server.ended;
+    });
+}
+
+bool IoLoop::replaceThread()
+{
+    const std::lock_guard<std::mutex> lock(m_serversMutex);
+    joinEnded();
+    Server &server = m_servers.emplace_back();
+    server.number = m_current + 1;
     try
     {
-        m_ended = false;
-        m_thread = quietThread([this] { run(); });
+        server.thread = quietThread([this, &server] { serve(server); });
     }
     catch (const std::system_error &error)
     {
-        m_ended = true;
+        m_servers.pop_back();
         ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "no I/O thread: %s", error.what());
         return false;
     }
+    m_current = server.number;
     return true;
 }
 
-void IoLoop::run()
+bool IoLoop::onItsThread() const
 {
+    return service.loop == this && service.number == m_current;
+}
+
+int IoLoop::wait(Events &events)
+{
+    int patience = 0;
+    if (m_jobs->sleepUnlessJobs())
+    {
+        const Clock::time_point until = m_wakesAt;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
+        patience = until == Clock::time_point::max() ? -1 : static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
+    }
+    const int count = epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), patience);
+    return count < 0 && errno == EINTR ? 0 : count;
+}
+
+void IoLoop::serve(Server &self)
+{
+    {
+        const std::lock_guard<std::mutex> begun(m_serversMutex);
+    }
+    service = {this, self.number};
     unsigned failures = 0;
+    Events events;
     while (!m_stopping)
     {
-        int handled = 0;
-        guarded([this, &handled] { handled = m_reactor->handle_events(); });
-        if (handled >= 0)
+        if (m_betweenTurns) // first: the thread that was replaced may have left work
+            m_betweenTurns();
+        if (!onItsThread())
+            break;
+        const int count = wait(events);
+        failures = count < 0 ? failures + 1 : 0;
+        if (failures == toleratedFailures)
         {
-            failures = 0;
-        }
-        else if (++failures == toleratedFailures)
-        {
-            ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O thread ends, its reactor fails: %s",
-                            std::generic_category().message(errno).c_str());
+            ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O thread ends, it cannot wait: %s",
+                            systemText().c_str());
             break;
         }
+        act(events, count);
     }
-    m_ended = true;
+    const std::lock_guard<std::mutex> lock(m_serversMutex);
+    self.ended = true;
+}
+
+bool IoLoop::hasEnded()
+{
+    const std::lock_guard<std::mutex> lock(m_serversMutex);
+    return m_servers.empty() || m_servers.back().ended;
 }
 
 void IoLoop::stop()
 {
-    if (m_thread.joinable())
+    post([this] { m_stopping = true; });
+    for (bool all = false; !all;) // meanwhile one may be replaced
     {
-        post([this] { m_stopping = true; });
-        m_thread.join();
+        std::list<Server> servers;
+        {
+            const std::lock_guard<std::mutex> lock(m_serversMutex);
+            servers.swap(m_servers);
+        }
+        for (Server &server : servers)
+            server.thread.join();
+        all = servers.empty();
     }
     m_jobs->close();
 }
@@ -184,12 +399,16 @@ void IoLoop::abandon(std::chrono::milliseconds patience)
 {
     constexpr std::chrono::milliseconds step{2};
     post([this] { m_stopping = true; });
-    for (auto waited = std::chrono::milliseconds::zero(); waited < patience && !m_ended; waited += step)
+    for (auto waited = std::chrono::milliseconds::zero(); waited < patience && !hasEnded(); waited += step)
         std::this_thread::sleep_for(step);
-    if (m_ended && m_thread.joinable())
-        m_thread.join();
+    {
+        const std::lock_guard<std::mutex> lock(m_serversMutex);
+        joinEnded();
+    }
     m_jobs->close();
 }
+
+// ---- timers
 
 LoopTimer::LoopTimer(IoLoop &loop, std::function<void()> callback)
     : m_loop(loop)
@@ -205,26 +424,14 @@ LoopTimer::~LoopTimer()
 void LoopTimer::start(std::chrono::milliseconds delay)
 {
     stop();
-    const auto whole = std::max(delay, std::chrono::milliseconds::zero()).count();
-    m_id = m_loop.reactor().schedule_timer(this, nullptr,
-                                           ACE_Time_Value(whole / 1000, static_cast<suseconds_t>(whole % 1000 * 1000)));
-    if (m_id == -1)
-        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "no timer: %s",
-                        std::generic_category().message(errno).c_str());
+    m_place = m_loop.m_timers.emplace(IoLoop::Clock::now() + delay, this);
+    m_armed = true;
 }
 
 void LoopTimer::stop()
 {
-    if (m_id != -1)
-        m_loop.reactor().cancel_timer(m_id);
-    m_id = -1;
-}
-
-int LoopTimer::handle_timeout(const ACE_Time_Value &, const void *)
-{
-    m_id = -1;
-    m_callback();
-    return 0;
+    if (std::exchange(m_armed, false))
+        m_loop.m_timers.erase(m_place);
 }
 
 } // namespace zr::dispatch

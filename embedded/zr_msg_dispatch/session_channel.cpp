@@ -267,7 +267,7 @@ void SessionChannel::setUpTrack(const Mapped &mapped)
         writer = [jobs = m_services.loop.jobs(), budget = std::make_shared<std::atomic<size_t>>(0),
                   limit = m_services.settings.maxOutgoingMedia, connection = std::weak_ptr<Connection>(m_connection)](
                      uint8_t channel, const void *data, size_t size) {
-            if (*budget + size > limit) // the I/O thread does not come to it
+            if (*budget + size > limit) // nobody comes to it
                 return false;
             *budget += size;
             std::string payload(static_cast<const char *>(data), size);

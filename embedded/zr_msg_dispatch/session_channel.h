@@ -29,7 +29,7 @@ struct ChannelServices
     const TlsContext &tls;
 };
 
-/// Everything here is the I/O thread's. The channel comes with the registration's first request that may open a
+/// Everything here happens on the loop's turn. The channel comes with the registration's first request that may open a
 /// connection and goes with the registration: one request on the wire at a time, the others behind it.
 class SessionChannel final : private Connection::Owner, public std::enable_shared_from_this<SessionChannel>
 {

@@ -13,7 +13,7 @@
 namespace zr::dispatch {
 
 /// Watches that a server hears of its session in time: at half the session's time-out without a request, or at three
-/// quarters where the time-out is so long that the requester's own keep-alives serve it. I/O thread.
+/// quarters where the time-out is so long that the requester's own keep-alives serve it. On the loop's turn.
 class SessionKeeper
 {
 public:
