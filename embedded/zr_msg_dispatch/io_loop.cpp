@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <exception>
 #include <system_error>
 #include <utility>
 
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include "platform_log.h"
@@ -20,7 +20,7 @@ namespace zr::dispatch {
 namespace {
 
 constexpr unsigned toleratedFailures = 100;
-constexpr uint32_t theWaker = 0; ///< as a registration
+constexpr uint32_t ofTheLoop = 0; ///< a registration: its own descriptors
 
 /// The loop that the calling thread serves, and its number there.
 struct Service
@@ -73,15 +73,9 @@ bool JobQueue::post(Job job)
     if (!m_wake)
         return false;
     m_jobs.push_back(std::move(job));
-    wakeSleeper();
-    return true;
-}
-
-/// The mutex is held.
-void JobQueue::wakeSleeper()
-{
     if (std::exchange(m_sleeping, false))
         m_wake();
+    return true;
 }
 
 void JobQueue::open(std::function<void()> wake)
@@ -117,13 +111,6 @@ bool JobQueue::sleepUnlessJobs()
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_sleeping = m_jobs.empty();
     return m_sleeping;
-}
-
-void JobQueue::wakeUp()
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_wake)
-        wakeSleeper();
 }
 
 // ---- the turn
@@ -169,12 +156,7 @@ bool IoLoop::run(const Job &job)
         if (turn.had() && m_jobs->isOpenAndEmpty())
         {
             guarded(job);
-            const Clock::time_point next = m_timers.empty() ? Clock::time_point::max() : m_timers.begin()->first;
-            if (next < m_wakesAt.load())
-            {
-                m_wakesAt = next;
-                m_jobs->wakeUp();
-            }
+            planWaking();
             return true;
         }
     }
@@ -191,17 +173,29 @@ void IoLoop::act(const Events &events, int count)
     for (const Job &job : m_batch)
         guarded(job);
     m_batch.clear();
-    const Clock::time_point next = m_timers.empty() ? Clock::time_point::max() : m_timers.begin()->first;
-    // waking for a timer that was stopped is cheaper than being woken for each one that comes after it
-    const Clock::time_point planned = m_wakesAt;
-    m_wakesAt = planned > Clock::now() ? std::min(planned, next) : next;
+    planWaking();
+}
+
+/// Waking for a timer that was stopped is cheaper than setting the alarm for each one that comes after it.
+void IoLoop::planWaking()
+{
+    if (m_timers.empty() || (m_wakesAt <= m_timers.begin()->first && m_wakesAt > Clock::now()))
+        return;
+    m_wakesAt = m_timers.begin()->first;
+    const auto since = m_wakesAt.time_since_epoch();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+    itimerspec alarm = {};
+    alarm.it_value.tv_sec = seconds.count();
+    alarm.it_value.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
+    if (timerfd_settime(m_alarm, TFD_TIMER_ABSTIME, &alarm, nullptr) != 0)
+        ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "timers do not fire: %s", systemText().c_str());
 }
 
 void IoLoop::tell(const epoll_event &event)
 {
     const auto descriptor = static_cast<size_t>(event.data.u64 & UINT32_MAX);
     const auto registration = static_cast<uint32_t>(event.data.u64 >> 32U);
-    if (registration == theWaker || m_watched[descriptor].registration != registration)
+    if (registration == ofTheLoop || m_watched[descriptor].registration != registration)
         return;
     if (Watcher *const watcher = m_watched[descriptor].watcher)
         watcher->happened(event.events);
@@ -224,7 +218,7 @@ bool IoLoop::watch(int descriptor, Watcher &watcher, uint32_t events)
     if (m_watched.size() <= place)
         m_watched.resize(place + 1);
     Watched &watched = m_watched[place];
-    if (++watched.registration == theWaker)
+    if (++watched.registration == ofTheLoop)
         ++watched.registration;
     epoll_event wanted = {};
     wanted.events = events;
@@ -261,7 +255,7 @@ IoLoop::IoLoop() = default;
 IoLoop::~IoLoop()
 {
     stop();
-    for (const int descriptor : {m_epoll, m_waker})
+    for (const int descriptor : {m_epoll, m_waker, m_alarm})
     {
         if (descriptor >= 0)
             close(descriptor);
@@ -272,9 +266,12 @@ bool IoLoop::openDescriptors()
 {
     m_epoll = epoll_create1(EPOLL_CLOEXEC);
     m_waker = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    epoll_event wanted = {};
+    m_alarm = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    epoll_event wanted = {}; // edges: neither has to be read
     wanted.events = EPOLLIN | EPOLLET;
-    if (m_epoll >= 0 && m_waker >= 0 && epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_waker, &wanted) == 0)
+    wanted.data.u64 = uint64_t{ofTheLoop} << 32U;
+    if (m_epoll >= 0 && m_waker >= 0 && m_alarm >= 0 && epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_waker, &wanted) == 0 &&
+        epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_alarm, &wanted) == 0)
         return true;
     ZR_PLATFORM_LOG(ERROR, codeNoResources, Dispatch, "the I/O loop gets no descriptors: %s", systemText().c_str());
     return false;
@@ -333,13 +330,8 @@ bool IoLoop::onItsThread() const
 
 int IoLoop::wait(Events &events)
 {
-    int patience = 0;
-    if (m_jobs->sleepUnlessJobs())
-    {
-        const Clock::time_point until = m_wakesAt;
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
-        patience = until == Clock::time_point::max() ? -1 : static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
-    }
+    constexpr int forEver = -1;
+    const int patience = m_jobs->sleepUnlessJobs() ? forEver : 0;
     const int count = epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), patience);
     return count < 0 && errno == EINTR ? 0 : count;
 }

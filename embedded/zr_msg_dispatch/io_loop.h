@@ -35,10 +35,8 @@ private:
     void open(std::function<void()> wake);
     void close();
     bool isOpenAndEmpty();
-    void wakeUp();
     void take(std::vector<Job> &batch);
     bool sleepUnlessJobs();
-    void wakeSleeper();
 
     /// Guards all below. The wake-up is called under it, so that after close nobody touches the loop.
     std::mutex m_mutex;
@@ -123,20 +121,22 @@ private:
     void act(const Events &events, int count);
     void tell(const epoll_event &event);
     void fireTimers();
+    void planWaking();
     void wake() const;
 
     const std::shared_ptr<JobQueue> m_jobs = std::make_shared<JobQueue>();
     std::function<void()> m_betweenTurns;
     int m_epoll = -1;
-    int m_waker = -1; ///< an eventfd, edge-triggered: it is never read
+    int m_waker = -1; ///< for jobs
+    int m_alarm = -1; ///< for timers
 
     std::mutex m_turn;              ///< is the turn; guards what follows
     std::vector<Watched> m_watched; ///< by descriptor
     Timers m_timers;
     std::vector<Job> m_batch; ///< empty, but for its memory
 
-    /// When the thread wakes by itself: for the next timer, or earlier. Written on the turn.
-    std::atomic<Clock::time_point> m_wakesAt{Clock::time_point::max()};
+    Clock::time_point m_wakesAt = Clock::time_point::min(); ///< for which the alarm was set last
+
     std::atomic<uint64_t> m_current{0}; ///< number of the thread whose loop it is
     std::atomic<bool> m_stopping{false};
 
