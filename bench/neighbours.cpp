@@ -10,6 +10,7 @@
 
 #include "hostile_server.h"
 #include "session.h"
+#include "zr_platform.h"
 
 using namespace std::chrono_literals;
 
@@ -183,6 +184,7 @@ int main(int argc, char **argv)
             argv[0]);
         return 2;
     }
+    ZR_LogSetFile("/dev/null"); // hostile servers make much to warn of
     int code = 1;
     try
     {
