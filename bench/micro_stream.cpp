@@ -247,8 +247,9 @@ void markOfNewPort(benchmark::State &state)
     const auto others = static_cast<ZR_ULONG>(state.range(0));
     for (ZR_ULONG port = 1; port <= others; ++port)
         marks.push_back(zr::common::mediaMark(port));
+    ZR_ULONG next = others;
     while (state.KeepRunning())
-        benchmark::DoNotOptimize(zr::common::mediaMark(others + 1));
+        benchmark::DoNotOptimize(zr::common::mediaMark(++next));
 }
 BENCHMARK(markOfNewPort)->Arg(100)->Arg(10000);
 

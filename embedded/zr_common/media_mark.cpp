@@ -1,17 +1,30 @@
 #include "media_mark.h"
 
-#include <map>
+#include <algorithm>
+#include <iterator>
 #include <mutex>
+#include <unordered_map>
 
 #include "zr_common.h"
 
 namespace {
 
-/// Holds no mark itself: a port that nobody receives on any more leaves nothing behind.
+/// Holds no mark itself. Of ports that nobody receives on any more it keeps at most as many entries as of others, or a
+/// few: so that thousands of ports open without each one walking over all.
 struct Marks
 {
-    std::mutex mutex; ///< guards the map; nothing is called under it
-    std::map<ZR_ULONG, std::weak_ptr<std::atomic<bool>>> byPort;
+    static constexpr size_t few = 64;
+
+    void dropExpired()
+    {
+        for (auto mark = byPort.begin(); mark != byPort.end();)
+            mark = mark->second.expired() ? byPort.erase(mark) : std::next(mark);
+        dropAt = std::max(few, 2 * byPort.size());
+    }
+
+    std::mutex mutex; ///< guards what follows; nothing is called under it
+    std::unordered_map<ZR_ULONG, std::weak_ptr<std::atomic<bool>>> byPort;
+    size_t dropAt = few; ///< entries
 };
 
 Marks &marks()
@@ -36,9 +49,8 @@ std::shared_ptr<std::atomic<bool>> zr::common::mediaMark(ZR_ULONG portId)
 {
     Marks &all = marks();
     const std::lock_guard<std::mutex> lock(all.mutex);
-    for (auto mark = all.byPort.begin(); mark != all.byPort.end();)
-        mark = mark->second.expired() ? all.byPort.erase(mark) : std::next(mark);
-
+    if (all.byPort.size() >= all.dropAt)
+        all.dropExpired();
     std::weak_ptr<std::atomic<bool>> &entry = all.byPort[portId];
     auto mark = entry.lock();
     if (mark == nullptr)

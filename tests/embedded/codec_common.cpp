@@ -147,6 +147,11 @@ TEST(MediaKeepLive, TellsOncePerArrivalAndPerPort)
     EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(1), 1U);
     EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(1), 0U);
     mark->store(true);
+    for (ZR_ULONG passing = 3; passing < 1000; ++passing)
+        zr::common::mediaMark(passing)->store(true);
+    EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(999), 0U) << "nobody receives there any more";
+    EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(1), 1U);
+    mark->store(true);
     CJugeMediaKeepLive::RefreshMediaKeepLive(1);
     EXPECT_EQ(CJugeMediaKeepLive::CheckIfRecvPkt(1), 0U);
 }
