@@ -73,6 +73,7 @@ struct CRtspMediaCtrlProbe
         ctrl.m_ulPlayFlag = 1;
         ctrl.m_ulKeepLivePeriod = period;
         ctrl.m_ulKeepLiveTick = 1;
+        ctrl.m_bCheckMediaKeepLive = 1;
     }
     static ZR_ULONG dataFromSdp(const char *text, const char *section, const char *key, ZR_ULONG limit, char *out)
     {
