@@ -253,4 +253,24 @@ void markOfNewPort(benchmark::State &state)
 }
 BENCHMARK(markOfNewPort)->Arg(100)->Arg(10000);
 
+/// A media port with its four sockets from its opening to its closing, among other ones.
+void portAmong(benchmark::State &state)
+{
+    std::vector<std::shared_ptr<MediaPort>> others(static_cast<size_t>(state.range(0)));
+    ZR_ULONG last = 0;
+    for (std::shared_ptr<MediaPort> &port : others)
+        MediaPort::open(++last, "127.0.0.1", port);
+    while (state.KeepRunning())
+    {
+        std::shared_ptr<MediaPort> port;
+        if (MediaPort::open(last + 1, "127.0.0.1", port) != 0)
+        {
+            state.SkipWithError("no port could be opened");
+            break;
+        }
+        port->close();
+    }
+}
+BENCHMARK(portAmong)->Arg(2)->Arg(200)->Unit(benchmark::kMicrosecond); // more may meet the limit of open files
+
 } // namespace

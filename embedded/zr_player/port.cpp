@@ -19,7 +19,7 @@ constexpr uint64_t maxRepeatedLines = 10;
 
 uint32_t randomNumber()
 {
-    std::random_device device;
+    thread_local std::random_device device; // asks the processor what it can, which a virtual one takes long to say
     return device();
 }
 
