@@ -84,7 +84,7 @@ bool Delivery::retired(const Registration &registration)
 
 RegistrationPtr Delivery::retire(ZR_ULONG id)
 {
-    std::deque<aoi::MessagePtr> dropped;
+    std::vector<aoi::MessagePtr> dropped;
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_registrations.find(id);
     if (found == m_registrations.end())
@@ -96,7 +96,7 @@ RegistrationPtr Delivery::retire(ZR_ULONG id)
 }
 
 /// The mutex is held.
-void Delivery::endRegistration(RegistrationPtr registration, std::deque<aoi::MessagePtr> &dropped)
+void Delivery::endRegistration(RegistrationPtr registration, std::vector<aoi::MessagePtr> &dropped)
 {
     registration->retired = true;
     registration->orders->forget(registration->id);
@@ -109,7 +109,7 @@ void Delivery::endRegistration(RegistrationPtr registration, std::deque<aoi::Mes
 std::vector<RegistrationPtr> Delivery::retireAll()
 {
     std::vector<RegistrationPtr> all;
-    std::deque<aoi::MessagePtr> dropped;
+    std::vector<aoi::MessagePtr> dropped;
     const std::lock_guard<std::mutex> lock(m_mutex);
     for (auto &entry : m_registrations)
     {
@@ -227,7 +227,7 @@ void Delivery::callNext(std::unique_lock<std::mutex> &lock, Ready &ready)
     if (!registration->messages.empty())
     {
         aoi::MessagePtr message = std::move(registration->messages.front());
-        registration->messages.pop_front();
+        registration->messages.erase(registration->messages.begin());
         registration->running = true;
         lock.unlock();
         callProcessor(*registration->processor, message.get());

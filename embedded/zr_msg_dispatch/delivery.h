@@ -82,8 +82,8 @@ private:
     friend class Delivery;
     CIAOIMsgProc *const processor;
     // the rest is guarded by the delivery's mutex
-    std::deque<aoi::MessagePtr> messages;
-    bool scheduled = false; ///< in a list of those that are ready, or its call is running
+    std::vector<aoi::MessagePtr> messages; ///< in order
+    bool scheduled = false;                ///< in a list of those that are ready, or its call is running
     bool running = false;
     bool retired = false; ///< for good; from then on messages stays empty and no call begins
 };
@@ -134,7 +134,7 @@ public:
 private:
     using Ready = std::deque<RegistrationPtr>;
 
-    void endRegistration(RegistrationPtr registration, std::deque<aoi::MessagePtr> &dropped);
+    void endRegistration(RegistrationPtr registration, std::vector<aoi::MessagePtr> &dropped);
     void work();
     void callNext(std::unique_lock<std::mutex> &lock, Ready &ready);
     void makeReady(const RegistrationPtr &registration);

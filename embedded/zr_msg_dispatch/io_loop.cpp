@@ -148,19 +148,16 @@ private:
     std::unique_lock<std::mutex> m_lock;
 };
 
-bool IoLoop::run(const Job &job)
+/// @return false when it cannot now
+bool IoLoop::runNow(const Job &job)
 {
-    {
-        const NotCancelled whole;
-        const Turn turn(*this, Turn::Wanted::AtOnce);
-        if (turn.had() && m_jobs->isOpenAndEmpty())
-        {
-            guarded(job);
-            planWaking();
-            return true;
-        }
-    }
-    return post(job);
+    const NotCancelled whole;
+    const Turn turn(*this, Turn::Wanted::AtOnce);
+    if (!turn.had() || !m_jobs->isOpenAndEmpty())
+        return false;
+    guarded(job);
+    planWaking();
+    return true;
 }
 
 void IoLoop::act(const Events &events, int count)

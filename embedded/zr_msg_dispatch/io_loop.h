@@ -83,7 +83,11 @@ public:
     bool post(Job job) { return m_jobs->post(std::move(job)); }
     /// Runs a job at once on the calling thread if that may have the turn and no job waits before it; posts it if not.
     /// Any thread; never blocks. @return false when the loop has ended: the job is dropped
-    bool run(const Job &job);
+    template <typename Work>
+    bool run(const Work &work)
+    {
+        return runNow(std::cref(work)) || post(work);
+    }
     /// Goes on with another thread, for the loop's own does not come back from between two turns. Any thread, without
     /// the turn. @return false when there is no thread to be had
     bool replaceThread();
@@ -112,6 +116,7 @@ private:
     using Clock = std::chrono::steady_clock;
     using Timers = std::multimap<Clock::time_point, LoopTimer *>;
 
+    bool runNow(const Job &job);
     bool openDescriptors();
     struct Server;
     void serve(Server &self);
