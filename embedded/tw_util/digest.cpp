@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <strings.h>
+#include <map>
+#include <mutex>
 #include <utility>
+
+#include <strings.h>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -34,6 +37,22 @@ ZR_ULONG hash(std::initializer_list<std::string_view> fields, char *out)
     return 0;
 }
 
+/// An algorithm of the cryptographic library. It is looked up once, which costs as much as a digest.
+/// @return null when the library does not have it, now
+const EVP_MD *algorithmOf(const std::string &name)
+{
+    static std::mutex mutex;                                                              // guards the next
+    static std::map<std::string, EVP_MD *> &found = *new std::map<std::string, EVP_MD *>; // used until the process ends
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto known = found.find(name);
+    if (known != found.end())
+        return known->second;
+    EVP_MD *const fetched = EVP_MD_fetch(nullptr, name.c_str(), nullptr);
+    if (fetched)
+        found.emplace(name, fetched);
+    return fetched;
+}
+
 } // namespace
 
 zr::util::SecretText::SecretText(std::string text)
@@ -60,10 +79,12 @@ zr::util::SecretText::~SecretText()
 std::string zr::util::hex(const unsigned char *bytes, size_t size)
 {
     static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * size);
-    for (const unsigned char *byte = bytes; byte != bytes + size; ++byte)
-        text.append(1, digits[*byte >> 4]).append(1, digits[*byte & 15]);
+    std::string text(2 * size, '\0');
+    for (size_t i = 0; i < size; ++i)
+    {
+        text[2 * i] = digits[bytes[i] >> 4];
+        text[2 * i + 1] = digits[bytes[i] & 15];
+    }
     return text;
 }
 
@@ -71,9 +92,9 @@ std::optional<std::string> zr::util::hexDigest(const char *algorithm, std::initi
 {
     const SecretText joined(fields);
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    size_t length = 0;
-    if (EVP_Q_digest(nullptr, algorithm, nullptr, joined.text().data(), joined.text().size(), digest.data(), &length) !=
-        1)
+    unsigned length = 0;
+    const EVP_MD *const method = algorithmOf(algorithm);
+    if (!method || EVP_Digest(joined.text().data(), joined.text().size(), digest.data(), &length, method, nullptr) != 1)
     {
         ZR_PLATFORM_LOG(ERROR, codeFailed, Util, "[hexDigest] %s is not available in the cryptographic library",
                         algorithm);
