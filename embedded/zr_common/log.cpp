@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -25,10 +24,6 @@ namespace {
 constexpr const char *pattern = "%Y-%m-%d %H:%M:%S.%e %l %t %v";
 constexpr size_t fileBytes = 10 * size_t{1024} * 1024;
 constexpr size_t oldFiles = 3;
-
-/// The lowest level that is written; 0 (all) until the log is made. Apart from the log so that a line that is not
-/// written costs one load.
-std::atomic<ZR_ULONG> threshold{0};
 
 spdlog::level::level_enum spdlogLevel(tagZrLogLevel level)
 {
@@ -135,7 +130,7 @@ private:
     void applyLevel()
     {
         const ZR_ULONG usual = m_toFile ? ZR_LOG_INFO : ZR_LOG_WARNING;
-        threshold = m_level == 0 ? usual : m_level;
+        zr::log::threshold = m_level == 0 ? usual : m_level;
     }
 
     std::mutex m_mutex; ///< guards what the next two say and their agreement with destination and threshold
@@ -179,13 +174,13 @@ void quietly(Action action)
 void CZRWriteLog::writeLog(tagZrLogLevel enLevel, ZR_ULONG ulCode, ZR_ULONG ulModule, const char *pszFile, int iLine,
                            const char *pszFormat, ...)
 {
-    if (enLevel < threshold.load(std::memory_order_relaxed))
+    if (!zr::log::isWritten(enLevel))
         return;
     va_list arguments;
     va_start(arguments, pszFormat);
     quietly([&] {
         Log &destination = log(); // makes the log, and with it the threshold
-        if (enLevel >= threshold.load(std::memory_order_relaxed))
+        if (zr::log::isWritten(enLevel))
             destination.write(enLevel,
                               zr::common::formatLogLine(ulCode, ulModule, pszFile, iLine, pszFormat, arguments));
     });
