@@ -24,7 +24,7 @@ bool isAddress(std::string_view text)
 
 bool isHeaderText(std::string_view text)
 {
-    return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+    return std::none_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
 }
 
 const char *addressProblem(const TransportElement &transport)
@@ -44,9 +44,10 @@ const char *addressProblem(const TransportElement &transport)
     return nullptr;
 }
 
-Status appendText(tagAOIMsg *message, ZR_ULONG id, std::string_view prefix, std::string_view text)
+Status appendText(tagAOIMsg *message, ZR_ULONG id, std::string_view prefix, std::string_view text,
+                  std::string_view mark)
 {
-    return mdp::append(message, id, {prefix, text, zero});
+    return mdp::append(message, id, {prefix, text, mark, zero});
 }
 
 Status appendNumber(tagAOIMsg *message, ZR_ULONG id, ZR_ULONG number)

@@ -27,7 +27,9 @@ bool isHeaderText(std::string_view text);
 /// of the relation to a TV wall.
 const char *addressProblem(const TransportElement &transport);
 
-Status appendText(tagAOIMsg *message, ZR_ULONG id, std::string_view prefix, std::string_view text);
+/// @param mark  stands behind the text, within its own zero
+Status appendText(tagAOIMsg *message, ZR_ULONG id, std::string_view prefix, std::string_view text,
+                  std::string_view mark = {});
 Status appendNumber(tagAOIMsg *message, ZR_ULONG id, ZR_ULONG number);
 Status appendTransport(tagAOIMsg *message, ZR_ULONG id, const TransportElement &transport);
 

@@ -40,7 +40,7 @@ const Algorithm *findAlgorithm(std::string_view name)
 bool isPlain(std::string_view text)
 {
     constexpr size_t longest = 1024;
-    return text.size() <= longest && rtsp::headerSafe(text) == text;
+    return text.size() <= longest && !rtsp::hasControls(text);
 }
 
 std::string inQuotes(std::string_view text)
@@ -66,9 +66,7 @@ std::string makeCnonce()
 
 bool offersAuth(const std::string &qop)
 {
-    const auto offers = rtsp::split(qop, ',');
-    return std::any_of(offers.begin(), offers.end(),
-                       [](std::string_view offer) { return rtsp::sameText(offer, "auth"); });
+    return rtsp::anyPiece(qop, ',', [](std::string_view offer) { return rtsp::sameText(offer, "auth"); });
 }
 
 std::string answerBasic(const Credentials &credentials)

@@ -14,7 +14,7 @@ std::string takeValue(std::string_view &text)
     std::string value;
     if (text.empty() || text.front() != '"')
     {
-        const size_t end = std::min(text.find_first_of(", \t"), text.size());
+        const size_t end = firstOf(", \t", text);
         value = text.substr(0, end);
         text.remove_prefix(end);
         return value;
@@ -41,7 +41,7 @@ void readHeader(std::string_view text, std::vector<Challenge> &out)
     const size_t others = out.size();
     for (skip(text, ", \t"); !text.empty(); skip(text, ", \t"))
     {
-        const size_t end = std::min(text.find_first_of(",= \t\""), text.size());
+        const size_t end = firstOf(",= \t\"", text);
         const std::string_view word = text.substr(0, end);
         text.remove_prefix(end);
         skip(text, " \t");

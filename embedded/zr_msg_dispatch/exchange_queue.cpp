@@ -25,14 +25,14 @@ AcceptedPtr ExchangeQueue::next(SteadyClock::time_point now)
     if (m_waiting.empty() || wireBusy(now))
         return nullptr;
     AcceptedPtr accepted = std::move(m_waiting.front());
-    m_waiting.pop_front();
+    m_waiting.erase(m_waiting.begin());
     return accepted;
 }
 
 void ExchangeQueue::restart(AcceptedPtr accepted)
 {
     m_onWire.clear();
-    m_waiting.push_front(std::move(accepted));
+    again(std::move(accepted));
 }
 
 bool ExchangeQueue::wireBusy(SteadyClock::time_point now) const
@@ -77,10 +77,10 @@ std::vector<std::string> ExchangeQueue::expire(SteadyClock::time_point now)
     {
         lines.push_back(std::string(methodOf(m_waiting.front()->request.messageId)) +
                         " waited too long and is never sent");
-        m_waiting.pop_front();
+        m_waiting.erase(m_waiting.begin());
     }
     while (m_onWire.size() > mostForgotten && !m_onWire.front().accepted)
-        m_onWire.pop_front();
+        m_onWire.erase(m_onWire.begin());
     return lines;
 }
 

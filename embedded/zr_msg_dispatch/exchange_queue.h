@@ -2,7 +2,6 @@
 /// The order of one session's requests: what waits, what is on the wire, and which answer belongs to which.
 #pragma once
 
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -84,7 +83,7 @@ public:
     /// before all others.
     void restart(AcceptedPtr accepted);
     /// The request is sent again, before all others.
-    void again(AcceptedPtr accepted) { m_waiting.push_front(std::move(accepted)); }
+    void again(AcceptedPtr accepted) { m_waiting.insert(m_waiting.begin(), std::move(accepted)); }
     /// Takes the exchange that an answer belongs to: by CSeq, or without one (RFC 2326, 12.17 demands it) the oldest.
     /// None when it belongs to no request.
     std::optional<Exchange> match(const rtsp::Message &response);
@@ -113,8 +112,8 @@ private:
     bool has(Kind kind) const;
 
     const Settings &m_settings;
-    std::deque<AcceptedPtr> m_waiting;
-    std::deque<Exchange> m_onWire; ///< in the order of sending
+    std::vector<AcceptedPtr> m_waiting;
+    std::vector<Exchange> m_onWire; ///< in the order of sending
 };
 
 } // namespace zr::dispatch

@@ -155,6 +155,12 @@ std::string Orders::linesFor(std::string_view method) const
     return lines;
 }
 
+const std::shared_ptr<const Orders> &HostOrders::none()
+{
+    static const auto &only = *new std::shared_ptr<const Orders>(std::make_shared<Orders>()); // as the store
+    return only;
+}
+
 std::shared_ptr<HostOrders> HostOrders::of(ZR_ULONG id)
 {
     const std::lock_guard<std::mutex> lock(store().mutex);

@@ -58,7 +58,10 @@ public:
     std::shared_ptr<const Orders> current() const;
 
 private:
-    std::shared_ptr<const Orders> m_current = std::make_shared<Orders>();
+    /// What counts where the host ordered nothing: one for all sessions.
+    static const std::shared_ptr<const Orders> &none();
+
+    std::shared_ptr<const Orders> m_current = none();
 };
 
 } // namespace zr::dispatch

@@ -20,7 +20,7 @@ Status addText(const char *name, ZR_ULONG id, const std::string &text, tagAOIMsg
         ZR_PLATFORM_LOG(WARNING, zr::mdp::ForbiddenText, Dispatch, "[%s] a text with CR, LF or NUL is refused", name);
         return zr::mdp::ForbiddenText;
     }
-    return zr::aoi::appendText(message, id, {}, mark.empty() ? text : text + std::string(mark));
+    return zr::aoi::appendText(message, id, {}, text, mark);
 }
 
 Status addTransport(ZR_ULONG id, const zr::aoi::TransportElement &transport, tagAOIMsg *message)

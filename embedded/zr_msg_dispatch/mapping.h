@@ -42,10 +42,6 @@ std::string hostAndPort(const Ends &ends);
 /// "DESCRIBE" for AOI_MSG_RTSP_DESCRIBE and so on; null for what is no request.
 const char *methodOf(ZR_ULONG messageId);
 
-/// The URL that a request asks for on the wire: its own, else the session's last; of a control URL joined to a base
-/// the last rtsps URL; without credentials, blanks and controls percent-encoded. Empty when there is no usable one.
-std::string wireUrl(const aoi::Request &request, const Session &session);
-
 /// The bytes of a request. An Authorization is written whenever the request has one: whether the far side may see it
 /// is for the caller to judge (Session::challengedBy). A SET_PARAMETER to a server that does not list it goes out as
 /// keepAliveMethod.
@@ -55,14 +51,24 @@ std::string wireUrl(const aoi::Request &request, const Session &session);
 std::string writeRequest(const aoi::Request &request, unsigned cseq, const Session &session,
                          const std::string &userAgent);
 
+/// What stands in a request's line and headers in place of its own.
+struct Wording
+{
+    std::string_view url; ///< as wireUrl gives it, or a redirect's target
+    std::string_view authorization;
+};
+/// @copydoc writeRequest
+std::string writeRequest(const aoi::Request &request, const Wording &wording, unsigned cseq, const Session &session,
+                         const std::string &userAgent);
+
 /// What keeps a session alive: GET_PARAMETER where the server lists it, else OPTIONS; with a Digest of the requester's,
 /// which holds for OPTIONS alone (RFC 2617, 3.2.2.3), OPTIONS.
-const char *keepAliveMethod(const Session &session, const std::string &authorization);
+const char *keepAliveMethod(const Session &session, std::string_view authorization);
 
 /// The bytes of a keep-alive of the platform's own.
 /// @param authorization  may be empty
 /// @return empty when nothing of the session was answered yet, so that it has no URL
-std::string writeKeepAlive(const Session &session, const std::string &authorization, unsigned cseq,
+std::string writeKeepAlive(const Session &session, std::string_view authorization, unsigned cseq,
                            const std::string &userAgent);
 
 /// What came of an answer.
@@ -113,5 +119,12 @@ struct Url
     std::string withoutCredentials;
 };
 std::optional<Url> parseUrl(std::string_view text);
+
+/// The URL that a request asks for on the wire: its own, else the session's last; of a control URL joined to a base
+/// the last rtsps URL; blanks and controls percent-encoded. None when there is no usable one.
+std::optional<Url> askedUrl(const aoi::Request &request, const Session &session);
+
+/// The same as text, without credentials; empty when there is no usable one.
+std::string wireUrl(const aoi::Request &request, const Session &session);
 
 } // namespace zr::dispatch

@@ -28,33 +28,36 @@ void fail(Mapped &mapped, const aoi::Request &request, ZR_ULONG status, std::str
 /// Reads a Session header (RFC 2326, 12.37).
 /// @param timeoutSeconds  keeps its value when none is given
 /// @return the ID without its parameters; empty when there is none
-std::string readSession(const rtsp::Message &response, unsigned &timeoutSeconds)
+std::string_view readSession(const rtsp::Message &response, unsigned &timeoutSeconds)
 {
     constexpr uint32_t day = 86400;
     constexpr std::string_view timeout = "timeout=";
     const std::string *header = response.find("Session");
     if (header == nullptr)
         return {};
-    const auto pieces = rtsp::split(*header, ';');
-    for (const std::string_view piece : pieces)
+    std::string_view rest = *header;
+    const std::string_view id = rtsp::takePiece(rest, ';');
+    while (!rest.empty())
     {
+        const std::string_view piece = rtsp::takePiece(rest, ';');
         if (!rtsp::beginsWith(piece, timeout))
             continue;
         const auto seconds = rtsp::parseNumber(rtsp::trimmed(piece.substr(timeout.size())), day);
         if (seconds && *seconds > 0)
             timeoutSeconds = *seconds;
     }
-    return std::string(pieces.front());
+    return id;
 }
 
 std::vector<std::string> readPublic(const rtsp::Message &response)
 {
     constexpr size_t most = 64;
     std::vector<std::string> methods;
-    for (const std::string_view header : response.findAll("Public"))
+    for (std::string_view rest : response.findAll("Public"))
     {
-        for (const std::string_view piece : rtsp::split(header, ','))
+        while (!rest.empty())
         {
+            const std::string_view piece = rtsp::takePiece(rest, ',');
             if (piece.empty() || methods.size() == most)
                 continue;
             std::string &method = methods.emplace_back(piece);
@@ -147,7 +150,7 @@ void mapPlay(const aoi::Request &request, const rtsp::Message &response, Session
     const std::string *range = response.find("Range");
     const std::string *scale = response.find("Scale");
     session.played = true;
-    session.position.play(range != nullptr ? *range : "", request.range,
+    session.position.play(range != nullptr ? std::string_view(*range) : "", request.range,
                           scale != nullptr ? rtsp::parseDecimal(*scale, largestScale).value_or(1) : 1, now);
 }
 
@@ -156,7 +159,7 @@ bool isOfSession(const aoi::Request &request, const rtsp::Message &response)
 {
     const bool awaited = request.messageId == AOI_MSG_RTSP_PLAY || request.messageId == AOI_MSG_RTSP_PAUSE;
     unsigned ignored = 0;
-    const std::string id = readSession(response, ignored);
+    const std::string_view id = readSession(response, ignored);
     return !awaited || id.empty() || request.sessionId.empty() || id == request.sessionId;
 }
 
@@ -166,11 +169,11 @@ void mapCommon(const aoi::Request &request, const rtsp::Message &response, Sessi
     answer.messageId = request.messageId;
     answer.kind = successKind;
     answer.destinationId = request.sourceId;
-    std::string id = readSession(response, session.timeoutSeconds);
+    std::string_view id = readSession(response, session.timeoutSeconds);
     if (id.empty())
         id = session.id.empty() ? request.sessionId : session.id;
     if (!id.empty())
-        answer.sessionId = std::move(id);
+        answer.sessionId = id;
     if (const std::string *server = response.find("Server"))
         answer.server = *server;
     if (const std::string *range = response.find("Range"))

@@ -41,7 +41,7 @@ std::string_view takeLine(std::string_view &text)
 
 std::string_view withoutEnd(std::string_view line)
 {
-    return line.substr(0, std::min(line.find_first_of("\r\n"), line.size()));
+    return line.substr(0, rtsp::firstOf("\r\n", line));
 }
 
 constexpr std::string_view controlAttribute = "a=control:";
@@ -58,6 +58,9 @@ std::optional<std::string_view> controlOf(std::string_view line)
 class RtpmapWriter
 {
 public:
+    /// @param size  of the whole description
+    explicit RtpmapWriter(size_t size) { m_out.reserve(size + usuallyAdded); }
+
     void add(std::string_view line)
     {
         constexpr std::string_view attribute = "a=rtpmap:";
@@ -72,7 +75,7 @@ public:
         if (m_type != nullptr && text.substr(0, attribute.size()) == attribute)
         {
             const std::string_view value = rtsp::trimmed(text.substr(attribute.size()));
-            if (rtsp::parseNumber(value.substr(0, value.find_first_of(" \t")), 127) == m_type->number)
+            if (rtsp::parseNumber(value.substr(0, rtsp::firstOf(" \t", value)), 127) == m_type->number)
                 m_type = nullptr;
         }
         m_out += line;
@@ -111,6 +114,8 @@ private:
         m_attributes = std::string::npos;
     }
 
+    static constexpr size_t usuallyAdded = 64; // here, and by completeControl
+
     std::string m_out;
     const StaticType *m_type = nullptr; ///< of the section, as long as no rtpmap of it was seen
     const char *m_lineEnd = "\r\n";
@@ -121,25 +126,26 @@ private:
 
 namespace zr::dispatch {
 
-std::optional<std::string> readDescription(const rtsp::Message &response)
+std::optional<std::string_view> readDescription(const rtsp::Message &response)
 {
     if (const std::string *header = response.find("Content-Type"))
     {
-        const auto pieces = rtsp::split(*header, ';');
-        if (!rtsp::sameText(pieces.front(), "application/sdp"))
+        std::string_view type = *header;
+        if (!rtsp::sameText(rtsp::takePiece(type, ';'), "application/sdp"))
             return std::nullopt;
     }
     // some devices count a terminating zero; whatever follows one, readers of C strings would not see
-    std::string text = response.body.substr(0, response.body.find('\0'));
+    const std::string_view text = std::string_view(response.body).substr(0, response.body.find('\0'));
     const size_t begin = text.find_first_not_of("\r\n \t");
-    if (begin == std::string::npos || (text.compare(begin, 2, "v=") != 0 && text.find("\nm=") == std::string::npos))
+    if (begin == std::string_view::npos ||
+        (text.substr(begin, 2) != "v=" && text.find("\nm=") == std::string_view::npos))
         return std::nullopt;
     return text;
 }
 
 std::string completeRtpmaps(std::string_view sdp)
 {
-    RtpmapWriter writer;
+    RtpmapWriter writer(sdp.size());
     while (!sdp.empty())
         writer.add(takeLine(sdp));
     writer.end();
@@ -190,7 +196,7 @@ std::string descriptionProblem(std::string_view sdp)
         if (begin == std::string_view::npos)
             return "the description's video has no " + std::string(attribute.name);
         const std::string_view value = sdp.substr(begin + attribute.name.size());
-        if (std::min(value.find_first_of(attribute.end), value.size()) > attribute.longest)
+        if (rtsp::firstOf(attribute.end, value) > attribute.longest)
             return "the description's video has more than " + std::to_string(attribute.longest) + " characters in " +
                    std::string(attribute.name);
     }

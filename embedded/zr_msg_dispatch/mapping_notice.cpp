@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "mapping.h"
 #include "result_codes.h"
 #include "rtsp_text.h"
@@ -47,8 +45,7 @@ namespace zr::dispatch {
 ServerRequest judgeServerRequest(const rtsp::Message &request)
 {
     ServerRequest judged;
-    const std::vector<std::string_view> methods = rtsp::split(understood, ',');
-    if (std::find(methods.begin(), methods.end(), request.method) == methods.end())
+    if (!rtsp::anyPiece(understood, ',', [&](std::string_view method) { return method == request.method; }))
         judged.status = statusNotImplemented;
     if (request.method == "OPTIONS")
         judged.headers.push_back({"Public", understood});

@@ -32,7 +32,7 @@ std::optional<AgreedTransport> readTransport(const aoi::TransportElement &asked,
 std::optional<std::string> chooseChallenge(const rtsp::Message &response, std::string &problem);
 
 /// The description in an answer's body, ended before its first NUL; none when it is not SDP.
-std::optional<std::string> readDescription(const rtsp::Message &response);
+std::optional<std::string_view> readDescription(const rtsp::Message &response);
 
 /// The description with the rtpmap attribute of RFC 3551 in each section whose (first) payload type is a static one
 /// that has none.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <utility>
 
 #include "mapping.h"
 #include "rtsp_text.h"
@@ -23,6 +24,28 @@ bool isAddress(const std::string &text)
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == ':' ||
                c == '-';
     });
+}
+
+/// What a URL has percent-encoded on the wire.
+bool isUnsafe(char c)
+{
+    const auto byte = static_cast<unsigned char>(c);
+    return byte <= 0x20 || byte == 0x7f;
+}
+
+std::string percentEncoded(std::string_view text)
+{
+    constexpr char digits[] = "0123456789ABCDEF";
+    std::string encoded;
+    for (const char c : text)
+    {
+        const auto byte = static_cast<unsigned char>(c);
+        if (isUnsafe(c))
+            encoded.append(1, '%').append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
+        else
+            encoded += c;
+    }
+    return encoded;
 }
 
 std::string pair(unsigned first)
@@ -65,6 +88,8 @@ class RequestText
 public:
     RequestText(std::string_view method, std::string_view url, unsigned cseq, std::string_view userAgent)
     {
+        constexpr size_t usual = 512; // what most requests take, with an Authorization
+        m_text.reserve(usual);
         m_text.append(method).append(" ").append(url).append(" RTSP/1.0\r\n");
         add("CSeq", std::to_string(cseq));
         add("User-Agent", userAgent);
@@ -73,8 +98,11 @@ public:
     /// Adds a header, unless its value is empty.
     void add(std::string_view name, std::string_view value)
     {
-        if (!value.empty())
-            m_text.append(name).append(": ").append(rtsp::headerSafe(value)).append("\r\n");
+        if (value.empty())
+            return;
+        m_text.append(name).append(": ");
+        rtsp::appendHeaderSafe(m_text, value);
+        m_text.append("\r\n");
     }
 
     std::string end() { return std::move(m_text.append("\r\n")); }
@@ -110,40 +138,40 @@ const char *methodOf(ZR_ULONG messageId)
     }
 }
 
-std::string wireUrl(const aoi::Request &request, const Session &session)
+std::optional<Url> askedUrl(const aoi::Request &request, const Session &session)
 {
-    constexpr char digits[] = "0123456789ABCDEF";
     constexpr std::string_view secure = "rtsps://";
     std::string_view text = request.url.empty() || request.url == "*" ? session.lastUrl : request.url;
     // a control URL that the plug-in did not take for absolute stands behind its base
     const size_t joined = text.rfind(secure);
     if (joined != std::string_view::npos)
         text.remove_prefix(joined);
-    std::string encoded;
-    for (const char c : text)
-    {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte > 0x20 && byte != 0x7f)
-            encoded += c;
-        else
-            encoded.append(1, '%').append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
-    }
-    const auto url = parseUrl(encoded);
-    return url ? url->withoutCredentials : std::string();
+    return std::any_of(text.begin(), text.end(), isUnsafe) ? parseUrl(percentEncoded(text)) : parseUrl(text);
+}
+
+std::string wireUrl(const aoi::Request &request, const Session &session)
+{
+    auto url = askedUrl(request, session);
+    return url ? std::move(url->withoutCredentials) : std::string();
 }
 
 std::string writeRequest(const aoi::Request &request, unsigned cseq, const Session &session,
                          const std::string &userAgent)
 {
+    return writeRequest(request, {wireUrl(request, session), request.authorization}, cseq, session, userAgent);
+}
+
+std::string writeRequest(const aoi::Request &request, const Wording &wording, unsigned cseq, const Session &session,
+                         const std::string &userAgent)
+{
     const char *method = methodOf(request.messageId);
-    const std::string url = wireUrl(request, session);
-    if (method == nullptr || url.empty() || (request.messageId == AOI_MSG_RTSP_SETUP && !request.transport))
+    if (method == nullptr || wording.url.empty() || (request.messageId == AOI_MSG_RTSP_SETUP && !request.transport))
         return {};
     // some servers close the connection on a method that they do not know
     if (request.messageId == AOI_MSG_RTSP_SET_PARAMERTER && !session.publicMethods.empty() &&
         !isListed(session, method))
-        method = keepAliveMethod(session, request.authorization);
-    RequestText text(method, url, cseq, userAgent);
+        method = keepAliveMethod(session, wording.authorization);
+    RequestText text(method, wording.url, cseq, userAgent);
     text.add("Session", request.sessionId);
     if (request.transport)
     {
@@ -156,19 +184,19 @@ std::string writeRequest(const aoi::Request &request, unsigned cseq, const Sessi
     if (request.scale && std::isfinite(*request.scale) && *request.scale != 0)
         text.add("Scale", scaleText(*request.scale));
     text.add("Range", request.range);
-    text.add("Authorization", request.authorization);
+    text.add("Authorization", wording.authorization);
     if (request.accept)
         text.add("Accept", "application/sdp");
     return text.end();
 }
 
-const char *keepAliveMethod(const Session &session, const std::string &authorization)
+const char *keepAliveMethod(const Session &session, std::string_view authorization)
 {
     const bool bound = rtsp::beginsWith(authorization, "Digest ");
     return !bound && isListed(session, "GET_PARAMETER") ? "GET_PARAMETER" : "OPTIONS";
 }
 
-std::string writeKeepAlive(const Session &session, const std::string &authorization, unsigned cseq,
+std::string writeKeepAlive(const Session &session, std::string_view authorization, unsigned cseq,
                            const std::string &userAgent)
 {
     if (session.lastUrl.empty())

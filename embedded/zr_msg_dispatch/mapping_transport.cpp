@@ -46,13 +46,13 @@ void readParameter(std::string_view text, Offer &offer)
 
 std::optional<Offer> readOffer(std::string_view text)
 {
-    const auto pieces = rtsp::split(text, ';');
+    const std::string_view kind = rtsp::takePiece(text, ';');
     Offer offer;
-    offer.tcp = rtsp::sameText(pieces.front(), "RTP/AVP/TCP");
-    if (!offer.tcp && !rtsp::sameText(pieces.front(), "RTP/AVP") && !rtsp::sameText(pieces.front(), "RTP/AVP/UDP"))
+    offer.tcp = rtsp::sameText(kind, "RTP/AVP/TCP");
+    if (!offer.tcp && !rtsp::sameText(kind, "RTP/AVP") && !rtsp::sameText(kind, "RTP/AVP/UDP"))
         return std::nullopt;
-    for (const std::string_view piece : pieces)
-        readParameter(piece, offer);
+    while (!text.empty())
+        readParameter(rtsp::takePiece(text, ';'), offer);
     return offer;
 }
 
@@ -180,7 +180,8 @@ std::optional<AgreedTransport> readTransport(const aoi::TransportElement &asked,
         problem = "the SETUP answer has no Transport";
         return std::nullopt;
     }
-    const auto offer = readOffer(rtsp::split(*header, ',').front());
+    std::string_view offers = *header;
+    const auto offer = readOffer(rtsp::takePiece(offers, ','));
     if (!offer || !isKindAsked(*offer, asked))
     {
         problem = "the SETUP answer has a Transport of another kind than asked: " + rtsp::quoted(*header);

@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "mapping.h"
 #include "rtsp_text.h"
@@ -57,6 +58,11 @@ bool readAuthority(std::string_view authority, Url &url)
     return true;
 }
 
+std::optional<std::string> textOf(std::optional<Url> url)
+{
+    return url ? std::optional(std::move(url->withoutCredentials)) : std::nullopt;
+}
+
 } // namespace
 
 namespace zr::dispatch {
@@ -72,39 +78,39 @@ std::optional<Url> parseUrl(std::string_view text)
         return std::nullopt;
     url.port = url.secure ? 322 : 554;
     const size_t begin = scheme + 3;
-    const size_t end = std::min(text.find_first_of("/?#", begin), text.size());
+    const size_t end = rtsp::firstOf("/?#", text, begin);
     std::string_view authority = text.substr(begin, end - begin);
     const size_t credentials = authority.rfind('@');
     if (credentials != std::string_view::npos)
         authority.remove_prefix(credentials + 1);
     if (!readAuthority(authority, url))
         return std::nullopt;
+    url.withoutCredentials.reserve(text.size());
     url.withoutCredentials.append(text.substr(0, begin)).append(authority).append(text.substr(end));
     return url;
 }
 
 std::optional<std::string> resolveUrl(const std::string &base, std::string_view reference)
 {
+    if (reference.find("://") < rtsp::firstOf("/?#", reference)) // it has a scheme
+        return textOf(parseUrl(reference));
     const size_t authority = base.find("://");
     if (reference.empty() || authority == std::string::npos)
         return std::nullopt;
-    const size_t path = std::min(base.find_first_of("/?#", authority + 3), base.size());
+    const size_t path = rtsp::firstOf("/?#", base, authority + 3);
     std::string whole(reference);
-    if (reference.find("://") < reference.find_first_of("/?#"))
-        ; // it has a scheme
-    else if (reference.substr(0, 2) == "//")
+    if (reference.substr(0, 2) == "//")
         whole.insert(0, base, 0, authority + 1);
     else if (reference.front() == '/')
         whole.insert(0, base, 0, path);
     else
     {
-        const size_t pathEnd = std::min(base.find_first_of("?#", path), base.size());
+        const size_t pathEnd = rtsp::firstOf("?#", base, path);
         const size_t slash = base.substr(0, pathEnd).rfind('/');
         whole.insert(0, slash < path || slash == std::string::npos ? base.substr(0, path) + '/'
                                                                    : base.substr(0, slash + 1));
     }
-    const auto url = parseUrl(whole);
-    return url ? std::optional(url->withoutCredentials) : std::nullopt;
+    return textOf(parseUrl(whole));
 }
 
 std::optional<std::string> redirectTarget(const std::string &requestUrl, const rtsp::Message &response)

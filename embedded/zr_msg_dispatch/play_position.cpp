@@ -11,6 +11,8 @@ namespace {
 
 using zr::rtsp::parseDecimal;
 using zr::rtsp::parseNumber;
+using zr::rtsp::takePiece;
+using zr::rtsp::trimmed;
 
 /// The largest position that is believed, in seconds: the year 9999.
 constexpr double largest = 253402300799.0;
@@ -18,17 +20,14 @@ constexpr double largest = 253402300799.0;
 /// "12.5", "1:02:03.5", "now" (RFC 2326, 3.6); none for "now" and what cannot be read.
 std::optional<double> parseNpt(std::string_view text)
 {
-    const auto pieces = zr::rtsp::split(text, ':');
-    if (pieces.size() == 1)
+    if (text.find(':') == std::string_view::npos)
     {
         const auto seconds = parseDecimal(text, largest);
         return seconds && *seconds >= 0 ? seconds : std::nullopt;
     }
-    if (pieces.size() != 3)
-        return std::nullopt;
-    const auto hours = parseNumber(pieces[0], 99999999);
-    const auto minutes = parseNumber(pieces[1], 59);
-    const auto seconds = parseDecimal(pieces[2], 60);
+    const auto hours = parseNumber(takePiece(text, ':'), 99999999);
+    const auto minutes = parseNumber(takePiece(text, ':'), 59);
+    const auto seconds = parseDecimal(trimmed(text), 60);
     if (!hours || !minutes || !seconds || *seconds < 0)
         return std::nullopt;
     return *hours * 3600.0 + *minutes * 60.0 + *seconds;

@@ -1,6 +1,7 @@
 #include "rtsp_message.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "rtsp_text.h"
 
@@ -10,12 +11,14 @@ using namespace zr::rtsp;
 
 /// An idle parser keeps no larger buffer than this.
 constexpr size_t keptCapacity = 16384;
+/// Room for the headers of most messages. It stays from message to message, that of longer ones does not.
+constexpr size_t usualHeaders = 8;
 
 /// Takes the first word off a line.
 std::string_view nextWord(std::string_view &line)
 {
     line = trimmed(line);
-    const size_t end = std::min(line.find_first_of(" \t"), line.size());
+    const size_t end = firstOf(" \t", line);
     const std::string_view word = line.substr(0, end);
     line = trimmed(line.substr(end));
     return word;
@@ -122,11 +125,8 @@ void Parser::append(const char *data, size_t size)
 
 Parser::Event Parser::next()
 {
-    if (m_delivered)
-    {
-        m_message = Message();
-        m_delivered = false;
-    }
+    if (std::exchange(m_delivered, false))
+        beginMessage();
     std::optional<Event> event;
     while (!event)
     {
@@ -170,7 +170,6 @@ std::optional<Parser::Event> Parser::between()
     }
     if (m_buffer[m_taken] == '$')
         return frameStart();
-    m_message = Message();
     m_headBytes = 0;
     m_state = State::StartLine;
     return std::nullopt;
@@ -241,25 +240,29 @@ std::optional<Parser::Event> Parser::headerLine(std::string_view line)
         return fail("not a header line: " + quoted(line));
     if (m_message.headers.size() >= m_limits.headers)
         return fail("more than " + std::to_string(m_limits.headers) + " headers in a message");
+    if (m_message.headers.empty())
+        m_message.headers.reserve(usualHeaders);
     m_message.headers.push_back({std::string(name), std::string(trimmed(line.substr(colon + 1)))});
     return std::nullopt;
 }
 
 std::optional<Parser::Event> Parser::endOfHead()
 {
-    const std::vector<std::string_view> lengths = m_message.findAll("Content-Length");
+    const std::string *first = nullptr;
     m_bodyLeft = 0;
-    for (const std::string_view &length : lengths)
+    for (const auto &[name, length] : m_message.headers)
     {
-        if (length.empty() || length.find_first_not_of("0123456789") != std::string_view::npos)
-            return fail((length.substr(0, 1) == "-" ? "a negative Content-Length: " : "not a Content-Length: ") +
-                        quoted(length));
+        if (!sameText(name, "Content-Length"))
+            continue;
+        if (length.empty() || length.find_first_not_of("0123456789") != std::string::npos)
+            return fail((length[0] == '-' ? "a negative Content-Length: " : "not a Content-Length: ") + quoted(length));
         const auto number = parseNumber(length, UINT32_MAX);
         if (!number || *number > m_limits.body)
             return fail("the Content-Length " + quoted(length) + " exceeds the limit of " +
                         std::to_string(m_limits.body) + " bytes");
-        if (&length != &lengths.front() && *number != m_bodyLeft)
-            return fail("contradicting Content-Lengths: " + quoted(lengths.front()) + " and " + quoted(length));
+        if (first != nullptr && *number != m_bodyLeft)
+            return fail("contradicting Content-Lengths: " + quoted(*first) + " and " + quoted(length));
+        first = first != nullptr ? first : &length;
         m_bodyLeft = *number;
     }
     if (m_bodyLeft == 0)
@@ -277,6 +280,16 @@ std::optional<Parser::Event> Parser::bodyPart()
     if (m_bodyLeft > 0)
         return Event::NeedMore;
     return deliver();
+}
+
+/// Readies m_message for the next one.
+void Parser::beginMessage()
+{
+    std::vector<Header> headers = std::move(m_message.headers);
+    m_message = Message();
+    headers.clear();
+    if (headers.capacity() <= usualHeaders)
+        m_message.headers = std::move(headers);
 }
 
 Parser::Event Parser::deliver()
@@ -306,7 +319,10 @@ std::string writeResponse(const Message &request, int status, const std::vector<
 {
     std::string out = "RTSP/1.0 " + std::to_string(status) + ' ' + reasonOf(status) + "\r\n";
     const auto add = [&out](std::string_view name, std::string_view value) {
-        out.append(headerSafe(name)).append(": ").append(headerSafe(value)).append("\r\n");
+        appendHeaderSafe(out, name);
+        out += ": ";
+        appendHeaderSafe(out, value);
+        out += "\r\n";
     };
     for (const char *name : {"CSeq", "Session"})
     {

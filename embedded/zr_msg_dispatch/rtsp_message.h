@@ -98,6 +98,7 @@ private:
     std::optional<Event> endOfHead();
     std::optional<Event> bodyPart();
 
+    void beginMessage();
     Event deliver();
     Event fail(std::string problem);
     size_t pending() const { return m_buffer.size() - m_taken; }

@@ -11,6 +11,11 @@ char lower(char c)
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
+bool isBlank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
 bool isControl(char c)
 {
     const auto byte = static_cast<unsigned char>(c);
@@ -23,10 +28,11 @@ namespace zr::rtsp {
 
 std::string_view trimmed(std::string_view text)
 {
-    const size_t begin = text.find_first_not_of(" \t");
-    if (begin == std::string_view::npos)
-        return {};
-    return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
+    while (!text.empty() && isBlank(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && isBlank(text.back()))
+        text.remove_suffix(1);
+    return text;
 }
 
 bool sameText(std::string_view left, std::string_view right)
@@ -40,25 +46,28 @@ bool beginsWith(std::string_view text, std::string_view prefix)
     return sameText(text.substr(0, prefix.size()), prefix);
 }
 
-std::vector<std::string_view> split(std::string_view text, char separator)
+size_t firstOf(std::string_view characters, std::string_view text, size_t begin)
 {
-    std::vector<std::string_view> pieces;
+    // string_view's find_first_of looks for each of the text's characters among these
+    for (const char c : characters)
+        text = text.substr(0, text.find(c, begin));
+    return text.size();
+}
+
+std::string_view takePiece(std::string_view &text, char separator)
+{
     bool inQuotes = false;
-    size_t begin = 0;
-    for (size_t at = 0; at < text.size(); ++at)
+    size_t end = 0;
+    for (; end < text.size() && (inQuotes || text[end] != separator); ++end)
     {
-        if (inQuotes && text[at] == '\\')
-            ++at;
-        else if (text[at] == '"')
+        if (inQuotes && text[end] == '\\')
+            ++end;
+        else if (text[end] == '"')
             inQuotes = !inQuotes;
-        else if (!inQuotes && text[at] == separator)
-        {
-            pieces.push_back(trimmed(text.substr(begin, at - begin)));
-            begin = at + 1;
-        }
     }
-    pieces.push_back(trimmed(text.substr(begin)));
-    return pieces;
+    const std::string_view piece = trimmed(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return piece;
 }
 
 std::optional<uint32_t> parseNumber(std::string_view text, uint32_t maximum)
@@ -113,11 +122,11 @@ std::string quoted(std::string_view text)
     return out + '"';
 }
 
-std::string headerSafe(std::string_view text)
+void appendHeaderSafe(std::string &out, std::string_view text)
 {
-    std::string out(text);
-    std::replace_if(out.begin(), out.end(), isControl, ' ');
-    return out;
+    const auto begin = static_cast<std::ptrdiff_t>(out.size());
+    out.append(text);
+    std::replace_if(out.begin() + begin, out.end(), isControl, ' ');
 }
 
 } // namespace zr::rtsp

@@ -57,18 +57,12 @@ void SessionChannel::submit(AcceptedPtr accepted)
 {
     if (m_life != Life::Open)
         return;
-    const auto url = parseUrl(wireUrl(accepted->request, m_session));
     if (isKeepAlive(accepted->request.messageId) && m_exchanges.hasKeepAlive(accepted->own))
         return;
-    if (!prepareConnection(*accepted, url))
+    if (!prepareConnection(*accepted))
     {
         if (!isDroppable(accepted->request.messageId))
             refuse(*accepted, statusServiceUnavailable, "there is no connection");
-        return;
-    }
-    if (url && url->secure && !m_target.secure)
-    {
-        refuse(*accepted, statusServiceUnavailable, "its URL asks for TLS, the session has none");
         return;
     }
     m_exchanges.push(std::move(accepted));
@@ -90,22 +84,28 @@ void SessionChannel::pump()
 
 void SessionChannel::send(const AcceptedPtr &accepted)
 {
-    aoi::Request request = accepted->request;
-    if (!request.authorization.empty() && !maySeeCredentials())
+    const aoi::Request &request = accepted->request;
+    std::string_view authorization = request.authorization;
+    if (!authorization.empty() && !maySeeCredentials())
     {
         ZR_PLATFORM_LOG(WARNING, 0, Dispatch, "%s: credentials for %s are not sent there", name().c_str(),
                         m_session.challengedBy.empty() ? "another server" : m_session.challengedBy.c_str());
-        request.authorization.clear();
+        authorization = {};
     }
     const auto orders = m_registration->orders->current();
     if (authenticates(*orders))
-        request.authorization.clear();
-    request.url = wireUrl(request, m_session);
-    if (m_redirect && request.url == m_redirect->from)
-        request.url = m_redirect->to;
+        authorization = {};
+    std::string url = wireUrl(request, m_session);
+    if (m_redirect && url == m_redirect->from)
+        url = m_redirect->to;
+    if (rtsp::beginsWith(url, "rtsps:") && !m_target.secure)
+    {
+        refuse(*accepted, statusServiceUnavailable, "its URL asks for TLS, the session has none");
+        return;
+    }
     const std::string &userAgent = m_services.settings.userAgent;
-    std::string bytes = accepted->own ? writeKeepAlive(m_session, request.authorization, m_cseq + 1, userAgent)
-                                      : writeRequest(request, m_cseq + 1, m_session, userAgent);
+    std::string bytes = accepted->own ? writeKeepAlive(m_session, authorization, m_cseq + 1, userAgent)
+                                      : writeRequest(request, {url, authorization}, m_cseq + 1, m_session, userAgent);
     if (bytes.empty())
     {
         refuse(*accepted, statusBadRequest, "its URL or transport cannot be written");
@@ -114,8 +114,8 @@ void SessionChannel::send(const AcceptedPtr &accepted)
     if (!isDroppable(request.messageId))
         m_registration->refusal.set({});
     const unsigned challenge = addOrders(bytes, *orders);
-    m_exchanges.sent({accepted, request.messageId, ++m_cseq, request.url, SteadyClock::now(), challenge});
-    m_keeper.sent(request);
+    m_exchanges.sent({accepted, request.messageId, ++m_cseq, std::move(url), SteadyClock::now(), challenge});
+    m_keeper.sent(request.messageId, authorization);
     m_connection->write(bytes);
 }
 

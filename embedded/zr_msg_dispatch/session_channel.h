@@ -69,7 +69,7 @@ private:
         std::string to;
     };
 
-    bool prepareConnection(const Accepted &accepted, const std::optional<Url> &url);
+    bool prepareConnection(const Accepted &accepted);
     bool leadsElsewhere(const Accepted &accepted, const Target &target) const;
     bool follow(const Exchange &exchange, const rtsp::Message &response);
     void leadTo(const Url &url);

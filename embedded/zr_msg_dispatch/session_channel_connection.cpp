@@ -23,10 +23,11 @@ bool SessionChannel::Target::operator==(const Target &other) const
 }
 
 /// Opens the connection when this request may. @return whether there is one
-bool SessionChannel::prepareConnection(const Accepted &accepted, const std::optional<Url> &url)
+bool SessionChannel::prepareConnection(const Accepted &accepted)
 {
     if (accepted.target)
     {
+        const auto url = askedUrl(accepted.request, m_session);
         const bool secure = url && url->secure;
         const Target target{*accepted.target, secure, secure ? url->host : std::string()};
         if (leadsElsewhere(accepted, target))

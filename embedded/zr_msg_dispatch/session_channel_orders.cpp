@@ -20,9 +20,12 @@ bool SessionChannel::authenticates(const Orders &orders) const
 /// @return the number of the challenge that it answers now
 unsigned SessionChannel::addOrders(std::string &bytes, const Orders &orders)
 {
-    const size_t space = bytes.find(' ');
-    const std::string method = bytes.substr(0, space);
-    const std::string uri = bytes.substr(space + 1, bytes.find(' ', space + 1) - space - 1);
+    if (!orders.credentials && orders.headers.empty())
+        return 0;
+    std::string_view line = bytes;
+    const std::string_view method = line.substr(0, line.find(' '));
+    line.remove_prefix(method.size() + 1);
+    const std::string_view uri = line.substr(0, line.find(' '));
     const util::SecretText value(authenticates(orders) ? m_authenticator.authorization(*orders.credentials, method, uri)
                                                        : std::string());
     const std::string lines = orders.linesFor(method);

@@ -24,11 +24,10 @@ milliseconds SessionKeeper::patience() const
     return m_timeoutSeconds < m_settings.servedTimeout ? timeout() / 2 : timeout() * 3 / 4;
 }
 
-void SessionKeeper::sent(const aoi::Request &request)
+void SessionKeeper::sent(ZR_ULONG messageId, std::string_view shown)
 {
     m_heard = SteadyClock::now();
-    const std::string &shown = request.authorization;
-    if (!shown.empty() && (request.messageId == AOI_MSG_RTSP_OPTIONS || rtsp::beginsWith(shown, "Basic ")))
+    if (!shown.empty() && (messageId == AOI_MSG_RTSP_OPTIONS || rtsp::beginsWith(shown, "Basic ")))
         m_authorization = shown;
 }
 

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "aoi_message.h"
 #include "io_loop.h"
@@ -21,7 +22,8 @@ public:
     SessionKeeper(IoLoop &loop, const Settings &settings, std::function<void()> due);
 
     /// A request of the session was sent.
-    void sent(const aoi::Request &request);
+    /// @param shown  its Authorization; may be empty
+    void sent(ZR_ULONG messageId, std::string_view shown);
     /// What the session has agreed on by now; it is watched once it is set up.
     void watch(const Session &session);
     /// A keep-alive went down with its connection: the next one is due sooner.
