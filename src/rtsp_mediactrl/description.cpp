@@ -83,10 +83,13 @@ ZR_ULONG CRtspMediaCtrl::describe(const std::string &strURL)
         m_ulKeepLiveTick = m_ulKeepLivePeriod.load();
 
         ulResult = describe();
+        COnvifInfo oInfo = m_oMediaAbility.getOnvifInfo();
         // once more where an Authorization is known by now, whether or not it was asked for just now
-        if (ulResult == ZR_RTSP_OK && m_oMediaAbility.isOnvif() == 1 &&
-            !m_oMediaAbility.getOnvifInfo().m_strDescribeAuth.empty())
+        if (ulResult == ZR_RTSP_OK && m_oMediaAbility.isOnvif() == 1 && !oInfo.m_strDescribeAuth.empty())
+        {
             ulResult = describe();
+            oInfo = m_oMediaAbility.getOnvifInfo();
+        }
         if (ulResult != ZR_RTSP_OK)
         {
             RTSP_LOG(ERROR, ulResult, "[%s] Failed to send AOI_MSG_RTSP_DESCRIBE response Message", g_szDescribe);
@@ -94,7 +97,6 @@ ZR_ULONG CRtspMediaCtrl::describe(const std::string &strURL)
         }
         if (m_oMediaAbility.isOnvif() != 1)
             return ZR_RTSP_OK;
-        const COnvifInfo oInfo = m_oMediaAbility.getOnvifInfo();
         if (oInfo.m_strVideoRtpmap.empty() || oInfo.m_strVideoControl.empty())
         {
             RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER,
@@ -207,7 +209,7 @@ ZR_ULONG CRtspMediaCtrl::takeDescription(const tagAOIMsg *pstAOIMsg)
         std::string strContentBase;
         CAOIIETool::getAOIIEContentBase(pstAOIMsg, strContentBase);
         if (!strContentBase.empty())
-            m_strURL = strContentBase;
+            m_strURL = std::move(strContentBase);
         const ZR_ULONG ulResult = getOnvifInfoFromSdp(pstAOIMsg);
         if (ulResult != ZR_RTSP_OK)
         {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iterator>
 #include <netinet/in.h>
+#include <string_view>
 #include <utility>
 
 #include "tw_system.h"
@@ -26,23 +27,24 @@ struct tagInfoPacket
 /// The pieces whose source is there, one after the other; one that does not fit any more is left out.
 std::string infoText(const COnvifInfo &oInfo)
 {
-    const std::pair<const char *, const std::string &> aPieces[] = {
+    const std::pair<std::string_view, const std::string &> aPieces[] = {
         {"VRMP:", oInfo.m_strVideoRtpmap},
         {"ARMP:", oInfo.m_strAudioRtpmap},
         {"SPS:", oInfo.m_strVideoSps},
     };
+    constexpr size_t ulRoom = sizeof(tagInfoPacket::aucBytes) - HEADER_SIZE;
     std::string strText;
-    for (const auto &[pszKey, strValue] : aPieces)
+    strText.reserve(ulRoom);
+    for (const auto &[strKey, strValue] : aPieces)
     {
         if (strValue.empty())
             continue;
-        const std::string strPiece = pszKey + strValue + ";";
-        if (strText.size() + strPiece.size() <= sizeof(tagInfoPacket::aucBytes) - HEADER_SIZE)
-            strText += strPiece;
+        if (strText.size() + strKey.size() + strValue.size() + 1 <= ulRoom)
+            strText.append(strKey).append(strValue).append(";");
         else
             RTSP_HANDOFF_LOG(WARNING, ZR_RTSP_INVALID_PARAMETER,
                              "[%s] left out of the onvif rtp info, it does not fit: %s of %u bytes", g_szSendOnvifRtp,
-                             pszKey, static_cast<ZR_ULONG>(strValue.size()));
+                             strKey.data(), static_cast<ZR_ULONG>(strValue.size()));
     }
     return strText;
 }

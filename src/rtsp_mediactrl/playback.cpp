@@ -146,7 +146,8 @@ ZR_ULONG CRtspMediaCtrl::sendGeneralPlay(const char *pszFunction, float fSpeed, 
              m_oMediaAbility.getSessionID())
         .row("[%s] add IE AOI_IE_URL failed", ZR_RTSP_IE_NOT_ADDED, [&](tagAOIMsg *pstMsg) {
             const bool bSuffix = takesURLSuffix() && m_ulPlayNormalFlag == 1;
-            return CAOIIETool::addAOIIEURL(bSuffix ? m_strURL + PLAY_NORMAL_SUFFIX : m_strURL, pstMsg);
+            return bSuffix ? CAOIIETool::addAOIIEURL(m_strURL + PLAY_NORMAL_SUFFIX, pstMsg)
+                           : CAOIIETool::addAOIIEURL(m_strURL, pstMsg);
         });
     if (!strStartTime.empty() && m_oMediaAbility.getDecoderTag() != "omz-v1")
         oRequest.row("[%s] add IE RangeTime failed", ZR_RTSP_DRAG_FAILED, [&](tagAOIMsg *pstMsg) {
