@@ -32,14 +32,18 @@ namespace {
 using sink::Clock;
 
 constexpr char usage[] =
-    "usage: sink_server [--port P] [--auth USER:PASSWORD] [--basic] [--timeout S] [--media-every MS]\n"
+    "usage: sink_server [--port P] [--auth USER:PASSWORD] [--basic] [--timeout S] [--media-every MS [--media-size B]\n"
+    "                   [--media-rate KBIT] [--media-frames N]]\n"
     "  Answers RTSP on 127.0.0.1 at once: OPTIONS, DESCRIBE, SETUP (interleaved, UDP), PLAY, PAUSE, GET_PARAMETER,\n"
     "  SET_PARAMETER, TEARDOWN. Prints \"listening PORT\", and what it saw as a line of JSON at SIGUSR1, and at SIGTERM\n"
     "  and SIGINT, which end it.\n"
     "  --port P             0, the default: one that is free\n"
     "  --auth USER:PASSWORD these are asked for, by Digest or, with --basic, Basic\n"
     "  --timeout S          ends a session that it does not hear of for so many seconds (60)\n"
-    "  --media-every MS     sends each session that plays a small RTP packet so often, unless its URL has /still in it\n";
+    "  --media-every MS     sends each session that plays an RTP packet so often, unless its URL has /still in it\n"
+    "  --media-size B       of B bytes, its header included (172)\n"
+    "  --media-rate KBIT    as many at once as make that rate: a video's frame, every fiftieth a key frame\n"
+    "  --media-frames N     and no more after so many\n";
 
 int checked(int result, const char *what)
 {
@@ -119,7 +123,8 @@ private:
     void drop(int fd);
     void expireAll();
     void sendMedia();
-    void sendPacket(int fd, Peer &peer);
+    void sendFrame(int fd, Peer &peer);
+    bool sendDatagram(Peer &peer) const;
     void print() const { std::printf("%s\n", m_counts.json().c_str()), std::fflush(stdout); }
 
     static constexpr long mediaTickMs = 5;
@@ -131,7 +136,7 @@ private:
     std::unordered_map<int, std::unique_ptr<Peer>> m_peers;
     std::vector<int> m_streaming;
     size_t m_nextStreaming = 0;
-    uint64_t m_owed = 0; ///< packets times --media-every
+    uint64_t m_owed = 0; ///< frames times --media-every
 };
 
 Server::Server(const sink::Options &options)
@@ -309,7 +314,7 @@ void Server::expireAll()
         drop(fd);
 }
 
-/// A few sessions a tick, in turn, so that each has its packet once in --media-every.
+/// A few sessions a tick, in turn, so that each has its frame once in --media-every.
 void Server::sendMedia()
 {
     m_owed += expirations(m_mediaTimer) * static_cast<uint64_t>(mediaTickMs) * m_streaming.size();
@@ -319,29 +324,37 @@ void Server::sendMedia()
     {
         m_nextStreaming = (m_nextStreaming + 1) % m_streaming.size();
         const int fd = m_streaming[m_nextStreaming];
-        sendPacket(fd, *m_peers.at(fd));
+        Peer &peer = *m_peers.at(fd);
+        sendFrame(fd, peer);
+        streamOrNot(fd, peer); // that may have been its last
     }
 }
 
-void Server::sendPacket(int fd, Peer &peer)
+bool Server::sendDatagram(Peer &peer) const
 {
-    const sink::Session::Track &track = peer.session.track();
-    if (!track.interleaved)
+    const sockaddr_in to = loopback(peer.session.track().to);
+    const std::string_view packet = peer.session.nextPacket();
+    return sendto(m_rtp, packet.data(), packet.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&to),
+                  sizeof to) > 0;
+}
+
+void Server::sendFrame(int fd, Peer &peer)
+{
+    const unsigned packets = m_options.packetsOfFrame();
+    if (!peer.session.track().interleaved)
     {
-        const sockaddr_in to = loopback(track.to);
-        const std::string_view packet = peer.session.nextPacket();
-        const bool sent = sendto(m_rtp, packet.data(), packet.size(), MSG_NOSIGNAL,
-                                 reinterpret_cast<const sockaddr *>(&to), sizeof to) > 0;
-        ++(sent ? m_counts.rtpSent : m_counts.rtpSkipped);
+        for (unsigned i = 0; i < packets; ++i)
+            ++(sendDatagram(peer) ? m_counts.rtpSent : m_counts.rtpSkipped);
         return;
     }
     if (!peer.out.empty()) // no packet is made, so that what is missing on the far side was lost there
     {
-        ++m_counts.rtpSkipped;
+        m_counts.rtpSkipped += packets;
         return;
     }
-    peer.out.append(peer.session.nextPacket());
-    ++m_counts.rtpSent;
+    for (unsigned i = 0; i < packets; ++i)
+        peer.out.append(peer.session.nextPacket());
+    m_counts.rtpSent += packets;
     flush(fd, peer); // one that is gone is dropped when it is read
 }
 
@@ -361,6 +374,9 @@ sink::Options optionsOf(int argc, char **argv)
                             {"basic", no_argument, nullptr, 'b'},
                             {"timeout", required_argument, nullptr, 't'},
                             {"media-every", required_argument, nullptr, 'm'},
+                            {"media-size", required_argument, nullptr, 's'},
+                            {"media-rate", required_argument, nullptr, 'r'},
+                            {"media-frames", required_argument, nullptr, 'f'},
                             {"help", no_argument, nullptr, 'h'},
                             {nullptr, 0, nullptr, 0}};
     sink::Options options;
@@ -381,6 +397,12 @@ sink::Options optionsOf(int argc, char **argv)
             options.timeout = number(value, 1000000);
         else if (which == 'm')
             options.mediaEvery = number(value, 1000000);
+        else if (which == 's')
+            options.mediaSize = std::clamp(number(value, 65000), 16U, 65000U);
+        else if (which == 'r')
+            options.mediaRate = std::max(1U, number(value, 100000));
+        else if (which == 'f')
+            options.mediaFrames = number(value, 1000000);
         else
         {
             std::fputs(usage, which == 'h' ? stdout : stderr);

@@ -15,6 +15,8 @@ namespace sink {
 namespace {
 
 constexpr size_t longestHead = 65536;
+/// Of slices: nothing that a parser takes for a start code.
+constexpr int filler = 0xA5;
 
 std::string base64(std::string_view text)
 {
@@ -315,25 +317,50 @@ bool Session::rightCredentials(const Request &request, std::string_view header) 
            value("response=\"") == text::digestResponse(secret, m_nonce, request.method, value("uri=\""));
 }
 
-/// Picture slices of nothing: it is counted, not shown.
+/// Slices of H.264 (RFC 6184): one that is no key frame in a packet of its own, or of frames that are fragmented.
+void Session::writePayload(char *payload) const
+{
+    constexpr unsigned keyFrameEvery = 50;
+    const bool key = m_frames % keyFrameEvery == 0;
+    const bool begins = m_packetsMade == 0;
+    if (m_options.mediaRate == 0)
+    {
+        payload[0] = 0x41;
+        return;
+    }
+    payload[0] = 0x7C; // a fragment of a slice that others refer to
+    const bool ends = m_packetsMade + 1 == m_options.packetsOfFrame();
+    payload[1] = static_cast<char>((begins ? 0x80 : 0) | (ends ? 0x40 : 0) | (key ? 5 : 1));
+    payload[2] = static_cast<char>(!begins ? filler : key ? 0x88 : 0x9A); // the slice's type
+}
+
+/// Pictures of nothing: they are counted and recorded, not shown.
 std::string_view Session::nextPacket()
 {
-    constexpr size_t frameHeader = 4;
-    constexpr size_t size = std::tuple_size_v<decltype(m_packet)> - frameHeader;
+    constexpr size_t frameHeader = 4, rtpHeader = 12;
+    const size_t size = m_options.mediaSize;
+    m_packet.resize(frameHeader + size, static_cast<char>(filler));
     char *const packet = m_packet.data() + frameHeader;
-    const auto now = Clock::now();
-    const auto gap = std::chrono::duration_cast<std::chrono::milliseconds>(now - m_packetMade).count();
-    m_counts.rtpWorstGapMs = std::max(m_counts.rtpWorstGapMs, int64_t{gap});
-    m_packetMade = now;
+    if (m_packetsMade == 0)
+    {
+        const auto now = Clock::now();
+        const auto gap = std::chrono::duration_cast<std::chrono::milliseconds>(now - m_packetMade).count();
+        m_counts.rtpWorstGapMs = std::max(m_counts.rtpWorstGapMs, int64_t{gap});
+        m_packetMade = now;
+        m_timestamp += 90 * m_options.mediaEvery;
+    }
+    const bool ends = m_packetsMade + 1 == m_options.packetsOfFrame();
     m_packet[0] = '$';
     m_packet[1] = static_cast<char>(m_track->to);
-    put(m_packet.data() + 2, size, 2);
-    put(packet, 0x80E0, 2); // version 2, marker, payload type 96
+    put(m_packet.data() + 2, static_cast<uint32_t>(size), 2);
+    put(packet, ends ? 0x80E0 : 0x8060, 2); // version 2, marker, payload type 96
     put(packet + 2, ++m_sequence, 2);
-    put(packet + 4, m_timestamp += 90 * m_options.mediaEvery, 4);
+    put(packet + 4, m_timestamp, 4);
     put(packet + 8, m_ssrc, 4);
-    packet[12] = 0x41; // a slice that is no key frame
-    return m_track->interleaved ? std::string_view(m_packet.data(), m_packet.size()) : std::string_view(packet, size);
+    writePayload(packet + rtpHeader);
+    m_frames += ends ? 1 : 0;
+    m_packetsMade = ends ? 0 : m_packetsMade + 1;
+    return m_track->interleaved ? std::string_view(m_packet) : std::string_view(packet, size);
 }
 
 } // namespace sink

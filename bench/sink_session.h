@@ -2,7 +2,7 @@
 /// One connection of the sink server as RTSP sees it: requests in, answers out, and what is counted of them.
 #pragma once
 
-#include <array>
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -20,9 +20,18 @@ struct Options
     uint16_t port = 0;
     std::string user; ///< with a password: DESCRIBE, SETUP, PLAY and TEARDOWN need them
     std::string password;
-    bool basic = false;      ///< Basic is offered (RFC 7617), else Digest with MD5 (RFC 2617)
-    unsigned timeout = 60;   ///< seconds until a session that is not heard of ends
-    unsigned mediaEvery = 0; ///< milliseconds from a session's RTP packet to its next; 0: none
+    bool basic = false;       ///< Basic is offered (RFC 7617), else Digest with MD5 (RFC 2617)
+    unsigned timeout = 60;    ///< seconds until a session that is not heard of ends
+    unsigned mediaEvery = 0;  ///< milliseconds from a session's frame to its next; 0: none
+    unsigned mediaSize = 172; ///< bytes of an RTP packet, its header included
+    unsigned mediaRate = 0;   ///< kilobits a second that a session's packets make up; 0: a frame is one packet
+    unsigned mediaFrames = 0; ///< of a session, then it has no more; 0: no end
+
+    unsigned packetsOfFrame() const
+    {
+        const uint64_t bits = uint64_t{mediaRate} * mediaEvery, ofPacket = 8U * mediaSize;
+        return mediaRate == 0 ? 1 : static_cast<unsigned>(std::max<uint64_t>(2, (bits + ofPacket / 2) / ofPacket));
+    }
 };
 
 /// What the sink saw.
@@ -81,7 +90,11 @@ public:
     /// @return false: the far side speaks no RTSP
     bool take(std::string &in, std::string &out, uint16_t rtpPort);
 
-    bool streams() const { return m_state == State::Playing && m_track && m_options.mediaEvery != 0 && !m_still; }
+    bool streams() const
+    {
+        return m_state == State::Playing && m_track && m_options.mediaEvery != 0 && !m_still &&
+               (m_options.mediaFrames == 0 || m_frames < m_options.mediaFrames);
+    }
     const Track &track() const { return *m_track; }
     /// The next RTP packet of the first track, framed where it goes over the connection.
     std::string_view nextPacket();
@@ -99,6 +112,7 @@ private:
     bool mayGoOn(const Request &request) const;
     void become(State state);
     std::string sessionLine() const;
+    void writePayload(char *payload) const;
 
     const Options &m_options;
     Counts &m_counts;
@@ -111,8 +125,10 @@ private:
     Clock::time_point m_heard;
     uint16_t m_sequence = 0;
     Clock::time_point m_packetMade; ///< since it plays
+    unsigned m_frames = 0;          ///< that are whole
+    unsigned m_packetsMade = 0;     ///< of the frame that is not
     uint32_t m_timestamp = 0;
-    std::array<char, 4 + 12 + 160> m_packet{};
+    std::string m_packet; ///< with the header of its interleaved frame; empty: none was made yet
 };
 
 } // namespace sink
