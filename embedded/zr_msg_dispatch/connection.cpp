@@ -199,6 +199,7 @@ void Connection::becomeUp()
         m_ends.peerAddress = text.data();
         m_ends.peerPort = peer.get_port_number();
     }
+    std::vector<ACE_INET_Addr>().swap(m_addresses);
     m_state = State::Up;
     m_owner->connected();
 }
@@ -240,6 +241,11 @@ void Connection::take(std::string_view bytes)
     }
     if (m_state == State::Up)
         flush();
+    if (std::exchange(m_resting, false) && m_state == State::Up)
+    {
+        m_parser.rest();
+        m_out.shrink_to_fit();
+    }
 }
 
 void Connection::takeSecured(std::string_view bytes)

@@ -63,6 +63,8 @@ public:
     void write(std::string_view bytes);
     /// Sends an interleaved frame (RFC 2326, 10.12). @return false: dropped, because the connection is congested
     bool writeFrame(uint8_t channel, std::string_view payload);
+    /// The server will be silent for a while: gives back memory, once what was read has been acted on.
+    void rest() { m_resting = true; }
     /// Shuts down for writing once all is sent; goes on reading.
     void finishWriting();
     /// Ends it at once, without lost(). Idempotent.
@@ -122,6 +124,7 @@ private:
     size_t m_outSent = 0;
     bool m_wantsOutput = false;
     bool m_finishWriting = false;
+    bool m_resting = false;
     bool m_gathering = false; ///< what was read is being acted on; the answers go out together
 
     bool m_midMessage = false;

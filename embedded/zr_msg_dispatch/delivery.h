@@ -30,7 +30,7 @@ struct Facts
 {
     std::string tls; ///< version; empty: none
     std::string server;
-    std::vector<std::string> methods;
+    std::string methods;         ///< of its Public header
     unsigned timeoutSeconds = 0; ///< 0: no session
     unsigned checksAnswered = 0; ///< keep-alives of the platform's own
     int checkStatus = 0;         ///< of the last one
@@ -67,6 +67,13 @@ public:
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_value = value;
+        }
+        /// @param change  is given the value; under the mutex
+        template <typename Change>
+        void change(const Change &change)
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            change(m_value);
         }
 
     private:

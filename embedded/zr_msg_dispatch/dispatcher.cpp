@@ -262,10 +262,7 @@ ZR_ULONG ZR_SessionFacts(ZR_ULONG ulAOIPortID, ZrSessionFacts *pstOut)
             *pstOut = {};
             copyText(facts->tls, pstOut->szTls);
             copyText(facts->server, pstOut->szServer);
-            std::string methods;
-            for (const std::string &method : facts->methods)
-                methods += (methods.empty() ? "" : ", ") + method;
-            copyText(methods, pstOut->szMethods);
+            copyText(facts->methods, pstOut->szMethods);
             pstOut->ulTimeout = facts->timeoutSeconds;
             pstOut->ulChecksAnswered = facts->checksAnswered;
             pstOut->ulCheckStatus = static_cast<ZR_ULONG>(facts->checkStatus);

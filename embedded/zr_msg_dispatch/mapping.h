@@ -23,10 +23,10 @@ struct Session
     unsigned timeoutSeconds = 60; ///< of the Session header's "timeout" (RFC 2326, 12.37)
     unsigned setups = 0;          ///< SETUPs of the session itself that were answered 2xx, relations not counted
     std::string lastUrl;          ///< of the last answered request of the session itself
-    std::vector<std::string> publicMethods; ///< of the last Public header, in capitals; empty: unknown
-    std::string challengedBy;               ///< hostAndPort of who asked for credentials last; the owner's to note
-    bool played = false;                    ///< a PLAY was answered 2xx
-    PlayPosition position;                  ///< what plays, for the Range of OPTIONS answers
+    std::string publicMethods;    ///< of the last Public header, in capitals, after commas; empty: unknown
+    std::string challengedBy;     ///< hostAndPort of who asked for credentials last; the owner's to note
+    bool played = false;          ///< a PLAY was answered 2xx
+    PlayPosition position;        ///< what plays, for the Range of OPTIONS answers
 };
 
 /// The connection's far and near ends, as an answer's mapping needs them.

@@ -49,22 +49,22 @@ std::string_view readSession(const rtsp::Message &response, unsigned &timeoutSec
     return id;
 }
 
-std::vector<std::string> readPublic(const rtsp::Message &response)
+std::string readPublic(const rtsp::Message &response)
 {
     constexpr size_t most = 64;
-    std::vector<std::string> methods;
+    size_t count = 0;
+    std::string methods;
     for (std::string_view rest : response.findAll("Public"))
     {
         while (!rest.empty())
         {
             const std::string_view piece = rtsp::takePiece(rest, ',');
-            if (piece.empty() || methods.size() == most)
-                continue;
-            std::string &method = methods.emplace_back(piece);
-            std::transform(method.begin(), method.end(), method.begin(),
-                           [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
+            if (!piece.empty() && ++count <= most)
+                methods.append(methods.empty() ? "" : ", ").append(piece);
         }
     }
+    std::transform(methods.begin(), methods.end(), methods.begin(),
+                   [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
     return methods;
 }
 
@@ -178,7 +178,7 @@ void mapCommon(const aoi::Request &request, const rtsp::Message &response, Sessi
         answer.server = *server;
     if (const std::string *range = response.find("Range"))
         answer.range = *range;
-    std::vector<std::string> methods = readPublic(response);
+    std::string methods = readPublic(response);
     if (!methods.empty())
         session.publicMethods = std::move(methods);
 }

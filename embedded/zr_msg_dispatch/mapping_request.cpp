@@ -14,7 +14,13 @@ namespace rtsp = zr::rtsp;
 
 bool isListed(const Session &session, std::string_view method)
 {
-    return std::find(session.publicMethods.begin(), session.publicMethods.end(), method) != session.publicMethods.end();
+    std::string_view rest = session.publicMethods;
+    while (!rest.empty())
+    {
+        if (rtsp::takePiece(rest, ',') == method)
+            return true;
+    }
+    return false;
 }
 
 /// A host name or address, with nothing that could end a Transport parameter.

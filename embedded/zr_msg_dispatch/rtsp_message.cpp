@@ -150,6 +150,16 @@ Parser::Event Parser::next()
     return *event;
 }
 
+void Parser::rest()
+{
+    if (midMessage() || m_state == State::Failed)
+        return;
+    std::string().swap(m_buffer);
+    m_taken = m_scanned = 0;
+    Message none; // assigned, its empty strings would leave the memory where it is
+    std::swap(m_message, none);
+}
+
 bool Parser::midMessage() const
 {
     return m_state != State::Failed && (m_state != State::Between || pending() > 0);

@@ -77,6 +77,8 @@ public:
     const Frame &frame() const { return m_frame; }
     /// What was wrong, naming the limit or the offending line (bounded, printable); valid after Event::Error.
     const std::string &error() const { return m_error; }
+    /// Gives back the memory of what is used up, the last message's too. Asked after Event::NeedMore.
+    void rest();
     /// Whether the first byte of a message or frame has come, but not its last; asked after Event::NeedMore.
     bool midMessage() const;
 

@@ -144,8 +144,7 @@ void SessionChannel::connected()
 {
     m_wasUp = true;
     m_registration->connection.set({});
-    m_facts.tls = m_connection->tlsVersion();
-    m_registration->facts.set(m_facts);
+    m_registration->facts.change([this](Facts &facts) { facts.tls = m_connection->tlsVersion(); });
     ZR_PLATFORM_LOG(DEBUG, 0, Dispatch, "%s: connected", name().c_str());
     if (m_life == Life::Lingering)
         flushTeardowns();
@@ -189,6 +188,8 @@ void SessionChannel::takeResponse(const rtsp::Message &response)
         return;
     }
     m_answered = true;
+    if (isKeepAlive(exchange->messageId) || exchange->messageId == AOI_MSG_RTSP_PLAY)
+        m_connection->rest();
     if (exchange->accepted && follow(*exchange, response))
         return;
     if (exchange->accepted && authenticate(*exchange, response) != Authentication::None)
@@ -209,16 +210,16 @@ void SessionChannel::noteFacts(const Exchange &exchange, const rtsp::Message &re
     m_keeper.watch(m_session);
     if (response.status == statusUnauthorized) // by the name under which the connection is opened again
         m_session.challengedBy = farSide();
-    if (const std::string *server = response.find("Server"))
-        m_facts.server = *server;
-    m_facts.methods = m_session.publicMethods;
-    m_facts.timeoutSeconds = m_session.id.empty() ? 0 : m_session.timeoutSeconds;
-    if (exchange.accepted->own)
-    {
-        ++m_facts.checksAnswered;
-        m_facts.checkStatus = response.status;
-    }
-    m_registration->facts.set(m_facts);
+    m_registration->facts.change([&](Facts &facts) {
+        if (const std::string *server = response.find("Server"))
+            facts.server = *server;
+        facts.methods = m_session.publicMethods;
+        facts.timeoutSeconds = m_session.id.empty() ? 0 : m_session.timeoutSeconds;
+        if (!exchange.accepted->own)
+            return;
+        ++facts.checksAnswered;
+        facts.checkStatus = response.status;
+    });
 }
 
 /// It stays here; what it says of the session counts.
@@ -347,8 +348,7 @@ void SessionChannel::resetSession()
     m_authenticator.reset();
     m_interleaved = false;
     m_tornDown = false;
-    m_facts.timeoutSeconds = 0;
-    m_registration->facts.set(m_facts);
+    m_registration->facts.change([](Facts &facts) { facts.timeoutSeconds = 0; });
 }
 
 // ---- what goes up

@@ -126,7 +126,6 @@ private:
     std::shared_ptr<Connection> m_connection; ///< null: none; else being resolved, connecting, or up
     Session m_session;
     Authenticator m_authenticator; ///< of the session with its server
-    Facts m_facts;                 ///< as the registration has them
     bool m_wasUp = false;          ///< the connection
     bool m_answered = false;       ///< a request, on it
     bool m_interleaved = false;

@@ -78,12 +78,12 @@ TEST(WireRequests, AreTheRowsOfTheirElements)
     EXPECT_EQ(writeKeepAlive(session, "", 3, "a"),
               "OPTIONS rtsp://h/last RTSP/1.0\r\nCSeq: 3\r\nUser-Agent: a\r\nSession: id\r\n\r\n");
     EXPECT_EQ(writeKeepAlive({}, "", 3, "a"), "") << "there is no URL";
-    session.publicMethods = {"GET_PARAMETER", "SET_PARAMETER"};
+    session.publicMethods = "GET_PARAMETER, SET_PARAMETER";
     const std::pair<std::string, std::string> shown[] = {{"Basic eA==", "GET_PARAMETER "}, {"Digest x", "OPTIONS "}};
     for (const auto &[authorization, method] : shown)
         EXPECT_EQ(writeKeepAlive(session, authorization, 3, "a").rfind(method, 0), 0U) << method;
     EXPECT_EQ(written(make(AOI_MSG_RTSP_SET_PARAMERTER), session), "SET_PARAMETER rtsp://h/s RTSP/1.0||");
-    session.publicMethods = {"OPTIONS", "PLAY"};
+    session.publicMethods = "OPTIONS, PLAY";
     EXPECT_EQ(written(make(AOI_MSG_RTSP_SET_PARAMERTER), session), "OPTIONS rtsp://h/s RTSP/1.0||");
 }
 
