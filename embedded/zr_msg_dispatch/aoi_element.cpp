@@ -20,6 +20,15 @@ bool isAddress(std::string_view text)
     return !text.empty() && std::all_of(text.begin(), text.end(), allowed);
 }
 
+/// The text of an IE's value.
+Status readText(std::string_view value, size_t prefix, std::string &text)
+{
+    if (value.size() <= prefix || value.back() != '\0')
+        return mdp::Malformed;
+    text = value.data() + prefix;
+    return mdp::Ok;
+}
+
 } // namespace
 
 bool isHeaderText(std::string_view text)
@@ -66,12 +75,7 @@ Status getText(const tagAOIMsg *message, ZR_ULONG id, size_t prefix, std::string
 {
     std::string_view value;
     const Status found = mdp::find(message, id, value);
-    if (found != mdp::Ok)
-        return found;
-    if (value.size() <= prefix || value.back() != '\0')
-        return mdp::Malformed;
-    text = value.data() + prefix;
-    return mdp::Ok;
+    return found == mdp::Ok ? readText(value, prefix, text) : found;
 }
 
 Status getNumber(const tagAOIMsg *message, ZR_ULONG id, ZR_ULONG &number)
@@ -92,7 +96,7 @@ Status getTransport(const tagAOIMsg *message, ZR_ULONG id, TransportElement &tra
     TransportElement element;
     Status status = mdp::find(message, id, value);
     if (status == mdp::Ok)
-        status = getText(message, id, transportPrefix, element.address);
+        status = readText(value, transportPrefix, element.address);
     if (status != mdp::Ok)
         return status;
     TransportNumbers numbers{};

@@ -35,7 +35,7 @@ constexpr bool isDroppable(ZR_ULONG messageId)
 /// A request that sendAOIMsg took, until it is answered or dropped.
 struct Accepted
 {
-    Accepted(RegistrationPtr whose, aoi::Request what, SteadyClock::time_point until)
+    Accepted(RegistrationPtr whose, aoi::Request &&what, SteadyClock::time_point until)
         : registration(std::move(whose))
         , request(std::move(what))
         , deadline(until)

@@ -116,7 +116,8 @@ void mapDescription(const aoi::Request &request, const std::string &requestUrl, 
             return fail(mapped, request, statusUnsupportedMediaType, std::move(problem));
     }
     mapped.answer.body = std::move(completed);
-    if (const std::string *location = response.find("Content-Location"))
+    const std::string *location = request.onvif ? nullptr : response.find("Content-Location");
+    if (location != nullptr)
         mapped.answer.url = resolveUrl(requestUrl, *location);
 }
 

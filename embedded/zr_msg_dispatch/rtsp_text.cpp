@@ -37,8 +37,8 @@ std::string_view trimmed(std::string_view text)
 
 bool sameText(std::string_view left, std::string_view right)
 {
-    return left.size() == right.size() &&
-           std::equal(left.begin(), left.end(), right.begin(), [](char a, char b) { return lower(a) == lower(b); });
+    return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin(),
+                                                     [](char a, char b) { return a == b || lower(a) == lower(b); });
 }
 
 bool beginsWith(std::string_view text, std::string_view prefix)
