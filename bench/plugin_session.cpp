@@ -22,6 +22,7 @@ PluginSession::PluginSession(const Options &options, const std::string &path, bo
     , m_keepAliveMs(keepAliveMs)
     , m_session(sourceOf(options, path, keepAliveMs == 0), loopback, this,
                 receives || options.udp ? example::Session::Media::Received : example::Session::Media::None)
+    , m_extended(&m_session.extended<CIMediaCtrlEx>())
 {
 }
 
@@ -68,7 +69,7 @@ void PluginSession::end()
 
 bool PluginSession::keptAlive()
 {
-    std::string position = m_session.extended<CIMediaCtrlEx>().getRange();
+    std::string position = m_extended->getRange();
     if (position == m_position)
         return false;
     m_position = std::move(position);
