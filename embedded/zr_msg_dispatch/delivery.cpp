@@ -309,11 +309,13 @@ void Delivery::watchHandOver()
         m_watch.wait_for(lock, tick, [this] { return m_stopped; });
         const bool late = running && m_handingOver && m_handedOver == before;
         quiet = m_handedOver == before && !m_handingOver ? quiet + 1 : 0;
-        if (late && m_loop.replaceThread())
-        {
-            m_handingOver = false;
-            ++m_late;
-        }
+        if (!late || !m_loop.replaceThread())
+            continue;
+        m_handingOver = false;
+        ++m_late;
+        lock.unlock();
+        ZR_PLATFORM_LOG(WARNING, 0, Dispatch, "a message processor does not return: the I/O loop gets another thread");
+        lock.lock();
     }
 }
 

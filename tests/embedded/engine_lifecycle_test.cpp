@@ -70,12 +70,15 @@ TEST_F(EngineLifecycle, UnregisteringFromInsideReturns)
 {
     ScriptedServer server({{{"DESCRIBE", {describeAnswer}}, {"SETUP", {setupAnswer}}}});
     Client client(engine(), 3, server);
+    std::promise<void> bothSent;
     client.recorder.inside = [&] {
+        bothSent.get_future().wait();
         EXPECT_TRUE(common::onCallbackThread());
         EXPECT_EQ(client.unregister(), 0U);
     };
     ASSERT_EQ(client.send(AOI_MSG_RTSP_DESCRIBE), 0U);
     ASSERT_EQ(client.send(AOI_MSG_RTSP_SETUP), 0U);
+    bothSent.set_value();
     ASSERT_TRUE(server.ended(1));
     EXPECT_THAT(client.recorder.messages(1), SizeIs(1));
     EXPECT_THAT(client.recorder.messages(2, 30ms), SizeIs(1));
