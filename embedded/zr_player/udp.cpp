@@ -14,6 +14,9 @@ namespace {
 /// Where media ports lie; below and above are other services' and the system's own choice.
 constexpr unsigned firstPort = 20000;
 constexpr unsigned portBlocks = 10000; ///< of four ports each
+/// From one search to the next, in blocks, without a common factor with their number: what is in use lies apart. A
+/// server on this machine that tries a few ports from where it is finds none in a dense range.
+constexpr unsigned portStride = 3571;
 
 /// A key frame of several hundred packets arrives at once; the system may grant less.
 constexpr int receiveBuffer = 2 * 1024 * 1024;
@@ -82,11 +85,11 @@ void Descriptor::reset()
 
 int bindPairs(Endpoint &local, std::array<UdpPair, 2> &pairs)
 {
-    // every port of the range is tried once, from where the last search ended
-    static std::atomic<unsigned> next{std::random_device{}()};
+    // every block is tried once, from where the last search ended
+    static std::atomic<uint64_t> next{std::random_device{}()};
     for (unsigned tries = 0; tries < portBlocks; ++tries)
     {
-        const unsigned port = firstPort + 4 * (next.fetch_add(1) % portBlocks);
+        const auto port = static_cast<unsigned>(firstPort + 4 * (next.fetch_add(portStride) % portBlocks));
         int error = 0;
         for (size_t i = 0; i < pairs.size() && error == 0; ++i)
         {
