@@ -57,7 +57,7 @@ struct Received
 
 Received receive(Receiver &receiver, uint64_t expected)
 {
-    constexpr auto look = std::chrono::milliseconds(50);
+    constexpr auto look = std::chrono::milliseconds(200);                         // each asks every stream
     const auto silence = std::chrono::milliseconds(expected == 0 ? 1500 : 10000); // on a machine that does much else
     Received received;
     received.before = received.packets = receiver.packets();

@@ -29,7 +29,7 @@ struct Options
 
     unsigned packetsOfFrame() const
     {
-        const uint64_t bits = uint64_t{mediaRate} * mediaEvery, ofPacket = 8U * mediaSize;
+        const uint64_t bits = uint64_t{mediaRate} * mediaEvery, ofPacket = uint64_t{8} * mediaSize;
         return mediaRate == 0 ? 1 : static_cast<unsigned>(std::max<uint64_t>(2, (bits + ofPacket / 2) / ofPacket));
     }
 };
