@@ -103,6 +103,11 @@ void JobQueue::take(std::vector<Job> &batch)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     batch.swap(m_jobs);
+}
+
+void JobQueue::noteAwake()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_sleeping = false;
 }
 
@@ -163,6 +168,7 @@ bool IoLoop::runNow(const Job &job)
 void IoLoop::act(const Events &events, int count)
 {
     const Turn turn(*this, Turn::Wanted::Waiting);
+    m_jobs->noteAwake(); // what is posted from here on will be seen
     for (int i = 0; i < count; ++i)
         guarded([this, &event = events[static_cast<size_t>(i)]] { tell(event); });
     fireTimers();

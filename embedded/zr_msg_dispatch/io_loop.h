@@ -37,6 +37,7 @@ private:
     bool isOpenAndEmpty();
     void take(std::vector<Job> &batch);
     bool sleepUnlessJobs();
+    void noteAwake();
 
     /// Guards all below. The wake-up is called under it, so that after close nobody touches the loop.
     std::mutex m_mutex;
