@@ -80,7 +80,7 @@ Connection::Connection(IoLoop &loop, const Settings &settings, Owner &owner, Sec
 
 Connection::~Connection()
 {
-    m_stream.close();
+    closeSocket();
 }
 
 void Connection::open(std::vector<ACE_INET_Addr> addresses)
@@ -319,7 +319,8 @@ void Connection::watchMessageTime(bool progressed)
 
 void Connection::onTimer()
 {
-    m_loop.post([stays = shared_from_this()] { /* the timer's callback is a part of it */ });
+    const auto stays = shared_from_this();
+    m_loop.post([stays] { /* the timer's callback is a part of it */ });
     if (m_state == State::Connecting)
     {
         if (m_stream.get_handle() != ACE_INVALID_HANDLE)

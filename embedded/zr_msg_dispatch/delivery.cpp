@@ -192,6 +192,8 @@ void Delivery::checkStalled()
 /// The mutex is held.
 void Delivery::grow()
 {
+    if (m_stopped)
+        return;
     try
     {
         m_threads.push_back(quietThread([this] { work(); }));
@@ -253,8 +255,16 @@ void Delivery::handOver()
         return;
     const common::CallbackThreadMark mark;
     beginWatch();
+    const auto begun = std::chrono::steady_clock::now();
     while (!m_answered.empty() && m_loop.onItsThread())
     {
+        if (m_late >= usualThreads ||
+            std::chrono::steady_clock::now() - begun >= tick) // the sockets have waited long enough
+        {
+            for (const RegistrationPtr &registration : std::exchange(m_answered, {}))
+                makeReady(registration);
+            break;
+        }
         ++m_handedOver;
         m_handingOver = true;
         callNext(lock, m_answered);

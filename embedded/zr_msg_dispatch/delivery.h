@@ -100,10 +100,10 @@ using RegistrationPtr = std::shared_ptr<Registration>;
 /// nobody else.
 ///
 /// An answer is handed over by the loop's own thread, between two turns: another thread would cost more than all the
-/// rest. As answers wake who waits and do little else, that is soon done; when it is not, a thread that watches gives
-/// the loop another one. What a server says of its own accord makes a host act: that, and what comes while a call for
-/// its registration is running, is for threads that do nothing else. When all of those have been stuck in their calls
-/// while somebody waits, one more is started, up to a bound.
+/// rest. As answers wake who waits and do little else, that is soon done; when one is not, a thread that watches gives
+/// the loop another one, and when many are not, the threads below take the rest. What a server says of its own accord
+/// makes a host act: that, and what comes while a call for its registration is running, is for threads that do nothing
+/// else. When all of those have been stuck in their calls while somebody waits, one more is started, up to a bound.
 ///
 /// One mutex guards everything here, and no call into a processor and no destruction of a message happens under it. So
 /// "retired" and "running" change in one order that all agree on: a call begins only for a registration that is not

@@ -45,6 +45,15 @@ void guarded(const Work &work)
     }
 }
 
+/// Looks every now and then until it is so, at most that long.
+template <typename Happened>
+void waitFor(const Happened &happened, std::chrono::milliseconds patience)
+{
+    constexpr std::chrono::milliseconds step{2};
+    for (auto waited = std::chrono::milliseconds::zero(); waited < patience && !happened(); waited += step)
+        std::this_thread::sleep_for(step);
+}
+
 std::string systemText()
 {
     return std::generic_category().message(errno);
@@ -69,6 +78,7 @@ private:
 
 bool JobQueue::post(Job job)
 {
+    const NotCancelled whole; // between the note that the loop is woken, and its waking
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_wake)
         return false;
@@ -350,7 +360,7 @@ void IoLoop::serve(Server &self)
     while (!m_stopping)
     {
         if (m_betweenTurns) // first: the thread that was replaced may have left work
-            m_betweenTurns();
+            guarded(m_betweenTurns);
         if (!onItsThread())
             break;
         const int count = wait(events);
@@ -388,19 +398,19 @@ void IoLoop::stop()
         all = servers.empty();
     }
     m_jobs->close();
+    const Turn last(*this, Turn::Wanted::Waiting); // whoever found it open is done
 }
 
 void IoLoop::abandon(std::chrono::milliseconds patience)
 {
-    constexpr std::chrono::milliseconds step{2};
     post([this] { m_stopping = true; });
-    for (auto waited = std::chrono::milliseconds::zero(); waited < patience && !hasEnded(); waited += step)
-        std::this_thread::sleep_for(step);
+    waitFor([this] { return hasEnded(); }, patience);
     {
         const std::lock_guard<std::mutex> lock(m_serversMutex);
         joinEnded();
     }
     m_jobs->close();
+    waitFor([this] { return Turn(*this, Turn::Wanted::AtOnce).had(); }, patience);
 }
 
 // ---- timers

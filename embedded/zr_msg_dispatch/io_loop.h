@@ -74,8 +74,8 @@ public:
     /// Starts the thread. @return false when the system gives no descriptor or thread; the log says why
     /// @param betweenTurns  called on the loop's thread after each turn, and without it
     bool start(std::function<void()> betweenTurns = {});
-    /// Ends the thread, and those that were replaced, and waits for them; jobs that were not reached are dropped. Not
-    /// on the loop's thread.
+    /// Ends the thread, and those that were replaced, and waits for them and for who has the turn; jobs that were not
+    /// reached are dropped. Not on the loop's thread.
     void stop();
     /// Lets the thread run out without waiting for its jobs, at most that long: the process is ending.
     void abandon(std::chrono::milliseconds patience);

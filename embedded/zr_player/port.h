@@ -20,8 +20,9 @@
 
 namespace zr::media {
 
-/// Host threads open, ask and close it, the media thread reads its sockets and sends its reports, the dispatcher's I/O
-/// thread sets tracks up and brings interleaved frames. After close() whatever still holds it finds it inert.
+/// Host threads open, ask and close it, the media thread reads its sockets and sends its reports, the dispatcher
+/// sets tracks up and brings interleaved frames on its loop's turn. After close() whatever still holds it finds it
+/// inert.
 class MediaPort final : public Port, private LoopClient
 {
 public:

@@ -1,3 +1,4 @@
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <future>
@@ -87,7 +88,7 @@ TEST_F(EngineLifecycle, UnregisteringFromInsideReturns)
 /// More observers block than there are threads at first: those behind them are served all the same.
 TEST_F(EngineLifecycle, BlockedObserversStopOnlyThemselves)
 {
-    constexpr ZR_ULONG blocked = 8;
+    constexpr ZR_ULONG blocked = 24;
     Notes<ZR_ULONG> entered;
     std::promise<void> leave;
     const std::shared_future<void> left = leave.get_future();
@@ -191,6 +192,41 @@ TEST(IoLoop, EndsWhileItIsNotified)
         loop.post(again);
         loop.stop();
     }
+}
+
+TEST(IoLoop, RunsNothingOnceItHasStopped)
+{
+    for (int i = 0; i < 1000; ++i)
+    {
+        dispatch::IoLoop loop;
+        ASSERT_TRUE(loop.start());
+        std::atomic<bool> stopped{false};
+        std::atomic<bool> late{false};
+        std::thread caller([&] {
+            while (loop.run([&] { late = late || stopped; }))
+            {
+            }
+        });
+        loop.stop();
+        stopped = true;
+        caller.join();
+        ASSERT_FALSE(late);
+    }
+}
+
+TEST(IoLoop, IsWokenAlsoByACallerThatIsCancelled)
+{
+    dispatch::IoLoop loop;
+    ASSERT_TRUE(loop.start());
+    std::promise<void> first, second;
+    std::thread([&] {
+        pthread_cancel(pthread_self());
+        loop.post([&] { first.set_value(); });
+        pthread_testcancel();
+    }).join();
+    EXPECT_EQ(first.get_future().wait_for(patience), std::future_status::ready);
+    loop.post([&] { second.set_value(); });
+    EXPECT_EQ(second.get_future().wait_for(patience), std::future_status::ready);
 }
 
 TEST(Dispatcher, MayBeLeftRunningAtTheEnd)
