@@ -115,11 +115,13 @@ void Connection::tryNextAddress()
         // a silent first address is not to use up the time of those behind it
         const milliseconds share = remaining / static_cast<int>(m_addresses.size());
         m_addresses.pop_back();
-        if (beginConnect(address))
-        {
+        if (!beginConnect(address))
+            continue;
+        if (m_ends.peerAddress.empty())
             m_timer.start(share);
-            return;
-        }
+        else
+            becomeUp();
+        return;
     }
     failLater(m_lastFailure);
 }
@@ -130,13 +132,15 @@ bool Connection::beginConnect(const ACE_INET_Addr &address)
     m_stream.set_handle(handle);
     if (handle != ACE_INVALID_HANDLE)
         tune(handle);
-    if (handle != ACE_INVALID_HANDLE &&
-        (connect(handle, static_cast<const sockaddr *>(address.get_addr()),
-                 static_cast<socklen_t>(address.get_size())) == 0 ||
-         errno == EINPROGRESS) &&
-        m_loop.watch(handle, *this, EPOLLOUT))
+    const bool begun = handle != ACE_INVALID_HANDLE &&
+                       (connect(handle, static_cast<const sockaddr *>(address.get_addr()),
+                                static_cast<socklen_t>(address.get_size())) == 0 ||
+                        errno == EINPROGRESS);
+    // a server on this machine has often accepted by now
+    if (begun && m_loop.watch(handle, *this, !secure() && notePeer() ? EPOLLIN : EPOLLOUT))
         return true;
     m_lastFailure = systemText(errno);
+    m_ends = Ends();
     closeSocket();
     return false;
 }
@@ -189,16 +193,23 @@ void Connection::beginTls()
     takeSecured({});
 }
 
+/// @return false when there is none: it is not connected
+bool Connection::notePeer()
+{
+    ACE_INET_Addr peer;
+    std::array<char, INET6_ADDRSTRLEN> text = {};
+    if (m_stream.get_remote_addr(peer) != 0 || !peer.get_host_addr(text.data(), static_cast<int>(text.size())))
+        return false;
+    m_ends.peerAddress = text.data();
+    m_ends.peerPort = peer.get_port_number();
+    return true;
+}
+
 void Connection::becomeUp()
 {
     m_timer.stop();
-    ACE_INET_Addr peer;
-    std::array<char, INET6_ADDRSTRLEN> text = {};
-    if (m_stream.get_remote_addr(peer) == 0 && peer.get_host_addr(text.data(), static_cast<int>(text.size())))
-    {
-        m_ends.peerAddress = text.data();
-        m_ends.peerPort = peer.get_port_number();
-    }
+    if (m_ends.peerAddress.empty())
+        notePeer();
     std::vector<ACE_INET_Addr>().swap(m_addresses);
     m_state = State::Up;
     m_owner->connected();

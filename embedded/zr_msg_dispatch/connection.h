@@ -23,8 +23,8 @@ namespace zr::dispatch {
 class Connection final : private IoLoop::Watcher, public std::enable_shared_from_this<Connection>
 {
 public:
-    /// Who uses the connection. Callbacks come from the loop or from a job, never from inside one of the operations
-    /// below, and never after close.
+    /// Who uses the connection. Callbacks come from the loop or from a job, never after close, and never from inside
+    /// one of the operations below but for connected(), which may come from inside open and takeAddresses.
     class Owner
     {
     public:
@@ -86,6 +86,7 @@ private:
     void tryNextAddress();
     bool beginConnect(const ACE_INET_Addr &address);
     void finishConnect();
+    bool notePeer();
     void beginTls();
     void becomeUp();
     void abandonAttempt();
