@@ -171,7 +171,7 @@ ZR_ULONG CRtspMediaCtrl::AOIProcRtspDescribeRsp(const tagAOIMsg *pstAOIMsg)
         RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] Invalid param", g_szDescribeRsp);
         return ZR_RTSP_INVALID_PARAMETER;
     }
-    const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+    const CObjectGuard oGuard(m_oMutex, m_ulLockDepth, &m_oCond);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
 

@@ -69,7 +69,7 @@ int CRtspMediaCtrl::waitForResponse(ZR_ULONG ulSeconds)
 /// Wakes all who wait; each looks into its own exchange.
 int CRtspMediaCtrl::signalResponse()
 {
-    return m_oCond.broadcast();
+    return m_oCond.broadcastOnRelease();
 }
 
 /// Opens a new exchange and sets its waiting state. One that is outstanding is overtaken: it ends at once, and what it

@@ -48,7 +48,7 @@ ZR_ULONG CRtspMediaCtrl::takeAnswer(const tagAnswerRule &stRule, const tagAOIMsg
 {
     if (isNull(pstAOIMsg, stRule.pszFunction))
         return ZR_RTSP_INVALID_PARAMETER;
-    const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
+    const CObjectGuard oGuard(m_oMutex, m_ulLockDepth, &m_oCond);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
 
