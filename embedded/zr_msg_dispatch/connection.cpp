@@ -17,7 +17,7 @@ namespace zr::dispatch {
 namespace {
 
 /// What one wake-up reads at most, so that no server starves the others.
-constexpr size_t readBudget = 16384;
+constexpr size_t readBudget = 32768;
 /// What was sent is kept in front of what waits, up to here.
 constexpr size_t maxSentKept = 65536;
 
@@ -132,10 +132,10 @@ bool Connection::beginConnect(const ACE_INET_Addr &address)
     m_stream.set_handle(handle);
     if (handle != ACE_INVALID_HANDLE)
         tune(handle);
-    const bool begun = handle != ACE_INVALID_HANDLE &&
-                       (connect(handle, static_cast<const sockaddr *>(address.get_addr()),
-                                static_cast<socklen_t>(address.get_size())) == 0 ||
-                        errno == EINPROGRESS);
+    const bool begun =
+        handle != ACE_INVALID_HANDLE && (connect(handle, static_cast<const sockaddr *>(address.get_addr()),
+                                                 static_cast<socklen_t>(address.get_size())) == 0 ||
+                                         errno == EINPROGRESS);
     // a server on this machine has often accepted by now
     if (begun && m_loop.watch(handle, *this, !secure() && notePeer() ? EPOLLIN : EPOLLOUT))
         return true;
@@ -245,7 +245,7 @@ void Connection::read()
 
 void Connection::take(std::string_view bytes)
 {
-    m_parser.append(bytes.data(), bytes.size());
+    m_parser.lend(bytes.data(), bytes.size());
     {
         const Raised gathering(m_gathering);
         watchMessageTime(parse());

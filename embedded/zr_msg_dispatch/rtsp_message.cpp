@@ -13,6 +13,14 @@ using namespace zr::rtsp;
 constexpr size_t keptCapacity = 16384;
 /// Room for the headers of most messages. It stays from message to message, that of longer ones does not.
 constexpr size_t usualHeaders = 8;
+/// '$', the channel, and the size of what follows (RFC 2326, 10.12).
+constexpr size_t frameHead = 4;
+
+size_t frameSize(const char *head)
+{
+    const auto *const bytes = reinterpret_cast<const uint8_t *>(head);
+    return static_cast<size_t>(bytes[2]) << 8 | bytes[3];
+}
 
 /// Takes the first word off a line.
 std::string_view nextWord(std::string_view &line)
@@ -113,6 +121,7 @@ void Parser::append(const char *data, size_t size)
 {
     if (m_state == State::Failed)
         return;
+    keepRest();
     // what is used up goes when it is at least half of the buffer, so that each byte moves once at most on average
     if (m_taken * 2 >= m_buffer.size())
     {
@@ -121,9 +130,73 @@ void Parser::append(const char *data, size_t size)
         m_taken = 0;
     }
     m_buffer.append(data, size);
+    m_bytes = m_buffer;
+}
+
+void Parser::lend(const char *data, size_t size)
+{
+    const size_t missing = std::min(missingOfFrame(), size);
+    if (pending() > 0 && missing == 0)
+    {
+        append(data, size);
+        return;
+    }
+    if (m_state == State::Failed)
+        return;
+    if (missing > 0)
+        append(data, missing);
+    m_lent = {data + missing, size - missing};
+    if (pending() == 0)
+        lookAtLent();
+}
+
+/// Of a frame whose head is there.
+size_t Parser::missingOfFrame() const
+{
+    if (m_state != State::Between || pending() < frameHead || m_bytes[m_taken] != '$')
+        return 0;
+    const size_t whole = frameHead + frameSize(m_bytes.data() + m_taken);
+    return whole - std::min(whole, pending());
+}
+
+/// What came before is used up.
+void Parser::lookAtLent()
+{
+    m_bytes = std::exchange(m_lent, {});
+    m_taken = m_scanned = 0;
+}
+
+void Parser::lookAtNothing()
+{
+    m_buffer.clear();
+    m_lent = {};
+    lookAtLent();
+}
+
+/// Makes what is left of lent bytes the parser's own.
+void Parser::keepRest()
+{
+    if (m_bytes.data() == m_buffer.data() && m_lent.empty())
+        return;
+    if (m_bytes.data() != m_buffer.data())
+    {
+        m_buffer.assign(m_bytes, m_taken);
+        m_scanned -= m_taken;
+        m_taken = 0;
+    }
+    m_buffer.append(std::exchange(m_lent, {}));
+    m_bytes = m_buffer;
 }
 
 Parser::Event Parser::next()
+{
+    const Event event = nextOfBytes();
+    if (event == Event::NeedMore)
+        keepRest();
+    return event;
+}
+
+Parser::Event Parser::nextOfBytes()
 {
     if (std::exchange(m_delivered, false))
         beginMessage();
@@ -155,7 +228,7 @@ void Parser::rest()
     if (midMessage() || m_state == State::Failed)
         return;
     std::string().swap(m_buffer);
-    m_taken = m_scanned = 0;
+    lookAtNothing();
     Message none; // assigned, its empty strings would leave the memory where it is
     std::swap(m_message, none);
 }
@@ -167,18 +240,21 @@ bool Parser::midMessage() const
 
 std::optional<Parser::Event> Parser::between()
 {
-    while (pending() > 0 && (m_buffer[m_taken] == '\r' || m_buffer[m_taken] == '\n'))
+    while (pending() > 0 && (m_bytes[m_taken] == '\r' || m_bytes[m_taken] == '\n'))
         take(1);
+    if (pending() == 0 && !m_lent.empty())
+    {
+        lookAtLent();
+        return std::nullopt;
+    }
     if (pending() == 0)
     {
         if (m_buffer.capacity() > keptCapacity)
-        {
             m_buffer = std::string();
-            m_taken = m_scanned = 0;
-        }
+        lookAtNothing();
         return Event::NeedMore;
     }
-    if (m_buffer[m_taken] == '$')
+    if (m_bytes[m_taken] == '$')
         return frameStart();
     m_headBytes = 0;
     m_state = State::StartLine;
@@ -187,31 +263,27 @@ std::optional<Parser::Event> Parser::between()
 
 std::optional<Parser::Event> Parser::frameStart()
 {
-    constexpr size_t headSize = 4;
-    if (pending() < headSize)
+    if (pending() < frameHead || missingOfFrame() > 0)
         return Event::NeedMore;
-    const auto *const bytes = reinterpret_cast<const uint8_t *>(m_buffer.data()) + m_taken;
-    const size_t size = static_cast<size_t>(bytes[2]) << 8 | bytes[3];
-    if (pending() < headSize + size)
-        return Event::NeedMore;
+    const auto *const bytes = reinterpret_cast<const uint8_t *>(m_bytes.data()) + m_taken;
     m_frame.channel = bytes[1];
-    m_frame.data = bytes + headSize;
-    m_frame.size = size;
-    take(headSize + size);
+    m_frame.data = bytes + frameHead;
+    m_frame.size = frameSize(m_bytes.data() + m_taken);
+    take(frameHead + m_frame.size);
     return Event::Frame;
 }
 
 std::optional<Parser::Event> Parser::headLine()
 {
-    const size_t end = m_buffer.find('\n', m_scanned);
-    const size_t size = std::min(end, m_buffer.size()) - m_taken;
-    std::string_view line(m_buffer.data() + m_taken, size);
+    const size_t end = m_bytes.find('\n', m_scanned);
+    const size_t size = std::min(end, m_bytes.size()) - m_taken;
+    std::string_view line(m_bytes.data() + m_taken, size);
     if (size > m_limits.line)
         return fail("a line exceeds the limit of " + std::to_string(m_limits.line) +
                     " bytes: " + quoted(line.substr(0, m_limits.line)));
     if (end == std::string::npos)
     {
-        m_scanned = m_buffer.size();
+        m_scanned = m_bytes.size();
         return Event::NeedMore;
     }
     take(size + 1);
@@ -284,7 +356,7 @@ std::optional<Parser::Event> Parser::endOfHead()
 std::optional<Parser::Event> Parser::bodyPart()
 {
     const size_t size = std::min(pending(), m_bodyLeft);
-    m_message.body.append(m_buffer, m_taken, size);
+    m_message.body.append(m_bytes, m_taken, size);
     take(size);
     m_bodyLeft -= size;
     if (m_bodyLeft > 0)
@@ -314,7 +386,7 @@ Parser::Event Parser::fail(std::string problem)
     m_error = std::move(problem);
     m_state = State::Failed;
     m_buffer = std::string();
-    m_taken = m_scanned = 0;
+    lookAtNothing();
     m_message = Message();
     return Event::Error;
 }

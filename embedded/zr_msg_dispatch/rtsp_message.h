@@ -68,6 +68,9 @@ public:
     explicit Parser(const Limits &limits = Limits());
 
     void append(const char *data, size_t size);
+    /// The same without a copy where that can be: the bytes are to stay where they are until NeedMore or Error. What is
+    /// left of them then, the parser keeps itself.
+    void lend(const char *data, size_t size);
     /// The next thing that the bytes hold. Blank lines between messages are passed over.
     Event next();
 
@@ -92,6 +95,7 @@ private:
         Failed
     };
 
+    Event nextOfBytes();
     // each works on its state's bytes: an event, or none when the state has changed and work goes on
     std::optional<Event> between();
     std::optional<Event> frameStart();
@@ -103,16 +107,22 @@ private:
     void beginMessage();
     Event deliver();
     Event fail(std::string problem);
-    size_t pending() const { return m_buffer.size() - m_taken; }
+    size_t pending() const { return m_bytes.size() - m_taken; }
     void take(size_t size);
+    size_t missingOfFrame() const;
+    void lookAtLent();
+    void lookAtNothing();
+    void keepRest();
 
     Limits m_limits;
     State m_state = State::Between;
-    std::string m_buffer;
-    size_t m_taken = 0;     ///< bytes at the buffer's front that are used up
-    size_t m_scanned = 0;   ///< no line ends between m_taken and here
-    size_t m_headBytes = 0; ///< of the message's head so far
-    size_t m_bodyLeft = 0;  ///< of the message's body
+    std::string m_buffer;     ///< bytes that are the parser's own
+    std::string_view m_bytes; ///< what is parsed: the buffer, or bytes that are lent
+    std::string_view m_lent;  ///< what is lent and comes behind them
+    size_t m_taken = 0;       ///< of what is parsed, from its front, used up
+    size_t m_scanned = 0;     ///< no line ends between m_taken and here
+    size_t m_headBytes = 0;   ///< of the message's head so far
+    size_t m_bodyLeft = 0;    ///< of the message's body
     bool m_delivered = false;
     Message m_message;
     Frame m_frame;

@@ -23,14 +23,19 @@ std::string describe(const Message &message)
     return message.body.empty() ? out : out + "|body " + message.body;
 }
 
-/// What a parser says of a stream that comes in these pieces.
-std::string eventsOf(const std::vector<std::string_view> &pieces, const Limits &limits)
+using Give = void (Parser::*)(const char *, size_t);
+
+/// What a parser says of a stream that comes in these pieces, given by turns in two ways; none stays where it was.
+std::string eventsOf(const std::vector<std::string_view> &pieces, const Limits &limits,
+                     std::pair<Give, Give> gives = {&Parser::append, &Parser::append})
 {
     Parser parser(limits);
     std::string out;
     for (const std::string_view piece : pieces)
     {
-        parser.append(piece.data(), piece.size());
+        const std::vector<char> bytes(piece.begin(), piece.end());
+        (parser.*gives.first)(bytes.data(), bytes.size());
+        std::swap(gives.first, gives.second);
         for (auto event = parser.next(); event != Parser::Event::NeedMore; event = parser.next())
         {
             const auto &[channel, data, size] = parser.frame();
@@ -52,9 +57,13 @@ void check(const Stream &stream)
     std::vector<std::string_view> single;
     for (size_t at = 0; at < bytes.size(); ++at)
         single.push_back(bytes.substr(at, 1));
-    EXPECT_EQ(eventsOf(single, stream.limits), stream.events) << "byte by byte";
-    for (size_t cut = 0; cut < bytes.size(); ++cut)
-        ASSERT_EQ(eventsOf({bytes.substr(0, cut), bytes.substr(cut)}, stream.limits), stream.events) << cut;
+    constexpr Give copied = &Parser::append, lent = &Parser::lend;
+    for (const auto &gives : {std::pair{copied, copied}, {lent, lent}, {copied, lent}, {lent, copied}})
+    {
+        EXPECT_EQ(eventsOf(single, stream.limits, gives), stream.events) << "byte by byte";
+        for (size_t cut = 0; cut < bytes.size(); ++cut)
+            ASSERT_EQ(eventsOf({bytes.substr(0, cut), bytes.substr(cut)}, stream.limits, gives), stream.events) << cut;
+    }
 }
 
 const std::string ok = "RTSP/1.0 200 OK\r\n";

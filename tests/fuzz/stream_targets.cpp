@@ -6,15 +6,16 @@
 using zr::rtsp::Parser;
 using namespace zr::media;
 
-/// What a stream brings, as text, when its bytes come in pieces.
-static std::string eventsOf(zr::fuzz::Input stream, bool narrow, size_t first, size_t others)
+/// What a stream brings, as text, when its bytes come in pieces, lent or not.
+static std::string eventsOf(zr::fuzz::Input stream, bool narrow, bool lent, size_t first, size_t others)
 {
     Parser parser(narrow ? zr::rtsp::Limits{24, 3, 80, 40} : zr::rtsp::Limits());
     std::string events;
     for (size_t piece = first; !stream.left.empty(); piece = others)
     {
         const std::vector<uint8_t> part = stream.bytes(piece);
-        parser.append(reinterpret_cast<const char *>(part.data()), part.size());
+        const auto give = lent ? &Parser::lend : &Parser::append;
+        (parser.*give)(reinterpret_cast<const char *>(part.data()), part.size());
         for (auto event = parser.next(); event != Parser::Event::NeedMore; event = parser.next())
         {
             const auto &[response, status, reason, method, uri, headers, body] = parser.message();
@@ -35,9 +36,10 @@ void zr::fuzz::parser(Input input)
 {
     const bool narrow = input.byte() % 2 == 1;
     const size_t cut = size_t{input.byte()} * 256 + input.byte() + 1;
-    const std::string events = eventsOf(input, narrow, SIZE_MAX, SIZE_MAX);
-    assert(events == eventsOf(input, narrow, cut, SIZE_MAX));
-    assert(events == eventsOf(input, narrow, cut % 7 + 1, cut % 5 + 1));
+    const std::string events = eventsOf(input, narrow, false, SIZE_MAX, SIZE_MAX);
+    assert(events == eventsOf(input, narrow, true, cut, SIZE_MAX));
+    assert(events == eventsOf(input, narrow, true, SIZE_MAX, SIZE_MAX));
+    assert(events == eventsOf(input, narrow, cut % 2 == 1, cut % 7 + 1, cut % 5 + 1));
 }
 
 /// A packet's size in words (0: whole, else the header is made for its text), the packet, and a description.
