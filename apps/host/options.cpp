@@ -8,7 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "failure.h"
-#include "options_help.h"
+#include "help_page.h"
 #include "output_file.h"
 #include "secrets.h"
 #include "source_list.h"
@@ -82,12 +82,10 @@ void addUrl(CLI::App &app, Raw &raw)
 
 void addTransport(CLI::App &app, Raw &raw, bool tcpIsDefault)
 {
-    auto *tcp = app.add_flag("--tcp", raw.tcp,
-                             std::string("Receive media interleaved in the RTSP connection") +
-                                 (tcpIsDefault ? " (default)" : ""));
+    auto *tcp = app.add_flag(
+        "--tcp", raw.tcp, std::string("Receive media within the RTSP connection") + (tcpIsDefault ? " (default)" : ""));
     app.add_flag("--udp", raw.udp,
-                 std::string("Receive media over UDP") +
-                     (tcpIsDefault ? "" : " alone (default: UDP, or TCP where the server refuses that)"))
+                 std::string("Receive media over UDP") + (tcpIsDefault ? "" : " alone (default: UDP, else TCP)"))
         ->excludes(tcp);
 }
 
@@ -119,8 +117,7 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
     addUrl(app, raw);
     addTransport(app, raw, false);
     addRange(app, play.course.playback);
-    app.add_option("--speed", play.course.speed,
-                   "Factor from 0.125 to 16, negative for backwards; or code:N, N from 0 to 19");
+    app.add_option("--speed", play.course.speed, "Factor 0.125 to 16, negative: backwards; or code:0...19");
     addDuration(app, play.duration, "Seconds of media; without it until its end or Ctrl-C");
     auto *pauseAt =
         app.add_option("--pause-at", play.pauseAt, "Pause once after so many seconds of media, then play on")
@@ -132,7 +129,7 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
         ->option_text("S [2]");
     app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(writable);
     app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable);
-    app.add_flag("--reconnect", play.reconnect, "Begin a new session after the server ended one or was lost");
+    app.add_flag("--reconnect", play.reconnect, "Begin a new session when one was ended or lost");
     addSilence(app, play.course);
 }
 
@@ -143,7 +140,8 @@ void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
     addTransport(app, raw, true);
     addRange(app, download.course.playback);
     auto *speed = app.add_option("--speed", raw.downloadSpeed, "Ask for a download at 1, 2, 4 or 8 times: 0, 1, 2, 3")
-                      ->check(CLI::Range(0, 3));
+                      ->check(CLI::Range(0, 3))
+                      ->option_text("N");
     auto *sampled = app.add_flag("--sampled", raw.sampled, "Ask for sampled frames")->needs(speed);
     app.add_flag("--full-frame", "Ask for every frame (default)")->needs(speed)->excludes(sampled);
 }
@@ -289,23 +287,23 @@ Options parseOptions(int argc, char **argv)
 {
     Options options;
     Raw raw;
-    CLI::App app("Plays RTSP sessions through the zr_rtsp plug-in.", "zr_rtsp_host");
-    app.footer(generalHelp);
+    CLI::App app("Plays RTSP sessions through the zr_rtsp plug-in", "zr_rtsp_host");
+    app.formatter(std::make_shared<HelpPage>(generalHelp));
+    app.set_help_flag("-h,--help", "Print this page");
     app.require_subcommand(1);
-    const auto add = [&](Command command, const char *name, const char *text, const char *help) {
+    const auto add = [&](Command command, const char *name, const char *text, const CommandHelp &help) {
         CLI::App *added = app.add_subcommand(name, text);
-        added->footer(help);
+        added->formatter(std::make_shared<HelpPage>(help));
+        added->set_help_all_flag("--help-all", "More: notes, and what all commands take (--user ...)");
         added->callback([&options, command] { options.command = command; });
         return added;
     };
     auto *describe =
         add(Command::Describe, "describe", "Print a stream's tracks, codecs and control URLs", describeHelp);
-    auto *check =
-        add(Command::Check, "check", "Try one after another what a stream needs, and say what fails", checkHelp);
-    auto *play =
-        add(Command::Play, "play", "Play a stream: receive it, and record it or take a picture if asked to", playHelp);
+    auto *check = add(Command::Check, "check", "Try all that a stream needs, and say what fails", checkHelp);
+    auto *play = add(Command::Play, "play", "Play a stream; record it, or take a picture, if asked to", playHelp);
     auto *download = add(Command::Download, "download", "Fetch a recording into a file", downloadHelp);
-    auto *tv = add(Command::Tv, "tv", "Play a recording, and have the server send it to a TV wall as well", tvHelp);
+    auto *tv = add(Command::Tv, "tv", "Play a recording, sent to a TV wall as well", tvHelp);
     auto *watch = add(Command::Watch, "watch", "Play many streams at once, and say how they are", watchHelp);
     addUrl(*describe, raw);
     describe->add_flag("--sdp", options.describe.sdp, "Print the description (SDP) as it came, and nothing else");
@@ -321,6 +319,7 @@ Options parseOptions(int argc, char **argv)
     addWatch(*watch, raw, options.watch);
     for (CLI::App *command : {describe, check, play, download, tv, watch})
     {
+        command->option_defaults()->group(commonGroup);
         addCommon(*command, raw, options.common);
     }
     try

@@ -2,76 +2,87 @@
 
 namespace zr::host {
 
-const char *const generalHelp = R"(
-zr_rtsp_host COMMAND --help tells a command's options, with examples.
+const CommandHelp generalHelp = {R"(
+COMMAND --help tells a command's options, with examples; COMMAND --help-all
+adds those that all commands take (credentials, TLS, logs).
 
 Exit codes:
-  0    done: the stream was described, media arrived (check, play, tv), the recording
-       is whole (download), all streams are alive at the end (watch)
+  0    done: described, media arrived, the recording is whole, all are alive
   1    internal error
   2    wrong usage
-  3    the server cannot be reached, cannot be trusted, or does not answer (so that
-       it can be understood)
+  3    the server cannot be reached or trusted, or gives no (proper) answer
   4    credentials missing or refused
   5    refused by the server, or its description cannot be used
   6    no media arrived, or it stopped
-  7    a picture or recording could not be written
-  8    the server ended the session or died; not all streams are alive (watch)
-  130  ended by Ctrl-C before media arrived (play, tv) or before the end
-       (download), or by a second Ctrl-C)";
+  7    a picture, recording or page could not be written
+  8    the server ended the session or died; not all are alive (watch)
+  130  ended by Ctrl-C before media arrived or a download was whole
+)",
+                                 ""};
 
-const char *const describeHelp = R"(
+const CommandHelp describeHelp = {"", R"(
 Examples:
-  zr_rtsp_host describe rtsp://192.0.2.10/live
-  zr_rtsp_host describe rtsp://192.0.2.10/live --user admin --password-file secret.txt --json
-  zr_rtsp_host describe rtsps://192.0.2.10/live --ca authority.pem --sdp)";
+  zr_rtsp_host describe rtsp://192.0.2.10/live --user admin --json
+  zr_rtsp_host describe rtsps://192.0.2.10/live --ca authority.pem --sdp
+)"};
 
-const char *const checkHelp = R"(
+const CommandHelp checkHelp = {R"(
 Each step is ok, failed or skipped; steps that do not need a failed one go on. It
 takes about 10 s. The exit code is 0 when media arrives over UDP or TCP: what only
 some devices can (pause, seek, speed, keep-alive) does not change it. Else it is
 that of the first failed step, by the list of zr_rtsp_host --help.
-
+)",
+                               R"(
 Examples:
-  zr_rtsp_host check rtsp://192.0.2.10/live --user admin --password-file secret.txt
-  zr_rtsp_host check rtsps://192.0.2.10/live --ca authority.pem --report check.html)";
+  zr_rtsp_host check rtsp://192.0.2.10/live --user admin
+  zr_rtsp_host check rtsps://192.0.2.10/live --ca our.pem --report check.html
+)"};
 
-const char *const playHelp = R"(
+const CommandHelp playHelp = {R"(
 A stream that stays silent is said so after --silence seconds, and given up after
 twice as many. --reconnect begins a session anew after pauses of 1, 2, 4 ... 30 s,
 once there was media; --record then numbers its files. On a terminal a line tells
 state, position, speed, rate, loss and jitter, and keys steer; ? lists them.
-
+)",
+                              R"(
 Examples:
-  zr_rtsp_host play rtsp://192.0.2.10/live --tcp --duration 10 --snapshot picture.png --record stream.mkv
-  zr_rtsp_host play rtsp://192.0.2.10/vod --from 5 --to 15 --speed 2)";
+  zr_rtsp_host play rtsp://192.0.2.10/live --duration 10 --snapshot door.png
+  zr_rtsp_host play rtsp://192.0.2.10/vod --from 5 --to 15 --speed 2
+)"};
 
-const char *const downloadHelp = R"(
+const CommandHelp downloadHelp = {R"(
 Without --speed the recording is simply played into the file. With it the server
 is asked for a download, by the Scale values 101 to 108 (full frame) or 301 to 308
 (sampled): only some recorders know these. Without credentials --tag is then
 "plain", for an onvif source is told the speed only with its authorization.
-
+)",
+                                  R"(
 Examples:
-  zr_rtsp_host download rtsp://192.0.2.10/vod evening.mkv --from 20260102T180000Z --to 20260102T183000Z
-  zr_rtsp_host download rtsp://192.0.2.10/vod keyframes.mkv --speed 3 --sampled)";
+  zr_rtsp_host download rtsp://192.0.2.10/vod keys.mkv --speed 3 --sampled
+  zr_rtsp_host download rtsp://192.0.2.10/vod evening.mkv \
+    --from 20260102T180000Z --to 20260102T183000Z
+)"};
 
-const char *const tvHelp = R"(
+const CommandHelp tvHelp = {R"(
 The server must offer the relation by the Content-Location of its description.
 It is asked for as another source than onvif (--tag plain by default), which has
 none.
-
+)",
+                            R"(
 Examples:
   zr_rtsp_host tv rtsp://192.0.2.10/vod --to 192.0.2.40:5000
-  zr_rtsp_host tv rtsp://192.0.2.10/vod --to 192.0.2.40:5000 --tcp --duration 60)";
+  zr_rtsp_host tv rtsp://192.0.2.10/vod --to 192.0.2.40:5000 --tcp --duration 60
+)"};
 
-const char *const watchHelp = R"(
+const CommandHelp watchHelp = {R"(
 FILE names a URL a line; empty lines and those that begin with # do not count.
 --user and --password are for all that bring none of their own. An interrupt or the
 end of --duration waits 3 s at most for servers that do not answer.
-
+)",
+                               R"(
 Examples:
   zr_rtsp_host watch cameras.txt --user admin --reconnect
-  zr_rtsp_host watch cameras.txt --udp --duration 60 --json)";
+  zr_rtsp_host watch cameras.txt --udp --duration 60 --json
+)"};
 
 } // namespace zr::host

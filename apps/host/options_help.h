@@ -1,15 +1,22 @@
 /// @file
-/// What --help tells below the options.
+/// What --help says besides the options.
 #pragma once
 
 namespace zr::host {
 
-extern const char *const generalHelp; ///< the exit codes
-extern const char *const describeHelp;
-extern const char *const checkHelp;
-extern const char *const playHelp;
-extern const char *const downloadHelp;
-extern const char *const tvHelp;
-extern const char *const watchHelp;
+/// Each begins with an empty line.
+struct CommandHelp
+{
+    const char *notes;    ///< in --help-all only; also in --help where there are no examples
+    const char *examples; ///< with the line about --help-all
+};
+
+extern const CommandHelp generalHelp;
+extern const CommandHelp describeHelp;
+extern const CommandHelp checkHelp;
+extern const CommandHelp playHelp;
+extern const CommandHelp downloadHelp;
+extern const CommandHelp tvHelp;
+extern const CommandHelp watchHelp;
 
 } // namespace zr::host
