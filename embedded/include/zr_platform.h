@@ -24,6 +24,14 @@ enum tagZrMediaCode : ZR_ULONG
     ZR_MEDIA_NO_MEDIA = 10     ///< nothing that could be used arrived (in time)
 };
 
+/// For ZR_MediaPortShow.
+enum tagZrShow : ZR_ULONG
+{
+    ZR_SHOW_NOTHING = 0,  ///< ends it
+    ZR_SHOW_PICTURES = 1, ///< pictures for the callback, at most 12 a second and 640 to 480 pixels
+    ZR_SHOW_WINDOW = 2    ///< a window of the desktop
+};
+
 /// What the operations of TLS return besides 0; the log says more.
 enum tagZrTlsCode : ZR_ULONG
 {
@@ -185,6 +193,7 @@ extern "C"
         ZR_ULONG ulTracks;        ///< tracks that were set up
         uint64_t ullMediaMs;      ///< time that the media covers by its RTP timestamps, of the track with most, in
                                   ///< milliseconds; jumps do not count
+        uint64_t ullFrames;       ///< pictures of which a packet came: the video's different timestamps in succession
     };
 
     /// Opens the media port of a session before its object is created: binds two consecutive even RTP/RTCP pairs (one a
@@ -214,6 +223,37 @@ extern "C"
     /// @param ulTimeoutMs  how long to wait for it, in milliseconds
     /// @return 0; a code when none came in time or it cannot be written
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG ulTimeoutMs);
+
+    /// Takes a picture that is shown, or learns that no more will come. On a thread of the platform's, one at a time,
+    /// not after ZR_MediaPortShow ended it; it must not call operations of the port.
+    /// @param pucRgb  ulHeight rows of ulWidth times red, green and blue, without gaps, valid during the call; NULL: it
+    ///                is over, because the window was closed or it failed, which the log then explains
+    typedef void (*ZR_PICTURE_CALLBACK)(void *pvUser, const unsigned char *pucRgb, ZR_ULONG ulWidth, ZR_ULONG ulHeight);
+
+    /// Shows the video as it comes, or ends that and returns when it is over. It begins with the next key frame.
+    /// @param ulHow        a tagZrShow
+    /// @param pfnCallback  required but for ZR_SHOW_NOTHING; for ZR_SHOW_WINDOW it learns of the end only
+    /// @return 0; ZR_MEDIA_BUSY when it is shown already, or not shown; another code
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortShow(ZR_ULONG ulPortID, ZR_ULONG ulHow, ZR_PICTURE_CALLBACK pfnCallback,
+                                              void *pvUser);
+
+    /// What a recording holds.
+    struct ZrRecordingFacts
+    {
+        uint64_t ullMediaMs;   ///< from its beginning to where it ends, in milliseconds
+        uint64_t ullLastKeyMs; ///< its last key frame; without video where it ends
+    };
+
+    /// Reads a recording through, also one that was cut short. Takes as long as reading it does. Any thread.
+    /// @return 0; ZR_MEDIA_INVALID when it is no Matroska file with media; ZR_MEDIA_UNAVAILABLE
+    ZR_PLATFORM_API ZR_ULONG ZR_RecordingFacts(const char *pszFile, ZrRecordingFacts *pstOut);
+
+    /// Continues a recording by another of the same stream that begins before it ends, without coding anything anew:
+    /// where the other's first key frame is found in it, that is where the other goes on; else behind its end. What
+    /// comes out is a new file, which then takes the first one's name; the other stays. Until then, and where it fails,
+    /// both are as they were. Takes as long as copying them does. Any thread, one at a time for a file.
+    /// @return 0; ZR_MEDIA_INVALID when they cannot be one: they are not read, or coded differently; another code
+    ZR_PLATFORM_API ZR_ULONG ZR_RecordingContinue(const char *pszFile, const char *pszRest);
 
     /// Says what a port has received so far. Any thread.
     /// @return 0; 2 for NULL; 3 when the port is not open

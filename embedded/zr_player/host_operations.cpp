@@ -192,6 +192,21 @@ ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG u
     });
 }
 
+ZR_ULONG ZR_MediaPortShow(ZR_ULONG ulPortID, ZR_ULONG ulHow, ZR_PICTURE_CALLBACK pfnCallback, void *pvUser)
+{
+    return withPort("show", ulPortID, [=](MediaPort &port) {
+        if (ulHow == ZR_SHOW_NOTHING)
+        {
+            return port.endShow();
+        }
+        if (pfnCallback == nullptr || ulHow > ZR_SHOW_WINDOW)
+        {
+            return refuse(ZR_MEDIA_INVALID, "show", ulPortID, "no callback, or not known how");
+        }
+        return port.show(ulHow == ZR_SHOW_WINDOW ? ZR_MEDIA_KIND_WINDOW : ZR_MEDIA_KIND_SHOW, {pfnCallback, pvUser});
+    });
+}
+
 ZR_ULONG ZR_MediaPortStatistics(ZR_ULONG ulPortID, ZrMediaStatistics *pstOut)
 {
     return withPort("statistics", ulPortID, [=](MediaPort &port) -> ZR_ULONG {

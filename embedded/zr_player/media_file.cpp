@@ -26,10 +26,23 @@ constexpr size_t maxQueuedBytes = 32U << 20U;
 constexpr uint32_t finishMs = 10000;
 /// How often a picture is looked for while no packet comes.
 constexpr std::chrono::milliseconds pictureCheck{20};
+/// How often it is seen whether a window was closed.
+constexpr std::chrono::milliseconds showCheck{200};
 
 const char *nameOf(ZrMediaKind kind)
 {
-    return kind == ZR_MEDIA_KIND_RECORDING ? "recording" : "picture";
+    switch (kind)
+    {
+    case ZR_MEDIA_KIND_RECORDING:
+        return "recording";
+    case ZR_MEDIA_KIND_PICTURE:
+        return "picture";
+    case ZR_MEDIA_KIND_SHOW:
+        return "preview";
+    case ZR_MEDIA_KIND_WINDOW:
+        return "window";
+    }
+    return "";
 }
 
 /// Its texts are the format's.
@@ -78,14 +91,21 @@ int createFile(const std::string &file, bool fresh)
 
 } // namespace
 
-ZR_ULONG MediaFile::start(ZR_ULONG portId, ZrMediaKind kind, const std::string &file, std::shared_ptr<MediaFile> &out)
+int createTemporary(const std::string &file, std::string &out)
+{
+    out = temporaryName(file);
+    return createFile(out, true);
+}
+
+ZR_ULONG MediaFile::start(ZR_ULONG portId, ZrMediaKind kind, const std::string &file, Viewer viewer,
+                          std::shared_ptr<MediaFile> &out)
 {
     const ZrMediaLibrary *library = mediaLibrary();
     if (library == nullptr)
     {
         return ZR_MEDIA_UNAVAILABLE;
     }
-    const std::shared_ptr<MediaFile> made(new MediaFile(portId, kind, *library, file));
+    const std::shared_ptr<MediaFile> made(new MediaFile(portId, kind, *library, file, viewer));
     if (const ZR_ULONG code = made->prepare())
     {
         return code;
@@ -104,11 +124,13 @@ ZR_ULONG MediaFile::start(ZR_ULONG portId, ZrMediaKind kind, const std::string &
     return 0;
 }
 
-MediaFile::MediaFile(ZR_ULONG portId, ZrMediaKind kind, const ZrMediaLibrary &library, const std::string &file)
+MediaFile::MediaFile(ZR_ULONG portId, ZrMediaKind kind, const ZrMediaLibrary &library, const std::string &file,
+                     Viewer viewer)
     : m_portId(portId)
     , m_kind(kind)
     , m_library(library)
     , m_file(file)
+    , m_viewer(viewer)
     , m_target(kind == ZR_MEDIA_KIND_PICTURE ? temporaryName(file) : file)
 {
 }
@@ -125,6 +147,10 @@ MediaFile::~MediaFile()
 /// Makes the file, so that one that cannot be written is refused at once.
 ZR_ULONG MediaFile::prepare()
 {
+    if (isShown())
+    {
+        return 0;
+    }
     struct stat status
     {
     };
@@ -153,7 +179,7 @@ MediaFile::Source *MediaFile::sourceOf(unsigned track, const Format &format)
             return source.format.payloadType == format.payloadType ? &source : nullptr;
         }
     }
-    if ((m_heard >> track & 1U) != 0 || (m_kind == ZR_MEDIA_KIND_PICTURE && (format.media != "video" || m_opened)))
+    if ((m_heard >> track & 1U) != 0 || (!isRecording() && (format.media != "video" || m_opened || !m_sources.empty())))
     {
         return nullptr;
     }
@@ -205,8 +231,7 @@ bool MediaFile::gather(Lock &lock)
 {
     const auto all = [this] {
         const unsigned heard = static_cast<unsigned>(__builtin_popcount(m_heard));
-        return m_ending || m_cancelled ||
-               (!m_sources.empty() && (m_kind == ZR_MEDIA_KIND_PICTURE || heard >= m_tracks));
+        return m_ending || m_cancelled || (!m_sources.empty() && (!isRecording() || heard >= m_tracks));
     };
     m_changed.wait(lock, [this, &all] { return !m_packets.empty() || all(); });
     m_changed.wait_for(lock, gatherTime, all);
@@ -222,8 +247,22 @@ ZrMediaSink *MediaFile::open(const std::vector<Source> &sources)
     {
         formats.push_back(plainFormat(source.format));
     }
-    return m_library.open(m_kind, m_target.c_str(), formats.data(), static_cast<uint32_t>(formats.size()), &writeLog,
-                          this);
+    return m_library.open(m_kind, m_target.c_str(), formats.data(), static_cast<uint32_t>(formats.size()), &take,
+                          &writeLog, this);
+}
+
+/// Returns now and then also when none came, where the media library may be done by itself.
+void MediaFile::awaitPackets(Lock &lock)
+{
+    const auto something = [this] { return !m_packets.empty() || m_ending || m_cancelled; };
+    if (isRecording())
+    {
+        m_changed.wait(lock, something);
+    }
+    else
+    {
+        m_changed.wait_for(lock, isShown() ? showCheck : pictureCheck, something);
+    }
 }
 
 /// Gives the packets to the media library until the file is whole, ended, or cannot be written.
@@ -240,12 +279,7 @@ ZrMediaState MediaFile::write(Lock &lock)
         {
             break;
         }
-        if (m_packets.empty())
-        {
-            const auto something = [this] { return !m_packets.empty() || m_ending || m_cancelled; };
-            m_kind == ZR_MEDIA_KIND_PICTURE ? (void)m_changed.wait_for(lock, pictureCheck, something)
-                                            : m_changed.wait(lock, something);
-        }
+        awaitPackets(lock);
         std::deque<Packet> packets = std::exchange(m_packets, {});
         m_queuedBytes = 0;
         lock.unlock();
@@ -260,7 +294,7 @@ ZrMediaState MediaFile::write(Lock &lock)
         lock.lock();
     }
     lock.unlock();
-    if (state == ZR_MEDIA_STATE_RUNNING && m_kind == ZR_MEDIA_KIND_RECORDING)
+    if (state == ZR_MEDIA_STATE_RUNNING && isRecording())
     {
         state = m_library.finish(sink.get(), finishMs);
     }
@@ -289,6 +323,25 @@ void MediaFile::run()
 void MediaFile::conclude(ZrMediaState state)
 {
     ZR_ULONG result = codeOf(state);
+    if (!isShown())
+    {
+        concludeFile(result);
+    }
+    Lock lock(m_mutex);
+    m_packets.clear();
+    m_result = result;
+    m_done = true;
+    m_changed.notify_all();
+    if (isShown() && !m_cancelled)
+    {
+        lock.unlock();
+        m_viewer.call(m_viewer.user, nullptr, 0, 0);
+    }
+}
+
+/// @param result  may become that it cannot be written
+void MediaFile::concludeFile(ZR_ULONG &result)
+{
     if (m_kind == ZR_MEDIA_KIND_PICTURE)
     {
         if (result == 0 && std::rename(m_target.c_str(), m_file.c_str()) != 0)
@@ -314,11 +367,12 @@ void MediaFile::conclude(ZrMediaState state)
                         "media port %u: %s: nothing that begins with a key frame arrived, '%s' is not written",
                         m_portId, nameOf(m_kind), m_file.c_str());
     }
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_packets.clear();
-    m_result = result;
-    m_done = true;
-    m_changed.notify_all();
+}
+
+void MediaFile::take(void *user, const uint8_t *rgb, uint32_t width, uint32_t height)
+{
+    const Viewer &viewer = static_cast<const MediaFile *>(user)->m_viewer;
+    viewer.call(viewer.user, rgb, width, height);
 }
 
 ZR_ULONG MediaFile::finish()

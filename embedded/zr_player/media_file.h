@@ -20,6 +20,18 @@ namespace zr::media {
 /// The media library; loads it when it is first asked for. Null, and a log line, when it is not there. Host threads.
 const ZrMediaLibrary *mediaLibrary();
 
+/// Makes a new file beside another, which may take its name when it is whole.
+/// @param out  receives its name
+/// @return 0, else the system's error number
+int createTemporary(const std::string &file, std::string &out);
+
+/// Who sees what is shown, instead of a file.
+struct Viewer
+{
+    ZR_PICTURE_CALLBACK call = nullptr;
+    void *user = nullptr;
+};
+
 /// The port offers packets; a thread of the file's own gives them to the media library, for that may take its time. A
 /// file begins once every track was heard of, or a second after the first: a container wants its tracks beforehand, and
 /// a track that was set up but stays silent would hold it up for ever.
@@ -27,9 +39,12 @@ class MediaFile
 {
 public:
     /// Host threads: may load the library.
-    /// @param out  written on success only
+    /// @param file    for what is shown a name in the log only
+    /// @param viewer  for what is shown
+    /// @param out     written on success only
     /// @return 0; a code when it cannot be written or there is no media library
-    static ZR_ULONG start(ZR_ULONG portId, ZrMediaKind kind, const std::string &file, std::shared_ptr<MediaFile> &out);
+    static ZR_ULONG start(ZR_ULONG portId, ZrMediaKind kind, const std::string &file, Viewer viewer,
+                          std::shared_ptr<MediaFile> &out);
     /// Ends it as it is.
     ~MediaFile();
     MediaFile(const MediaFile &) = delete;
@@ -61,22 +76,29 @@ private:
     };
     using Lock = std::unique_lock<std::mutex>;
 
-    MediaFile(ZR_ULONG portId, ZrMediaKind kind, const ZrMediaLibrary &library, const std::string &file);
+    MediaFile(ZR_ULONG portId, ZrMediaKind kind, const ZrMediaLibrary &library, const std::string &file, Viewer viewer);
 
+    bool isRecording() const { return m_kind == ZR_MEDIA_KIND_RECORDING; }
+    /// Instead of written.
+    bool isShown() const { return m_kind == ZR_MEDIA_KIND_SHOW || m_kind == ZR_MEDIA_KIND_WINDOW; }
     ZR_ULONG prepare();
     ZR_ULONG unwritable(const std::string &file, int error) const;
     Source *sourceOf(unsigned track, const Format &format);
     void run();
     bool gather(Lock &lock);
     ZrMediaState write(Lock &lock);
+    void awaitPackets(Lock &lock);
     ZrMediaSink *open(const std::vector<Source> &sources);
     void conclude(ZrMediaState state);
+    void concludeFile(ZR_ULONG &result);
+    static void take(void *user, const uint8_t *rgb, uint32_t width, uint32_t height);
     static void writeLog(void *user, int error, const char *text);
 
     const ZR_ULONG m_portId;
     const ZrMediaKind m_kind;
     const ZrMediaLibrary &m_library;
     const std::string m_file;
+    const Viewer m_viewer;
     std::string m_target; ///< what is written: the file, or a picture's temporary name beside it
     std::thread m_thread;
 

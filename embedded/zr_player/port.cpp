@@ -116,7 +116,14 @@ void MediaPort::close()
             release(m_recording);
             lock.lock();
         }
-        m_released.wait(lock, [this] { return !m_recording.taken && !m_picture.taken; });
+        if (std::shared_ptr<MediaFile> show = std::move(m_show.file))
+        {
+            lock.unlock();
+            show.reset();
+            release(m_show);
+            lock.lock();
+        }
+        m_released.wait(lock, [this] { return !m_recording.taken && !m_picture.taken && !m_show.taken; });
     }
     MediaLoop::instance().remove(*this);
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -152,8 +159,11 @@ void MediaPort::statistics(ZrMediaStatistics &out)
     sum.ulLastArrivalMs = 0xFFFFFFFF;
     const std::lock_guard<std::mutex> lock(m_mutex);
     const TimePoint now = Clock::now();
-    for (const Track &track : m_tracks)
+    for (unsigned number = 0; number < m_tracks.size(); ++number)
     {
+        const Track &track = m_tracks[number];
+        const Format *format = m_description.find(number, track.payloadType());
+        sum.ullFrames += format != nullptr && format->media == "video" ? track.frames() : 0;
         sum.ulTracks += track.isSetUp() ? 1 : 0;
         sum.ullPackets += track.packets();
         sum.ullBytes += track.bytes();
@@ -322,7 +332,7 @@ void MediaPort::takeRtp(Track &track, unsigned number, const uint8_t *data, size
                         number, packet->ssrc, packet->payloadType,
                         format == nullptr ? "unknown" : format->encoding.c_str());
     }
-    for (const FileSlot *slot : {&m_recording, &m_picture})
+    for (const FileSlot *slot : {&m_recording, &m_picture, &m_show})
     {
         if (slot->file != nullptr && format != nullptr)
         {

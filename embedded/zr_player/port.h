@@ -43,6 +43,8 @@ public:
     ZR_ULONG record(const std::string &file);
     ZR_ULONG endRecording();
     ZR_ULONG snapshot(const std::string &file, std::chrono::milliseconds timeout);
+    ZR_ULONG show(ZrMediaKind kind, Viewer viewer);
+    ZR_ULONG endShow();
     void statistics(ZrMediaStatistics &out);
     /// Nothing of the port runs when this returns. Not on the media thread. Once or more.
     void close();
@@ -68,7 +70,7 @@ private:
     };
 
     void readable(int fd, PacketBatch &batch) override;
-    ZR_ULONG begin(FileSlot &slot, ZrMediaKind kind, const std::string &file);
+    ZR_ULONG begin(FileSlot &slot, ZrMediaKind kind, const std::string &file, Viewer viewer = {});
     void release(FileSlot &slot);
 
     // under m_mutex
@@ -92,6 +94,7 @@ private:
     std::condition_variable m_released; ///< a slot was released
     FileSlot m_recording;
     FileSlot m_picture;
+    FileSlot m_show;
     bool m_closed = false;
     std::array<UdpPair, 2> m_pairs;
     std::vector<UdpPair> m_groups; ///< multicast

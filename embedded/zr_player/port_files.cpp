@@ -8,7 +8,7 @@
 
 namespace zr::media {
 
-ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &file)
+ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &file, Viewer viewer)
 {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -19,7 +19,7 @@ ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &f
         if (code != 0)
         {
             ZR_PLATFORM_LOG(WARNING, code, Player, "media port %u: '%s' is not begun: %s", m_portId, file.c_str(),
-                            code == ZR_MEDIA_BUSY       ? "another file is being made"
+                            code == ZR_MEDIA_BUSY       ? "another one is being made"
                             : code == ZR_MEDIA_NO_TRACK ? "the tracks are not described"
                                                         : "the port was closed");
             return code;
@@ -30,7 +30,7 @@ ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &f
     ZR_ULONG code = ZR_MEDIA_FAILED;
     try
     {
-        code = MediaFile::start(m_portId, kind, file, made);
+        code = MediaFile::start(m_portId, kind, file, viewer, made);
     }
     catch (const std::exception &error)
     {
@@ -93,6 +93,29 @@ ZR_ULONG MediaPort::snapshot(const std::string &file, std::chrono::milliseconds 
     const ZR_ULONG code = picture->waitForPicture(timeout);
     release(m_picture);
     return code;
+}
+
+ZR_ULONG MediaPort::show(ZrMediaKind kind, Viewer viewer)
+{
+    return begin(m_show, kind, kind == ZR_MEDIA_KIND_WINDOW ? "window" : "preview", viewer);
+}
+
+ZR_ULONG MediaPort::endShow()
+{
+    std::shared_ptr<MediaFile> show;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        show = std::move(m_show.file);
+    }
+    if (show == nullptr)
+    {
+        ZR_PLATFORM_LOG(WARNING, ZR_MEDIA_BUSY, Player, "media port %u: nothing is shown that could be ended",
+                        m_portId);
+        return ZR_MEDIA_BUSY;
+    }
+    show.reset(); // its thread ends
+    release(m_show);
+    return 0;
 }
 
 } // namespace zr::media

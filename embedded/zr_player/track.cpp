@@ -74,6 +74,9 @@ bool Track::rtcpFromPeer(const Endpoint &from)
 
 bool Track::takeRtp(const RtpPacket &packet, size_t size, uint32_t clockRate, TimePoint arrival)
 {
+    m_frames += m_packets == 0 || packet.timestamp != m_timestamp ? 1 : 0;
+    m_timestamp = packet.timestamp;
+    m_payloadType = packet.payloadType;
     ++m_packets;
     m_bytes += size;
     m_lastArrival = arrival;

@@ -58,6 +58,9 @@ public:
     const Reception &reception() const { return m_reception; }
     uint64_t packets() const { return m_packets; }
     uint64_t bytes() const { return m_bytes; }
+    /// Frames of which a packet came: they share a timestamp (RFC 3550, 5.1).
+    uint64_t frames() const { return m_frames; }
+    uint8_t payloadType() const { return m_payloadType; }   ///< of the latest packet
     TimePoint lastArrival() const { return m_lastArrival; } ///< valid once there are packets
 
 private:
@@ -73,6 +76,9 @@ private:
     Reception m_reception;
     uint64_t m_packets = 0;
     uint64_t m_bytes = 0;
+    uint64_t m_frames = 0;
+    uint32_t m_timestamp = 0;
+    uint8_t m_payloadType = 0;
     TimePoint m_lastArrival;
     TimePoint m_nextReport = TimePoint::max();
 };

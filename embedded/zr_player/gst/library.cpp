@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "join.h"
 #include "sink.h"
 
 namespace {
@@ -11,12 +12,12 @@ int accepts(const ZrMediaFormat *format)
     return format->ulClockRate != 0 && zr::media::chainOf(format->pszEncoding) != nullptr ? 1 : 0;
 }
 
-ZrMediaSink *open(ZrMediaKind kind, const char *file, const ZrMediaFormat *tracks, uint32_t count, ZrMediaLog log,
-                  void *user)
+ZrMediaSink *open(ZrMediaKind kind, const char *file, const ZrMediaFormat *tracks, uint32_t count,
+                  ZrMediaPicture picture, ZrMediaLog log, void *user)
 {
     try
     {
-        auto sink = std::make_unique<ZrMediaSink>(kind, log, user);
+        auto sink = std::make_unique<ZrMediaSink>(kind, picture, log, user);
         return sink->open(file, {tracks, tracks + count}) ? sink.release() : nullptr;
     }
     catch (const std::exception &error)
@@ -46,7 +47,37 @@ void close(ZrMediaSink *sink)
     delete sink;
 }
 
-constexpr ZrMediaLibrary library = {ZR_MEDIA_LIBRARY_VERSION, &accepts, &open, &push, &state, &finish, &close};
+int times(const char *file, ZrMediaTimes *out, ZrMediaLog log, void *user)
+{
+    try
+    {
+        const zr::media::RecordingLook look = zr::media::lookThrough(file);
+        *out = {look.end, look.hasVideo() && !look.keys.empty() ? look.keys.back().time : look.end};
+        return 1;
+    }
+    catch (const std::exception &error)
+    {
+        log(user, 1, error.what());
+        return 0;
+    }
+}
+
+int join(const char *first, const char *second, const char *out, ZrMediaLog log, void *user)
+{
+    try
+    {
+        log(user, 0, zr::media::joinRecordings(first, second, out).c_str());
+        return 1;
+    }
+    catch (const std::exception &error)
+    {
+        log(user, 1, error.what());
+        return 0;
+    }
+}
+
+constexpr ZrMediaLibrary library = {
+    ZR_MEDIA_LIBRARY_VERSION, &accepts, &open, &push, &state, &finish, &close, &times, &join};
 
 } // namespace
 

@@ -36,6 +36,25 @@ int selectDecoder(GstElement *, GstPad *, GstCaps *, GstElementFactory *factory,
     return std::string_view(GST_OBJECT_NAME(factory)) == refusedDecoder ? 2 : 0;
 }
 
+/// What follows a track's frames. What is shown is shown as soon as it comes: the network has paced it already.
+const char *endOf(ZrMediaKind kind)
+{
+    switch (kind)
+    {
+    case ZR_MEDIA_KIND_RECORDING:
+        return "mux.";
+    case ZR_MEDIA_KIND_PICTURE:
+        return "decodebin name=decoder ! videoconvert ! pngenc snapshot=true ! filesink name=file";
+    case ZR_MEDIA_KIND_SHOW:
+        return "decodebin name=decoder ! videorate drop-only=true max-rate=12 ! videoscale ! videoconvert ! "
+               "video/x-raw,format=RGB,width=[1,640],height=[1,480],pixel-aspect-ratio=1/1 ! "
+               "appsink name=pictures max-buffers=1 drop=true sync=false";
+    case ZR_MEDIA_KIND_WINDOW:
+        return "decodebin name=decoder ! videoconvert ! videoscale ! autovideosink sync=false";
+    }
+    return "";
+}
+
 std::string_view trimmed(std::string_view text)
 {
     const size_t first = text.find_first_not_of(' ');
@@ -101,9 +120,7 @@ GstPtr<GstElement> makePipeline(ZrMediaKind kind, const std::string &file, const
 {
     std::string text =
         kind == ZR_MEDIA_KIND_RECORDING ? "matroskamux name=mux offset-to-zero=true ! filesink name=file" : "";
-    const char *const end = kind == ZR_MEDIA_KIND_RECORDING
-                                ? "mux."
-                                : "decodebin name=decoder ! videoconvert ! pngenc snapshot=true ! filesink name=file";
+    const char *const end = endOf(kind);
     for (size_t i = 0; i < tracks.size(); ++i)
     {
         std::ostringstream track;
@@ -119,8 +136,10 @@ GstPtr<GstElement> makePipeline(ZrMediaKind kind, const std::string &file, const
         g_error_free(error);
         return nullptr;
     }
-    const GstPtr<GstElement> sink(gst_bin_get_by_name(GST_BIN(pipeline.get()), "file"));
-    g_object_set(sink.get(), "location", file.c_str(), nullptr);
+    if (const GstPtr<GstElement> sink{gst_bin_get_by_name(GST_BIN(pipeline.get()), "file")})
+    {
+        g_object_set(sink.get(), "location", file.c_str(), nullptr);
+    }
     if (const GstPtr<GstElement> decoder{gst_bin_get_by_name(GST_BIN(pipeline.get()), "decoder")})
     {
         g_signal_connect(decoder.get(), "autoplug-select", G_CALLBACK(&selectDecoder), nullptr);

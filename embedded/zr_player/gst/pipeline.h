@@ -17,6 +17,7 @@ struct Unref
     void operator()(void *object) const { gst_object_unref(object); }
     void operator()(GstCaps *caps) const { gst_caps_unref(caps); }
     void operator()(GstMessage *message) const { gst_message_unref(message); }
+    void operator()(GstSample *sample) const { gst_sample_unref(sample); }
 };
 template <typename Object>
 using GstPtr = std::unique_ptr<Object, Unref>;
@@ -28,7 +29,7 @@ const char *chainOf(const std::string &encoding);
 GstPtr<GstCaps> capsOf(const ZrMediaFormat &format);
 
 /// A pipeline whose elements of a track are named source0, order0 (puts packets in order) and parsed0 (the last before
-/// the container or the decoder), and so on.
+/// the container or the decoder), and so on; "pictures" takes what is shown.
 /// @param problem  receives what is wrong, for the log
 /// @return null when an element is missing
 GstPtr<GstElement> makePipeline(ZrMediaKind kind, const std::string &file, const std::vector<ZrMediaFormat> &tracks,

@@ -14,8 +14,9 @@ constexpr uint64_t waitingCheck = 512;
 
 } // namespace
 
-ZrMediaSink::ZrMediaSink(ZrMediaKind kind, ZrMediaLog log, void *user)
+ZrMediaSink::ZrMediaSink(ZrMediaKind kind, ZrMediaPicture picture, ZrMediaLog log, void *user)
     : m_kind(kind)
+    , m_picture(picture)
     , m_log(log)
     , m_user(user)
 {
@@ -43,6 +44,12 @@ bool ZrMediaSink::open(const std::string &file, const std::vector<ZrMediaFormat>
     {
         Track &track = m_tracks.emplace_back();
         addTrack(track, i, tracks[i]);
+    }
+    if (const GstPtr<GstElement> pictures{gst_bin_get_by_name(GST_BIN(m_pipeline.get()), "pictures")})
+    {
+        GstAppSinkCallbacks callbacks{};
+        callbacks.new_sample = &ZrMediaSink::shown;
+        gst_app_sink_set_callbacks(GST_APP_SINK(pictures.get()), &callbacks, this, nullptr);
     }
     // the packets' own times count from the first one's arrival; what waited before it began plays no part
     const GstPtr<GstClock> clock(gst_system_clock_obtain());
@@ -124,6 +131,40 @@ GstPadProbeReturn ZrMediaSink::parsed(GstPad *, GstPadProbeInfo *info, void *of)
     }
     ++track.sink->m_buffers;
     return GST_PAD_PROBE_OK;
+}
+
+GstFlowReturn ZrMediaSink::shown(GstAppSink *from, void *user)
+{
+    const auto &sink = *static_cast<const ZrMediaSink *>(user);
+    const GstPtr<GstSample> sample(gst_app_sink_pull_sample(from));
+    if (sample == nullptr)
+    {
+        return GST_FLOW_EOS;
+    }
+    const GstStructure *format = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);
+    int width = 0;
+    int height = 0;
+    GstMapInfo map;
+    if (gst_structure_get_int(format, "width", &width) == FALSE ||
+        gst_structure_get_int(format, "height", &height) == FALSE ||
+        gst_buffer_map(gst_sample_get_buffer(sample.get()), &map, GST_MAP_READ) == FALSE)
+    {
+        return GST_FLOW_ERROR;
+    }
+    const size_t row = static_cast<size_t>(width) * 3;
+    const size_t stride = (row + 3) / 4 * 4; // rows begin at multiples of four
+    const auto rows = static_cast<size_t>(height);
+    if (rows > 0 && map.size >= stride * (rows - 1) + row)
+    {
+        std::vector<uint8_t> packed(row * rows);
+        for (size_t i = 0; i < rows; ++i)
+        {
+            std::copy_n(map.data + i * stride, row, packed.data() + i * row);
+        }
+        sink.m_picture(sink.m_user, packed.data(), static_cast<uint32_t>(width), static_cast<uint32_t>(height));
+    }
+    gst_buffer_unmap(gst_sample_get_buffer(sample.get()), &map);
+    return GST_FLOW_OK;
 }
 
 void ZrMediaSink::push(uint32_t index, const uint8_t *packet, uint32_t size, uint64_t arrival)

@@ -6,6 +6,7 @@
 #include <deque>
 #include <string>
 
+#include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 
 #include "pipeline.h"
@@ -15,7 +16,7 @@
 struct ZrMediaSink
 {
 public:
-    ZrMediaSink(ZrMediaKind kind, ZrMediaLog log, void *user);
+    ZrMediaSink(ZrMediaKind kind, ZrMediaPicture picture, ZrMediaLog log, void *user);
     ~ZrMediaSink();
     ZrMediaSink(const ZrMediaSink &) = delete;
     ZrMediaSink &operator=(const ZrMediaSink &) = delete;
@@ -52,12 +53,14 @@ private:
     void addTrack(Track &track, size_t index, const ZrMediaFormat &format);
     static GstPadProbeReturn ordered(GstPad *pad, GstPadProbeInfo *info, void *track);
     static GstPadProbeReturn parsed(GstPad *pad, GstPadProbeInfo *info, void *track);
+    static GstFlowReturn shown(GstAppSink *sink, void *user);
     void endSilentTracks();
     bool overflows(Track &track);
     void judge(GstMessage *message);
     void write(bool error, const std::string &text) const;
 
     const ZrMediaKind m_kind;
+    const ZrMediaPicture m_picture;
     const ZrMediaLog m_log;
     void *const m_user;
     zr::media::GstPtr<GstElement> m_pipeline;
