@@ -19,15 +19,16 @@ constexpr double farStep = 60;
 constexpr double beforeEnd = 1; // seconds: a server refuses to play from the very end
 constexpr ZR_ULONG pictureWithinMs = 5000;
 
-std::string pictureName()
+/// A name that no file has.
+std::string freeName(const char *extension)
 {
     const std::time_t now = std::time(nullptr);
     std::tm day{};
     localtime_r(&now, &day);
     std::array<char, 40> text{};
-    std::strftime(text.data(), text.size(), "zr_rtsp-%Y%m%d-%H%M%S.png", &day);
+    std::strftime(text.data(), text.size(), "zr_rtsp-%Y%m%d-%H%M%S", &day);
     int number = 1;
-    return numbered(text.data(), number, false);
+    return numbered(std::string(text.data()) + extension, number, false);
 }
 
 std::string milliseconds(double value)
@@ -44,10 +45,11 @@ bool Controls::wanted(bool json)
     return !json && isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1;
 }
 
-Controls::Controls(Course &course, Interrupt &interrupt, Report &report)
+Controls::Controls(Course &course, Interrupt &interrupt, TerminalMode &terminal, Report &report)
     : m_course(course)
     , m_interrupt(interrupt)
     , m_report(report)
+    , m_terminal(terminal)
 {
     m_course.alsoWakeFor(m_terminal.take() ? STDIN_FILENO : -1);
 }
@@ -124,6 +126,11 @@ void Controls::act(Key key)
         return changeSpeed(true);
     case Key::Snapshot:
         return takePicture();
+    case Key::Record:
+        return toggleRecording();
+    case Key::Up:
+    case Key::Down:
+        return;
     case Key::Information:
         return tellInformation();
     case Key::Help:
@@ -206,9 +213,21 @@ void Controls::takePicture()
         say("no picture comes while the stream is paused");
         return;
     }
-    const std::string file = pictureName();
+    const std::string file = freeName(".png");
     m_course.session().snapshot(file, pictureWithinMs);
     m_report.event("snapshot", "wrote the picture " + file, {{"file", file}});
+}
+
+void Controls::toggleRecording()
+{
+    if (m_course.recording().empty())
+    {
+        m_course.record(freeName(".mkv"));
+    }
+    else
+    {
+        m_course.endRecording();
+    }
 }
 
 void Controls::tellInformation()
@@ -226,7 +245,7 @@ void Controls::tellInformation()
     }
     say("  received " + std::to_string(media.packets) + " packets, " + amount(media.bytes) + ", lost " +
         std::to_string(media.lost) + ", jitter " + milliseconds(media.jitterMs) +
-        (m_course.options().record.empty() ? "" : ", recording " + m_course.options().record));
+        (m_course.recording().empty() ? "" : ", recording into " + m_course.recording()));
 }
 
 } // namespace zr::host

@@ -11,15 +11,15 @@
 
 namespace zr::host {
 
-/// Takes the terminal for as long as it exists. One thread.
+/// One thread.
 class Controls
 {
 public:
     /// Whether there is somebody at a terminal who sees what happens and can type.
     static bool wanted(bool json);
 
-    /// @param course, interrupt, report  outlive it; the course plays
-    Controls(Course &course, Interrupt &interrupt, Report &report);
+    /// @param course, interrupt, terminal, report  outlive it; the course plays
+    Controls(Course &course, Interrupt &interrupt, TerminalMode &terminal, Report &report);
     ~Controls();
     Controls(const Controls &) = delete;
     Controls &operator=(const Controls &) = delete;
@@ -36,13 +36,14 @@ private:
     void changeSpeed(bool up);
     void playFrom(Position position, std::optional<ZR_ULONG> speedCode);
     void takePicture();
+    void toggleRecording();
     void tellInformation();
     void say(const std::string &text);
 
     Course &m_course;
     Interrupt &m_interrupt;
     Report &m_report;
-    TerminalMode m_terminal{TerminalMode::Kind::Keys};
+    TerminalMode &m_terminal;
     std::string m_typed;
     bool m_ended = false; ///< nobody is there any more
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "addresses.h"
 #include "notices.h"
@@ -110,6 +111,7 @@ void Course::open()
     m_description = m_session->describe();
     m_report.event("described", "described: " + summary(m_description), {{"range", m_description.range}});
     stopIfInterrupted();
+    passOver();
     const char *transport = m_protocol == PROTOCOL_TCP ? "TCP" : "UDP";
     for (const TrackUrl &track : m_session->tracks())
     {
@@ -120,17 +122,32 @@ void Course::open()
     }
 }
 
+void Course::passOver()
+{
+    if (m_options.skip <= 0)
+    {
+        return;
+    }
+    const Playback &asked = m_options.playback;
+    const Span span = parseSpan(m_description.range);
+    Position from = (asked.from.empty() ? span.begin : parsePosition(asked.from)).value_or(Position{});
+    from.seconds += m_options.skip;
+    m_playback.from = positionText(from);
+    m_playback.to = asked.to.empty() && span.end ? positionText(*span.end) : asked.to;
+}
+
 void Course::start()
 {
     if (!m_options.record.empty())
     {
         m_session->record(m_options.record);
+        m_recording = m_options.record;
     }
-    m_session->play(m_options.playback);
+    m_session->play(m_playback);
     m_resumed = Clock::now();
     std::string text = "playing";
-    text += m_options.playback.from.empty() ? "" : " from " + m_options.playback.from;
-    text += m_options.playback.to.empty() ? "" : " to " + m_options.playback.to;
+    text += m_playback.from.empty() ? "" : " from " + m_playback.from;
+    text += m_playback.to.empty() ? "" : " to " + m_playback.to;
     text += m_options.speed.empty() ? "" : " at speed " + m_options.speed;
     m_report.event("playing", text, nullptr);
 }
@@ -231,6 +248,7 @@ void Course::measure()
     m_media.packets = statistics.ullPackets;
     m_media.bytes = statistics.ullBytes;
     m_media.lost = statistics.ullLost;
+    m_media.frames = statistics.ullFrames;
     m_media.covered = static_cast<double>(statistics.ullMediaMs) / 1000;
     const double sinceRate = inSeconds(now - m_lastRate);
     if (sinceRate >= rateOver)
@@ -306,20 +324,34 @@ void Course::seek(const Playback &playback)
     m_playbackSince = secondsOfMedia();
 }
 
+void Course::record(const std::string &file)
+{
+    m_session->record(file);
+    m_recording = file;
+    m_report.event("recording", "recording into " + file, {{"file", file}});
+}
+
 void Course::endRecording()
 {
-    if (m_options.record.empty())
+    const std::string file = std::exchange(m_recording, {});
+    m_session->endRecording();
+    m_report.event("recorded", "recorded " + file, {{"file", file}});
+}
+
+void Course::endRecordingAtEnd()
+{
+    if (m_recording.empty())
     {
         return;
     }
+    const std::string file = m_recording;
     try
     {
-        m_session->endRecording();
-        m_report.event("recorded", "recorded " + m_options.record, {{"file", m_options.record}});
+        endRecording();
     }
     catch (const Failure &failed) // a session that was lost at once has nothing to record: that is not the cause
     {
-        m_report.event("not_recorded", failed.what(), {{"file", m_options.record}});
+        m_report.event("not_recorded", failed.what(), {{"file", file}});
         m_failure.emplace(m_failure.value_or(failed));
     }
 }
@@ -328,7 +360,7 @@ void Course::end()
 {
     measure();
     const ZrMediaStatistics statistics = m_session->statistics();
-    endRecording();
+    endRecordingAtEnd();
     m_session->end();
     m_report.event("received",
                    "received " + std::to_string(statistics.ullPackets) + " packets, " + amount(statistics.ullBytes) +

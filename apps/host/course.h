@@ -19,6 +19,7 @@ struct CourseOptions
     Playback playback;
     std::string speed;  ///< as it was given, to be shown
     std::string record; ///< file; empty: none
+    double skip = 0;    ///< seconds of the recording that are there already: what is played begins behind them
     double silence = 5; ///< seconds without media after which that is said
 };
 
@@ -31,6 +32,7 @@ struct Media
     double kilobitsPerSecond = 0;
     uint64_t packets = 0;
     uint64_t bytes = 0;
+    uint64_t frames = 0; ///< of the video
     uint64_t lost = 0;
     double jitterMs = 0;
 };
@@ -63,6 +65,12 @@ public:
     /// Plays from somewhere else, or at another speed, also when paused.
     /// @throws Failure  when the server refuses; then it goes on as before
     void seek(const Playback &playback);
+    /// Records from now on, as the options' recording does from the beginning. One at a time.
+    void record(const std::string &file);
+    /// Returns when the file is whole.
+    void endRecording();
+    /// The file that is recorded into; empty: none.
+    const std::string &recording() const { return m_recording; }
     /// From now on step returns early as well when this descriptor is readable. -1: none.
     void alsoWakeFor(int handle) { m_mailbox.alsoWakeFor(handle); }
 
@@ -91,7 +99,8 @@ private:
     void start();
     void awaitMedia();
     void measure();
-    void endRecording();
+    void passOver();
+    void endRecordingAtEnd();
     void lookForSilence();
     void take(ZR_ULONG notice);
     void endPause();
@@ -109,6 +118,8 @@ private:
     Description m_description;
     Playback m_playback;        ///< what was asked for last
     double m_playbackSince = 0; ///< and when, in seconds of media
+
+    std::string m_recording; ///< empty: none
 
     Media m_media;
     std::optional<Clock::time_point> m_begin; ///< of media

@@ -12,7 +12,7 @@ struct Sequence
     Key key;
 };
 
-constexpr std::array<Sequence, 23> sequences = {{{" ", Key::Pause},
+constexpr std::array<Sequence, 29> sequences = {{{" ", Key::Pause},
                                                  {"\033[D", Key::Back},
                                                  {"\033OD", Key::Back},
                                                  {"\033[C", Key::Forward},
@@ -25,8 +25,14 @@ constexpr std::array<Sequence, 23> sequences = {{{" ", Key::Pause},
                                                  {"_", Key::Slower},
                                                  {"+", Key::Faster},
                                                  {"=", Key::Faster},
+                                                 {"\033[A", Key::Up},
+                                                 {"\033OA", Key::Up},
+                                                 {"\033[B", Key::Down},
+                                                 {"\033OB", Key::Down},
                                                  {"s", Key::Snapshot},
                                                  {"S", Key::Snapshot},
+                                                 {"r", Key::Record},
+                                                 {"R", Key::Record},
                                                  {"i", Key::Information},
                                                  {"I", Key::Information},
                                                  {"?", Key::Help},
@@ -91,9 +97,10 @@ std::vector<Key> takeKeys(std::string &typed)
 
 const char *const keyHelp = R"(  space              pause, and play on
   left, right        back or on by 10 s
-  page down, page up back or on by a minute
+  page down, page up back or on by a minute, as are shift and left, right
   - and +            slower or faster, backwards below 0.125
   s                  picture into a file
+  r                  record into a file, and end that
   i                  information
   q                  quit)";
 

@@ -16,7 +16,10 @@ enum class Key
     FarForward,
     Slower,
     Faster,
+    Up,
+    Down,
     Snapshot,
+    Record,
     Information,
     Help,
     Quit

@@ -129,6 +129,8 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
         ->option_text("S [2]");
     app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(writable);
     app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable);
+    auto *preview = app.add_flag("--preview", play.preview, "Draw the picture in the terminal");
+    app.add_flag("--window", play.window, "Show the picture in a window")->excludes(preview);
     app.add_flag("--reconnect", play.reconnect, "Begin a new session when one was ended or lost");
     addSilence(app, play.course);
 }

@@ -39,6 +39,8 @@ struct PlayOptions
     std::optional<double> pauseAt;  ///< seconds of media before the pause
     double pauseFor = 2;            ///< seconds
     std::string snapshot;           ///< file; empty: none
+    bool preview = false;           ///< the picture is drawn in the terminal
+    bool window = false;            ///< in a window
     bool reconnect = false;
 };
 

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "controls.h"
 #include "output_file.h"
+#include "show.h"
 #include "speed.h"
 
 namespace zr::host {
@@ -17,26 +18,36 @@ constexpr double statusEvery = 1;        // seconds
 constexpr double silenceOfRecording = 2; // seconds without media when its end is due
 constexpr ZR_ULONG pictureWithinMs = 10000;
 constexpr milliseconds atLeisure{1000};
+constexpr milliseconds betweenPictures{80};
+
+/// What a session is seen and steered by.
+struct Stage
+{
+    Screen *screen = nullptr; ///< of a preview
+    PictureText *text = nullptr;
+    TerminalMode *terminal = nullptr; ///< where keys are typed
+};
 
 /// One session of the play command; those before it have already played for some seconds.
 class Play
 {
 public:
-    Play(Course &course, Interrupt &interrupt, const PlayOptions &options, Report &report, double before)
+    Play(Course &course, Interrupt &interrupt, const PlayOptions &options, Report &report, const Stage &stage,
+         double before)
         : m_course(course)
         , m_interrupt(interrupt)
         , m_options(options)
         , m_report(report)
+        , m_stage(stage)
         , m_before(before)
     {
     }
 
-    /// @param steered  by keys
-    void run(bool steered)
+    void run()
     {
         m_course.begin();
         takePicture();
-        playToEnd(steered);
+        playToEnd();
         if (m_pictureFailure)
         {
             m_course.stop(m_pictureFailure);
@@ -45,11 +56,11 @@ public:
     }
 
 private:
-    void playToEnd(bool steered);
+    void playToEnd();
     void takePicture();
     void pauseWhenDue();
     void judge();
-    void tellStatus(bool steered);
+    void tellStatus();
     milliseconds untilNextMoment() const;
 
     double seconds() const { return m_before + m_course.secondsOfMedia(); }
@@ -60,6 +71,7 @@ private:
     Interrupt &m_interrupt;
     const PlayOptions &m_options;
     Report &m_report;
+    const Stage &m_stage;
     const double m_before;
     bool m_pauseDone = false;
     std::optional<Course::Clock::time_point> m_playOn; ///< when the pause that was asked for ends
@@ -84,12 +96,21 @@ void Play::takePicture()
     }
 }
 
-void Play::playToEnd(bool steered)
+void Play::playToEnd()
 {
     std::optional<Controls> controls;
-    if (steered)
+    std::optional<Show> show;
+    if (m_stage.terminal != nullptr)
     {
-        controls.emplace(m_course, m_interrupt, m_report);
+        controls.emplace(m_course, m_interrupt, *m_stage.terminal, m_report);
+    }
+    if (m_stage.screen != nullptr)
+    {
+        show.emplace(m_course, m_interrupt, m_report, *m_stage.screen, *m_stage.text);
+    }
+    else if (m_options.window)
+    {
+        show.emplace(m_course, m_interrupt, m_report);
     }
     while (!m_course.over() && !durationIsOver())
     {
@@ -99,8 +120,12 @@ void Play::playToEnd(bool steered)
         {
             controls->serve();
         }
+        if (show)
+        {
+            show->serve();
+        }
         judge();
-        tellStatus(steered);
+        tellStatus();
     }
 }
 
@@ -124,7 +149,7 @@ void Play::pauseWhenDue()
 
 milliseconds Play::untilNextMoment() const
 {
-    milliseconds longest = atLeisure;
+    milliseconds longest = m_stage.screen != nullptr ? betweenPictures : atLeisure;
     for (const auto &moment : {m_options.duration, pauseIsAhead() ? m_options.pauseAt : std::nullopt})
     {
         longest = std::min(longest, moment ? inMilliseconds(*moment - seconds()) + milliseconds(1) : longest);
@@ -153,9 +178,10 @@ void Play::judge()
     }
 }
 
-void Play::tellStatus(bool steered)
+void Play::tellStatus()
 {
     const Media &media = m_course.media();
+    const bool steered = m_stage.terminal != nullptr;
     if (m_course.over() || (media.seconds < m_nextStatus && !steered))
     {
         return;
@@ -168,10 +194,12 @@ void Play::tellStatus(bool steered)
     const std::string place = !position ? positionShown({media.seconds, false})
                                         : positionShown(*position) + (span.end ? "/" + positionShown(*span.end) : "");
     char text[200];
-    std::snprintf(text, sizeof text, "%s  %s  %s  %.0f kbit/s  %llu packets  lost %llu  jitter %.1f ms%s", state,
+    const bool pictures = m_course.description().first("video") != nullptr;
+    std::snprintf(text, sizeof text, "%s  %s  %s  %.0f kbit/s  %llu %s  lost %llu  jitter %.1f ms%s%s", state,
                   place.c_str(), speedText(speed).c_str(), media.kilobitsPerSecond,
-                  static_cast<unsigned long long>(media.packets), static_cast<unsigned long long>(media.lost),
-                  media.jitterMs, steered ? "  ? keys" : "");
+                  static_cast<unsigned long long>(pictures ? media.frames : media.packets),
+                  pictures ? "frames" : "packets", static_cast<unsigned long long>(media.lost), media.jitterMs,
+                  m_course.recording().empty() ? "" : "  rec", steered ? "  ? keys" : "");
     m_report.status({"progress",
                      text,
                      {{"seconds", media.seconds},
@@ -179,6 +207,7 @@ void Play::tellStatus(bool steered)
                       {"position", position ? Fields(position->seconds) : Fields(nullptr)},
                       {"speed", speedFactor(speed)},
                       {"kbit_per_s", media.kilobitsPerSecond},
+                      {"frames", media.frames},
                       {"packets", media.packets},
                       {"lost", media.lost},
                       {"jitter_ms", media.jitterMs}}});
@@ -186,10 +215,33 @@ void Play::tellStatus(bool steered)
 
 } // namespace
 
-void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report)
+void playCommand(const CommonOptions &common, const PlayOptions &options, Report &printed)
 {
+    const bool steered = Controls::wanted(common.json);
+    if (options.preview && !steered)
+    {
+        throw wrongUsage("--preview draws in a terminal: stdin and stdout must be one, and --json be left away");
+    }
+    if (options.window)
+    {
+        Show::requireDisplay();
+    }
+    std::optional<PictureText> text;
+    std::optional<Screen> screen; // prints when the terminal has its usual screen again
+    if (options.preview)
+    {
+        text.emplace();
+        screen.emplace(printed);
+    }
+    Report &report = screen ? static_cast<Report &>(*screen) : printed;
     Interrupt interrupt;
     Plugin plugin(common.plugin);
+    std::optional<TerminalMode> terminal;
+    if (steered)
+    {
+        terminal.emplace(TerminalMode::Kind::Keys, options.preview);
+    }
+    const Stage stage{screen ? &*screen : nullptr, text ? &*text : nullptr, terminal ? &*terminal : nullptr};
     double seconds = 0;
     int number = 1; // of the session among those that had media
     makeAttempts(options.reconnect ? Again::OncePlayed : Again::Never, interrupt, report, [&] {
@@ -199,7 +251,7 @@ void playCommand(const CommonOptions &common, const PlayOptions &options, Report
             own.record = numbered(own.record, number, common.force);
         }
         Ending ending = attempt(plugin, interrupt, common.source, own, report, [&](Course &course) {
-            Play(course, interrupt, options, report, seconds).run(Controls::wanted(common.json));
+            Play(course, interrupt, options, report, stage, seconds).run();
         });
         seconds += ending.seconds;
         number += ending.seconds > 0 ? 1 : 0;

@@ -14,32 +14,21 @@
 namespace zr::host {
 namespace {
 
-// Also control characters above 7f (in UTF-8 their first byte is c2) could steer a terminal.
-std::string harmless(std::string text)
-{
-    for (size_t i = 0; i < text.size(); ++i)
-    {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const bool highControl = byte == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xa0;
-        if ((byte < 0x20 && byte != '\n') || byte == 0x7f || highControl)
-        {
-            text[i] = '?';
-        }
-    }
-    return text;
-}
-
 /// What is printed on stdout. One thread at a time.
 class Output
 {
 public:
-    /// @throws Failure  when it cannot be written: nobody is left to play for then
     void flush()
     {
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        try
+        {
+            errno = 0;
+            flushOutput();
+        }
+        catch (const Failure &)
         {
             m_abandoned = m_abandoned || errno == EPIPE;
-            throw Failure(ExitCode::Output, "printing", 0, "stdout cannot be written");
+            throw;
         }
     }
 
@@ -66,19 +55,6 @@ public:
 private:
     bool m_abandoned = false; ///< whoever read it is gone
 };
-
-size_t terminalWidth()
-{
-    winsize size{};
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col : 80;
-}
-
-std::string bar(double done)
-{
-    constexpr size_t width = 24;
-    const auto full = static_cast<size_t>(std::lround(std::clamp(done, 0.0, 1.0) * width));
-    return "[" + std::string(full, '#') + std::string(width - full, '.') + "] ";
-}
 
 class TextReport : public Report
 {
@@ -107,11 +83,13 @@ public:
         const std::scoped_lock lock(m_mutex);
         if (m_terminal)
         {
+            clearStatus();
             // a line that wraps could not be written over
-            const std::string line = (now.done ? bar(*now.done) : "") + harmless(now.text);
-            std::printf("\r\033[K%s", line.substr(0, terminalWidth() - 1).c_str());
+            const std::string line =
+                cut((now.done ? bar(*now.done) : "") + harmless(now.text), terminalSize().columns - 1);
+            std::printf("%s", line.c_str());
             m_out.flush();
-            m_status = true;
+            m_status = line.size();
         }
         else if (now.lines && Clock::now() >= m_lastLine + betweenLines)
         {
@@ -134,10 +112,12 @@ private:
 
     void clearStatus()
     {
-        if (m_status)
+        if (m_status > 0)
         {
-            std::printf("\r\033[K");
-            m_status = false;
+            // in a terminal that was made narrower it takes several lines by now
+            const size_t above = (m_status - 1) / terminalSize().columns;
+            std::printf(above > 0 ? "\r\033[%zuA\033[J" : "\r\033[K", above);
+            m_status = 0;
         }
     }
 
@@ -146,7 +126,7 @@ private:
     const bool m_terminal = isatty(STDOUT_FILENO) == 1;
     const bool m_coloured =
         m_terminal && std::getenv("NO_COLOR") == nullptr; // NOLINT(concurrency-mt-unsafe): there is one thread yet
-    bool m_status = false;                                ///< a status line stands where the cursor is
+    size_t m_status = 0;                                  ///< characters of the status line that ends at the cursor
     Clock::time_point m_lastLine = Clock::now();          ///< of a status
 };
 
@@ -189,6 +169,58 @@ private:
 };
 
 } // namespace
+
+// Also control characters above 7f (in UTF-8 their first byte is c2) could steer a terminal.
+std::string harmless(std::string text)
+{
+    for (size_t i = 0; i < text.size(); ++i)
+    {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const bool highControl = byte == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xa0;
+        if ((byte < 0x20 && byte != '\n') || byte == 0x7f || highControl)
+        {
+            text[i] = '?';
+        }
+    }
+    return text;
+}
+
+std::string cut(const std::string &text, size_t columns)
+{
+    size_t used = 0;
+    for (size_t i = 0; i < text.size(); ++i)
+    {
+        const bool begins = (static_cast<unsigned char>(text[i]) & 0xc0) != 0x80; // not within a character
+        if (begins && used++ == columns)
+        {
+            return text.substr(0, i);
+        }
+    }
+    return text;
+}
+
+std::string bar(double done)
+{
+    constexpr size_t width = 24;
+    const auto full = static_cast<size_t>(std::lround(std::clamp(done, 0.0, 1.0) * width));
+    return "[" + std::string(full, '#') + std::string(width - full, '.') + "] ";
+}
+
+TerminalSize terminalSize()
+{
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 && size.ws_row > 1
+               ? TerminalSize{size.ws_col, size.ws_row}
+               : TerminalSize{};
+}
+
+void flushOutput()
+{
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+    {
+        throw Failure(ExitCode::Output, "printing", 0, "stdout cannot be written");
+    }
+}
 
 const char *word(Verdict verdict)
 {

@@ -35,7 +35,27 @@ enum class Verdict
 
 const char *word(Verdict verdict);
 
-/// What servers sent may stand in any text: it is made harmless for terminals and for JSON here, and only here.
+/// The text without what could steer a terminal, but for ends of lines.
+std::string harmless(std::string text);
+
+/// So much of a text in UTF-8 as fits into so many columns of one character each.
+std::string cut(const std::string &text, size_t columns);
+
+/// From 0 to 1.
+std::string bar(double done);
+
+/// Of the terminal on stdout, in characters; what is unknown is 80 and 24.
+struct TerminalSize
+{
+    size_t columns = 80;
+    size_t rows = 24;
+};
+TerminalSize terminalSize();
+
+/// @throws Failure  when what was written to stdout does not arrive: nobody is left to play for then
+void flushOutput();
+
+/// What servers sent may stand in any text: it is made harmless for terminals and for JSON by reports, and only there.
 /// Any thread may call.
 class Report
 {

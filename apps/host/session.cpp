@@ -343,6 +343,21 @@ void Session::snapshot(const std::string &file, ZR_ULONG timeoutMs)
     }
 }
 
+void Session::show(ZR_ULONG how, ZR_PICTURE_CALLBACK callback, void *user)
+{
+    const ZR_ULONG result = ZR_MediaPortShow(m_id, how, callback, user);
+    if (result != 0)
+    {
+        throw Failure(ExitCode::Output, "showing the picture", result, "there is nothing that can show it",
+                      "a library that was built with GStreamer; --log-level info tells more");
+    }
+}
+
+void Session::endShow()
+{
+    ZR_MediaPortShow(m_id, ZR_SHOW_NOTHING, nullptr, nullptr);
+}
+
 ZrMediaStatistics Session::statistics() const
 {
     ZrMediaStatistics now{};

@@ -87,6 +87,10 @@ public:
     void endRecording();
     /// Writes the next whole picture.
     void snapshot(const std::string &file, ZR_ULONG timeoutMs);
+    /// Shows the video until endShow.
+    /// @param how  a tagZrShow
+    void show(ZR_ULONG how, ZR_PICTURE_CALLBACK callback, void *user);
+    void endShow();
     ZrMediaStatistics statistics() const;
     /// Whether the server asked for credentials, and got some.
     bool authenticated() const;

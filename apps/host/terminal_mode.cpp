@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 
 #include <termios.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@ termios g_usual;
 termios g_wanted;
 std::atomic<bool> g_exists{false};
 std::atomic<bool> g_taken{false};
+std::atomic<bool> g_screen{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 std::array<struct sigaction, ending.size()> g_before;
 std::array<bool, ending.size()> g_replaced;
@@ -30,10 +32,19 @@ bool inForeground()
     return tcgetpgrp(STDIN_FILENO) == getpgrp();
 }
 
+void write(const char *sequence)
+{
+    if (g_screen)
+    {
+        [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, sequence, std::strlen(sequence));
+    }
+}
+
 bool takeNow()
 {
     if (g_exists && inForeground() && tcsetattr(STDIN_FILENO, TCSANOW, &g_wanted) == 0)
     {
+        write("\033[?1049h\033[?25l\033[?7l\033[2J"); // other screen, no cursor, no wrapping (xterm's private modes)
         g_taken = true;
     }
     return g_taken;
@@ -120,8 +131,9 @@ void stopListening()
 
 } // namespace
 
-TerminalMode::TerminalMode(Kind kind)
+TerminalMode::TerminalMode(Kind kind, bool screen)
 {
+    g_screen = false;
     if (tcgetattr(STDIN_FILENO, &g_usual) != 0)
     {
         return;
@@ -138,6 +150,7 @@ TerminalMode::TerminalMode(Kind kind)
         g_wanted.c_cc[VMIN] = 1;
         g_wanted.c_cc[VTIME] = 0;
     }
+    g_screen = screen;
     g_exists = true;
     listen();
     take();
@@ -158,10 +171,17 @@ bool TerminalMode::take()
     return g_exists && inForeground() && (g_taken || takeNow());
 }
 
+bool TerminalMode::taken()
+{
+    return g_taken;
+}
+
 void TerminalMode::restore()
 {
     if (g_taken.exchange(false) && inForeground())
     {
+        // what is half written ends with CAN, an image by sixels with ST
+        write("\030\033\\\033[0m\033[?7h\033[?25h\033[?1049l");
         tcsetattr(STDIN_FILENO, TCSANOW, &g_usual);
     }
 }

@@ -17,7 +17,9 @@ public:
     };
 
     /// Without effect when stdin is no terminal. To be made after an Interrupt, which looks after SIGINT and SIGTERM.
-    explicit TerminalMode(Kind kind);
+    /// @param screen  the terminal's other screen is taken as well, without a cursor: all of it is drawn anew, again
+    ///                and again. stdout is the same terminal
+    explicit TerminalMode(Kind kind, bool screen = false);
     ~TerminalMode();
     TerminalMode(const TerminalMode &) = delete;
     TerminalMode &operator=(const TerminalMode &) = delete;
@@ -25,6 +27,8 @@ public:
     /// Takes the terminal if it could not be taken before because another program had it.
     /// @return whether it is taken: else stdin must not be read
     bool take();
+    /// Whether it is taken at this moment: else nothing is drawn on its other screen. Any thread.
+    static bool taken();
     /// Gives it back, if it was taken. Any thread, and signal handlers that end the program.
     static void restore();
 };

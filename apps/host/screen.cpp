@@ -1,0 +1,138 @@
+#include "screen.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <sstream>
+
+#include "terminal_mode.h"
+
+namespace zr::host {
+namespace {
+
+constexpr size_t keptLines = 1000;
+constexpr size_t linesSaid = 3; // room for what was said last
+constexpr std::chrono::milliseconds shortest{40};
+constexpr std::chrono::seconds shownWhole{8};
+
+std::vector<std::string> linesOf(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+    {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string row(size_t number, const std::string &text)
+{
+    return "\033[" + std::to_string(number) + ";1H" + text + "\033[0m\033[K";
+}
+
+} // namespace
+
+Screen::~Screen()
+{
+    try
+    {
+        if (m_forgotten > 0)
+        {
+            m_report.event("told", "(" + std::to_string(m_forgotten) + " earlier lines are left out)", nullptr);
+        }
+        for (const std::string &text : m_said)
+        {
+            m_report.event("told", text, nullptr);
+        }
+    }
+    catch (const std::exception &) // nobody reads it
+    {
+        return;
+    }
+}
+
+void Screen::event(const std::string &, const std::string &text, const Fields &)
+{
+    const std::scoped_lock lock(m_mutex);
+    m_said.push_back(harmless(text));
+    m_lastSaid = Clock::now();
+    if (m_said.size() > keptLines)
+    {
+        m_said.pop_front();
+        ++m_forgotten;
+    }
+    if (Clock::now() >= m_lastDrawn + shortest) // else with the next status
+    {
+        draw();
+    }
+}
+
+void Screen::status(const Status &now)
+{
+    const std::scoped_lock lock(m_mutex);
+    m_status = (now.done ? bar(*now.done) : "") + harmless(now.text);
+    draw();
+}
+
+void Screen::failure(const Failure &what)
+{
+    event("failed", what.what(), nullptr);
+}
+
+TerminalSize Screen::bodySize() const
+{
+    const TerminalSize size = terminalSize();
+    return {size.columns, size.rows > linesSaid + 2 ? size.rows - linesSaid - 1 : 1};
+}
+
+void Screen::body(std::vector<std::string> rows)
+{
+    const std::scoped_lock lock(m_mutex);
+    m_body = std::move(rows);
+    draw();
+}
+
+std::string Screen::drawn(const TerminalSize &size) const
+{
+    std::string text;
+    const size_t bodyRows = size.rows > linesSaid + 1 ? size.rows - linesSaid - 1 : 0;
+    const bool image = m_body.size() == 1;
+    for (size_t i = 0; i < bodyRows && !image; ++i)
+    {
+        text += row(i + 1, i < m_body.size() ? m_body[i] : "");
+    }
+    text += image && bodyRows > 0 ? "\033[1;1H" + m_body.front() : "";
+    // what was said last is shown whole, over the body if it takes more
+    std::vector<std::string> lines;
+    for (auto said = m_said.rbegin(); said != m_said.rend() && lines.size() < linesSaid; ++said)
+    {
+        const std::vector<std::string> more = linesOf(*said);
+        lines.insert(lines.begin(), more.begin(), more.end());
+    }
+    const size_t last = m_said.empty() || Clock::now() > m_lastSaid + shownWhole ? 0 : linesOf(m_said.back()).size();
+    const size_t room = std::min(std::max(last, linesSaid), size.rows - 1);
+    const size_t from = lines.size() > room ? lines.size() - room : 0;
+    for (size_t i = 0; i < room; ++i)
+    {
+        text += row(size.rows - room + i, from + i < lines.size() ? cut(lines[from + i], size.columns) : "");
+    }
+    return text + row(size.rows, "\033[7m" + cut(m_status, size.columns));
+}
+
+void Screen::draw()
+{
+    if (!TerminalMode::taken())
+    {
+        return;
+    }
+    const TerminalSize size = terminalSize();
+    const bool resized = size.columns != m_drawnFor.columns || size.rows != m_drawnFor.rows;
+    m_drawnFor = size;
+    const std::string text = (resized ? "\033[2J" : "") + drawn(size);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    flushOutput();
+    m_lastDrawn = Clock::now();
+}
+
+} // namespace zr::host

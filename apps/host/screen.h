@@ -1,0 +1,58 @@
+/// @file
+/// The whole terminal, drawn again and again.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "report.h"
+
+namespace zr::host {
+
+/// A body, such as a picture or a table, below it what was said last and where things stand. What was said meanwhile is
+/// handed on when it is destroyed, as the terminal's usual screen shows none of it. Draws while a TerminalMode with
+/// screen is taken, and fits what is there then: that the terminal's size changed needs no telling. Any thread.
+class Screen : public Report
+{
+public:
+    /// @param report  outlives it and prints on the usual screen
+    explicit Screen(Report &report)
+        : m_report(report)
+    {
+    }
+    /// To be called when the TerminalMode is gone.
+    ~Screen() override;
+    Screen(const Screen &) = delete;
+    Screen &operator=(const Screen &) = delete;
+
+    void event(const std::string &name, const std::string &text, const Fields &fields) override;
+    void status(const Status &now) override;
+    void failure(const Failure &what) override;
+
+    /// What there is room for.
+    TerminalSize bodySize() const;
+    /// @param rows  drawn as they are: they fit and steer the terminal on purpose only. One that is no row of text but
+    ///              draws an image stands alone
+    void body(std::vector<std::string> rows);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void draw();
+    std::string drawn(const TerminalSize &size) const;
+
+    Report &m_report;
+    mutable std::mutex m_mutex;     ///< guards the terminal and what follows
+    std::deque<std::string> m_said; ///< all of it, within reason
+    Clock::time_point m_lastSaid;
+    size_t m_forgotten = 0; ///< of what was said first
+    std::vector<std::string> m_body;
+    std::string m_status;
+    TerminalSize m_drawnFor{0, 0};
+    Clock::time_point m_lastDrawn;
+};
+
+} // namespace zr::host
