@@ -13,7 +13,7 @@ _zr_rtsp_host() {
     case $command in
         describe) options='--help --help-all --sdp --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
         check) options='--help --help-all --force --report --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
-        play) options='--help --help-all --tcp --udp --from --to --speed --duration --pause-at --pause-for --snapshot --record --reconnect --silence --force --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
+        play) options='--help --help-all --tcp --udp --from --to --speed --duration --pause-at --pause-for --snapshot --record --preview --window --reconnect --silence --force --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
         download) options='--help --help-all --tcp --udp --from --to --speed --sampled --full-frame --force --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
         tv) options='--help --help-all --to --tcp --duration --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
         watch) options='--help --help-all --tcp --udp --duration --reconnect --silence --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;

@@ -43,6 +43,8 @@ complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l pause-at -x -d
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l pause-for -x -d 'Seconds of that pause'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l snapshot -r -F -d 'Write the first whole picture, as PNG'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l record -r -F -d 'Record into a Matroska file (.mkv)'
+complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l preview -d 'Draw the picture in the terminal'
+complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l window -d 'Show the picture in a window'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l reconnect -d 'Begin a new session when one was ended or lost'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l silence -x -d 'Seconds without media after which that is said'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from play' -l force -d 'Write over files that are there'
