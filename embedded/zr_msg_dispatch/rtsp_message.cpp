@@ -26,7 +26,9 @@ size_t frameSize(const char *head)
 std::string_view nextWord(std::string_view &line)
 {
     line = trimmed(line);
-    const size_t end = firstOf(" \t", line);
+    size_t end = 0;
+    while (end < line.size() && line[end] != ' ' && line[end] != '\t')
+        ++end;
     const std::string_view word = line.substr(0, end);
     line = trimmed(line.substr(end));
     return word;
@@ -35,11 +37,11 @@ std::string_view nextWord(std::string_view &line)
 /// What is wrong with a protocol version; empty when nothing is (RTSP/1.0, other minor numbers are tolerated).
 std::string versionProblem(std::string_view version)
 {
-    constexpr std::string_view protocol = "RTSP/";
-    if (version.substr(0, protocol.size()) != protocol)
+    constexpr size_t protocol = 5;
+    if (!hasPrefix(version, "RTSP/"))
         return "not an RTSP start line: ";
-    version.remove_prefix(protocol.size());
-    if (version.substr(0, 2) == "1." && parseNumber(version.substr(2), 99))
+    version.remove_prefix(protocol);
+    if (hasPrefix(version, "1.") && parseNumber(version.substr(2), 99))
         return {};
     return "unsupported RTSP version: ";
 }
@@ -51,7 +53,7 @@ std::string readStartLine(std::string_view line, Message &message)
     std::string_view rest = line;
     const std::string_view first = nextWord(rest);
     const std::string_view second = nextWord(rest);
-    message.response = first.substr(0, 5) == "RTSP/";
+    message.response = hasPrefix(first, "RTSP/");
     const std::string problem = versionProblem(message.response ? first : rest);
     if (!problem.empty())
         return problem + quoted(line);
@@ -96,9 +98,12 @@ namespace zr::rtsp {
 
 const std::string *Message::find(std::string_view name) const
 {
-    const auto found = std::find_if(headers.begin(), headers.end(),
-                                    [name](const Header &header) { return sameText(header.name, name); });
-    return found == headers.end() ? nullptr : &found->value;
+    for (const Header &header : headers)
+    {
+        if (sameText(header.name, name))
+            return &header.value;
+    }
+    return nullptr;
 }
 
 std::vector<std::string_view> Message::findAll(std::string_view name) const
@@ -367,11 +372,13 @@ std::optional<Parser::Event> Parser::bodyPart()
 /// Readies m_message for the next one.
 void Parser::beginMessage()
 {
-    std::vector<Header> headers = std::move(m_message.headers);
-    m_message = Message();
-    headers.clear();
-    if (headers.capacity() <= usualHeaders)
-        m_message.headers = std::move(headers);
+    m_message.response = false;
+    m_message.status = 0;
+    for (std::string *const text : {&m_message.reason, &m_message.method, &m_message.uri, &m_message.body})
+        text->clear();
+    m_message.headers.clear();
+    if (m_message.headers.capacity() > usualHeaders)
+        m_message.headers = std::vector<Header>();
 }
 
 Parser::Event Parser::deliver()

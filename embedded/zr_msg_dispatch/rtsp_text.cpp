@@ -11,11 +11,6 @@ char lower(char c)
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-bool isBlank(char c)
-{
-    return c == ' ' || c == '\t';
-}
-
 bool isControl(char c)
 {
     const auto byte = static_cast<unsigned char>(c);
@@ -26,19 +21,10 @@ bool isControl(char c)
 
 namespace zr::rtsp {
 
-std::string_view trimmed(std::string_view text)
+bool sameLetters(std::string_view left, std::string_view right)
 {
-    while (!text.empty() && isBlank(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && isBlank(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
-
-bool sameText(std::string_view left, std::string_view right)
-{
-    return left.size() == right.size() && std::equal(left.begin(), left.end(), right.begin(),
-                                                     [](char a, char b) { return a == b || lower(a) == lower(b); });
+    return std::equal(left.begin(), left.end(), right.begin(),
+                      [](char a, char b) { return a == b || lower(a) == lower(b); });
 }
 
 bool beginsWith(std::string_view text, std::string_view prefix)
@@ -56,8 +42,10 @@ size_t firstOf(std::string_view characters, std::string_view text, size_t begin)
 
 std::string_view takePiece(std::string_view &text, char separator)
 {
-    bool inQuotes = false;
     size_t end = 0;
+    while (end < text.size() && text[end] != separator && text[end] != '"')
+        ++end;
+    bool inQuotes = false;
     for (; end < text.size() && (inQuotes || text[end] != separator); ++end)
     {
         if (inQuotes && text[end] == '\\')
@@ -98,7 +86,7 @@ bool isToken(std::string_view text)
     });
 }
 
-bool hasControls(std::string_view text, std::string_view allowed)
+bool hasControlsBut(std::string_view text, std::string_view allowed)
 {
     return std::any_of(text.begin(), text.end(),
                        [allowed](char c) { return isControl(c) && allowed.find(c) == std::string_view::npos; });
@@ -125,8 +113,10 @@ std::string quoted(std::string_view text)
 void appendHeaderSafe(std::string &out, std::string_view text)
 {
     const auto begin = static_cast<std::ptrdiff_t>(out.size());
+    const bool safe = !hasControls(text);
     out.append(text);
-    std::replace_if(out.begin() + begin, out.end(), isControl, ' ');
+    if (!safe)
+        std::replace_if(out.begin() + begin, out.end(), isControl, ' ');
 }
 
 } // namespace zr::rtsp

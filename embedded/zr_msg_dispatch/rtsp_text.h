@@ -4,17 +4,64 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace zr::rtsp {
 
+/// Whether a byte is below a bound (of 1 to 0x80), or DEL. Every text that comes or goes is looked at so: eight bytes
+/// at a time, and bytes above 0x7f do not count.
+template <unsigned char bound>
+bool anyBelow(std::string_view text)
+{
+    constexpr uint64_t ones = 0x0101010101010101;
+    constexpr uint64_t signs = ones * 0x80;
+    const auto hit = [](uint64_t bytes) {
+        const uint64_t apart = bytes ^ ones * 0x7f; // 0 where it is DEL
+        return (((bytes - ones * bound) & ~bytes) | ((apart - ones) & ~apart)) & signs;
+    };
+    const char *at = text.data();
+    size_t left = text.size();
+    uint64_t bytes = 0;
+    uint64_t hits = 0;
+    for (; left >= sizeof(bytes); left -= sizeof(bytes), at += sizeof(bytes))
+    {
+        std::memcpy(&bytes, at, sizeof(bytes));
+        hits |= hit(bytes);
+    }
+    for (bytes = ones * bound; left > 0; --left)
+        bytes = bytes << 8 | static_cast<unsigned char>(*at++);
+    return (hits | hit(bytes)) != 0;
+}
+
 /// Without the blanks and tabs at both ends.
-std::string_view trimmed(std::string_view text);
+inline std::string_view trimmed(std::string_view text)
+{
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+    while (!text.empty() && isBlank(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && isBlank(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
+/// Whether two texts of the same size are the same but for the case of ASCII letters.
+bool sameLetters(std::string_view left, std::string_view right);
 
 /// Whether two texts are the same but for the case of ASCII letters.
-bool sameText(std::string_view left, std::string_view right);
+inline bool sameText(std::string_view left, std::string_view right)
+{
+    return left.size() == right.size() && sameLetters(left, right);
+}
+
+/// Whether the text begins with a prefix, in the same case.
+template <size_t Size>
+bool hasPrefix(std::string_view text, const char (&prefix)[Size])
+{
+    return text.size() >= Size - 1 && std::memcmp(text.data(), prefix, Size - 1) == 0;
+}
 
 /// Whether the text begins with the prefix, compared without case.
 bool beginsWith(std::string_view text, std::string_view prefix);
@@ -48,9 +95,15 @@ std::optional<double> parseDecimal(std::string_view text, double maximum);
 /// Whether it is a token of RFC 2326, 15.1.
 bool isToken(std::string_view text);
 
+/// Whether it has control characters other than the allowed ones, looked at one by one.
+bool hasControlsBut(std::string_view text, std::string_view allowed);
+
 /// Whether it has control characters.
 /// @param allowed  those that do not count
-bool hasControls(std::string_view text, std::string_view allowed = {});
+inline bool hasControls(std::string_view text, std::string_view allowed = {})
+{
+    return anyBelow<0x20>(text) && hasControlsBut(text, allowed);
+}
 
 /// The text as a log line may hold it: in quotes, printable, no longer than about 80 characters.
 std::string quoted(std::string_view text);
