@@ -1,6 +1,5 @@
 #include "message_buffer.h"
 
-#include <cstdint>
 #include <cstring>
 
 namespace zr::mdp {
@@ -9,58 +8,11 @@ namespace {
 constexpr size_t capacityOffset = sizeof(tagMDPMsgHeader);
 constexpr size_t usedOffset = capacityOffset + sizeof(ZR_ULONG);
 
-ZR_ULONG load(const char *at)
-{
-    ZR_ULONG value = 0;
-    std::memcpy(&value, at, sizeof(value));
-    return value;
-}
-
 void store(char *at, size_t value)
 {
     const auto narrow = static_cast<ZR_ULONG>(value);
     std::memcpy(at, &narrow, sizeof(narrow));
 }
-
-/// Walks the IEs; each step checks that the next one lies within the used length.
-class Walk
-{
-public:
-    explicit Walk(const tagAOIMsg *message)
-        : m_base(reinterpret_cast<const char *>(message))
-        , m_used(load(m_base + usedOffset))
-        , m_sound(m_used >= prefixSize && m_used <= load(m_base + capacityOffset) && m_used % sizeof(ZR_ULONG) == 0)
-    {
-    }
-
-    /// Steps to the next IE; false at the end, and where the lengths contradict each other.
-    bool next()
-    {
-        if (!m_sound || m_next == m_used)
-            return false;
-        const size_t left = m_used - m_next;
-        m_sound = left >= elementSize(0) && load(m_base + m_next + sizeof(ZR_ULONG)) <= left - elementSize(0);
-        if (!m_sound)
-            return false;
-        m_id = load(m_base + m_next);
-        m_value = std::string_view(m_base + m_next + elementSize(0), load(m_base + m_next + sizeof(ZR_ULONG)));
-        // the used length is a multiple of 4, so the padding lies within it too
-        m_next += elementSize(m_value.size());
-        return true;
-    }
-
-    bool sound() const { return m_sound; }
-    ZR_ULONG id() const { return m_id; }
-    std::string_view value() const { return m_value; }
-
-private:
-    const char *m_base;
-    size_t m_used;
-    bool m_sound;
-    size_t m_next = prefixSize;
-    ZR_ULONG m_id = 0;
-    std::string_view m_value;
-};
 
 } // namespace
 
@@ -88,17 +40,6 @@ Status find(const tagAOIMsg *message, ZR_ULONG id, std::string_view &value)
     return walk.sound() ? NotFound : Malformed;
 }
 
-Status check(const tagAOIMsg *message)
-{
-    if (message == nullptr)
-        return NullArgument;
-    Walk walk(message);
-    while (walk.next())
-    {
-    }
-    return walk.sound() ? Ok : Malformed;
-}
-
 Status append(tagAOIMsg *message, ZR_ULONG id, std::initializer_list<std::string_view> parts)
 {
     std::string_view present;
@@ -116,7 +57,8 @@ Status append(tagAOIMsg *message, ZR_ULONG id, std::initializer_list<std::string
         return NoRoom;
 
     char *at = base + used;
-    std::memset(at, 0, elementSize(length)); // no byte of the heap's past goes out with the padding
+    if (length > 0) // no byte of the heap's past goes out with the padding
+        store(at + elementSize(length) - sizeof(ZR_ULONG), 0);
     store(at, id);
     store(at + sizeof(ZR_ULONG), length);
     at += elementSize(0);

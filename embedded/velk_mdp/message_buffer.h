@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <initializer_list>
 #include <string_view>
 
@@ -38,6 +39,14 @@ constexpr size_t elementSize(size_t valueSize)
     return 2 * sizeof(ZR_ULONG) + (valueSize + 3) / 4 * 4;
 }
 
+/// A number of a message, wherever it stands.
+inline ZR_ULONG load(const char *at)
+{
+    ZR_ULONG value = 0;
+    std::memcpy(&value, at, sizeof(value));
+    return value;
+}
+
 /// Makes raw memory a message without IEs; the header is zero.
 /// @param capacity  the memory's size in bytes, at least prefixSize
 void initialise(tagMDPMsg *message, ZR_ULONG capacity);
@@ -48,7 +57,56 @@ Status append(tagAOIMsg *message, ZR_ULONG id, std::initializer_list<std::string
 /// Finds the first IE of an identifier; the value stays the message's. On failure `value` is as before.
 Status find(const tagAOIMsg *message, ZR_ULONG id, std::string_view &value);
 
-/// Whether all lengths of the message agree, to its last IE.
-Status check(const tagAOIMsg *message);
+/// Walks the IEs of a message that is there, in order; each step checks that the next one lies within the used length.
+class Walk
+{
+public:
+    explicit Walk(const tagAOIMsg *message);
+
+    /// Steps to the next IE; false at the end, and where the lengths contradict each other.
+    bool next();
+    /// Whether all lengths agreed so far.
+    bool sound() const { return m_sound; }
+    ZR_ULONG id() const { return m_id; }
+    /// It stays the message's.
+    std::string_view value() const { return {m_value, m_size}; }
+
+private:
+    const char *m_next;
+    size_t m_left = 0;
+    bool m_sound;
+    ZR_ULONG m_id = 0;
+    const char *m_value = nullptr;
+    size_t m_size = 0;
+};
+
+inline Walk::Walk(const tagAOIMsg *message)
+    : m_next(reinterpret_cast<const char *>(message) + prefixSize)
+{
+    const size_t capacity = load(m_next - 2 * sizeof(ZR_ULONG));
+    const size_t used = load(m_next - sizeof(ZR_ULONG));
+    m_sound = used >= prefixSize && used <= capacity && used % sizeof(ZR_ULONG) == 0;
+    if (m_sound)
+        m_left = used - prefixSize;
+}
+
+inline bool Walk::next()
+{
+    if (m_left == 0)
+        return false;
+    // what is left is a multiple of 4, so the padding lies within it too
+    if (m_left < elementSize(0) || load(m_next + sizeof(ZR_ULONG)) > m_left - elementSize(0))
+    {
+        m_left = 0;
+        m_sound = false;
+        return false;
+    }
+    m_id = load(m_next);
+    m_size = load(m_next + sizeof(ZR_ULONG));
+    m_value = m_next + elementSize(0);
+    m_next += elementSize(m_size);
+    m_left -= elementSize(m_size);
+    return true;
+}
 
 } // namespace zr::mdp

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstring>
 
+#include "rtsp_text.h"
+
 namespace zr::aoi {
 namespace {
 
@@ -20,20 +22,12 @@ bool isAddress(std::string_view text)
     return !text.empty() && std::all_of(text.begin(), text.end(), allowed);
 }
 
-/// The text of an IE's value.
-Status readText(std::string_view value, size_t prefix, std::string &text)
-{
-    if (value.size() <= prefix || value.back() != '\0')
-        return mdp::Malformed;
-    text = value.data() + prefix;
-    return mdp::Ok;
-}
-
 } // namespace
 
 bool isHeaderText(std::string_view text)
 {
-    return std::none_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
+    return !rtsp::anyBelow<0x20>(text) ||
+           std::none_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
 }
 
 const char *addressProblem(const TransportElement &transport)
@@ -71,11 +65,42 @@ Status appendTransport(tagAOIMsg *message, ZR_ULONG id, const TransportElement &
     return appendText(message, id, prefix, transport.address);
 }
 
+Status readText(std::string_view value, size_t prefix, std::string_view &text)
+{
+    if (value.size() <= prefix || value.back() != '\0')
+        return mdp::Malformed;
+    text = value.data() + prefix;
+    return mdp::Ok;
+}
+
+Status readTransport(std::string_view value, bool withMethod, TransportElement &transport)
+{
+    std::string_view address;
+    const Status status = readText(value, transportPrefix, address);
+    if (status != mdp::Ok)
+        return status;
+    TransportNumbers numbers{};
+    std::memcpy(numbers.data(), value.data(), transportPrefix);
+    if (numbers[0] > 0xFFFF)
+        return mdp::Malformed;
+    transport.address = address;
+    transport.port = static_cast<uint16_t>(numbers[0]);
+    transport.protocol = static_cast<tagProtocol>(numbers[1]);
+    transport.method.reset();
+    if (withMethod)
+        transport.method = static_cast<tagBroadcastmethod>(numbers[2]);
+    return mdp::Ok;
+}
+
 Status getText(const tagAOIMsg *message, ZR_ULONG id, size_t prefix, std::string &text)
 {
     std::string_view value;
-    const Status found = mdp::find(message, id, value);
-    return found == mdp::Ok ? readText(value, prefix, text) : found;
+    Status status = mdp::find(message, id, value);
+    if (status == mdp::Ok)
+        status = readText(value, prefix, value);
+    if (status == mdp::Ok)
+        text = value;
+    return status;
 }
 
 Status getNumber(const tagAOIMsg *message, ZR_ULONG id, ZR_ULONG &number)
@@ -93,22 +118,8 @@ Status getNumber(const tagAOIMsg *message, ZR_ULONG id, ZR_ULONG &number)
 Status getTransport(const tagAOIMsg *message, ZR_ULONG id, TransportElement &transport)
 {
     std::string_view value;
-    TransportElement element;
-    Status status = mdp::find(message, id, value);
-    if (status == mdp::Ok)
-        status = readText(value, transportPrefix, element.address);
-    if (status != mdp::Ok)
-        return status;
-    TransportNumbers numbers{};
-    std::memcpy(numbers.data(), value.data(), transportPrefix);
-    if (numbers[0] > 0xFFFF)
-        return mdp::Malformed;
-    element.port = static_cast<uint16_t>(numbers[0]);
-    element.protocol = static_cast<tagProtocol>(numbers[1]);
-    if (id == AOI_IE_METHOD_TRANSPORT)
-        element.method = static_cast<tagBroadcastmethod>(numbers[2]);
-    transport = std::move(element);
-    return mdp::Ok;
+    const Status found = mdp::find(message, id, value);
+    return found == mdp::Ok ? readTransport(value, id == AOI_IE_METHOD_TRANSPORT, transport) : found;
 }
 
 } // namespace zr::aoi

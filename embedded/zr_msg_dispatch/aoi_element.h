@@ -33,6 +33,12 @@ Status appendText(tagAOIMsg *message, ZR_ULONG id, std::string_view prefix, std:
 Status appendNumber(tagAOIMsg *message, ZR_ULONG id, ZR_ULONG number);
 Status appendTransport(tagAOIMsg *message, ZR_ULONG id, const TransportElement &transport);
 
+/// The text in a value of an IE, behind a prefix of that many bytes, up to its first zero. It stays the message's.
+Status readText(std::string_view value, size_t prefix, std::string_view &text);
+/// The transport in a value of an IE.
+/// @param withMethod  whether the IE is AOI_IE_METHOD_TRANSPORT: the method is set then
+Status readTransport(std::string_view value, bool withMethod, TransportElement &transport);
+
 /// The text behind a prefix of that many bytes, up to its first zero.
 Status getText(const tagAOIMsg *message, ZR_ULONG id, size_t prefix, std::string &text);
 Status getNumber(const tagAOIMsg *message, ZR_ULONG id, ZR_ULONG &number);

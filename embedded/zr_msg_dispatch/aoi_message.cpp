@@ -26,69 +26,104 @@ bool isRequestId(ZR_ULONG messageId)
     }
 }
 
-/// What is absent is no failure.
-Status optional(Status status)
+/// The values of a message's IEs, read from its front to its end once.
+class Elements
 {
-    return status == mdp::NotFound ? mdp::Ok : status;
-}
+public:
+    /// Of two IEs of an identifier the first counts.
+    Status read(const tagMDPMsg *message)
+    {
+        mdp::Walk walk(message);
+        while (walk.next())
+        {
+            std::string_view &place = m_values[placeOf(walk.id())];
+            if (place.data() == nullptr)
+                place = walk.value();
+        }
+        return walk.sound() ? mdp::Ok : mdp::Malformed;
+    }
 
-Status readTexts(const tagMDPMsg *message, Request &request)
+    /// Null when there is none; never for one that is there.
+    std::string_view of(ZR_ULONG id) const { return m_values[placeOf(id)]; }
+
+private:
+    static constexpr size_t inRow = AOI_IE_ACCEPT - AOI_IE_URL + 1; ///< a request's are, but for one
+    static constexpr size_t places = inRow + 2;                     ///< that one, and all that no request has
+
+    static constexpr size_t placeOf(ZR_ULONG id)
+    {
+        const ZR_ULONG place = id - AOI_IE_URL;
+        if (place < inRow)
+            return place;
+        return id == AOI_IE_AUTHORIZATION_ID ? inRow : inRow + 1;
+    }
+
+    std::array<std::string_view, places> m_values;
+};
+
+struct TextRow
 {
-    struct Row
+    ZR_ULONG id;
+    std::string Request::*member;
+};
+constexpr std::array<TextRow, 6> textRows{{{AOI_IE_URL, &Request::url},
+                                           {AOI_IE_SESSION_ID, &Request::sessionId},
+                                           {AOI_IE_SRC_UA_ID, &Request::srcUaId},
+                                           {AOI_IE_DST_UA_ID, &Request::dstUaId},
+                                           {AOI_IE_RANGE_TIME, &Request::range},
+                                           {AOI_IE_AUTHORIZATION_ID, &Request::authorization}}};
+using Texts = std::array<std::string_view, textRows.size()>;
+
+Status readTexts(const Elements &elements, Texts &texts)
+{
+    for (size_t i = 0; i < texts.size(); ++i)
     {
-        ZR_ULONG id;
-        std::string Request::*member;
-    };
-    static constexpr std::array<Row, 6> rows{{{AOI_IE_URL, &Request::url},
-                                              {AOI_IE_SESSION_ID, &Request::sessionId},
-                                              {AOI_IE_SRC_UA_ID, &Request::srcUaId},
-                                              {AOI_IE_DST_UA_ID, &Request::dstUaId},
-                                              {AOI_IE_RANGE_TIME, &Request::range},
-                                              {AOI_IE_AUTHORIZATION_ID, &Request::authorization}}};
-    for (const Row &row : rows)
-    {
-        const Status status = optional(getText(message, row.id, 0, request.*row.member));
+        const std::string_view value = elements.of(textRows[i].id);
+        if (value.data() == nullptr)
+            continue;
+        const Status status = readText(value, 0, texts[i]);
         if (status != mdp::Ok)
             return status;
-        if (!isHeaderText(request.*row.member))
+        if (!isHeaderText(texts[i]))
             return mdp::ForbiddenText;
     }
     return mdp::Ok;
 }
 
-Status readTransport(const tagMDPMsg *message, Request &request)
+Status readTransport(const Elements &elements, std::optional<TransportElement> &asked)
 {
     for (const ZR_ULONG id : {AOI_IE_TRANSPORT, AOI_IE_METHOD_TRANSPORT})
     {
-        TransportElement transport;
-        const Status status = getTransport(message, id, transport);
-        if (status == mdp::NotFound)
+        const std::string_view value = elements.of(id);
+        if (value.data() == nullptr)
             continue;
+        TransportElement transport;
+        const Status status = readTransport(value, id == AOI_IE_METHOD_TRANSPORT, transport);
         if (status != mdp::Ok)
             return status;
-        if (request.transport) // both forms: which one is asked for?
+        if (asked) // both forms: which one is asked for?
             return mdp::Malformed;
         const ZR_ULONG method = transport.method.value_or(BROADCASTMETHOD_NONE);
         if (transport.protocol > PROTOCOL_TCP ||
             (method > BROADCASTMETHOD_MULTICAST && method != BROADCASTMETHOD_NONE) ||
             !isHeaderText(transport.address) || addressProblem(transport) != nullptr)
             return mdp::BadValue;
-        request.transport = std::move(transport);
+        asked = std::move(transport);
     }
     return mdp::Ok;
 }
 
-Status readScale(const tagMDPMsg *message, Request &request)
+Status readScale(std::string_view value, std::optional<float> &asked)
 {
-    ZR_ULONG bits = 0;
-    const Status status = getNumber(message, AOI_IE_SCALE, bits);
-    if (status != mdp::Ok)
-        return optional(status);
+    if (value.data() == nullptr)
+        return mdp::Ok;
     float scale = 0;
-    std::memcpy(&scale, &bits, sizeof(scale));
+    if (value.size() != sizeof(scale))
+        return mdp::Malformed;
+    std::memcpy(&scale, value.data(), sizeof(scale));
     if (!std::isfinite(scale))
         return mdp::BadValue;
-    request.scale = scale;
+    asked = scale;
     return mdp::Ok;
 }
 
@@ -151,7 +186,10 @@ struct Writer
 
 ZR_ULONG readRequest(const tagMDPMsg *message, Request &out)
 {
-    Status status = mdp::check(message);
+    if (message == nullptr)
+        return mdp::NullArgument;
+    Elements elements;
+    Status status = elements.read(message);
     if (status != mdp::Ok)
         return status;
     if (message->stHeader.ulMsgKind != 0)
@@ -159,21 +197,25 @@ ZR_ULONG readRequest(const tagMDPMsg *message, Request &out)
     if (!isRequestId(message->stHeader.ulMsgID))
         return mdp::UnknownMessage;
 
-    Request request;
-    request.messageId = message->stHeader.ulMsgID;
-    request.sourceId = message->stHeader.ulSrcID;
-    for (const auto read : {readTexts, readTransport, readScale})
-    {
-        status = read(message, request);
-        if (status != mdp::Ok)
-            return status;
-    }
-    std::string_view accept;
-    request.accept = mdp::find(message, AOI_IE_ACCEPT, accept) == mdp::Ok;
-    std::string_view destination;
-    request.onvif = mdp::find(message, AOI_IE_DST_UA_ID, destination) == mdp::Ok &&
-                    destination.find(onvifMark) != std::string_view::npos;
-    out = std::move(request);
+    Texts texts;
+    std::optional<TransportElement> transport;
+    std::optional<float> scale;
+    status = readTexts(elements, texts);
+    if (status == mdp::Ok)
+        status = readTransport(elements, transport);
+    if (status == mdp::Ok)
+        status = readScale(elements.of(AOI_IE_SCALE), scale);
+    if (status != mdp::Ok)
+        return status;
+
+    out.messageId = message->stHeader.ulMsgID;
+    out.sourceId = message->stHeader.ulSrcID;
+    for (size_t i = 0; i < texts.size(); ++i)
+        out.*textRows[i].member = texts[i];
+    out.transport = std::move(transport);
+    out.scale = scale;
+    out.accept = elements.of(AOI_IE_ACCEPT).data() != nullptr;
+    out.onvif = elements.of(AOI_IE_DST_UA_ID).find(onvifMark) != std::string_view::npos;
     return mdp::Ok;
 }
 
