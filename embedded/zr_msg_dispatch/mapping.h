@@ -121,10 +121,16 @@ struct Url
 std::optional<Url> parseUrl(std::string_view text);
 
 /// The URL that a request asks for on the wire: its own, else the session's last; of a control URL joined to a base
-/// the last rtsps URL; blanks and controls percent-encoded. None when there is no usable one.
-std::optional<Url> askedUrl(const aoi::Request &request, const Session &session);
-
-/// The same as text, without credentials; empty when there is no usable one.
+/// the last rtsps URL; blanks and controls percent-encoded. Without credentials; empty when there is no usable one.
 std::string wireUrl(const aoi::Request &request, const Session &session);
+
+/// Where that URL leads.
+struct Destination
+{
+    bool secure = false;
+    std::string host;
+};
+/// None when there is no usable one.
+std::optional<Destination> askedUrl(const aoi::Request &request, const Session &session);
 
 } // namespace zr::dispatch

@@ -10,6 +10,21 @@
 
 namespace zr::dispatch {
 
+/// What a URL consists of, in place: everything but the numbers is the read text's.
+struct UrlParts
+{
+    bool secure = false;
+    uint16_t port = 0;       ///< 554 or 322 when not given
+    std::string_view host;   ///< brackets of an IPv6 literal are cut off
+    std::string_view scheme; ///< with its "://"
+    std::string_view rest;   ///< from the host on, behind the credentials
+
+    std::string withoutCredentials() const;
+};
+
+/// Reads a URL; none when it is no rtsp or rtsps URL with a host.
+std::optional<UrlParts> readUrl(std::string_view text);
+
 /// What a SETUP answer's Transport header agreed on.
 struct AgreedTransport
 {

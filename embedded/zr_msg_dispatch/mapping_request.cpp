@@ -3,7 +3,7 @@
 #include <cmath>
 #include <utility>
 
-#include "mapping.h"
+#include "mapping_parts.h"
 #include "rtsp_text.h"
 
 namespace {
@@ -32,13 +32,7 @@ bool isAddress(const std::string &text)
     });
 }
 
-/// What a URL has percent-encoded on the wire.
-bool isUnsafe(char c)
-{
-    const auto byte = static_cast<unsigned char>(c);
-    return byte <= 0x20 || byte == 0x7f;
-}
-
+/// With its blanks and controls percent-encoded.
 std::string percentEncoded(std::string_view text)
 {
     constexpr char digits[] = "0123456789ABCDEF";
@@ -46,37 +40,12 @@ std::string percentEncoded(std::string_view text)
     for (const char c : text)
     {
         const auto byte = static_cast<unsigned char>(c);
-        if (isUnsafe(c))
+        if (byte <= 0x20 || byte == 0x7f)
             encoded.append(1, '%').append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
         else
             encoded += c;
     }
     return encoded;
-}
-
-std::string pair(unsigned first)
-{
-    return std::to_string(first) + '-' + std::to_string(first + 1);
-}
-
-/// A SETUP's Transport header (RFC 2326, 12.39); empty when its ports, channels or destination are out of bounds.
-std::string transportOf(const aoi::TransportElement &asked, unsigned setups)
-{
-    const bool tcp = asked.protocol == PROTOCOL_TCP;
-    if (!asked.method)
-    {
-        if (asked.port == 0 || asked.port == UINT16_MAX || !isAddress(asked.address))
-            return {};
-        return std::string(tcp ? "RTP/AVP/TCP" : "RTP/AVP") + ";unicast;destination=" + asked.address +
-               ";client_port=" + pair(asked.port);
-    }
-    if (tcp)
-        return setups > 127 ? std::string() : "RTP/AVP/TCP;unicast;interleaved=" + pair(2 * setups);
-    if (*asked.method == BROADCASTMETHOD_MULTICAST)
-        return "RTP/AVP;multicast";
-    if (asked.port == 0 || setups > 127 || asked.port + 2 * setups + 1 > UINT16_MAX)
-        return {};
-    return "RTP/AVP;unicast;client_port=" + pair(asked.port + 2 * setups);
 }
 
 /// A Scale value with at least one digit after the point, which the least of parsers reads.
@@ -88,7 +57,7 @@ std::string scaleText(float scale)
     return out.find('.') == std::string::npos ? out + ".0" : out;
 }
 
-/// Builds a request line by line.
+/// Builds a request piece by piece: the end of a line goes out with the name of the next one.
 class RequestText
 {
 public:
@@ -96,26 +65,90 @@ public:
     {
         constexpr size_t usual = 512; // what most requests take, with an Authorization
         m_text.reserve(usual);
-        m_text.append(method).append(" ").append(url).append(" RTSP/1.0\r\n");
-        add("CSeq", std::to_string(cseq));
-        add("User-Agent", userAgent);
+        add(method).add(" ").add(url).add(" RTSP/1.0\r\nCSeq: ").add(cseq).header("\r\nUser-Agent: ", userAgent);
     }
 
+    RequestText &add(std::string_view text)
+    {
+        m_text.append(text);
+        return *this;
+    }
+
+    RequestText &add(unsigned number)
+    {
+        char digits[16];
+        const auto result = std::to_chars(digits, digits + sizeof digits, number);
+        m_text.append(digits, static_cast<size_t>(result.ptr - digits));
+        return *this;
+    }
+
+    /// "4588-4589"
+    RequestText &pair(unsigned first) { return add(first).add("-").add(first + 1); }
+
     /// Adds a header, unless its value is empty.
-    void add(std::string_view name, std::string_view value)
+    /// @param opening  the end of the line before, its name, and what stands in front of its value
+    void header(std::string_view opening, std::string_view value)
     {
         if (value.empty())
             return;
-        m_text.append(name).append(": ");
+        m_text.append(opening);
         rtsp::appendHeaderSafe(m_text, value);
-        m_text.append("\r\n");
     }
 
-    std::string end() { return std::move(m_text.append("\r\n")); }
+    std::string end() { return std::move(m_text.append("\r\n\r\n")); }
 
 private:
     std::string m_text;
 };
+
+/// Adds a SETUP's Transport header (RFC 2326, 12.39); false when its ports, channels or destination are out of bounds.
+bool addTransport(RequestText &text, const aoi::TransportElement &asked, unsigned setups)
+{
+    const bool tcp = asked.protocol == PROTOCOL_TCP;
+    text.add(tcp ? "\r\nTransport: RTP/AVP/TCP;" : "\r\nTransport: RTP/AVP;");
+    if (!asked.method)
+    {
+        if (asked.port == 0 || asked.port == UINT16_MAX || !isAddress(asked.address))
+            return false;
+        text.add("unicast;destination=").add(asked.address).add(";client_port=").pair(asked.port);
+    }
+    else if (tcp)
+    {
+        if (setups > 127)
+            return false;
+        text.add("unicast;interleaved=").pair(2 * setups);
+    }
+    else if (*asked.method == BROADCASTMETHOD_MULTICAST)
+        text.add("multicast");
+    else
+    {
+        if (asked.port == 0 || setups > 127 || asked.port + 2 * setups + 1 > UINT16_MAX)
+            return false;
+        text.add("unicast;client_port=").pair(asked.port + 2 * setups);
+    }
+    return true;
+}
+
+/// Reads the URL that a request asks for on the wire.
+/// @param encoded  receives it where it cannot go out as it is; the parts are its then
+std::optional<UrlParts> readAsked(const aoi::Request &request, const Session &session, std::string &encoded)
+{
+    constexpr std::string_view secure = "rtsps://";
+    constexpr size_t beforeColon = 5;
+    std::string_view text = request.url.empty() || request.url == "*" ? session.lastUrl : request.url;
+    // a control URL that the plug-in did not take for absolute stands behind its base: the last one counts
+    size_t joined = 0;
+    for (size_t colon = text.find(':'); colon != std::string_view::npos; colon = text.find(':', colon + 1))
+    {
+        if (colon >= beforeColon && text.substr(colon - beforeColon, secure.size()) == secure)
+            joined = colon - beforeColon;
+    }
+    text.remove_prefix(joined);
+    if (!rtsp::anyBelow<0x21>(text))
+        return readUrl(text);
+    encoded = percentEncoded(text);
+    return readUrl(encoded);
+}
 
 } // namespace
 
@@ -144,21 +177,18 @@ const char *methodOf(ZR_ULONG messageId)
     }
 }
 
-std::optional<Url> askedUrl(const aoi::Request &request, const Session &session)
+std::optional<Destination> askedUrl(const aoi::Request &request, const Session &session)
 {
-    constexpr std::string_view secure = "rtsps://";
-    std::string_view text = request.url.empty() || request.url == "*" ? session.lastUrl : request.url;
-    // a control URL that the plug-in did not take for absolute stands behind its base
-    const size_t joined = text.rfind(secure);
-    if (joined != std::string_view::npos)
-        text.remove_prefix(joined);
-    return std::any_of(text.begin(), text.end(), isUnsafe) ? parseUrl(percentEncoded(text)) : parseUrl(text);
+    std::string encoded;
+    const auto parts = readAsked(request, session, encoded);
+    return parts ? std::optional(Destination{parts->secure, std::string(parts->host)}) : std::nullopt;
 }
 
 std::string wireUrl(const aoi::Request &request, const Session &session)
 {
-    auto url = askedUrl(request, session);
-    return url ? std::move(url->withoutCredentials) : std::string();
+    std::string encoded;
+    const auto parts = readAsked(request, session, encoded);
+    return parts ? parts->withoutCredentials() : std::string();
 }
 
 std::string writeRequest(const aoi::Request &request, unsigned cseq, const Session &session,
@@ -178,21 +208,16 @@ std::string writeRequest(const aoi::Request &request, const Wording &wording, un
         !isListed(session, method))
         method = keepAliveMethod(session, wording.authorization);
     RequestText text(method, wording.url, cseq, userAgent);
-    text.add("Session", request.sessionId);
-    if (request.transport)
-    {
-        const std::string transport = transportOf(*request.transport, session.setups);
-        if (transport.empty())
-            return {};
-        text.add("Transport", transport);
-    }
+    text.header("\r\nSession: ", request.sessionId);
+    if (request.transport && !addTransport(text, *request.transport, session.setups))
+        return {};
     // a Scale of 0 would be none (RFC 2326, 12.34)
     if (request.scale && std::isfinite(*request.scale) && *request.scale != 0)
-        text.add("Scale", scaleText(*request.scale));
-    text.add("Range", request.range);
-    text.add("Authorization", wording.authorization);
+        text.header("\r\nScale: ", scaleText(*request.scale));
+    text.header("\r\nRange: ", request.range);
+    text.header("\r\nAuthorization: ", wording.authorization);
     if (request.accept)
-        text.add("Accept", "application/sdp");
+        text.add("\r\nAccept: application/sdp");
     return text.end();
 }
 
@@ -208,8 +233,8 @@ std::string writeKeepAlive(const Session &session, std::string_view authorizatio
     if (session.lastUrl.empty())
         return {};
     RequestText text(keepAliveMethod(session, authorization), session.lastUrl, cseq, userAgent);
-    text.add("Session", session.id);
-    text.add("Authorization", authorization);
+    text.header("\r\nSession: ", session.id);
+    text.header("\r\nAuthorization: ", authorization);
     return text.end();
 }
 

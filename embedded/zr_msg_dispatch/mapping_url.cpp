@@ -1,14 +1,13 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <utility>
 
-#include "mapping.h"
+#include "mapping_parts.h"
 #include "rtsp_text.h"
 
 namespace {
 
-using zr::dispatch::Url;
+using zr::dispatch::UrlParts;
 
 bool isNameCharacter(char c)
 {
@@ -27,7 +26,7 @@ bool isIpv6(std::string_view text)
 }
 
 /// Reads "host", "host:port", "[address]:port" into a URL's parts.
-bool readAuthority(std::string_view authority, Url &url)
+bool readAuthority(std::string_view authority, UrlParts &parts)
 {
     size_t end = authority.find(':');
     if (authority.substr(0, 1) == "[")
@@ -35,13 +34,13 @@ bool readAuthority(std::string_view authority, Url &url)
         end = authority.find(']');
         if (end == std::string_view::npos || !isIpv6(authority.substr(1, end - 1)))
             return false;
-        url.host = authority.substr(1, end - 1);
+        parts.host = authority.substr(1, end - 1);
         ++end;
     }
     else
     {
-        url.host = authority.substr(0, end);
-        if (url.host.empty() || !std::all_of(url.host.begin(), url.host.end(), isNameCharacter))
+        parts.host = authority.substr(0, end);
+        if (parts.host.empty() || !std::all_of(parts.host.begin(), parts.host.end(), isNameCharacter))
             return false;
     }
     if (end >= authority.size())
@@ -54,46 +53,62 @@ bool readAuthority(std::string_view authority, Url &url)
     const auto port = zr::rtsp::parseNumber(digits, UINT16_MAX);
     if (!port || *port == 0)
         return false;
-    url.port = static_cast<uint16_t>(*port);
+    parts.port = static_cast<uint16_t>(*port);
     return true;
 }
 
-std::optional<std::string> textOf(std::optional<Url> url)
+/// A URL without its credentials; none when it is no RTSP URL.
+std::optional<std::string> checkedUrl(std::string_view text)
 {
-    return url ? std::optional(std::move(url->withoutCredentials)) : std::nullopt;
+    const auto parts = zr::dispatch::readUrl(text);
+    return parts ? std::optional(parts->withoutCredentials()) : std::nullopt;
 }
 
 } // namespace
 
 namespace zr::dispatch {
 
+std::string UrlParts::withoutCredentials() const
+{
+    std::string url;
+    url.reserve(scheme.size() + rest.size());
+    url.append(scheme).append(rest);
+    return url;
+}
+
+std::optional<UrlParts> readUrl(std::string_view text)
+{
+    UrlParts parts;
+    const size_t colon = text.find(':');
+    if (colon == std::string_view::npos || !rtsp::hasPrefix(text.substr(colon), "://") || rtsp::anyBelow<0x21>(text))
+        return std::nullopt;
+    parts.secure = rtsp::sameText(text.substr(0, colon), "rtsps");
+    if (!parts.secure && !rtsp::sameText(text.substr(0, colon), "rtsp"))
+        return std::nullopt;
+    parts.port = parts.secure ? 322 : 554;
+    const size_t begin = colon + 3;
+    parts.scheme = text.substr(0, begin);
+    parts.rest = text.substr(begin);
+    const size_t end = rtsp::firstOf("/?#", parts.rest);
+    const size_t credentials = parts.rest.substr(0, end).rfind('@') + 1; // 0 without any
+    parts.rest.remove_prefix(credentials);
+    if (!readAuthority(parts.rest.substr(0, end - credentials), parts))
+        return std::nullopt;
+    return parts;
+}
+
 std::optional<Url> parseUrl(std::string_view text)
 {
-    Url url;
-    const size_t scheme = text.find("://");
-    if (scheme == std::string_view::npos || rtsp::hasControls(text) || text.find(' ') != std::string_view::npos)
+    const auto parts = readUrl(text);
+    if (!parts)
         return std::nullopt;
-    url.secure = rtsp::sameText(text.substr(0, scheme), "rtsps");
-    if (!url.secure && !rtsp::sameText(text.substr(0, scheme), "rtsp"))
-        return std::nullopt;
-    url.port = url.secure ? 322 : 554;
-    const size_t begin = scheme + 3;
-    const size_t end = rtsp::firstOf("/?#", text, begin);
-    std::string_view authority = text.substr(begin, end - begin);
-    const size_t credentials = authority.rfind('@');
-    if (credentials != std::string_view::npos)
-        authority.remove_prefix(credentials + 1);
-    if (!readAuthority(authority, url))
-        return std::nullopt;
-    url.withoutCredentials.reserve(text.size());
-    url.withoutCredentials.append(text.substr(0, begin)).append(authority).append(text.substr(end));
-    return url;
+    return Url{parts->secure, std::string(parts->host), parts->port, parts->withoutCredentials()};
 }
 
 std::optional<std::string> resolveUrl(const std::string &base, std::string_view reference)
 {
     if (reference.find("://") < rtsp::firstOf("/?#", reference)) // it has a scheme
-        return textOf(parseUrl(reference));
+        return checkedUrl(reference);
     const size_t authority = base.find("://");
     if (reference.empty() || authority == std::string::npos)
         return std::nullopt;
@@ -110,7 +125,7 @@ std::optional<std::string> resolveUrl(const std::string &base, std::string_view 
         whole.insert(0, slash < path || slash == std::string::npos ? base.substr(0, path) + '/'
                                                                    : base.substr(0, slash + 1));
     }
-    return textOf(parseUrl(whole));
+    return checkedUrl(whole);
 }
 
 std::optional<std::string> redirectTarget(const std::string &requestUrl, const rtsp::Message &response)
