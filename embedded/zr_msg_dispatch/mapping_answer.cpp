@@ -54,9 +54,11 @@ std::string readPublic(const rtsp::Message &response)
     constexpr size_t most = 64;
     size_t count = 0;
     std::string methods;
-    for (std::string_view rest : response.findAll("Public"))
+    for (const rtsp::Header &header : response.headers)
     {
-        while (!rest.empty())
+        if (!rtsp::sameText(header.name, "Public"))
+            continue;
+        for (std::string_view rest = header.value; !rest.empty();)
         {
             const std::string_view piece = rtsp::takePiece(rest, ',');
             if (!piece.empty() && ++count <= most)
@@ -110,7 +112,8 @@ void mapDescription(const aoi::Request &request, const std::string &requestUrl, 
     mapped.answer.contentBase = contentBase(request, requestUrl, response, *sdp);
     if (request.onvif)
     {
-        completed = completeControl(std::move(completed), mapped.answer.contentBase.value_or(requestUrl));
+        completed =
+            completeControl(std::move(completed), mapped.answer.contentBase ? *mapped.answer.contentBase : requestUrl);
         std::string problem = descriptionProblem(completed);
         if (!problem.empty())
             return fail(mapped, request, statusUnsupportedMediaType, std::move(problem));
@@ -159,9 +162,11 @@ void mapPlay(const aoi::Request &request, const rtsp::Message &response, Session
 bool isOfSession(const aoi::Request &request, const rtsp::Message &response)
 {
     const bool awaited = request.messageId == AOI_MSG_RTSP_PLAY || request.messageId == AOI_MSG_RTSP_PAUSE;
+    if (!awaited || request.sessionId.empty())
+        return true;
     unsigned ignored = 0;
     const std::string_view id = readSession(response, ignored);
-    return !awaited || id.empty() || request.sessionId.empty() || id == request.sessionId;
+    return id.empty() || id == request.sessionId;
 }
 
 /// What every 2xx answer says.

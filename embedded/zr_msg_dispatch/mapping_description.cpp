@@ -39,46 +39,64 @@ std::string_view takeLine(std::string_view &text)
     return line;
 }
 
+/// A line ends at its first CR, too.
 std::string_view withoutEnd(std::string_view line)
 {
-    return line.substr(0, rtsp::firstOf("\r\n", line));
+    if (!line.empty() && line.back() == '\n')
+        line.remove_suffix(1);
+    return line.substr(0, line.find('\r'));
 }
 
-constexpr std::string_view controlAttribute = "a=control:";
+constexpr char controlAttribute[] = "a=control:";
 
 /// The value of a control attribute; none when the line is another.
 std::optional<std::string_view> controlOf(std::string_view line)
 {
-    if (line.substr(0, controlAttribute.size()) != controlAttribute)
+    if (!rtsp::hasPrefix(line, controlAttribute))
         return std::nullopt;
-    return rtsp::trimmed(line.substr(controlAttribute.size()));
+    return rtsp::trimmed(withoutEnd(line.substr(sizeof controlAttribute - 1)));
 }
 
-/// Copies a description line by line and completes each section when it ends.
+/// Reads a description line by line, completes each section when it ends, and copies what lies between.
 class RtpmapWriter
 {
 public:
-    /// @param size  of the whole description
-    explicit RtpmapWriter(size_t size) { m_out.reserve(size + usuallyAdded); }
+    explicit RtpmapWriter(std::string_view sdp)
+        : m_sdp(sdp)
+    {
+        m_out.reserve(sdp.size() + usuallyAdded);
+    }
 
+    std::string write()
+    {
+        for (std::string_view rest = m_sdp; !rest.empty();)
+        {
+            m_lineAt = m_sdp.size() - rest.size();
+            add(takeLine(rest));
+        }
+        m_lineAt = m_sdp.size();
+        end();
+        m_out.append(m_sdp.substr(m_copied));
+        return std::move(m_out);
+    }
+
+private:
     void add(std::string_view line)
     {
-        constexpr std::string_view attribute = "a=rtpmap:";
-        const std::string_view text = withoutEnd(line);
-        if (text.substr(0, 2) == "m=")
+        constexpr char attribute[] = "a=rtpmap:";
+        if (rtsp::hasPrefix(line, "m="))
         {
             end();
-            beginSection(line, text);
+            beginSection(line);
         }
-        else if (text.substr(0, 2) == "a=" && m_attributes == std::string::npos)
-            m_attributes = m_out.size();
-        if (m_type != nullptr && text.substr(0, attribute.size()) == attribute)
+        else if (m_attributes == std::string::npos && rtsp::hasPrefix(line, "a="))
+            m_attributes = m_lineAt;
+        if (m_type != nullptr && rtsp::hasPrefix(line, attribute))
         {
-            const std::string_view value = rtsp::trimmed(text.substr(attribute.size()));
+            const std::string_view value = rtsp::trimmed(withoutEnd(line.substr(sizeof attribute - 1)));
             if (rtsp::parseNumber(value.substr(0, rtsp::firstOf(" \t", value)), 127) == m_type->number)
                 m_type = nullptr;
         }
-        m_out += line;
     }
 
     /// Ends the section: what it lacks goes before its other attributes, for the reader takes the first.
@@ -86,22 +104,19 @@ public:
     {
         if (m_type == nullptr)
             return;
-        if (m_attributes == std::string::npos)
-        {
-            if (m_out.back() != '\n')
-                m_out += m_lineEnd;
-            m_attributes = m_out.size();
-        }
-        std::string line = "a=rtpmap:" + std::to_string(m_type->number) + ' ' + m_type->rtpmap;
-        m_out.insert(m_attributes, line.append(m_lineEnd));
+        const size_t place = std::min(m_attributes, m_lineAt);
+        m_out.append(m_sdp.substr(m_copied, place - m_copied));
+        m_copied = place;
+        if (m_out.back() != '\n') // only the last line of all has no end
+            m_out += m_lineEnd;
+        m_out.append("a=rtpmap:").append(std::to_string(m_type->number)).append(" ").append(m_type->rtpmap);
+        m_out.append(m_lineEnd);
         m_type = nullptr;
     }
 
-    std::string take() { return std::move(m_out); }
-
-private:
-    void beginSection(std::string_view line, std::string_view text)
+    void beginSection(std::string_view line)
     {
+        std::string_view text = withoutEnd(line);
         std::string_view payload;
         for (int word = 0; word < 4; ++word) // m=<media> <port> <protocol> <payload type> ...
         {
@@ -116,6 +131,9 @@ private:
 
     static constexpr size_t usuallyAdded = 64; // here, and by completeControl
 
+    const std::string_view m_sdp;
+    size_t m_lineAt = 0; ///< where the line begins
+    size_t m_copied = 0; ///< up to here it is in m_out
     std::string m_out;
     const StaticType *m_type = nullptr; ///< of the section, as long as no rtpmap of it was seen
     const char *m_lineEnd = "\r\n";
@@ -145,11 +163,7 @@ std::optional<std::string_view> readDescription(const rtsp::Message &response)
 
 std::string completeRtpmaps(std::string_view sdp)
 {
-    RtpmapWriter writer(sdp.size());
-    while (!sdp.empty())
-        writer.add(takeLine(sdp));
-    writer.end();
-    return writer.take();
+    return RtpmapWriter(sdp).write();
 }
 
 std::string completeControl(std::string sdp, const std::string &base)
@@ -158,13 +172,13 @@ std::string completeControl(std::string sdp, const std::string &base)
     std::string_view session;
     for (std::string_view rest = sdp; !rest.empty();)
     {
-        const std::string_view line = withoutEnd(takeLine(rest));
+        const std::string_view line = takeLine(rest);
         const auto control = controlOf(line);
         if (control && sections > 0)
             return sdp;
         if (control)
             session = *control;
-        else if (line.substr(0, 2) == "m=")
+        else if (rtsp::hasPrefix(line, "m="))
             ++sections;
     }
     const bool isBase = session.empty() || session == "*";
@@ -207,7 +221,7 @@ bool hasRelativeControls(std::string_view sdp)
 {
     while (!sdp.empty())
     {
-        const auto control = controlOf(withoutEnd(takeLine(sdp)));
+        const auto control = controlOf(takeLine(sdp));
         if (control && !control->empty() && *control != "*" && control->find("://") == std::string_view::npos)
             return true;
     }
