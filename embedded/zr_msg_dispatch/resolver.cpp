@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/socket.h>
 
@@ -57,6 +58,15 @@ Resolved lookUp(const std::string &host, uint16_t port, int flags)
 
 Resolved resolveNumeric(const std::string &host, uint16_t port)
 {
+    sockaddr_in address = {};
+    if (inet_pton(AF_INET, host.c_str(), &address.sin_addr) == 1) // as most are: no need for the resolver's ways
+    {
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        Resolved resolved;
+        resolved.addresses.emplace_back(&address, static_cast<int>(sizeof(address)));
+        return resolved;
+    }
     return lookUp(host, port, AI_NUMERICHOST);
 }
 
