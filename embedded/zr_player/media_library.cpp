@@ -12,7 +12,7 @@ namespace zr::media {
 
 namespace {
 
-constexpr const char *libraryName = "libzr_platform_media.so";
+constexpr const char *libraryName = ZR_MEDIA_LIBRARY_FILE;
 constexpr int flags = RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE;
 
 void writeLog(void *, int error, const char *text)

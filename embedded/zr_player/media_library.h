@@ -1,5 +1,5 @@
 /// @file
-/// What the media library (libzr_platform_media.so) offers the media ports: recordings and pictures. It is loaded only
+/// What the media library (libzr_platform_media) offers the media ports: recordings and pictures. It is loaded only
 /// when a host asks for one, so that the platform itself carries no GStreamer. A plain C interface, for the two are
 /// found at run time.
 #pragma once
