@@ -69,6 +69,7 @@ int run(int argc, char **argv)
         "A demo device: serves /live (video and audio), /video (video alone) and /vod (a recording) over RTSP.",
         "zr_rtsp_device");
     app.footer(examples);
+    app.set_version_flag("--version", "zr_rtsp_device " ZR_VERSION, "Print the version");
     addOptions(app, options);
     try
     {

@@ -292,6 +292,7 @@ Options parseOptions(int argc, char **argv)
     CLI::App app("Plays RTSP sessions through the zr_rtsp plug-in", "zr_rtsp_host");
     app.formatter(std::make_shared<HelpPage>(generalHelp));
     app.set_help_flag("-h,--help", "Print this page");
+    app.set_version_flag("--version", "zr_rtsp_host " ZR_VERSION, "Print the version");
     app.require_subcommand(1);
     const auto add = [&](Command command, const char *name, const char *text, const CommandHelp &help) {
         CLI::App *added = app.add_subcommand(name, text);
@@ -328,7 +329,7 @@ Options parseOptions(int argc, char **argv)
     {
         app.parse(argc, argv);
     }
-    catch (const CLI::Success &asked) // help
+    catch (const CLI::Success &asked) // help, version
     {
         app.exit(asked);
         options.command = Command::Help;

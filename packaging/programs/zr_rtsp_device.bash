@@ -9,7 +9,7 @@ _zr_rtsp_device() {
         --address | --port | --user | --password | --session-timeout | --vod-length) return ;;
     esac
     case $command in
-        '') options='--help --address --port --user --password --auth --tls --session-timeout --vod-length --pattern' ;;
+        '') options='--help --version --address --port --user --password --auth --tls --session-timeout --vod-length --pattern' ;;
     esac
     if [[ $word == -* || -z $command ]]; then
         COMPREPLY=($(compgen -W "$options" -- "$word"))

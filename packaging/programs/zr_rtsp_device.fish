@@ -1,6 +1,7 @@
 # made by packaging/generate from the program's --help
 complete -c zr_rtsp_device -f
 complete -c zr_rtsp_device -s h -l help -d 'Print this help message and exit'
+complete -c zr_rtsp_device -l version -d 'Print the version'
 complete -c zr_rtsp_device -l address -x -d 'Address to listen on, IPv4 (default: 127.0.0.1)'
 complete -c zr_rtsp_device -l port -x -d 'Port to listen on, 0: a free one (default: 0)'
 complete -c zr_rtsp_device -l user -x -d 'User name that clients must give; without it everybody may come in'

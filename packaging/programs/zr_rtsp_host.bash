@@ -17,7 +17,7 @@ _zr_rtsp_host() {
         download) options='--help --help-all --tcp --udp --from --to --speed --sampled --full-frame --force --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
         tv) options='--help --help-all --to --tcp --duration --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
         watch) options='--help --help-all --tcp --udp --duration --reconnect --silence --user --password --password-file --ca --insecure --tag --json --log-level --log-file --plugin' ;;
-        '') options='describe check play download tv watch --help' ;;
+        '') options='describe check play download tv watch --help --version' ;;
     esac
     if [[ $word == -* || -z $command ]]; then
         COMPREPLY=($(compgen -W "$options" -- "$word"))

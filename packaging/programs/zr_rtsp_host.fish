@@ -1,6 +1,7 @@
 # made by packaging/generate from the program's --help
 complete -c zr_rtsp_host -f
 complete -c zr_rtsp_host -n __fish_use_subcommand -s h -l help -d 'Print this page'
+complete -c zr_rtsp_host -n __fish_use_subcommand -l version -d 'Print the version'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a describe -d 'Print a stream\'s tracks, codecs and control URLs'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe' -s h -l help -d 'Print this page'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe' -l help-all -d 'More: notes, and what all commands take (--user ...)'
