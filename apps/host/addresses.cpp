@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -106,6 +107,26 @@ std::string localAddressTowards(const std::string &host, uint16_t port)
     char text[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &local.sin_addr, text, sizeof text);
     return text;
+}
+
+std::string interfaceOf(const std::string &address)
+{
+    in_addr wanted{};
+    ifaddrs *raw = nullptr;
+    if (inet_pton(AF_INET, address.c_str(), &wanted) != 1 || getifaddrs(&raw) != 0)
+    {
+        return "";
+    }
+    const std::unique_ptr<ifaddrs, void (*)(ifaddrs *)> all(raw, freeifaddrs);
+    for (const ifaddrs *one = raw; one != nullptr; one = one->ifa_next)
+    {
+        if (one->ifa_addr != nullptr && one->ifa_addr->sa_family == AF_INET &&
+            reinterpret_cast<const sockaddr_in *>(one->ifa_addr)->sin_addr.s_addr == wanted.s_addr)
+        {
+            return one->ifa_name;
+        }
+    }
+    return "";
 }
 
 std::vector<std::string> addressesOf(const std::string &host)

@@ -13,6 +13,9 @@ namespace zr::host {
 /// @throws Failure  Unreachable, for a name that cannot be resolved or an address without a way to it
 std::string localAddressTowards(const std::string &host, uint16_t port);
 
+/// The name of the interface with this numeric address; empty when there is none.
+std::string interfaceOf(const std::string &address);
+
 /// A server's addresses, IPv4 and numeric.
 /// @throws Failure  as localAddressTowards
 std::vector<std::string> addressesOf(const std::string &host);

@@ -64,13 +64,14 @@ private:
 class Check
 {
 public:
-    Check(const CommonOptions &common, const CheckOptions &options, Report &report)
+    Check(const CommonOptions &common, const CheckOptions &options, Report &report, Trace &trace)
         : m_common(common)
         , m_options(options)
         , m_source(common.source)
         , m_plugin(common.plugin)
         , m_table(report)
         , m_report(report)
+        , m_trace(trace)
     {
     }
 
@@ -91,6 +92,7 @@ private:
                    Course::Clock::time_point begin);
     void tryRest(Course &course);
     bool tryPackets(Course &course);
+    void tellPackets(const ZrMediaStatistics &before, const ZrMediaStatistics &now, double seconds);
     void takePicture(const Course &course, Session &session);
     void tryKeepAlive(const Session &session);
     void tryPause(Course &course);
@@ -110,6 +112,7 @@ private:
     Plugin m_plugin;
     CheckTable m_table;
     Report &m_report;
+    Trace &m_trace;
     bool m_plays = false;                      ///< over one transport at least
     std::optional<Failure> m_transportFailure; ///< the first one
     std::string m_picture;                     ///< PNG

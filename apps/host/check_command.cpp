@@ -67,6 +67,11 @@ bool Check::reachable()
             found += (found.empty() ? "" : ", ") + address;
         }
         m_table.ok(step, url.host + (found == url.host ? "" : " is " + found), {{"addresses", found}});
+        step = "route";
+        const std::string local = localAddressTowards(url.host, url.port);
+        const std::string interface = interfaceOf(local);
+        m_table.ok(step, "from " + local + (interface.empty() ? "" : " by " + interface),
+                   {{"local", local}, {"interface", interface}});
         step = "TCP";
         const double seconds = timeToConnect(url.host, url.port, connectWithin);
         m_table.ok(step, "port " + std::to_string(url.port) + " answers in " + inMs(seconds), took(seconds));
@@ -86,6 +91,7 @@ void Check::tellTls(const Session &session, const std::optional<Failure> &failur
     const std::string version = session.facts().szTls;
     if (m_source.url.text.rfind("rtsps:", 0) != 0)
     {
+        m_table.skipped("TLS", "rtsp is not encrypted; rtsps would be");
         return;
     }
     if (version.empty())
@@ -225,7 +231,7 @@ void Check::conclude()
     m_report.event("checked", verdict, {{"plays", !failure.has_value()}, {"failed", steps}});
     if (!m_options.html.empty())
     {
-        writePage(m_options.html, m_source, m_table, verdict, m_picture);
+        writePage(m_options.html, {m_source, m_table, verdict, m_picture, m_trace.kept()});
     }
     if (failure)
     {
@@ -257,6 +263,7 @@ void Check::tryAll()
 
 void Check::run()
 {
+    m_trace.keep();
     try
     {
         tryAll();
@@ -272,9 +279,9 @@ void Check::run()
     conclude();
 }
 
-void checkCommand(const CommonOptions &common, const CheckOptions &options, Report &report)
+void checkCommand(const CommonOptions &common, const CheckOptions &options, Report &report, Trace &trace)
 {
-    Check(common, options, report).run();
+    Check(common, options, report, trace).run();
 }
 
 } // namespace zr::host

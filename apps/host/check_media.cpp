@@ -20,10 +20,11 @@ using Clock = Course::Clock;
 
 constexpr milliseconds mediaWithin{5000};
 constexpr milliseconds pollEvery{20};
-constexpr double watchedFor = 5; // seconds
+constexpr double watchedFor = 10; // seconds
 constexpr ZR_ULONG stoppedAfterMs = 2500;
 constexpr double bearableLoss = 0.01; // of the packets
 constexpr ZR_ULONG pictureWithinMs = 5000;
+constexpr double answerSeconds = std::chrono::duration<double>(answerWithin).count();
 
 } // namespace
 
@@ -110,7 +111,7 @@ void Check::tryRest(Course &course)
 {
     if (!tryPackets(course))
     {
-        skip({"keep-alive", "PAUSE", "play on", "seek", "speed"}, "the session is over");
+        skip({"keep-alive", "PAUSE", "play on", "seek", "Scale"}, "the session is over");
         return;
     }
     takePicture(course, course.session());
@@ -123,21 +124,15 @@ bool Check::tryPackets(Course &course)
 {
     const auto begin = Clock::now();
     const ZrMediaStatistics before = course.session().statistics();
-    while (since(begin) < watchedFor && !course.over())
+    const auto length = course.length();
+    const double enough = std::min(watchedFor, length ? *length / 2 : watchedFor); // some is left for what follows
+    while (since(begin) < enough && !course.over())
     {
         course.step(pollEvery * 5);
     }
     stopIfAsked();
     const double seconds = since(begin);
     const ZrMediaStatistics now = course.session().statistics();
-    const uint64_t packets = now.ullPackets - before.ullPackets;
-    const uint64_t lost = now.ullLost - std::min(now.ullLost, before.ullLost);
-    const double rate = static_cast<double>(now.ullBytes - before.ullBytes) * 8 / 1000 / seconds;
-    const double jitter = now.ulJitterUs / 1000.0;
-    char text[160];
-    std::snprintf(text, sizeof text, "%llu in %.0f s, %.0f kbit/s, lost %llu, jitter %.1f ms",
-                  static_cast<unsigned long long>(packets), seconds, rate, static_cast<unsigned long long>(lost),
-                  jitter);
     const bool ended = course.notice() == ZR_RTSP_NOTICE_END_OF_STREAM; // a short recording
     if (course.over() && !ended)
     {
@@ -150,23 +145,43 @@ bool Check::tryPackets(Course &course)
     if (now.ulLastArrivalMs > stoppedAfterMs && !ended)
     {
         m_table.failed("packets",
-                       Failure(ExitCode::NoMedia, "packets", 0, std::string("media stopped: ") + text, deviceLog),
+                       Failure(ExitCode::NoMedia, "packets", 0,
+                               "media stopped after " + std::to_string(now.ullPackets - before.ullPackets) + " packets",
+                               deviceLog),
                        true);
     }
-    else if (static_cast<double>(lost) > bearableLoss * static_cast<double>(packets + lost))
+    else
     {
-        m_table.failed("packets",
-                       Failure(ExitCode::NoMedia, "packets", 0, text,
+        tellPackets(before, now, seconds);
+    }
+    return !ended;
+}
+
+void Check::tellPackets(const ZrMediaStatistics &before, const ZrMediaStatistics &now, double seconds)
+{
+    const uint64_t packets = now.ullPackets - before.ullPackets;
+    const uint64_t lost = now.ullLost - std::min(now.ullLost, before.ullLost);
+    const double rate = static_cast<double>(now.ullBytes - before.ullBytes) * 8 / 1000 / seconds;
+    const double jitter = now.ulJitterUs / 1000.0;
+    char text[160];
+    std::snprintf(text, sizeof text, "%llu in %.1f s, %.0f kbit/s, jitter %.1f ms",
+                  static_cast<unsigned long long>(packets), seconds, rate, jitter);
+    m_table.ok("packets", text,
+               {{"packets", packets}, {"kbit_per_s", rate}, {"jitter_ms", jitter}, {"seconds", seconds}});
+    const double part = static_cast<double>(lost) / static_cast<double>(std::max<uint64_t>(packets + lost, 1));
+    std::snprintf(text, sizeof text, "%llu of %llu packets, %.2f %%", static_cast<unsigned long long>(lost),
+                  static_cast<unsigned long long>(packets + lost), part * 100);
+    if (part > bearableLoss)
+    {
+        m_table.failed("loss",
+                       Failure(ExitCode::NoMedia, "loss", 0, text,
                                "check the network for what is overloaded; --tcp loses nothing, but comes late"),
                        false);
     }
     else
     {
-        m_table.ok(
-            "packets", text,
-            {{"packets", packets}, {"kbit_per_s", rate}, {"lost", lost}, {"jitter_ms", jitter}, {"seconds", seconds}});
+        m_table.ok("loss", text, {{"lost", lost}, {"part", part}});
     }
-    return !ended;
 }
 
 void Check::takePicture(const Course &course, Session &session)
@@ -280,7 +295,7 @@ void Check::tryPlaces(Course &course)
     const Span span = parseSpan(course.description().range);
     if (!span.begin || !span.end || span.end->seconds <= span.begin->seconds)
     {
-        skip({"seek", "speed"}, "the stream is live");
+        skip({"seek", "Scale"}, "the stream is live");
         return;
     }
     Position middle = *span.begin;
@@ -289,7 +304,7 @@ void Check::tryPlaces(Course &course)
     tryPlaying(course, "seek", "to " + positionShown(middle), [&] { course.seek(playback); });
     playback.from = positionText(*span.begin);
     playback.speedCode = speedCode("2");
-    tryPlaying(course, "speed", "Scale 2 from the beginning", [&] { course.seek(playback); });
+    tryPlaying(course, "Scale", "2, from the beginning", [&] { course.seek(playback); });
 }
 
 void Check::end(Course &course)
@@ -297,8 +312,22 @@ void Check::end(Course &course)
     const char *step = course.options().protocol == PROTOCOL_TCP ? "TCP: TEARDOWN" : "UDP: TEARDOWN";
     try
     {
+        const auto begin = Clock::now();
         course.end();
-        m_table.ok(step, "sent");
+        while (m_trace.tornDown().value_or(0) == 0 && since(begin) < answerSeconds)
+        {
+            sleep(pollEvery);
+        }
+        const int status = m_trace.tornDown().value_or(0);
+        if (status == 0)
+        {
+            throw Failure(ExitCode::Unreachable, step, 0, "no answer came within 3 s", deviceLog);
+        }
+        if (status >= 300)
+        {
+            throw requestFailed(step, static_cast<ZR_ULONG>(status));
+        }
+        m_table.ok(step, "answered in " + inMs(since(begin)), took(since(begin)));
     }
     catch (const Failure &failed)
     {

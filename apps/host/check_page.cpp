@@ -16,6 +16,8 @@ body { font: 15px/1.4 sans-serif; margin: 2em auto; max-width: 60em; padding: 0 
 table { border-collapse: collapse; width: 100% } td { border-top: 1px solid #ddd; padding: .35em .6em; vertical-align: top }
 td:first-child { font-weight: bold; width: 5em } .ok { color: #17803d } .failed { color: #c0201c } .skipped { color: #8a6d00 }
 small { color: #555; display: block } img { max-width: 100%; margin-top: 1em }
+pre { background: #f6f6f4; padding: 1em; overflow-x: auto; font-size: 12px } .sent { color: #1a4f9c }
+.event { color: #8a6d00 } h1 { overflow-wrap: anywhere; font-size: 1.5em }
 </style></head><body>
 )";
 
@@ -68,14 +70,15 @@ std::string nowText()
 
 } // namespace
 
-void writePage(const std::string &file, const Source &source, const CheckTable &table, const std::string &verdict,
-               const std::string &picture)
+void writePage(const std::string &file, const CheckPage &told)
 {
-    const auto shown = [&](const std::string &text) { return escaped(masked(text, source.credentials.password)); };
+    const auto shown = [&](const std::string &text) {
+        return escaped(masked(withoutCredentials(text), told.source.credentials.password));
+    };
     std::string page = head;
-    page +=
-        "<h1>" + shown(source.url.text) + "</h1>\n<p>" + nowText() + ": <b>" + shown(verdict) + "</b></p>\n<table>\n";
-    for (const CheckTable::Row &row : table.rows())
+    page += "<h1>" + shown(told.source.url.text) + "</h1>\n<p>" + nowText() + ": <b>" + shown(told.verdict) +
+            "</b></p>\n<table>\n";
+    for (const CheckTable::Row &row : told.table.rows())
     {
         const std::string name = word(row.verdict);
         page.append("<tr><td class=\"").append(name).append("\">").append(name).append("</td><td>");
@@ -87,9 +90,18 @@ void writePage(const std::string &file, const Source &source, const CheckTable &
         page.append("</td></tr>\n");
     }
     page += "</table>\n";
-    page += picture.empty() ? "<p>No picture.</p>\n"
-                            : "<img alt=\"The picture\" src=\"data:image/png;base64," + toBase64(picture) + "\">\n";
-    page += "</body></html>\n";
+    page += told.picture.empty()
+                ? "<p>No picture.</p>\n"
+                : "<img alt=\"The picture\" src=\"data:image/png;base64," + toBase64(told.picture) + "\">\n";
+    page += "<h2>On the wire</h2>\n<p>&gt; was sent, &lt; received; credentials are shown as ***.</p>\n<pre>";
+    for (const Trace::Lines &lines : told.transcript)
+    {
+        const char *kind = lines.kind == ZR_TRACE_SENT       ? "sent"
+                           : lines.kind == ZR_TRACE_RECEIVED ? "received"
+                                                             : "event";
+        page.append("<span class=\"").append(kind).append("\">").append(shown(lines.text)).append("</span>\n");
+    }
+    page += "</pre>\n</body></html>\n";
     std::ofstream out(file, std::ios::binary);
     out << page;
     if (!out.flush())

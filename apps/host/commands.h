@@ -5,11 +5,12 @@
 
 #include "options.h"
 #include "report.h"
+#include "trace.h"
 
 namespace zr::host {
 
 void describeCommand(const CommonOptions &options, const DescribeOptions &own, Report &report);
-void checkCommand(const CommonOptions &common, const CheckOptions &options, Report &report);
+void checkCommand(const CommonOptions &common, const CheckOptions &options, Report &report, Trace &trace);
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report);
 void downloadCommand(const CommonOptions &common, const DownloadOptions &options, Report &report);
 void tvCommand(const CommonOptions &common, const TvOptions &options, Report &report);

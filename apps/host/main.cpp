@@ -5,8 +5,10 @@
 #include <csignal>
 #include <cstring>
 
+#include "base64.h"
 #include "commands.h"
 #include "secrets.h"
+#include "trace.h"
 #include "zr_platform.h"
 
 namespace {
@@ -18,7 +20,9 @@ void hide(const Credentials &credentials)
 {
     if (!credentials.user.empty())
     {
-        ZR_LogHide((credentials.user + ":" + credentials.password).c_str());
+        const std::string both = credentials.user + ":" + credentials.password;
+        ZR_LogHide(both.c_str());
+        ZR_LogHide(toBase64(both).c_str()); // as Basic writes them, should a server repeat it
         ZR_LogHide(isUnmistakable(credentials.password) ? credentials.password.c_str() : nullptr);
     }
 }
@@ -50,8 +54,8 @@ void setUpTls(const CommonOptions &options, Report &report)
     if (options.insecure)
     {
         ZR_TlsSetVerification(0);
-        report.event("insecure",
-                     "warning: certificates are not verified, anybody may answer for the server (--insecure)", nullptr);
+        report.warning("insecure", "certificates are not verified, anybody may answer for the server (--insecure)",
+                       nullptr);
     }
 }
 
@@ -62,6 +66,11 @@ int run(int argc, char **argv, Report &report)
         const Options options = parseOptions(argc, argv);
         setUpLog(options);
         setUpTls(options.common, report);
+        Trace trace(report);
+        if (options.common.trace || !options.common.traceFile.empty())
+        {
+            trace.show(options.common.traceFile);
+        }
         switch (options.command)
         {
         case Command::Help:
@@ -70,7 +79,7 @@ int run(int argc, char **argv, Report &report)
             describeCommand(options.common, options.describe, report);
             break;
         case Command::Check:
-            checkCommand(options.common, options.check, report);
+            checkCommand(options.common, options.check, report, trace);
             break;
         case Command::Play:
             playCommand(options.common, options.play, report);

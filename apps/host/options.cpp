@@ -64,6 +64,8 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
     app.add_flag("--insecure", common.insecure, "Take any certificate of an rtsps server for good");
     app.add_option("--tag", raw.tag, "Decoder description, such as onvif (default), guobiao, omz-v1@12")->check(plain);
     app.add_flag("--json", common.json, "Print one event a line, as JSON");
+    app.add_flag("--trace", common.trace, "Show the RTSP messages on the wire (stderr), credentials masked");
+    app.add_option("--trace-file", common.traceFile, "Append them to a file instead")->check(writable);
     app.add_option("--log-level", common.logLevel,
                    "What the libraries log: debug, info, warning or error (default: nothing)")
         ->transform(CLI::CheckedTransformer(std::map<std::string, tagZrLogLevel>{

@@ -17,6 +17,8 @@ struct CommonOptions
     std::optional<tagZrLogLevel> logLevel; ///< of the libraries' log
     std::string logFile;                   ///< empty: stderr
     bool json = false;
+    bool trace = false;    ///< messages on the wire are shown
+    std::string traceFile; ///< where, instead of stderr; empty: there
     std::string caFile;    ///< trusted for rtsps besides the system's; empty: none
     bool insecure = false; ///< servers' certificates are not verified
     bool force = false;    ///< files may be written over

@@ -66,6 +66,16 @@ public:
         m_out.line(harmless(text));
     }
 
+    void warning(const std::string &, const std::string &text, const Fields &) override { aside("warning: " + text); }
+
+    void aside(const std::string &text) override
+    {
+        const std::scoped_lock lock(m_mutex);
+        clearStatus();
+        std::fflush(stdout);
+        std::fprintf(stderr, "%s\n", harmless(text).c_str());
+    }
+
     void judged(const std::string &, Verdict verdict, const std::string &text, const Fields &) override
     {
         const std::scoped_lock lock(m_mutex);
@@ -144,6 +154,7 @@ public:
         m_out.line(line.dump(-1, ' ', false, Fields::error_handler_t::replace));
     }
 
+    void aside(const std::string &text) override { std::fprintf(stderr, "%s\n", harmless(text).c_str()); }
     void status(const Status &now) override { event(now.name, now.text, now.fields); }
 
     void failure(const Failure &what) override

@@ -73,6 +73,13 @@ public:
     {
         event(name, word(verdict) + (" " + text), fields);
     }
+    /// Something to beware of: for people on stderr.
+    virtual void warning(const std::string &name, const std::string &text, const Fields &fields)
+    {
+        event(name, text, fields);
+    }
+    /// Lines that are no part of what the command says, on stderr.
+    virtual void aside(const std::string &) {}
     virtual void status(const Status &now) = 0;
     /// Throws nothing where the others do: that stdout cannot be written is a Failure of theirs.
     virtual void failure(const Failure &what) = 0;

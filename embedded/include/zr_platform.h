@@ -62,6 +62,16 @@ enum tagZrSessionCode : ZR_ULONG
     ZR_SESSION_TOO_MANY = 3 ///< the session has 16 headers already
 };
 
+/// What a ZrTraceEvent tells of.
+enum tagZrTraceKind : ZR_ULONG
+{
+    ZR_TRACE_SENT = 0,      ///< a message to the server
+    ZR_TRACE_RECEIVED = 1,  ///< one of the server's
+    ZR_TRACE_BROKEN = 2,    ///< what came of one that cannot be read; the connection is closed for it
+    ZR_TRACE_CONNECTED = 3, ///< the text tells with whom, such as "192.0.2.10:322, TLSv1.3"
+    ZR_TRACE_CLOSED = 4     ///< or never connected; the text tells why
+};
+
 /// For ZR_SessionSetCredentials.
 enum tagZrCredentialsFlag : ZR_ULONG
 {
@@ -181,6 +191,35 @@ extern "C"
     /// not wait. Any thread.
     /// @return 0; 1: no such session
     ZR_PLATFORM_API ZR_ULONG ZR_SessionCheck(ZR_ULONG ulAOIPortID);
+
+    /// Something on the wire, in the order in which it came there.
+    struct ZrTraceEvent
+    {
+        ZR_ULONG ulAOIPortID;       ///< of the session whose connection it is
+        ZR_ULONG ulKind;            ///< a tagZrTraceKind
+        uint64_t ullUnixUs;         ///< when, in microseconds since 1970
+        const char *pszText;        ///< the message, body included, as it is on the wire but for credentials; it may
+                                    ///< hold anything, also zeros; one is behind it. Valid within the call
+        ZR_ULONG ulLength;          ///< its bytes, 65536 at most
+        uint64_t ullCut;            ///< bytes of the message that do not fit there
+        uint64_t ullFramesReceived; ///< interleaved frames of the connection since its event before
+        uint64_t ullFramesSent;     ///< likewise
+        uint64_t ullFrameBytes;     ///< those of both
+        uint64_t ullMissed; ///< events since the one before, of all connections, that are not told, for too many
+                            ///< waited
+    };
+
+    /// Called on one thread of the trace's own. It may take its time, and call everything but ZR_TraceSet.
+    typedef void (*ZR_TRACE_CALLBACK)(const ZrTraceEvent *pstEvent, void *pvUser);
+
+    /// Has the RTSP messages of all sessions told, from now on, instead of to whom they were told before. Where
+    /// credentials stand there is "***": values of Authorization headers but for the scheme, user information and
+    /// passwords of URLs, what ZR_LogHide was given. When it returns, all that was noted before has been told to the
+    /// former callback, which is called no more: so call it with NULL before the program ends. Any thread.
+    /// @param pfnCallback  NULL: nobody
+    /// @param pvUser       handed to it
+    /// @return 0; ZR_SESSION_FAILED: there is no thread for it (then nobody is told), or it was called by the callback
+    ZR_PLATFORM_API ZR_ULONG ZR_TraceSet(ZR_TRACE_CALLBACK pfnCallback, void *pvUser);
 
     /// What a media port has received so far, all tracks together.
     struct ZrMediaStatistics

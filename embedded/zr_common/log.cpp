@@ -106,16 +106,6 @@ public:
         m_logger.log(spdlogLevel(level), line);
     }
 
-private:
-    static std::string line(const char *format, ...) ZR_PRINTF_FORMAT(1, 2)
-    {
-        va_list arguments;
-        va_start(arguments, format);
-        std::string text = zr::common::formatLogLine(0, zr::log::Common, __FILE_NAME__, __LINE__, format, arguments);
-        va_end(arguments);
-        return text;
-    }
-
     void conceal(std::string &line)
     {
         static const std::string stars = "***";
@@ -125,6 +115,16 @@ private:
             for (size_t at = line.find(text); at != std::string::npos; at = line.find(text, at + stars.size()))
                 line.replace(at, text.size(), stars);
         }
+    }
+
+private:
+    static std::string line(const char *format, ...) ZR_PRINTF_FORMAT(1, 2)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        std::string text = zr::common::formatLogLine(0, zr::log::Common, __FILE_NAME__, __LINE__, format, arguments);
+        va_end(arguments);
+        return text;
     }
 
     void applyLevel()
@@ -169,6 +169,11 @@ void quietly(Action action)
     errno = before;
 }
 
+void concealIn(std::string &text)
+{
+    log().conceal(text);
+}
+
 } // namespace
 
 void CZRWriteLog::writeLog(tagZrLogLevel enLevel, ZR_ULONG ulCode, ZR_ULONG ulModule, const char *pszFile, int iLine,
@@ -185,6 +190,11 @@ void CZRWriteLog::writeLog(tagZrLogLevel enLevel, ZR_ULONG ulCode, ZR_ULONG ulMo
                               zr::common::formatLogLine(ulCode, ulModule, pszFile, iLine, pszFormat, arguments));
     });
     va_end(arguments);
+}
+
+void zr::common::conceal(std::string &text)
+{
+    concealIn(text);
 }
 
 void ZR_LogSetLevel(tagZrLogLevel enLevel)

@@ -68,11 +68,12 @@ void tune(int handle)
 
 } // namespace
 
-Connection::Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security)
+Connection::Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security, ZR_ULONG session)
     : m_loop(loop)
     , m_settings(settings)
     , m_owner(&owner)
     , m_security(std::move(security))
+    , m_tap(session)
     , m_parser(limitsOf(settings))
     , m_timer(loop, [this] { onTimer(); })
 {
@@ -212,6 +213,7 @@ void Connection::becomeUp()
         notePeer();
     std::vector<ACE_INET_Addr>().swap(m_addresses);
     m_state = State::Up;
+    m_tap.connected(m_ends.peerAddress, m_ends.peerPort, tlsVersion());
     m_owner->connected();
 }
 
@@ -245,6 +247,7 @@ void Connection::read()
 
 void Connection::take(std::string_view bytes)
 {
+    m_parser.keepRaw(m_tap.raw());
     m_parser.lend(bytes.data(), bytes.size());
     {
         const Raised gathering(m_gathering);
@@ -300,12 +303,15 @@ bool Connection::parse()
         case rtsp::Parser::Event::NeedMore:
             return progressed;
         case rtsp::Parser::Event::Message:
+            m_tap.received();
             m_owner->received(m_parser.message());
             break;
         case rtsp::Parser::Event::Frame:
+            m_tap.frameReceived(m_parser.frame().size);
             m_owner->received(m_parser.frame());
             break;
         case rtsp::Parser::Event::Error:
+            m_tap.received(ZR_TRACE_BROKEN);
             fail(m_parser.error());
             return progressed;
         }
@@ -361,7 +367,10 @@ void Connection::write(std::string_view bytes)
     if (!hasRoom(bytes.size(), m_settings.maxOutgoing))
         failLater("the server leaves more than " + std::to_string(m_settings.maxOutgoing) + " bytes unread");
     else
+    {
+        m_tap.sent(bytes);
         queue(bytes);
+    }
 }
 
 bool Connection::writeFrame(uint8_t channel, std::string_view payload)
@@ -371,6 +380,7 @@ bool Connection::writeFrame(uint8_t channel, std::string_view payload)
         return false;
     const std::array<char, 4> header = {'$', static_cast<char>(channel), static_cast<char>(payload.size() >> 8U),
                                         static_cast<char>(payload.size() & 0xFFU)};
+    m_tap.frameSent(payload.size());
     queue(std::string(header.data(), header.size()).append(payload));
     return true;
 }
@@ -458,7 +468,7 @@ void Connection::wantOutput(bool wanted)
 void Connection::fail(const std::string &reason, bool orderly)
 {
     Owner *const owner = m_owner;
-    close();
+    end(reason);
     if (owner)
         owner->lost(reason, orderly);
 }
@@ -488,10 +498,11 @@ void Connection::sayGoodbye()
         m_stream.send(last.data(), last.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-void Connection::close()
+void Connection::end(const std::string &reason)
 {
     if (m_state == State::Closed)
         return;
+    m_tap.closed(reason);
     if (m_state == State::Up || m_state == State::Securing)
         sayGoodbye();
     m_state = State::Closed;

@@ -15,6 +15,7 @@
 #include "rtsp_message.h"
 #include "settings.h"
 #include "tls_stream.h"
+#include "wire_trace.h"
 
 namespace zr::dispatch {
 
@@ -39,7 +40,8 @@ public:
         ~Owner() = default;
     };
 
-    Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security = {});
+    /// @param session  whose it is, for who traces: the identifier of the session's object
+    Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security = {}, ZR_ULONG session = 0);
     ~Connection();
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
@@ -68,7 +70,7 @@ public:
     /// Shuts down for writing once all is sent; goes on reading.
     void finishWriting();
     /// Ends it at once, without lost(). Idempotent.
-    void close();
+    void close() { end("from here"); }
 
 private:
     enum class State
@@ -91,6 +93,7 @@ private:
     void becomeUp();
     void abandonAttempt();
     void closeSocket();
+    void end(const std::string &reason);
     void take(std::string_view bytes);
     void takeSecured(std::string_view bytes);
     void takeEnd();
@@ -120,6 +123,7 @@ private:
     std::string m_lastFailure;
     SteadyClock::time_point m_connectDeadline;
 
+    WireTap m_tap;
     rtsp::Parser m_parser;
     std::string m_out; ///< not taken by the socket yet, from m_outSent on
     size_t m_outSent = 0;

@@ -391,6 +391,8 @@ Parser::Event Parser::deliver()
 Parser::Event Parser::fail(std::string problem)
 {
     m_error = std::move(problem);
+    if (m_raw != nullptr)
+        m_raw->append(m_bytes.substr(m_taken)).append(m_lent);
     m_state = State::Failed;
     m_buffer = std::string();
     lookAtNothing();
@@ -400,6 +402,8 @@ Parser::Event Parser::fail(std::string problem)
 
 void Parser::take(size_t size)
 {
+    if (m_raw != nullptr && m_state != State::Between)
+        m_raw->append(m_bytes, m_taken, size);
     m_taken += size;
     m_scanned = m_taken;
 }

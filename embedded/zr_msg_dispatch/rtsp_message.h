@@ -80,6 +80,10 @@ public:
     const Frame &frame() const { return m_frame; }
     /// What was wrong, naming the limit or the offending line (bounded, printable); valid after Event::Error.
     const std::string &error() const { return m_error; }
+    /// Has the bytes of each message appended to a text, from the call on; those of a message that cannot be read with
+    /// what had come behind them. Whoever reads the text empties it after each event.
+    /// @param into  null: no more; else it is to stay until then
+    void keepRaw(std::string *into) { m_raw = into; }
     /// Gives back the memory of what is used up, the last message's too. Asked after Event::NeedMore.
     void rest();
     /// Whether the first byte of a message or frame has come, but not its last; asked after Event::NeedMore.
@@ -124,6 +128,7 @@ private:
     size_t m_headBytes = 0;   ///< of the message's head so far
     size_t m_bodyLeft = 0;    ///< of the message's body
     bool m_delivered = false;
+    std::string *m_raw = nullptr;
     Message m_message;
     Frame m_frame;
     std::string m_error;

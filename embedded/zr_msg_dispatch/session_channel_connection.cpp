@@ -128,9 +128,9 @@ void SessionChannel::openConnection()
     m_wasUp = false;
     m_answered = false;
     Connection::Owner &owner = *this;
-    m_connection =
-        std::make_shared<Connection>(m_services.loop, m_services.settings, owner,
-                                     m_target.secure ? Security{m_services.tls, m_target.certificateHost} : Security());
+    m_connection = std::make_shared<Connection>(
+        m_services.loop, m_services.settings, owner,
+        m_target.secure ? Security{m_services.tls, m_target.certificateHost} : Security(), m_registration->id);
     Resolved numeric = resolveNumeric(m_target.address.host, m_target.address.port);
     const bool known = !numeric.addresses.empty();
     m_connection->open(std::move(numeric.addresses));

@@ -1,10 +1,35 @@
 """rtsps and its certificates, passwords that no argument shows, and files that stay what they are."""
 
+import base64
+import html.parser
 import os
+import re
 import subprocess
 import unittest
 
 from programs import CREDENTIALS, OK, OUTPUT, PASSWORD, UNREACHABLE, USAGE, USER, HostTest
+
+
+class Page(html.parser.HTMLParser):
+    """What a page shows, what it leaves open, and what it would fetch."""
+
+    def __init__(self, source):
+        super().__init__()
+        self.text, self.open, self.loads = "", [], []
+        self.feed(source)
+        self.close()
+
+    def handle_starttag(self, tag, attributes):
+        if tag not in ("meta", "img"):
+            self.open.append(tag)
+        self.loads += [value for name, value in attributes if name in ("src", "href") and not value.startswith("data:")]
+
+    def handle_endtag(self, tag):
+        if self.open[-1:] == [tag]:
+            self.open.pop()
+
+    def handle_data(self, data):
+        self.text += data
 
 
 class SecureTest(HostTest):
@@ -39,15 +64,15 @@ class SecureTest(HostTest):
         self.assertEqual(os.path.getsize(recording), 4)
         self.run_host(OK, *play, "--ca", certificate, "--record", recording, "--force")
         self.assertGreater(os.path.getsize(recording), 1000)
-        self.assertIn("warning", self.run_host(OK, "describe", other.url("live"), "--insecure").out)
+        self.assertIn("warning", self.run_host(OK, "describe", other.url("live"), "--insecure").err)
 
     def test_check(self):
         certificate, key = self.identity("camera", "127.0.0.1")
-        device = self.device("--tls", certificate, key, "--user", USER, "--password", PASSWORD)
-        page = self.file("page.html")
+        device = self.device("--tls", certificate, key, "--user", USER, "--password", PASSWORD, "--auth", "basic")
+        page, wire = self.file("page.html"), self.file("wire.txt")
         known = (device.url("vod"), "--ca", certificate, "--user", USER, "--password")
         for code, failed, last, arguments in (
-                (OK, [], "TCP: TEARDOWN", (*known, PASSWORD, "--report", page)),
+                (OK, [], "TCP: TEARDOWN", (*known, PASSWORD, "--report", page, "--trace-file", wire)),
                 (CREDENTIALS, ["DESCRIBE, user"], "PLAY", (*known, "another")),
                 (UNREACHABLE, ["TLS"], "PLAY", (device.url("live"),)),
                 (UNREACHABLE, ["TCP"], "PLAY", ("rtsp://127.0.0.1:9/",))):
@@ -56,8 +81,18 @@ class SecureTest(HostTest):
                 steps = [event for event in events if event["event"] == "step"]
                 self.assertEqual([step["step"] for step in steps if step["result"] == "failed"], failed)
                 self.assertEqual(steps[-1]["step"], last)
-        with open(page, encoding="utf-8") as written:
-            self.assertRegex(written.read(), "(?s)stream plays<.*>speed<.*data:image/png;base64,.{1000}")
+        with open(page, encoding="utf-8") as written, open(wire, encoding="utf-8") as traced:
+            whole, transcript = written.read(), traced.read()
+        self.assertRegex(whole, "(?s)stream plays<.*>Scale<.*data:image/png;base64,.{1000}")
+        shown = Page(whole)
+        self.assertEqual((shown.open, shown.loads), ([], []))
+        for text in (shown.text, transcript):
+            messages = re.search(r"#\d+ > DESCRIBE rtsps:[^#]*> Authorization: Basic \*\*\*\n[^#]*#\d+ < RTSP/1.0 401 .*"
+                                 r"< a=rtpmap.* > PAUSE .* > TEARDOWN.*\d+ interleaved frames received.*> TEARDOWN",
+                                 text, re.S)
+            self.assertIsNotNone(messages, text[-6000:])
+            for secret in (PASSWORD, base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()):
+                self.assertNotIn(secret, text)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,178 @@
+#include "trace.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+#include <strings.h>
+
+namespace zr::host {
+namespace {
+
+constexpr size_t mostKept = size_t{1024} * 1024;
+
+std::string timeOf(const ZrTraceEvent &event)
+{
+    const auto seconds = static_cast<std::time_t>(event.ullUnixUs / 1000000);
+    std::tm day{};
+    localtime_r(&seconds, &day);
+    char text[48];
+    std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03u", day.tm_hour, day.tm_min, day.tm_sec,
+                  static_cast<unsigned>(event.ullUnixUs / 1000 % 1000));
+    return text;
+}
+
+std::string countsOf(const ZrTraceEvent &event)
+{
+    char text[160] = "";
+    if (event.ullFramesReceived + event.ullFramesSent > 0)
+    {
+        std::snprintf(text, sizeof text, "%llu interleaved frames received, %llu sent, %llu bytes",
+                      static_cast<unsigned long long>(event.ullFramesReceived),
+                      static_cast<unsigned long long>(event.ullFramesSent),
+                      static_cast<unsigned long long>(event.ullFrameBytes));
+    }
+    return text;
+}
+
+std::string linesOf(const ZrTraceEvent &event)
+{
+    const std::string when = timeOf(event) + " #" + std::to_string(event.ulAOIPortID) + " ";
+    const std::string happened = when + "* ";
+    const std::string message(event.pszText, event.ulLength);
+    std::string out = event.ullMissed == 0 ? "" : happened + std::to_string(event.ullMissed) + " are missing here\n";
+    const std::string counts = countsOf(event);
+    out += counts.empty() ? "" : happened + counts + "\n";
+    if (event.ulKind == ZR_TRACE_CONNECTED || event.ulKind == ZR_TRACE_CLOSED)
+    {
+        out += happened + (event.ulKind == ZR_TRACE_CONNECTED ? "connected: " : "closed: ") + message + "\n";
+        return harmless(out);
+    }
+    const char *mark = event.ulKind == ZR_TRACE_SENT ? "> " : "< ";
+    std::string before = when + mark;
+    std::istringstream in(message);
+    for (std::string line; std::getline(in, line); before = std::string(when.size(), ' ') + mark)
+    {
+        line.erase(line.find_last_not_of('\r') + 1);
+        out += before + line + "\n";
+    }
+    out += event.ullCut == 0 ? "" : happened + std::to_string(event.ullCut) + " more bytes of it are left out\n";
+    out += event.ulKind == ZR_TRACE_BROKEN ? happened + "this cannot be read\n" : "";
+    return harmless(out);
+}
+
+std::string cseqOf(const std::string &message)
+{
+    std::istringstream in(message);
+    for (std::string line; std::getline(in, line) && line.size() > 1;)
+    {
+        if (strncasecmp(line.c_str(), "CSeq:", 5) == 0)
+        {
+            return std::to_string(std::strtoul(line.c_str() + 5, nullptr, 10));
+        }
+    }
+    return "";
+}
+
+} // namespace
+
+Trace::~Trace()
+{
+    if (m_begun)
+    {
+        ZR_TraceSet(nullptr, nullptr);
+    }
+}
+
+void Trace::begin()
+{
+    const auto callback = [](const ZrTraceEvent *event, void *self) { static_cast<Trace *>(self)->tell(*event); };
+    if (!m_begun && ZR_TraceSet(callback, this) != 0)
+    {
+        throw Failure(ExitCode::Internal, "tracing", 0, "there is no thread for it");
+    }
+    m_begun = true;
+}
+
+void Trace::show(const std::string &file)
+{
+    {
+        const std::scoped_lock lock(m_mutex);
+        m_shown = true;
+        if (!file.empty())
+        {
+            m_file.open(file, std::ios::app | std::ios::binary);
+        }
+        if (!file.empty() && !m_file)
+        {
+            throw Failure(ExitCode::Output, "tracing", 0, file + " cannot be written", "check the folder");
+        }
+    }
+    begin();
+}
+
+void Trace::keep()
+{
+    {
+        const std::scoped_lock lock(m_mutex);
+        m_keeps = true;
+    }
+    begin();
+}
+
+std::vector<Trace::Lines> Trace::kept() const
+{
+    const std::scoped_lock lock(m_mutex);
+    return m_kept;
+}
+
+std::optional<int> Trace::tornDown() const
+{
+    const std::scoped_lock lock(m_mutex);
+    return m_tornDown;
+}
+
+void Trace::tell(const ZrTraceEvent &event)
+{
+    const std::string lines = linesOf(event);
+    bool aside = false;
+    {
+        const std::scoped_lock lock(m_mutex);
+        aside = m_shown && !m_file.is_open();
+        if (m_file.is_open())
+        {
+            m_file << lines << std::flush;
+        }
+        if (m_keeps)
+        {
+            watchTeardown(event, std::string(event.pszText, event.ulLength));
+            const bool fits = m_keptBytes + lines.size() <= mostKept;
+            m_keptBytes += lines.size();
+            if (fits)
+            {
+                m_kept.push_back({event.ulKind, lines});
+            }
+        }
+    }
+    if (aside)
+    {
+        m_report.aside(lines.substr(0, lines.find_last_not_of('\n') + 1));
+    }
+}
+
+/// An answer to the TEARDOWN that went out last on its connection.
+void Trace::watchTeardown(const ZrTraceEvent &event, const std::string &message)
+{
+    if (event.ulKind == ZR_TRACE_SENT && message.rfind("TEARDOWN ", 0) == 0)
+    {
+        m_teardown = {event.ulAOIPortID, cseqOf(message)};
+        m_tornDown = 0;
+    }
+    else if (event.ulKind == ZR_TRACE_RECEIVED && message.rfind("RTSP/", 0) == 0 &&
+             m_teardown == std::pair(event.ulAOIPortID, cseqOf(message)))
+    {
+        m_tornDown = std::atoi(message.c_str() + std::min(message.find(' '), message.size()));
+    }
+}
+
+} // namespace zr::host
