@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 
 #include "commands.h"
+#include "continuation.h"
 
 namespace zr::host {
 namespace {
@@ -17,39 +19,32 @@ constexpr double closeToEnd = 0.5, silenceCloseToEnd = 1;
 constexpr double nearEnd = 2, silenceAtEnd = 3;
 constexpr double silenceOfFault = 10;
 
+// What is fetched twice for the seam: a server may begin at the key frame before.
+constexpr double keyFramesApart = 10;
+
 class Download
 {
 public:
-    Download(Course &course, const DownloadOptions &options, Report &report)
+    /// @param continuation  of a file that is there; null: from the beginning
+    Download(Course &course, const DownloadOptions &options, Continuation *continuation, Report &report)
         : m_course(course)
         , m_file(options.course.record)
         , m_mayStop(!options.course.playback.to.empty())
+        , m_continuation(continuation)
+        , m_before(continuation != nullptr ? continuation->there() : 0)
         , m_report(report)
     {
     }
 
-    void run(const Interrupt &interrupt)
-    {
-        m_course.begin();
-        m_length = m_course.length();
-        while (!m_course.over())
-        {
-            m_course.step(atLeisure);
-            judge();
-            tellStatus();
-        }
-        if (interrupt.asked())
-        {
-            m_course.stop(Failure(ExitCode::Interrupted, "downloading", 0, "interrupted, " + soFar()));
-        }
-        m_course.end();
-        m_report.event("downloaded", "downloaded " + length(m_course.media().covered) + ": " + m_file,
-                       {{"file", m_file}, {"seconds", m_course.media().covered}});
-    }
+    void run(const Interrupt &interrupt);
 
 private:
+    void fetch(const Interrupt &interrupt);
     void judge();
     void tellStatus();
+
+    /// Seconds of the recording that the file holds.
+    double held() const { return m_before + m_course.media().covered; }
 
     static std::string length(double seconds)
     {
@@ -60,16 +55,59 @@ private:
 
     std::string soFar() const
     {
-        return m_file + " holds " + length(m_course.media().covered) + (m_length ? " of " + length(*m_length) : "");
+        return m_file + " holds " + length(held()) + (m_length ? " of " + length(m_before + *m_length) : "");
     }
 
     Course &m_course;
     const std::string m_file;
     const bool m_mayStop; ///< an end was asked for: whatever comes behind it is too much
+    Continuation *const m_continuation;
+    const double m_before; ///< seconds that were there
     Report &m_report;
-    std::optional<double> m_length; ///< seconds
+    std::optional<double> m_length; ///< seconds of what is fetched
     double m_nextStatus = statusEvery;
 };
+
+void Download::run(const Interrupt &interrupt)
+{
+    std::optional<Failure> failed;
+    try
+    {
+        fetch(interrupt);
+    }
+    catch (const Failure &failure)
+    {
+        failed = failure;
+    }
+    double held = m_course.media().covered;
+    if (m_continuation != nullptr) // also of what was cut once more
+    {
+        held = m_continuation->join();
+    }
+    if (failed)
+    {
+        throw Failure(*failed);
+    }
+    m_report.event("downloaded", "downloaded " + length(held) + ": " + m_file, {{"file", m_file}, {"seconds", held}});
+}
+
+void Download::fetch(const Interrupt &interrupt)
+{
+    m_course.begin();
+    m_length = m_course.length();
+    while (!m_course.over())
+    {
+        m_course.step(atLeisure);
+        judge();
+        tellStatus();
+    }
+    if (interrupt.asked())
+    {
+        m_course.stop(Failure(ExitCode::Interrupted, "downloading", 0, "interrupted, " + soFar(),
+                              "the same command with --continue, for the rest"));
+    }
+    m_course.end();
+}
 
 void Download::judge()
 {
@@ -79,7 +117,7 @@ void Download::judge()
         return;
     }
     const double missing = m_length ? *m_length - media.covered : 0;
-    const bool passed = m_mayStop && m_length && missing <= 0;
+    const bool passed = m_mayStop && m_length && missing <= (m_continuation != nullptr ? -keyFramesApart : 0);
     const bool close = m_length && missing <= closeToEnd && media.silent >= silenceCloseToEnd;
     const bool ended = missing <= nearEnd && media.silent >= silenceAtEnd;
     if (passed || close || ended)
@@ -89,7 +127,8 @@ void Download::judge()
     }
     else if (media.silent >= silenceOfFault)
     {
-        m_course.stop(Failure(ExitCode::NoMedia, "downloading", 0, "media stopped: " + soFar()));
+        m_course.stop(Failure(ExitCode::NoMedia, "downloading", 0, "media stopped: " + soFar(),
+                              "the same command with --continue, for the rest"));
     }
 }
 
@@ -104,16 +143,25 @@ void Download::tellStatus()
     Status now;
     now.name = "progress";
     now.lines = true;
-    now.text = length(media.covered) + (m_length ? " of " + length(*m_length) : "");
-    now.fields = {{"seconds", media.covered}};
-    if (m_length && *m_length > 0)
+    const auto shown = [](double seconds) { return positionShown({seconds, false}); };
+    now.text = shown(held());
+    now.fields = {{"seconds", held()}};
+    std::string left;
+    if (m_length && m_before + *m_length > 0)
     {
-        now.done = std::min(media.covered / *m_length, 1.0);
-        now.text += "  " + std::to_string(std::lround(*now.done * 100)) + " %";
-        now.fields.update({{"length", *m_length}, {"done", *now.done}});
+        const double whole = m_before + *m_length;
+        now.done = std::min(held() / whole, 1.0);
+        now.text += " of " + shown(whole) + "  " + std::to_string(std::lround(*now.done * 100)) + " %";
+        now.fields.update({{"length", whole}, {"done", *now.done}});
+        if (media.covered > 0)
+        {
+            const double wait = std::max(whole - held(), 0.0) * media.seconds / media.covered;
+            left = "  left " + shown(std::ceil(wait));
+            now.fields["left"] = wait;
+        }
     }
-    now.text += "  " + amount(media.bytes) + "  " + std::to_string(std::lround(media.kilobitsPerSecond)) + " kbit/s" +
-                (media.lost == 0 ? "" : "  lost " + std::to_string(media.lost));
+    now.text += left + "  " + amount(media.bytes) + "  " + std::to_string(std::lround(media.kilobitsPerSecond)) +
+                " kbit/s" + (media.lost == 0 ? "" : "  lost " + std::to_string(media.lost));
     now.fields.update({{"bytes", media.bytes}, {"kbit_per_s", media.kilobitsPerSecond}, {"lost", media.lost}});
     m_report.status(now);
 }
@@ -123,9 +171,15 @@ void Download::tellStatus()
 void downloadCommand(const CommonOptions &common, const DownloadOptions &options, Report &report)
 {
     const Interrupt interrupt;
+    std::optional<Continuation> continuation;
+    std::error_code ignored;
+    if (options.resume && std::filesystem::exists(options.course.record, ignored))
+    {
+        continuation.emplace(options.course, report);
+    }
     Plugin plugin(common.plugin);
-    Course course(plugin, interrupt, common.source, options.course, report);
-    Download(course, options, report).run(interrupt);
+    Course course(plugin, interrupt, common.source, continuation ? continuation->options() : options.course, report);
+    Download(course, options, continuation ? &*continuation : nullptr, report).run(interrupt);
 }
 
 } // namespace zr::host

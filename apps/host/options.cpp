@@ -148,6 +148,7 @@ void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
                       ->option_text("N");
     auto *sampled = app.add_flag("--sampled", raw.sampled, "Ask for sampled frames")->needs(speed);
     app.add_flag("--full-frame", "Ask for every frame (default)")->needs(speed)->excludes(sampled);
+    app.add_flag("--continue", download.resume, "Fetch what FILE lacks, if it was cut")->excludes("--force");
 }
 
 void addTv(CLI::App &app, Raw &raw, TvOptions &tv)
@@ -259,7 +260,7 @@ void understand(const Raw &raw, Options &options)
         }
         break;
     case Command::Download:
-        requireFree(options.download.course.record, common.force);
+        requireFree(options.download.course.record, common.force || options.download.resume);
         common.source = source(tagOr("onvif"));
         options.download.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
         if (raw.downloadSpeed)
@@ -318,8 +319,8 @@ Options parseOptions(int argc, char **argv)
         ->check(writable);
     addPlay(*play, raw, options.play);
     addForce(*play, options.common);
-    addDownload(*download, raw, options.download);
     addForce(*download, options.common);
+    addDownload(*download, raw, options.download);
     addTv(*tv, raw, options.tv);
     addWatch(*watch, raw, options.watch);
     for (CLI::App *command : {describe, check, play, download, tv, watch})

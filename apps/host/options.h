@@ -49,6 +49,7 @@ struct PlayOptions
 struct DownloadOptions
 {
     CourseOptions course; ///< which records into the file
+    bool resume = false;  ///< what the file has already is not fetched again
 };
 
 struct TvOptions

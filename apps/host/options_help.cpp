@@ -42,7 +42,9 @@ const CommandHelp playHelp = {R"(
 A stream that stays silent is said so after --silence seconds, and given up after
 twice as many. --reconnect begins a session anew after pauses of 1, 2, 4 ... 30 s,
 once there was media; --record then numbers its files. On a terminal a line tells
-state, position, speed, rate, loss and jitter, and keys steer; ? lists them.
+state, position, speed, rate, frames, loss and jitter, and keys steer; ? lists them.
+--preview draws by images (sixel, kitty) where the terminal is known to have them,
+else by half blocks.
 )",
                               R"(
 Examples:
@@ -55,10 +57,16 @@ Without --speed the recording is simply played into the file. With it the server
 is asked for a download, by the Scale values 101 to 108 (full frame) or 301 to 308
 (sampled): only some recorders know these. Without credentials --tag is then
 "plain", for an onvif source is told the speed only with its authorization.
+
+After Ctrl-C, or when the server was lost, FILE is whole as far as it goes. The
+same command with --continue fetches the rest, by Range, from shortly before FILE's
+last key frame on, into FILE.rest.mkv beside it, and makes one file of both without
+coding anything anew: the rest goes on at a key frame that both have. A FILE that
+is not there is fetched from its beginning.
 )",
                                   R"(
 Examples:
-  zr_rtsp_host download rtsp://192.0.2.10/vod keys.mkv --speed 3 --sampled
+  zr_rtsp_host download rtsp://192.0.2.10/vod day.mkv --continue
   zr_rtsp_host download rtsp://192.0.2.10/vod evening.mkv \
     --from 20260102T180000Z --to 20260102T183000Z
 )"};
