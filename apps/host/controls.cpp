@@ -1,11 +1,9 @@
 #include "controls.h"
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <ctime>
 
-#include <poll.h>
 #include <unistd.h>
 
 #include "output_file.h"
@@ -49,9 +47,9 @@ Controls::Controls(Course &course, Interrupt &interrupt, TerminalMode &terminal,
     : m_course(course)
     , m_interrupt(interrupt)
     , m_report(report)
-    , m_terminal(terminal)
+    , m_keys(terminal)
 {
-    m_course.alsoWakeFor(m_terminal.take() ? STDIN_FILENO : -1);
+    m_course.alsoWakeFor(m_keys.handle());
 }
 
 Controls::~Controls()
@@ -59,51 +57,24 @@ Controls::~Controls()
     m_course.alsoWakeFor(-1);
 }
 
-/// @return whether something came
-bool Controls::read()
-{
-    // the shell may have taken the terminal, or given it back, since the last time
-    const bool mine = !m_ended && m_terminal.take();
-    m_course.alsoWakeFor(mine ? STDIN_FILENO : -1);
-    pollfd ready{STDIN_FILENO, POLLIN, 0};
-    if (!mine || poll(&ready, 1, 0) <= 0)
-    {
-        return false;
-    }
-    std::array<char, 64> bytes{};
-    const ssize_t size = ::read(STDIN_FILENO, bytes.data(), bytes.size());
-    if (size > 0)
-    {
-        m_typed.append(bytes.data(), static_cast<size_t>(size));
-    }
-    else if (size == 0 || errno != EINTR)
-    {
-        m_ended = true;
-        m_course.alsoWakeFor(-1);
-    }
-    return size > 0;
-}
-
 void Controls::serve()
 {
-    while (read())
+    for (const Key key : m_keys.take())
     {
-        for (const Key key : takeKeys(m_typed))
+        if (m_course.over())
         {
-            if (m_course.over())
-            {
-                return;
-            }
-            try
-            {
-                act(key);
-            }
-            catch (const Failure &failed)
-            {
-                say(failed.what());
-            }
+            return;
+        }
+        try
+        {
+            act(key);
+        }
+        catch (const Failure &failed)
+        {
+            say(failed.what());
         }
     }
+    m_course.alsoWakeFor(m_keys.handle());
 }
 
 void Controls::act(Key key)

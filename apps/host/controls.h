@@ -6,8 +6,7 @@
 
 #include "course.h"
 #include "interrupt.h"
-#include "keys.h"
-#include "terminal_mode.h"
+#include "typed_keys.h"
 
 namespace zr::host {
 
@@ -29,7 +28,6 @@ public:
     void serve();
 
 private:
-    bool read();
     void act(Key key);
     void togglePause();
     void move(double seconds);
@@ -43,9 +41,7 @@ private:
     Course &m_course;
     Interrupt &m_interrupt;
     Report &m_report;
-    TerminalMode &m_terminal;
-    std::string m_typed;
-    bool m_ended = false; ///< nobody is there any more
+    TypedKeys m_keys;
 };
 
 } // namespace zr::host

@@ -165,6 +165,8 @@ void addWatch(CLI::App &app, Raw &raw, WatchOptions &watch)
     addTransport(app, raw, true);
     addDuration(app, watch.duration, "Seconds; without it until Ctrl-C");
     app.add_flag("--reconnect", watch.reconnect, "Begin a new session where the server ended one, was lost or refuses");
+    app.add_option("--metrics", watch.metrics, "Serve Prometheus metrics (on 127.0.0.1 only, unless IP:PORT)")
+        ->option_text("PORT");
     addSilence(app, watch.course);
 }
 
@@ -212,14 +214,28 @@ std::vector<Source> completeSources(const Raw &raw, const std::string &tag)
     return readSources(raw.file, given, tag);
 }
 
-tagTransportAddr wallAddress(const std::string &text)
+/// @param meaning  what is said of a text that is none
+tagTransportAddr addressAndPort(const std::string &text, const char *meaning)
 {
-    const Url url = parseUrl("rtsp://" + text);
-    if (url.text != "rtsp://" + url.host + ":" + std::to_string(url.port) || !CLI::ValidIPV4(url.host).empty())
+    const size_t colon = text.find(':');
+    const std::string ip = text.substr(0, colon);
+    const std::string digits = colon == std::string::npos ? "" : text.substr(colon + 1);
+    const bool number =
+        !digits.empty() && digits.size() <= 5 && digits.find_first_not_of("0123456789") == std::string::npos;
+    const int port = number ? std::stoi(digits) : 0;
+    if (!CLI::ValidIPV4(ip).empty() || port < 1 || port > 65535)
     {
-        throw wrongUsage("--to is an IPv4 address and a port, such as 192.0.2.40:5000");
+        throw wrongUsage(meaning);
     }
-    return {url.port, url.host};
+    return {static_cast<ZR_USHORT>(port), ip};
+}
+
+std::string listenAddress(const std::string &text)
+{
+    const bool withIp = text.find(':') != std::string::npos;
+    const tagTransportAddr address = addressAndPort((withIp ? "" : "127.0.0.1:") + text,
+                                                    "--metrics is a port, such as 9554, or IPv4 address and port");
+    return address.strIP + ":" + std::to_string(address.usPort);
 }
 
 // Without the words themselves, which may be a password's that has a blank or follows a mistyped option.
@@ -273,13 +289,14 @@ void understand(const Raw &raw, Options &options)
         common.source = source(tagOr("plain"));
         options.tv.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
         options.tv.course.fallBack = true;
-        options.tv.wall = wallAddress(raw.wall);
+        options.tv.wall = addressAndPort(raw.wall, "--to is an IPv4 address and a port, such as 192.0.2.40:5000");
         if (common.source.tag.substr(0, common.source.tag.find('@')) == "onvif")
         {
             throw wrongUsage("an onvif source has no relation to a TV wall: leave --tag away");
         }
         break;
     case Command::Watch:
+        options.watch.metrics = options.watch.metrics.empty() ? "" : listenAddress(options.watch.metrics);
         options.watch.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
         options.watch.sources = completeSources(raw, tagOr("onvif"));
         break;

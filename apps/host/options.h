@@ -65,6 +65,7 @@ struct WatchOptions
     std::vector<Source> sources;
     std::optional<double> duration; ///< seconds; none: until Ctrl-C
     bool reconnect = false;
+    std::string metrics; ///< IP:PORT where they are served; empty: not
 };
 
 enum class Command

@@ -84,8 +84,10 @@ Examples:
 
 const CommandHelp watchHelp = {R"(
 FILE names a URL a line; empty lines and those that begin with # do not count.
---user and --password are for all that bring none of their own. An interrupt or the
-end of --duration waits 3 s at most for servers that do not answer.
+--user and --password are for all that bring none of their own. On a terminal a
+table tells each stream's state and since when, rate and loss; with --json each has
+a line every 2 s; --metrics serves them at http://127.0.0.1:PORT/metrics. An
+interrupt or the end of --duration waits 3 s at most for servers that do not answer.
 )",
                                R"(
 Examples:

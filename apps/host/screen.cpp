@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 #include <sstream>
+#include <utility>
 
 #include "terminal_mode.h"
 
@@ -37,14 +38,7 @@ Screen::~Screen()
 {
     try
     {
-        if (m_forgotten > 0)
-        {
-            m_report.event("told", "(" + std::to_string(m_forgotten) + " earlier lines are left out)", nullptr);
-        }
-        for (const std::string &text : m_said)
-        {
-            m_report.event("told", text, nullptr);
-        }
+        leave();
     }
     catch (const std::exception &) // nobody reads it
     {
@@ -52,9 +46,30 @@ Screen::~Screen()
     }
 }
 
-void Screen::event(const std::string &, const std::string &text, const Fields &)
+void Screen::leave()
 {
     const std::scoped_lock lock(m_mutex);
+    if (std::exchange(m_left, true))
+    {
+        return;
+    }
+    if (m_forgotten > 0)
+    {
+        m_report.event("told", "(" + std::to_string(m_forgotten) + " earlier lines are left out)", nullptr);
+    }
+    for (const std::string &text : m_said)
+    {
+        m_report.event("told", text, nullptr);
+    }
+}
+
+void Screen::event(const std::string &name, const std::string &text, const Fields &fields)
+{
+    const std::scoped_lock lock(m_mutex);
+    if (m_left)
+    {
+        return m_report.event(name, text, fields);
+    }
     m_said.push_back(harmless(text));
     m_lastSaid = Clock::now();
     if (m_said.size() > keptLines)

@@ -23,7 +23,7 @@ public:
         : m_report(report)
     {
     }
-    /// To be called when the TerminalMode is gone.
+    /// When the TerminalMode is gone.
     ~Screen() override;
     Screen(const Screen &) = delete;
     Screen &operator=(const Screen &) = delete;
@@ -32,6 +32,8 @@ public:
     void status(const Status &now) override;
     void failure(const Failure &what) override;
 
+    /// Hands on what was said so far, and from now on at once. When the TerminalMode is gone.
+    void leave();
     /// What there is room for.
     TerminalSize bodySize() const;
     /// @param rows  drawn as they are: they fit and steer the terminal on purpose only. One that is no row of text but
@@ -53,6 +55,7 @@ private:
     std::string m_status;
     TerminalSize m_drawnFor{0, 0};
     Clock::time_point m_lastDrawn;
+    bool m_left = false;
 };
 
 } // namespace zr::host

@@ -1,179 +1,40 @@
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
 
+#include <poll.h>
 #include <sys/resource.h>
 
-#include "attempts.h"
 #include "commands.h"
+#include "controls.h"
+#include "metrics.h"
+#include "screen.h"
+#include "watch_stream.h"
+#include "watch_table.h"
 
 namespace zr::host {
 namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds atLeisure{1000};
 constexpr milliseconds summaryEvery{2000};
+constexpr milliseconds tableEvery{500};
 constexpr milliseconds answersWithin{3000}; // when all are to end
-
-enum State : size_t
-{
-    Connecting,
-    Alive,
-    Silent,
-    Lost,
-    states
-};
-
-/// One stream: its thread runs session after session and tells here how it is.
-class Stream : private Report
-{
-public:
-    /// @param source, report  outlive it
-    /// @param number  from 1, for a URL may come more than once
-    Stream(size_t number, const Source &source, Report &report)
-        : m_number(number)
-        , m_source(source)
-        , m_report(report)
-    {
-    }
-
-    /// Runs until it is over for good; throws nothing.
-    /// @return false when it is over because what is told cannot be printed
-    bool run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options);
-
-    // any thread
-    State state() const { return m_state; }
-    uint64_t packets() const { return m_packets; }
-    uint64_t lost() const { return m_lost; }
-
-private:
-    void runAll(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options);
-    Ending runOnce(Plugin &plugin, const Interrupt &interrupt, const CourseOptions &options);
-    void count(const Media &media, const Media &before);
-
-    // of a course's events those that change the stream's state are told, with its number and URL
-    void event(const std::string &name, const std::string &text, const Fields &fields) override;
-    void status(const Status &) override {}
-    void failure(const Failure &what) override;
-
-    const size_t m_number;
-    const Source &m_source;
-    Report &m_report;
-    std::string m_toldLoss; ///< why it was lost, as it was told; empty: it is not lost
-    bool m_told = false;    ///< what ended the latest session was told when it happened
-    std::atomic<State> m_state{Connecting};
-    std::atomic<uint64_t> m_packets{0}; ///< of all its sessions
-    std::atomic<uint64_t> m_lost{0};
-};
-
-void Stream::event(const std::string &name, const std::string &text, const Fields &fields)
-{
-    struct Change
-    {
-        const char *name;
-        State state;
-    };
-    static constexpr std::array<Change, 4> changes = {
-        {{"media", Alive}, {"silent", Silent}, {"notice", Lost}, {"failed", Lost}}};
-    const auto *change =
-        std::find_if(changes.begin(), changes.end(), [&](const Change &one) { return name == one.name; });
-    if (change == changes.end())
-    {
-        return;
-    }
-    m_state = change->state;
-    m_told = m_told || change->state == Lost;
-    // a device that is away is not told anew with each attempt
-    const std::string loss = change->state == Lost ? text : "";
-    if (loss.empty() || loss != m_toldLoss)
-    {
-        Fields told{{"stream", m_number}, {"url", m_source.url.text}};
-        if (fields.is_object())
-        {
-            told.update(fields);
-        }
-        m_report.event(name, "[" + std::to_string(m_number) + "] " + m_source.url.text + ": " + text, told);
-    }
-    m_toldLoss = loss;
-}
-
-void Stream::failure(const Failure &what)
-{
-    event("failed", what.what(), {{"code", what.code()}});
-}
-
-void Stream::count(const Media &media, const Media &before)
-{
-    m_packets += media.packets - before.packets;
-    m_lost += media.lost - std::min(media.lost, before.lost);
-}
-
-Ending Stream::runOnce(Plugin &plugin, const Interrupt &interrupt, const CourseOptions &options)
-{
-    m_told = false;
-    return attempt(plugin, interrupt, m_source, options, *this, [this](Course &course) {
-        course.begin();
-        while (!course.over())
-        {
-            const Media before = course.media();
-            course.step(atLeisure);
-            count(course.media(), before);
-        }
-        course.end();
-    });
-}
-
-bool Stream::run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options)
-{
-    try
-    {
-        runAll(plugin, interrupt, options);
-        return true;
-    }
-    catch (const Failure &)
-    {
-        return false;
-    }
-}
-
-/// @throws Failure  when it cannot be printed
-void Stream::runAll(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options)
-{
-    try
-    {
-        makeAttempts(options.reconnect ? Again::Always : Again::Never, interrupt, *this,
-                     [&] { return runOnce(plugin, interrupt, options.course); });
-    }
-    catch (const Failure &failed)
-    {
-        if (failed.exit() == ExitCode::Output)
-        {
-            throw;
-        }
-        if (!m_told && !interrupt.asked())
-        {
-            failure(failed);
-        }
-    }
-    catch (const std::exception &failed)
-    {
-        failure(Failure(ExitCode::Internal, "running", 0, failed.what()));
-    }
-}
 
 /// All streams, a thread each.
 class Watch
 {
 public:
-    Watch(const CommonOptions &common, const WatchOptions &options, Report &report)
+    /// @param screen  where the streams stand as a table; null: none
+    Watch(const CommonOptions &common, const WatchOptions &options, Report &report, Screen *screen)
         : m_options(options)
+        , m_json(common.json)
         , m_report(report)
+        , m_screen(screen)
         , m_plugin(common.plugin)
     {
         for (const Source &source : options.sources)
@@ -194,18 +55,25 @@ public:
     Watch &operator=(const Watch &) = delete;
 
     /// Returns when the time is over, the program is to end, or no stream is left.
-    void run();
+    /// @param keys  what is typed at the table; null: nothing
+    void run(TypedKeys *keys);
     /// Asks all to end.
     /// @return false when some did not within some seconds
     bool end();
 
 private:
     void start();
+    void wait(TypedKeys *keys, milliseconds longest);
+    void act(Key key);
     void tellSummary();
-    size_t count(State state) const;
+    std::vector<StreamFacts> facts() const;
+    size_t alive() const;
 
     const WatchOptions &m_options;
+    const bool m_json;
     Report &m_report;
+    Screen *const m_screen;
+    size_t m_first = 0; ///< of the streams in the table
     Interrupt m_interrupt;
     Plugin m_plugin;
     std::vector<std::unique_ptr<Stream>> m_streams;
@@ -217,14 +85,26 @@ private:
     Course::Clock::time_point m_lastSummary;
 };
 
-size_t Watch::count(State state) const
+std::vector<StreamFacts> Watch::facts() const
 {
-    size_t found = 0;
+    std::vector<StreamFacts> all;
+    all.reserve(m_streams.size());
     for (const auto &stream : m_streams)
     {
-        found += stream->state() == state ? 1 : 0;
+        all.push_back(stream->facts());
     }
-    return found;
+    return all;
+}
+
+size_t countOf(const std::vector<StreamFacts> &streams, StreamState state)
+{
+    return static_cast<size_t>(
+        std::count_if(streams.begin(), streams.end(), [state](const StreamFacts &one) { return one.state == state; }));
+}
+
+size_t Watch::alive() const
+{
+    return countOf(facts(), StreamState::Alive);
 }
 
 void Watch::start()
@@ -255,41 +135,97 @@ void Watch::start()
 
 void Watch::tellSummary()
 {
+    const std::vector<StreamFacts> streams = facts();
     const auto now = Course::Clock::now();
     const double seconds = std::chrono::duration<double>(now - m_lastSummary).count();
     uint64_t packets = 0;
     uint64_t lost = 0;
-    for (const auto &stream : m_streams)
+    double rate = 0;
+    for (const StreamFacts &stream : streams)
     {
-        packets += stream->packets();
-        lost += stream->lost();
+        packets += stream.packets;
+        lost += stream.lost;
+        rate += stream.kilobitsPerSecond;
+        if (m_json)
+        {
+            m_report.status({"stream", std::string(word(stream.state)) + " " + stream.url, streamFields(stream)});
+        }
     }
-    const long rate = std::lround(static_cast<double>(packets - m_packetsBefore) / std::max(seconds, 1e-3));
+    if (m_screen != nullptr)
+    {
+        const TerminalSize room = m_screen->bodySize();
+        m_first = std::min(m_first, streams.size() - std::min(streams.size(), room.rows - 1));
+        m_screen->body(streamTable(streams, m_first, room));
+    }
+    const long packetRate = std::lround(static_cast<double>(packets - m_packetsBefore) / std::max(seconds, 1e-3));
     m_packetsBefore = packets;
     m_lastSummary = now;
-    const size_t connecting = count(Connecting);
+    const size_t connecting = countOf(streams, StreamState::Connecting);
+    const size_t alive = countOf(streams, StreamState::Alive);
+    const size_t silent = countOf(streams, StreamState::Silent);
+    const size_t gone = countOf(streams, StreamState::Lost);
     m_report.status({"summary",
-                     std::to_string(count(Alive)) + " alive, " + std::to_string(count(Silent)) + " silent, " +
-                         std::to_string(count(Lost)) + " lost, " +
-                         (connecting == 0 ? "" : std::to_string(connecting) + " connecting, ") + std::to_string(rate) +
-                         " packets/s, " + std::to_string(lost) + " packets lost",
-                     {{"alive", count(Alive)},
-                      {"silent", count(Silent)},
-                      {"lost", count(Lost)},
+                     std::to_string(alive) + " alive, " + std::to_string(silent) + " silent, " + std::to_string(gone) +
+                         " lost, " + (connecting == 0 ? "" : std::to_string(connecting) + " connecting, ") +
+                         std::to_string(packetRate) + " packets/s, " + std::to_string(lost) + " packets lost" +
+                         (m_screen != nullptr ? "  up, down, page keys, q quit" : ""),
+                     {{"alive", alive},
+                      {"silent", silent},
+                      {"lost", gone},
                       {"connecting", connecting},
-                      {"packets_per_s", rate},
+                      {"packets_per_s", packetRate},
+                      {"kbit_per_s", rate},
                       {"packets_lost", lost}},
                      true});
 }
 
-void Watch::run()
+void Watch::act(Key key)
 {
+    const size_t page = m_screen != nullptr ? std::max<size_t>(m_screen->bodySize().rows, 2) - 1 : 1;
+    const size_t step = key == Key::Up || key == Key::Down ? 1 : page;
+    switch (key)
+    {
+    case Key::Quit:
+        return m_interrupt.ask();
+    case Key::Down:
+    case Key::FarBack: // page down
+        m_first += step;
+        break;
+    case Key::Up:
+    case Key::FarForward:
+        m_first -= std::min(m_first, step);
+        break;
+    default:
+        break;
+    }
+}
+
+/// Until the time is over, the program is to end, or something is typed.
+void Watch::wait(TypedKeys *keys, milliseconds longest)
+{
+    std::array<pollfd, 2> ready{
+        {{m_interrupt.handle(), POLLIN, 0}, {keys != nullptr ? keys->handle() : -1, POLLIN, 0}}};
+    poll(ready.data(), ready.size(), static_cast<int>(longest.count()));
+    for (const Key key : keys != nullptr ? keys->take() : std::vector<Key>{})
+    {
+        act(key);
+    }
+}
+
+void Watch::run(TypedKeys *keys)
+{
+    std::optional<Metrics> metrics;
+    if (!m_options.metrics.empty())
+    {
+        metrics.emplace(m_options.metrics, [this] { return facts(); });
+        m_report.event("metrics", "serving metrics at " + metrics->url(), {{"url", metrics->url()}});
+    }
     start();
     const auto end = Course::Clock::now() + inMilliseconds(m_options.duration.value_or(1e9));
     while (!m_interrupt.asked() && Course::Clock::now() < end)
     {
         const auto left = std::chrono::ceil<milliseconds>(end - Course::Clock::now());
-        m_interrupt.sleep(std::min(summaryEvery, left));
+        wait(keys, std::min(m_screen != nullptr ? tableEvery : summaryEvery, left));
         tellSummary();
         const std::scoped_lock lock(m_mutex);
         if (m_running == 0)
@@ -297,10 +233,10 @@ void Watch::run()
             break;
         }
     }
-    const size_t alive = count(Alive);
-    m_report.event("watched", std::to_string(alive) + " of " + std::to_string(m_streams.size()) + " streams are alive",
-                   {{"alive", alive}, {"streams", m_streams.size()}});
-    if (alive != m_streams.size())
+    const size_t atEnd = alive();
+    m_report.event("watched", std::to_string(atEnd) + " of " + std::to_string(m_streams.size()) + " streams are alive",
+                   {{"alive", atEnd}, {"streams", m_streams.size()}});
+    if (atEnd != m_streams.size())
     {
         throw Failure(ExitCode::Lost, "watching", 0, "not every stream was alive at the end");
     }
@@ -315,24 +251,44 @@ bool Watch::end()
 
 } // namespace
 
-void watchCommand(const CommonOptions &common, const WatchOptions &options, Report &report)
+void watchCommand(const CommonOptions &common, const WatchOptions &options, Report &printed)
 {
-    Watch watch(common, options, report);
+    std::optional<Screen> screen; // prints when the terminal has its usual screen again
+    if (Controls::wanted(common.json))
+    {
+        screen.emplace(printed);
+    }
+    Report &report = screen ? static_cast<Report &>(*screen) : printed;
+    Watch watch(common, options, report, screen ? &*screen : nullptr);
     std::optional<Failure> failed;
-    try
+    bool ended = false;
     {
-        watch.run();
+        std::optional<TerminalMode> terminal;
+        std::optional<TypedKeys> keys;
+        if (screen)
+        {
+            keys.emplace(terminal.emplace(TerminalMode::Kind::Keys, true));
+        }
+        try
+        {
+            watch.run(keys ? &*keys : nullptr);
+        }
+        catch (const Failure &failure)
+        {
+            failed = failure;
+        }
+        ended = watch.end();
     }
-    catch (const Failure &failure)
+    if (screen)
     {
-        failed = failure;
+        screen->leave();
     }
-    if (!watch.end())
+    if (!ended)
     {
         // somebody waits for a server that does not answer, for 25 s at most: that ends with the process
         if (failed)
         {
-            report.failure(*failed);
+            printed.failure(*failed);
         }
         std::_Exit(static_cast<int>(failed ? failed->exit() : ExitCode::Ok));
     }

@@ -116,6 +116,7 @@ complete -c zr_rtsp_host -n '__fish_seen_subcommand_from watch' -l tcp -d 'Recei
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from watch' -l udp -d 'Receive media over UDP'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from watch' -l duration -x -d 'Seconds; without it until Ctrl-C'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from watch' -l reconnect -d 'Begin a new session where the server ended one, was lost or refuses'
+complete -c zr_rtsp_host -n '__fish_seen_subcommand_from watch' -l metrics -x -d 'Serve Prometheus metrics (on 127.0.0.1 only, unless IP:PORT)'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from watch' -l silence -x -d 'Seconds without media after which that is said'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from watch' -l user -x -d 'User name, instead of one in the URL'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from watch' -l password -x -d 'Its password, which ps shows; or ZR_RTSP_PASSWORD in the environment, or typed'
