@@ -1,4 +1,6 @@
+#include <array>
 #include <filesystem>
+#include <mutex>
 #include <tuple>
 
 #include <gst/app/gstappsink.h>
@@ -182,6 +184,66 @@ TEST_F(PlayerMedia, RecordsBothTracksFromAKeyFrameOn)
     ASSERT_EQ(found.tracks, 2U);
     EXPECT_NEAR(found.seconds, 2.0, 0.25);
     EXPECT_EQ(recorded("audio_0 ! mulawdec").buffers.size(), nextAudio);
+}
+
+TEST_F(PlayerMedia, ShowsPicturesUntilThatIsEnded)
+{
+    struct Seen
+    {
+        std::mutex mutex;
+        std::vector<std::pair<ZR_ULONG, ZR_ULONG>> sizes;
+        std::array<int, 3> corner{};
+    } seen;
+    const auto count = [&seen] {
+        const std::lock_guard<std::mutex> lock(seen.mutex);
+        return seen.sizes.size();
+    };
+    const ZR_PICTURE_CALLBACK take = [](void *user, const unsigned char *rgb, ZR_ULONG width, ZR_ULONG height) {
+        auto &into = *static_cast<Seen *>(user);
+        const std::lock_guard<std::mutex> lock(into.mutex);
+        into.sizes.emplace_back(width, height);
+        for (size_t i = 0; rgb != nullptr && i < 3; ++i)
+            into.corner.at(i) = rgb[i];
+    };
+    setUpInterleaved();
+    ASSERT_EQ(ZR_MediaPortSetDescription(portId, sdpH264.c_str()), 0U);
+    EXPECT_EQ(ZR_MediaPortShow(portId, ZR_SHOW_PICTURES, nullptr, nullptr), ZR_ULONG{ZR_MEDIA_INVALID});
+    EXPECT_EQ(ZR_MediaPortShow(portId, ZR_SHOW_NOTHING, nullptr, nullptr), ZR_ULONG{ZR_MEDIA_BUSY});
+    ASSERT_EQ(ZR_MediaPortShow(portId, ZR_SHOW_PICTURES, take, &seen), 0U);
+    EXPECT_EQ(ZR_MediaPortShow(portId, ZR_SHOW_PICTURES, take, &seen), ZR_ULONG{ZR_MEDIA_BUSY});
+    feed(packetsOf(h264));
+    EXPECT_EQ(statistics().ullFrames, 60U);
+    ASSERT_TRUE(eventually([&] { return count() > 2; }));
+    ASSERT_EQ(ZR_MediaPortShow(portId, ZR_SHOW_NOTHING, nullptr, nullptr), 0U);
+    const size_t before = count();
+    feed(packetsOf(h264));
+    EXPECT_EQ(count(), before) << "nothing is shown any more, nor its end";
+    EXPECT_EQ(seen.sizes[0], std::make_pair(ZR_ULONG{160}, ZR_ULONG{120}));
+    for (const int part : seen.corner) // the first bar is white
+        EXPECT_GT(part, 160);
+}
+
+TEST_F(PlayerMedia, GoesOnBehindARecordingThatHasNothingInCommon)
+{
+    const auto recordInto = [this](const char *name, const std::string &sdp, const std::vector<Bytes> &packets) {
+        ASSERT_EQ(ZR_MediaPortSetDescription(portId, sdp.c_str()), 0U);
+        ASSERT_EQ(ZR_MediaPortRecord(portId, file(name).c_str()), 0U);
+        feed(packets);
+        ASSERT_EQ(ZR_MediaPortRecord(portId, nullptr), 0U);
+    };
+    setUpInterleaved();
+    recordInto("a.mkv", sdpPcmu, packetsOf("mulawenc ! rtppcmupay"));
+    recordInto("b.mkv", sdpPcmu, packetsOf("mulawenc ! rtppcmupay"));
+    recordInto("c.mkv", "m=audio 0 RTP/AVP 8\n", packetsOf("alawenc ! rtppcmapay"));
+    EXPECT_EQ(ZR_RecordingContinue(file("a.mkv").c_str(), file("b.mkv").c_str()), 0U);
+    EXPECT_EQ(recorded("audio_0 ! mulawdec").buffers.size(), 200U);
+    ZrRecordingFacts facts{};
+    ASSERT_EQ(ZR_RecordingFacts(file("a.mkv").c_str(), &facts), 0U);
+    EXPECT_NEAR(static_cast<double>(facts.ullMediaMs), 4000, 100);
+    for (const char *other : {"c.mkv", "none.mkv"}) // coded differently, not there
+        EXPECT_EQ(ZR_RecordingContinue(file("a.mkv").c_str(), file(other).c_str()), ZR_ULONG{ZR_MEDIA_INVALID});
+    EXPECT_EQ(recorded("audio_0 ! mulawdec").buffers.size(), 200U) << "it stayed";
+    EXPECT_EQ(files(), 3);
 }
 
 TEST_F(PlayerMedia, SaysAtOnceWhatCannotBeWritten)

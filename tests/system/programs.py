@@ -80,6 +80,14 @@ def host(*arguments, timeout=60):
     return Result(run.returncode, run.stdout, run.stderr)
 
 
+def frames(file):
+    """The sizes and times of a recording's video frames, as its reader finds them."""
+    line = ["gst-launch-1.0", "-v", "filesrc", f"location={file}", "!", "matroskademux", "!", "video/x-h264", "!",
+            "fakesink", "silent=false"]
+    told = subprocess.run(line, capture_output=True, text=True, timeout=60, check=True).stdout
+    return re.findall(r"\((\d+) bytes, dts: \S+, pts: (\S+), ", told)
+
+
 class HostTest(unittest.TestCase):
     """A test of the host, with a folder for what it writes."""
 

@@ -1,10 +1,12 @@
 """Recordings are fetched whole, and relayed to a TV wall."""
 
+import json
+import os
 import signal
 import unittest
 
 from faulty_device import PASSWORD as SECRET, USER, Device as FaultyDevice
-from programs import CREDENTIALS, INTERRUPTED, LOST, OK, REFUSED, HostTest
+from programs import CREDENTIALS, INTERRUPTED, LOST, OK, OUTPUT, REFUSED, HostTest, frames
 
 
 class DownloadTest(HostTest):
@@ -28,6 +30,35 @@ class DownloadTest(HostTest):
                 rest = process.stdout.read()
                 self.assertEqual(process.wait(20), code)
                 self.assertNotIn("downloaded", rest)
+
+    def test_what_was_cut_goes_on_without_a_gap(self):
+        device = self.device("--vod-length", "9")
+        whole, file = self.file("whole.mkv"), self.file("r.mkv")
+        complete = self.start("download", device.url("vod"), whole)
+        for end, code in ((signal.SIGKILL, -signal.SIGKILL), (signal.SIGINT, INTERRUPTED)):
+            process = self.start("download", device.url("vod"), file, "--continue", "--json")
+            events = (json.loads(line) for line in process.stdout)
+            begin = 0 if code != INTERRUPTED else 1
+            # some pictures more than it began with, which a killed one may not have written all
+            self.assertTrue(any(event["event"] == "progress" and event["seconds"] > begin + 3 for event in events))
+            process.send_signal(end)
+            process.stdout.read()
+            self.assertEqual(process.wait(20), code)
+        result = self.run_host(OK, "download", device.url("vod"), file, "--continue")
+        self.assertIn("downloaded 9.0 s", result.out)
+        complete.communicate(timeout=30)
+        self.assertEqual(frames(file), frames(whole))
+        self.check_recording(file, 9, "video/x-h264", "audio/x-alaw")
+        self.assertEqual(sorted(os.listdir(self.folder)), ["r.mkv", "whole.mkv"])
+
+    def test_no_other_file_is_continued(self):
+        device = self.device()
+        file = self.file("letter.mkv")
+        with open(file, "w", encoding="utf-8") as letter:
+            letter.write("Dear")
+        result = self.run_host(OUTPUT, "download", device.url("vod"), file, "--continue")
+        self.assertIn("it is no recording", result.err)
+        self.assertEqual(os.path.getsize(file), 4)
 
 
 class RelationTest(HostTest):

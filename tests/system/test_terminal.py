@@ -1,0 +1,143 @@
+"""What is seen at a terminal: the host runs under a shell with job control, on a terminal of its own."""
+
+import fcntl
+import os
+import pty
+import select
+import shlex
+import signal
+import socket
+import struct
+import termios
+import time
+import unittest
+import urllib.request
+
+from programs import HostTest, command, frames
+
+ENTERS, LEAVES = "\x1b[?1049h", "\x1b[?1049l"
+PROMPT = "prompt> "
+
+
+class Terminal:
+    """A shell on a terminal, as a person sees it who can read escape sequences."""
+
+    def __init__(self, folder):
+        self.shell, self.fd = pty.fork()
+        if self.shell == 0:
+            os.chdir(folder)
+            environment = {**os.environ, "PS1": PROMPT, "TERM": "xterm-256color", "LC_ALL": "C.UTF-8"}
+            os.execvpe("bash", ["bash", "--norc", "--noprofile", "--noediting", "-i"], environment)
+        self.seen = ""
+        self.resize(30, 100)
+        self.after(PROMPT)
+
+    def resize(self, rows, columns):
+        fcntl.ioctl(self.fd, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def type(self, text):
+        os.write(self.fd, text.encode())
+
+    def after(self, text):
+        """Waits until this is seen; what was seen before it, and never looks there again."""
+        end = time.monotonic() + 20
+        while text not in self.seen:
+            ready, _, _ = select.select([self.fd], [], [], max(end - time.monotonic(), 0))
+            if not ready:
+                raise AssertionError(f"{text!r} was not seen, but {self.seen[-2000:]!r}")
+            self.seen += os.read(self.fd, 65536).decode(errors="replace")
+        before, _, self.seen = self.seen.partition(text)
+        return before
+
+    def is_usual(self):
+        mode = termios.tcgetattr(self.fd)[3]
+        return bool(mode & termios.ECHO and mode & termios.ICANON)
+
+    def close(self):
+        os.kill(self.shell, signal.SIGHUP)
+        os.close(self.fd)
+        os.waitpid(self.shell, 0)
+
+
+class TerminalTest(HostTest):
+    def run_in_terminal(self, *arguments):
+        terminal = Terminal(self.folder)
+        self.addCleanup(terminal.close)
+        terminal.type(shlex.join(command(*arguments)) + "\n")
+        return terminal
+
+    def leave(self, terminal):
+        """By its key; what is printed then on the usual screen."""
+        terminal.type("q")
+        terminal.after(LEAVES)
+        said = terminal.after(PROMPT)
+        self.assertTrue(terminal.is_usual())
+        terminal.type("echo code $?\n")
+        terminal.after("code 0\r\n")
+        return said
+
+    def test_preview(self):
+        terminal = self.run_in_terminal("play", self.device().url("live"), "--tcp", "--preview")
+        terminal.after(ENTERS)
+        terminal.after("\u2584")  # half a block of the picture
+        terminal.after(" frames ")
+        self.assertFalse(terminal.is_usual())
+        terminal.type("r")
+        terminal.after("  rec  ")
+        terminal.after("playing  0:04")
+        terminal.type("\x1a")
+        terminal.after(LEAVES)
+        terminal.after(PROMPT)
+        self.assertTrue(terminal.is_usual())
+        terminal.type("fg\n")
+        terminal.after(ENTERS)
+        self.assertFalse(terminal.is_usual())
+        terminal.resize(10, 40)
+        terminal.after("\x1b[10;1H\x1b[7mplaying")  # the status line stands below
+        terminal.after("playing  0:08")
+        terminal.type("r")
+        terminal.after("recorded zr_rtsp-")
+        self.assertIn("received ", self.leave(terminal))
+        recordings = [name for name in os.listdir(self.folder) if name.endswith(".mkv")]
+        self.assertEqual(len(recordings), 1)
+        self.assertGreater(len(frames(self.file(recordings[0]))), 50)
+
+    def test_status_line_in_a_terminal_that_becomes_narrow(self):
+        terminal = self.run_in_terminal("play", self.device().url("vod"), "--tcp")
+        terminal.after("  ? keys")
+        terminal.resize(30, 30)
+        terminal.after("\x1b[2A\x1b[J")  # it had become three lines, which are gone
+        self.assertRegex(terminal.after("\r\x1b[K"), r"^playing  0:\d\d/0:09  .{12}$")
+        terminal.type("\x1b[1;2C")
+        terminal.after("playing from 0:08")  # a minute on is beyond the end
+        terminal.type("q")
+        terminal.after(PROMPT)
+        self.assertTrue(terminal.is_usual())
+
+    def test_watch_table_and_metrics(self):
+        device = self.device()
+        with open(self.file("list"), "w", encoding="utf-8") as urls:
+            urls.write("".join(f"{device.url(mount)}\n" for mount in ("live", "video", "missing")))
+        terminal = self.run_in_terminal("watch", self.file("list"), "--reconnect", "--metrics", "0")
+        terminal.after("--metrics is a port")
+        terminal.after(PROMPT)
+        with socket.create_server(("127.0.0.1", 0)) as free:
+            port = free.getsockname()[1]
+        terminal.type(shlex.join(command("watch", self.file("list"), "--reconnect", "--metrics", str(port))) + "\n")
+        terminal.after(ENTERS)
+        terminal.after("2 alive, 0 silent, 1 lost")
+        row = terminal.after("/missing")
+        self.assertRegex(row[-80:], r"   3  lost        \d\d:\d\d:\d\d            0        0  rtsp://")
+        with urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=20) as answer:
+            told = answer.read().decode()
+        for number, mount, up in ((1, "live", 1), (3, "missing", 0)):
+            self.assertIn(f'zr_rtsp_stream_up{{stream="{number}",url="{device.url(mount)}"}} {up}\n', told)
+        self.assertRegex(told, r'zr_rtsp_stream_packets_total\{stream="2",url="[^"]*"\} [1-9]')
+        terminal.type("q")
+        terminal.after(LEAVES)
+        self.assertIn("2 of 3 streams are alive", terminal.after(PROMPT))
+        self.assertTrue(terminal.is_usual())
+
+
+if __name__ == "__main__":
+    unittest.main()
