@@ -92,7 +92,7 @@ void Stream::count(const Media &media, const Media &before)
     m_facts.packets += media.packets - before.packets;
     m_facts.bytes += media.bytes - before.bytes;
     m_facts.lost += media.lost - std::min(media.lost, before.lost);
-    m_facts.kilobitsPerSecond = media.kilobitsPerSecond;
+    m_facts.kilobitsPerSecond = m_facts.state == StreamState::Alive ? media.kilobitsPerSecond : 0;
     m_facts.jitterMs = media.jitterMs;
 }
 

@@ -85,7 +85,12 @@ class LivenessTest(HostTest):
         self.assertEqual(lost, set(range(11, 21)))  # of the device that died
         rest = [json.loads(line) for line in process.stdout]
         self.assertEqual(process.wait(20), LOST)
-        self.assertFalse([event for event in rest if "stream" in event], "others were disturbed")
+        told = [event for event in rest if event["event"] == "stream"]  # a line each, in every round
+        self.assertFalse([event for event in rest if "stream" in event and event not in told], "others were disturbed")
+        for event in told[-20:]:
+            alive = event["stream"] <= 10
+            self.assertEqual((event["state"], event["kbit_per_s"] > 0), ("alive" if alive else "lost", alive), event)
+            self.assertEqual(event["reason"] == "", alive)
         self.assertEqual([event["alive"] for event in rest if event["event"] == "watched"], [10])
 
     def test_watch_is_content_when_all_are_alive(self):
