@@ -186,7 +186,7 @@ int main(int argc, char **argv)
             ->check(CLI::PositiveNumber)
             ->capture_default_str();
         app.add_option("--seconds", churn.seconds, "churn ends then, however far it came")->capture_default_str();
-        app.add_option("--log-level", logLevel)->check(CLI::Range(1, 4))->capture_default_str();
+        app.add_option("--log-level", logLevel, "5: no line at all")->check(CLI::Range(1, 5))->capture_default_str();
     };
     const int code = client::run(argc, argv, program);
     return playersStayed ? code : 1;

@@ -301,7 +301,8 @@ extern "C"
     /// Closes a port: ends its recording, closes its sockets. Nothing of it runs when this returns.
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortClose(ZR_ULONG ulPortID);
 
-    /// Lines below this level are not written (default: ZR_LOG_INFO to a file, ZR_LOG_WARNING to stderr).
+    /// Lines below this level are not written (default: ZR_LOG_INFO to a file, ZR_LOG_WARNING to stderr; above
+    /// ZR_LOG_ERROR: none is).
     ZR_PLATFORM_API void ZR_LogSetLevel(tagZrLogLevel enLevel);
     /// Has the log write "***" wherever this text stands in a line, such as a password; for all time. Any thread.
     /// @param pszText  NULL and empty: without effect
