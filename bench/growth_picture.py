@@ -5,7 +5,7 @@ STYLE = """text{font:11px sans-serif;fill:#24292f}.grid{stroke:#d0d7de}.a{stroke
 .b{stroke:#9a6700;fill:#9a6700}polyline{fill:none!important;stroke-width:2}text.a,text.b{stroke:none}
 @media(prefers-color-scheme:dark){text{fill:#e6edf3}.grid{stroke:#30363d}.a{stroke:#58a6ff;fill:#58a6ff}
 .b{stroke:#d29922;fill:#d29922}}"""
-PANEL, PLOT = (230, 190), (48, 34, 165, 110)  # width and height; left, top, width, height within
+PANEL, PLOT = (244, 190), (48, 34, 165, 110)  # width and height; left, top, width, height within
 
 
 def decades(values):
@@ -53,5 +53,5 @@ def picture(figures):
     names = list(next(iter(figures.values())))
     for number, (mark, name) in enumerate(zip("ab", names)):
         out.append(f'<text class="{mark}" x="{48 + 80 * number}" y="{2 * height + 14}">● {name}</text>')
-    out.append(f'<text x="{2 * width - 17}" y="{2 * height + 14}" text-anchor="end">over sessions held</text></svg>\n')
+    out.append(f'<text x="{2 * width - 31}" y="{2 * height + 14}" text-anchor="end">over sessions held</text></svg>\n')
     return "\n".join(out)
