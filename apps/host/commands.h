@@ -14,6 +14,8 @@ void checkCommand(const CommonOptions &common, const CheckOptions &options, Repo
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &report);
 void downloadCommand(const CommonOptions &common, const DownloadOptions &options, Report &report);
 void tvCommand(const CommonOptions &common, const TvOptions &options, Report &report);
+/// Lists them.
+void camerasCommand(const CamerasOptions &options, Report &report);
 /// Ends the process itself when a server does not answer at the end.
 void watchCommand(const CommonOptions &common, const WatchOptions &options, Report &report);
 

@@ -66,6 +66,10 @@ int run(int argc, char **argv, Report &report)
         const Options options = parseOptions(argc, argv);
         setUpLog(options);
         setUpTls(options.common, report);
+        for (const std::string &text : options.common.warnings)
+        {
+            report.warning("open_secret", text, nullptr);
+        }
         Trace trace(report);
         if (options.common.trace || !options.common.traceFile.empty())
         {
@@ -89,6 +93,9 @@ int run(int argc, char **argv, Report &report)
             break;
         case Command::Tv:
             tvCommand(options.common, options.tv, report);
+            break;
+        case Command::Cameras:
+            camerasCommand(options.cameras, report);
             break;
         case Command::Watch:
             watchCommand(options.common, options.watch, report);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <map>
 
 #include <CLI/CLI.hpp>
@@ -27,6 +28,8 @@ struct Raw
     Credentials credentials;
     std::optional<std::string> password;
     std::string passwordFile;
+    std::string camerasFile;
+    std::optional<Camera> camera; ///< that was meant by its name
     bool tcp = false;
     bool udp = false;
     std::optional<ZR_ULONG> downloadSpeed;
@@ -60,6 +63,8 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
     app.add_option("--password-file", raw.passwordFile, "File whose first line is the password")
         ->excludes(password)
         ->option_text("FILE");
+    app.add_option("--cameras", raw.camerasFile, "Names of cameras (default: ~/.config/zr_rtsp/cameras.toml)")
+        ->check(CLI::ExistingFile);
     app.add_option("--ca", common.caFile, "Trust this certificate for rtsps as well (PEM)")->check(CLI::ExistingFile);
     app.add_flag("--insecure", common.insecure, "Take any certificate of an rtsps server for good");
     app.add_option("--tag", raw.tag, "Decoder description, such as onvif (default), guobiao, omz-v1@12")->check(plain);
@@ -79,7 +84,7 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
 
 void addUrl(CLI::App &app, Raw &raw)
 {
-    app.add_option("URL", raw.url, "rtsp://[user:password@]host[:port]/path")->required();
+    app.add_option("URL", raw.url, "rtsp://[user:password@]host[:port]/path, or a name")->required();
 }
 
 void addTransport(CLI::App &app, Raw &raw, bool tcpIsDefault)
@@ -161,7 +166,8 @@ void addTv(CLI::App &app, Raw &raw, TvOptions &tv)
 
 void addWatch(CLI::App &app, Raw &raw, WatchOptions &watch)
 {
-    app.add_option("FILE", raw.file, "URLs, one a line")->required()->check(CLI::ExistingFile);
+    app.add_option("FILE", raw.file, "URLs, or cameras' names, one a line (default: all cameras)")
+        ->check(CLI::ExistingFile);
     addTransport(app, raw, true);
     addDuration(app, watch.duration, "Seconds; without it until Ctrl-C");
     app.add_flag("--reconnect", watch.reconnect, "Begin a new session where the server ended one, was lost or refuses");
@@ -173,6 +179,14 @@ void addWatch(CLI::App &app, Raw &raw, WatchOptions &watch)
 Credentials givenCredentials(const Raw &raw)
 {
     Credentials given = raw.credentials;
+    if (raw.camera && given.user.empty() && !raw.password && raw.passwordFile.empty())
+    {
+        given = credentialsOf(*raw.camera);
+        if (given.complete)
+        {
+            return given;
+        }
+    }
     const char *inherited = std::getenv("ZR_RTSP_PASSWORD"); // NOLINT(concurrency-mt-unsafe): there is one thread yet
     if (raw.password)
     {
@@ -207,11 +221,28 @@ Source completeSource(const Raw &raw, const std::string &tag)
     return source;
 }
 
-std::vector<Source> completeSources(const Raw &raw, const std::string &tag)
+/// Those of a file, or all cameras.
+std::vector<Source> completeSources(const Raw &raw, const std::string &tag, const Cameras &cameras)
 {
     Credentials given = givenCredentials(raw);
     complete(given, "");
-    return readSources(raw.file, given, tag);
+    const auto sourceOf = [&](const Camera &camera) {
+        const Credentials own = credentialsOf(camera);
+        const bool has = own.complete || !own.user.empty() || !parseUrl(camera.url).credentials.user.empty();
+        return makeSource(camera.url, has ? own : given, raw.tag.empty() && !camera.tag.empty() ? camera.tag : tag);
+    };
+    std::vector<Source> sources;
+    if (!raw.file.empty())
+    {
+        return readSources(raw.file, given, tag,
+                           [&](const std::string &name) { return sourceOf(cameras.named(name)); });
+    }
+    std::transform(cameras.all().begin(), cameras.all().end(), std::back_inserter(sources), sourceOf);
+    if (sources.empty())
+    {
+        throw wrongUsage("there is neither a FILE nor a cameras file to watch");
+    }
+    return sources;
 }
 
 /// @param meaning  what is said of a text that is none
@@ -249,8 +280,39 @@ std::string unexpected(const std::vector<std::string> &words)
     return options.empty() ? "there is more than the command takes" : "the command does not know" + options;
 }
 
-void understand(const Raw &raw, Options &options)
+/// What a camera's name stands for takes the URL's place.
+void nameCamera(Raw &raw, const Cameras &cameras)
 {
+    raw.camera = cameras.named(raw.url);
+    raw.url = raw.camera->url;
+    raw.tag = raw.tag.empty() ? raw.camera->tag : raw.tag;
+}
+
+/// @return the cameras file, if the command line needs it
+std::optional<Cameras> findCameras(Raw &raw, Options &options)
+{
+    const bool named = Cameras::isName(raw.url);
+    std::vector<std::string> &warnings = options.common.warnings;
+    if (isReadByOthers(raw.passwordFile))
+    {
+        warnings.push_back(openSecret(raw.passwordFile));
+    }
+    if (!named && options.command != Command::Cameras && options.command != Command::Watch)
+    {
+        return std::nullopt;
+    }
+    const Cameras cameras(raw.camerasFile);
+    warnings.insert(warnings.end(), cameras.warnings().begin(), cameras.warnings().end());
+    if (named)
+    {
+        nameCamera(raw, cameras);
+    }
+    return cameras;
+}
+
+void understand(Raw &raw, Options &options)
+{
+    const auto cameras = findCameras(raw, options);
     const auto tagOr = [&](const char *own) { return raw.tag.empty() ? std::string(own) : raw.tag; };
     const auto source = [&](const std::string &tag) { return completeSource(raw, tag); };
     CommonOptions &common = options.common;
@@ -298,7 +360,10 @@ void understand(const Raw &raw, Options &options)
     case Command::Watch:
         options.watch.metrics = options.watch.metrics.empty() ? "" : listenAddress(options.watch.metrics);
         options.watch.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
-        options.watch.sources = completeSources(raw, tagOr("onvif"));
+        options.watch.sources = completeSources(raw, tagOr("onvif"), *cameras);
+        break;
+    case Command::Cameras:
+        options.cameras = {cameras->file(), cameras->all()};
         break;
     }
 }
@@ -328,6 +393,7 @@ Options parseOptions(int argc, char **argv)
     auto *download = add(Command::Download, "download", "Fetch a recording into a file", downloadHelp);
     auto *tv = add(Command::Tv, "tv", "Play a recording, sent to a TV wall as well", tvHelp);
     auto *watch = add(Command::Watch, "watch", "Play many streams at once, and say how they are", watchHelp);
+    auto *cameras = add(Command::Cameras, "cameras", "List the cameras that have names", camerasHelp);
     addUrl(*describe, raw);
     describe->add_flag("--sdp", options.describe.sdp, "Print the description (SDP) as it came, and nothing else");
     addUrl(*check, raw);
@@ -340,7 +406,7 @@ Options parseOptions(int argc, char **argv)
     addDownload(*download, raw, options.download);
     addTv(*tv, raw, options.tv);
     addWatch(*watch, raw, options.watch);
-    for (CLI::App *command : {describe, check, play, download, tv, watch})
+    for (CLI::App *command : {describe, check, play, download, tv, watch, cameras})
     {
         command->option_defaults()->group(commonGroup);
         addCommon(*command, raw, options.common);

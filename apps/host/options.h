@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "cameras.h"
 #include "course.h"
 
 namespace zr::host {
@@ -17,11 +18,12 @@ struct CommonOptions
     std::optional<tagZrLogLevel> logLevel; ///< of the libraries' log
     std::string logFile;                   ///< empty: stderr
     bool json = false;
-    bool trace = false;    ///< messages on the wire are shown
-    std::string traceFile; ///< where, instead of stderr; empty: there
-    std::string caFile;    ///< trusted for rtsps besides the system's; empty: none
-    bool insecure = false; ///< servers' certificates are not verified
-    bool force = false;    ///< files may be written over
+    bool trace = false;                ///< messages on the wire are shown
+    std::string traceFile;             ///< where, instead of stderr; empty: there
+    std::string caFile;                ///< trusted for rtsps besides the system's; empty: none
+    bool insecure = false;             ///< servers' certificates are not verified
+    bool force = false;                ///< files may be written over
+    std::vector<std::string> warnings; ///< about files with secrets
 };
 
 struct DescribeOptions
@@ -68,6 +70,12 @@ struct WatchOptions
     std::string metrics; ///< IP:PORT where they are served; empty: not
 };
 
+struct CamerasOptions
+{
+    std::string file; ///< empty: there is none
+    std::vector<Camera> cameras;
+};
+
 enum class Command
 {
     Help, ///< it was printed, nothing is left to do
@@ -76,7 +84,8 @@ enum class Command
     Play,
     Download,
     Tv,
-    Watch
+    Watch,
+    Cameras
 };
 
 struct Options
@@ -89,6 +98,7 @@ struct Options
     DownloadOptions download;
     TvOptions tv;
     WatchOptions watch;
+    CamerasOptions cameras;
 };
 
 /// @throws Failure  of wrong usage

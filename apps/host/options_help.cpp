@@ -83,7 +83,8 @@ Examples:
 )"};
 
 const CommandHelp watchHelp = {R"(
-FILE names a URL a line; empty lines and those that begin with # do not count.
+FILE names a URL or a camera a line; empty lines and those that begin with # do not
+count. Without it all cameras are watched.
 --user and --password are for all that bring none of their own. On a terminal a
 table tells each stream's state and since when, rate and loss; with --json each has
 a line every 2 s; --metrics serves them at http://127.0.0.1:PORT/metrics. An
@@ -93,6 +94,32 @@ interrupt or the end of --duration waits 3 s at most for servers that do not ans
 Examples:
   zr_rtsp_host watch cameras.txt --user admin --reconnect
   zr_rtsp_host watch cameras.txt --udp --duration 60 --json
+)"};
+
+const CommandHelp camerasHelp = {R"(
+Their names stand for URLs in all commands, and in the file of watch. The file is
+~/.config/zr_rtsp/cameras.toml (below XDG_CONFIG_HOME, where that is set), or that
+of --cameras. It has a table a camera:
+
+  [door]
+  url = "rtsp://192.0.2.10/live"
+  user = "admin"
+  password-command = "secret-tool lookup camera door"
+
+  [yard]
+  url = "rtsps://192.0.2.11/live"
+  user = "admin"
+  password-file = "yard.secret"
+  tag = "onvif"
+
+The password is the first line of the file, which is sought beside the cameras file,
+or of what the command prints; the shell runs it when the camera is used. What the
+command line says of user, password and tag goes before.
+)",
+                                 R"(
+Examples:
+  zr_rtsp_host cameras --json
+  zr_rtsp_host play door --cameras site.toml
 )"};
 
 } // namespace zr::host

@@ -18,5 +18,6 @@ extern const CommandHelp playHelp;
 extern const CommandHelp downloadHelp;
 extern const CommandHelp tvHelp;
 extern const CommandHelp watchHelp;
+extern const CommandHelp camerasHelp;
 
 } // namespace zr::host

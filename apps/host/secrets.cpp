@@ -5,7 +5,10 @@
 #include <fstream>
 #include <iostream>
 #include <limits>
+#include <sstream>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "failure.h"
@@ -47,6 +50,47 @@ std::string readPassword(const std::string &file)
                          std::to_string(longestPassword) + " characters");
     }
     return line;
+}
+
+std::string runForPassword(const std::string &command, const std::string &whose)
+{
+    const auto failed = [&](const std::string &why) {
+        return Failure(ExitCode::Credentials, "asking for the password of " + whose, 0, "its command " + why,
+                       "run it in a shell: it is to print the password as its first line");
+    };
+    FILE *const pipe = popen(command.c_str(), "re"); // NOLINT(cert-env33-c): the user's own file names it
+    if (pipe == nullptr)
+    {
+        throw failed("cannot be run");
+    }
+    std::string printed;
+    for (int c = 0; (c = std::fgetc(pipe)) != EOF;)
+    {
+        printed += printed.size() <= longestPassword ? std::string(1, static_cast<char>(c)) : ""; // it may print more
+    }
+    const int status = pclose(pipe);
+    std::istringstream in(printed);
+    std::string line;
+    if (status != 0)
+    {
+        throw failed(WIFEXITED(status) ? "fails with exit code " + std::to_string(WEXITSTATUS(status)) : "was ended");
+    }
+    if (!readLine(in, line))
+    {
+        throw failed("prints no password of 1 to " + std::to_string(longestPassword) + " characters");
+    }
+    return line;
+}
+
+bool isReadByOthers(const std::string &file)
+{
+    struct stat status = {};
+    return stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
+}
+
+std::string openSecret(const std::string &file)
+{
+    return file + " holds a password, and others may read it: chmod go-r it";
 }
 
 bool canAskPassword()

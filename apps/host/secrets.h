@@ -10,6 +10,16 @@ namespace zr::host {
 /// @throws Failure  of wrong usage, when it cannot be read or holds none
 std::string readPassword(const std::string &file);
 
+/// The first line that a command prints, by the shell, with the terminal as it is.
+/// @param whose  a camera's name
+/// @throws Failure  Credentials, when it cannot be run, fails or prints none
+std::string runForPassword(const std::string &command, const std::string &whose);
+
+/// Whether others than a file's owner may read it; false when there is none.
+bool isReadByOthers(const std::string &file);
+/// Words about such a file.
+std::string openSecret(const std::string &file);
+
 /// Whether somebody could be asked for a password.
 bool canAskPassword();
 

@@ -2,6 +2,7 @@
 
 #include <fstream>
 
+#include "cameras.h"
 #include "failure.h"
 
 namespace zr::host {
@@ -37,7 +38,8 @@ Source makeSource(const std::string &url, const Credentials &given, const std::s
     return source;
 }
 
-std::vector<Source> readSources(const std::string &file, const Credentials &given, const std::string &tag)
+std::vector<Source> readSources(const std::string &file, const Credentials &given, const std::string &tag,
+                                const std::function<Source(const std::string &)> &named)
 {
     std::ifstream lines(file);
     std::vector<Source> sources;
@@ -51,12 +53,18 @@ std::vector<Source> readSources(const std::string &file, const Credentials &give
         }
         try
         {
+            if (Cameras::isName(line))
+            {
+                sources.push_back(named(line));
+                continue;
+            }
             const bool own = !parseUrl(line).credentials.user.empty();
             sources.push_back(makeSource(line, own ? Credentials() : given, tag));
         }
         catch (const Failure &wrong)
         {
-            throw wrongUsage(file + ", line " + std::to_string(number) + ": " + wrong.meaning());
+            throw Failure(wrong.exit(), "reading " + file, wrong.code(),
+                          "line " + std::to_string(number) + ": " + wrong.meaning(), wrong.advice());
         }
         if (sources.size() > mostSources)
         {

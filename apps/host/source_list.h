@@ -2,6 +2,7 @@
 /// Which sources are meant: URLs and credentials, from the command line or from a file.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,9 +14,11 @@ namespace zr::host {
 /// @throws Failure  of wrong usage, for what cannot be understood or handed over
 Source makeSource(const std::string &url, const Credentials &given, const std::string &tag);
 
-/// A file with a URL a line; empty lines and those that begin with # do not count.
+/// A file with a URL or a camera's name a line; empty lines and those that begin with # do not count.
 /// @param given  credentials of those that bring none
-/// @throws Failure  of wrong usage, naming the line
-std::vector<Source> readSources(const std::string &file, const Credentials &given, const std::string &tag);
+/// @param named  gives a camera's source
+/// @throws Failure  of wrong usage, or named()'s, naming the line
+std::vector<Source> readSources(const std::string &file, const Credentials &given, const std::string &tag,
+                                const std::function<Source(const std::string &)> &named);
 
 } // namespace zr::host

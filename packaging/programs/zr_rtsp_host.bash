@@ -7,17 +7,18 @@ _zr_rtsp_host() {
     done
     case $before in
         --log-level) COMPREPLY=($(compgen -W 'debug info warning error' -- "$word")); return ;;
-        --password-file | --ca | --trace-file | --log-file | --plugin | --report | --snapshot | --record) compopt -o filenames; COMPREPLY=($(compgen -f -- "$word")); return ;;
+        --password-file | --cameras | --ca | --trace-file | --log-file | --plugin | --report | --snapshot | --record) compopt -o filenames; COMPREPLY=($(compgen -f -- "$word")); return ;;
         --user | --password | --tag | --from | --to | --speed | --duration | --pause-at | --pause-for | --silence | --metrics) return ;;
     esac
     case $command in
-        describe) options='--help --help-all --sdp --user --password --password-file --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        check) options='--help --help-all --force --report --user --password --password-file --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        play) options='--help --help-all --tcp --udp --from --to --speed --duration --pause-at --pause-for --snapshot --record --preview --window --reconnect --silence --force --user --password --password-file --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        download) options='--help --help-all --force --tcp --udp --from --to --speed --sampled --full-frame --continue --user --password --password-file --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        tv) options='--help --help-all --to --tcp --duration --user --password --password-file --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        watch) options='--help --help-all --tcp --udp --duration --reconnect --metrics --silence --user --password --password-file --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        '') options='describe check play download tv watch --help --version' ;;
+        describe) options='--help --help-all --sdp --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        check) options='--help --help-all --force --report --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        play) options='--help --help-all --tcp --udp --from --to --speed --duration --pause-at --pause-for --snapshot --record --preview --window --reconnect --silence --force --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        download) options='--help --help-all --force --tcp --udp --from --to --speed --sampled --full-frame --continue --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        tv) options='--help --help-all --to --tcp --duration --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        watch) options='--help --help-all --tcp --udp --duration --reconnect --metrics --silence --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        cameras) options='--help --help-all --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        '') options='describe check play download tv watch cameras --help --version' ;;
     esac
     if [[ $word == -* || -z $command ]]; then
         COMPREPLY=($(compgen -W "$options" -- "$word"))

@@ -94,6 +94,45 @@ class SecureTest(HostTest):
             for secret in (PASSWORD, base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()):
                 self.assertNotIn(secret, text)
 
+    def test_cameras(self):
+        url = self.device("--user", USER, "--password", PASSWORD, "--auth", "digest").url("video")
+        file, secret = self.file("zr_rtsp/cameras.toml"), self.file("zr_rtsp/yard.secret")
+        os.mkdir(os.path.dirname(file))
+        os.environ["XDG_CONFIG_HOME"] = self.folder
+        self.addCleanup(os.environ.pop, "XDG_CONFIG_HOME")
+
+        def write(name, text, mode):
+            with open(name, "w", encoding="utf-8") as out:
+                out.write(text)
+            os.chmod(name, mode)
+
+        head = f'[door]\nurl = "{url}"\nuser = "{USER}"\n'
+        write(secret, PASSWORD + "\n", 0o600)
+        write(file, f"{head}password-command = 'cat {secret}; echo more'\n[yard]\nurl = \"{url}\"\nuser = \"{USER}\"\n"
+                    'password-file = "yard.secret"\ntag = "plain"\n[none]\nurl = "rtsp://a:b@127.0.0.1:9/"\n', 0o600)
+        play = ("play", "door", "--duration", "0.2")
+        self.assertEqual(self.run_host(OK, *play).err, "")
+        self.run_host(CREDENTIALS, *play, "--user", USER, "--password", "another")
+        listed = self.file("listed")
+        write(listed, "yard\n", 0o600)
+        self.run_host(OK, "watch", listed, "--duration", "1")
+        self.assertIn("one of door, none, yard", self.run_host(USAGE, "play", "yrd").err)
+        os.chmod(secret, 0o644)
+        events = self.run_host(OK, "cameras", "--json").events()
+        self.assertEqual([(event["event"], event.get("url")) for event in events],
+                         [("open_secret", None), ("camera", url), ("camera", "rtsp://127.0.0.1:9/"), ("camera", url)])
+        for code, told, text, mode in (
+                (USAGE, "others than you may write it", head + 'password-command = "true"', 0o622),
+                (CREDENTIALS, "fails with exit code 3", head + 'password-command = "echo no; exit 3"', 0o600),
+                (USAGE, "line 4: door: there is no key pasword", head + 'pasword = "x"', 0o600),
+                (USAGE, "line 4: door: tag is no text", head + "tag = 4", 0o600),
+                (USAGE, "line 4: ", head + 'tag = "open\n', 0o600),
+                (USAGE, "line 1: door has a password, but no user",
+                 head.rsplit("user", 1)[0] + 'password-file = "x"', 0o600)):
+            with self.subTest(text=text):
+                write(file, text, mode)
+                self.assertIn(told, self.run_host(code, *play).err)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -1,0 +1,42 @@
+#include <algorithm>
+
+#include "commands.h"
+
+namespace zr::host {
+
+void camerasCommand(const CamerasOptions &options, Report &report)
+{
+    size_t nameWidth = 0;
+    size_t urlWidth = 0;
+    for (const Camera &camera : options.cameras)
+    {
+        nameWidth = std::max(nameWidth, camera.name.size());
+        urlWidth = std::max(urlWidth, parseUrl(camera.url).text.size());
+    }
+    const auto padded = [](std::string text, size_t width) { return text.append(width - text.size() + 2, ' '); };
+    for (const Camera &camera : options.cameras)
+    {
+        const Url url = parseUrl(camera.url);
+        const std::string user = camera.user.empty() ? url.credentials.user : camera.user;
+        const std::string password = !camera.passwordFile.empty()      ? "in " + camera.passwordFile
+                                     : !camera.passwordCommand.empty() ? "by its command"
+                                     : url.credentials.complete        ? "in its URL"
+                                     : user.empty()                    ? ""
+                                                                       : "typed, or ZR_RTSP_PASSWORD";
+        report.event(
+            "camera",
+            padded(camera.name, nameWidth) + padded(url.text, urlWidth) +
+                (user.empty() ? "" : "user " + user + ", password " + password) +
+                (camera.tag.empty() ? "" : "  tag " + camera.tag),
+            {{"name", camera.name}, {"url", url.text}, {"user", user}, {"password", password}, {"tag", camera.tag}});
+    }
+    if (options.cameras.empty())
+    {
+        report.event("no_cameras",
+                     "no cameras in " + (options.file.empty() ? "any file" : options.file) +
+                         "; zr_rtsp_host cameras --help-all shows how they are written",
+                     {{"file", options.file}});
+    }
+}
+
+} // namespace zr::host
