@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 
 namespace {
 
@@ -17,13 +18,29 @@ bool isControl(char c)
     return byte < 0x20 || byte == 0x7f;
 }
 
+/// The end of a piece that has quoted strings.
+size_t endOfQuoted(std::string_view text, char separator)
+{
+    bool inQuotes = false;
+    size_t end = 0;
+    for (; end < text.size() && (inQuotes || text[end] != separator); ++end)
+    {
+        if (inQuotes && text[end] == '\\')
+            ++end;
+        else if (text[end] == '"')
+            inQuotes = !inQuotes;
+    }
+    return end;
+}
+
 } // namespace
 
 namespace zr::rtsp {
 
 bool sameLetters(std::string_view left, std::string_view right)
 {
-    return std::equal(left.begin(), left.end(), right.begin(),
+    return std::memcmp(left.data(), right.data(), left.size()) == 0 ||
+           std::equal(left.begin(), left.end(), right.begin(),
                       [](char a, char b) { return a == b || lower(a) == lower(b); });
 }
 
@@ -42,17 +59,9 @@ size_t firstOf(std::string_view characters, std::string_view text, size_t begin)
 
 std::string_view takePiece(std::string_view &text, char separator)
 {
-    size_t end = 0;
-    while (end < text.size() && text[end] != separator && text[end] != '"')
-        ++end;
-    bool inQuotes = false;
-    for (; end < text.size() && (inQuotes || text[end] != separator); ++end)
-    {
-        if (inQuotes && text[end] == '\\')
-            ++end;
-        else if (text[end] == '"')
-            inQuotes = !inQuotes;
-    }
+    size_t end = std::min(text.find(separator), text.size());
+    if (text.substr(0, end).find('"') != std::string_view::npos)
+        end = endOfQuoted(text, separator);
     const std::string_view piece = trimmed(text.substr(0, end));
     text.remove_prefix(std::min(end + 1, text.size()));
     return piece;

@@ -22,17 +22,21 @@ bool anyBelow(std::string_view text)
         const uint64_t apart = bytes ^ ones * 0x7f; // 0 where it is DEL
         return (((bytes - ones * bound) & ~bytes) | ((apart - ones) & ~apart)) & signs;
     };
-    const char *at = text.data();
-    size_t left = text.size();
-    uint64_t bytes = 0;
+    uint64_t bytes = ones * bound;
+    if (text.size() < sizeof(bytes))
+    {
+        for (const char c : text)
+            bytes = bytes << 8 | static_cast<unsigned char>(c);
+        return hit(bytes) != 0;
+    }
+    const char *const last = text.data() + text.size() - sizeof(bytes);
     uint64_t hits = 0;
-    for (; left >= sizeof(bytes); left -= sizeof(bytes), at += sizeof(bytes))
+    for (const char *at = text.data(); at < last; at += sizeof(bytes))
     {
         std::memcpy(&bytes, at, sizeof(bytes));
         hits |= hit(bytes);
     }
-    for (bytes = ones * bound; left > 0; --left)
-        bytes = bytes << 8 | static_cast<unsigned char>(*at++);
+    std::memcpy(&bytes, last, sizeof(bytes));
     return (hits | hit(bytes)) != 0;
 }
 
@@ -50,10 +54,13 @@ inline std::string_view trimmed(std::string_view text)
 /// Whether two texts of the same size are the same but for the case of ASCII letters.
 bool sameLetters(std::string_view left, std::string_view right);
 
-/// Whether two texts are the same but for the case of ASCII letters.
+/// Whether two texts are the same but for the case of ASCII letters. Most that are not differ in size or at once.
 inline bool sameText(std::string_view left, std::string_view right)
 {
-    return left.size() == right.size() && sameLetters(left, right);
+    constexpr int caseBit = 0x20;
+    if (left.size() != right.size() || left.empty())
+        return left.size() == right.size();
+    return ((left[0] ^ right[0]) & ~caseBit) == 0 && sameLetters(left, right);
 }
 
 /// Whether the text begins with a prefix, in the same case.
