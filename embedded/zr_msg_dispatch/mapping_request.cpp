@@ -135,7 +135,9 @@ std::optional<UrlParts> readAsked(const aoi::Request &request, const Session &se
 {
     constexpr std::string_view secure = "rtsps://";
     constexpr size_t beforeColon = 5;
-    std::string_view text = request.url.empty() || request.url == "*" ? session.lastUrl : request.url;
+    std::string_view text = request.url;
+    if (text.empty() || text == "*")
+        text = session.lastUrl;
     // a control URL that the plug-in did not take for absolute stands behind its base: the last one counts
     size_t joined = 0;
     for (size_t colon = text.find(':'); colon != std::string_view::npos; colon = text.find(':', colon + 1))
@@ -144,8 +146,9 @@ std::optional<UrlParts> readAsked(const aoi::Request &request, const Session &se
             joined = colon - beforeColon;
     }
     text.remove_prefix(joined);
-    if (!rtsp::anyBelow<0x21>(text))
-        return readUrl(text);
+    const auto parts = readUrl(text);
+    if (parts || !rtsp::anyBelow<0x21>(text))
+        return parts;
     encoded = percentEncoded(text);
     return readUrl(encoded);
 }

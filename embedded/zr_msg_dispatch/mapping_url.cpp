@@ -9,10 +9,13 @@ namespace {
 
 using zr::dispatch::UrlParts;
 
-bool isNameCharacter(char c)
+/// Whether it has nothing but what a host's name has.
+bool isName(std::string_view text)
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-           c == '_';
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= '0' && c <= '9') || c == '.' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' ||
+               c == '_';
+    });
 }
 
 /// Whether it is an IPv6 address, with or without a zone ("fe80::1%eth0").
@@ -21,8 +24,12 @@ bool isIpv6(std::string_view text)
     const size_t zone = std::min(text.find('%'), text.size());
     const std::string_view name = text.substr(std::min(zone + 1, text.size()));
     in6_addr address{};
-    return inet_pton(AF_INET6, std::string(text.substr(0, zone)).c_str(), &address) == 1 &&
-           std::all_of(name.begin(), name.end(), isNameCharacter);
+    return inet_pton(AF_INET6, std::string(text.substr(0, zone)).c_str(), &address) == 1 && isName(name);
+}
+
+bool isAuthorityEnd(char c)
+{
+    return c == '/' || c == '?' || c == '#';
 }
 
 /// Reads "host", "host:port", "[address]:port" into a URL's parts.
@@ -40,7 +47,7 @@ bool readAuthority(std::string_view authority, UrlParts &parts)
     else
     {
         parts.host = authority.substr(0, end);
-        if (parts.host.empty() || !std::all_of(parts.host.begin(), parts.host.end(), isNameCharacter))
+        if (parts.host.empty() || !isName(parts.host))
             return false;
     }
     if (end >= authority.size())
@@ -89,8 +96,13 @@ std::optional<UrlParts> readUrl(std::string_view text)
     const size_t begin = colon + 3;
     parts.scheme = text.substr(0, begin);
     parts.rest = text.substr(begin);
-    const size_t end = rtsp::firstOf("/?#", parts.rest);
-    const size_t credentials = parts.rest.substr(0, end).rfind('@') + 1; // 0 without any
+    size_t end = 0;
+    size_t credentials = 0; // up to here
+    for (; end < parts.rest.size() && !isAuthorityEnd(parts.rest[end]); ++end)
+    {
+        if (parts.rest[end] == '@')
+            credentials = end + 1;
+    }
     parts.rest.remove_prefix(credentials);
     if (!readAuthority(parts.rest.substr(0, end - credentials), parts))
         return std::nullopt;
