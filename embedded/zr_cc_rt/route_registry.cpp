@@ -75,6 +75,7 @@ std::vector<zr::route::Address> zr::route::find(const std::string &srcUaId, cons
     const auto found = routes.table.find({srcUaId, dstUaId});
     if (found != routes.table.end())
     {
+        addresses.reserve(found->second.size());
         for (const Entry &entry : found->second)
             addresses.push_back(entry.address);
     }

@@ -1,4 +1,5 @@
 #include <mutex>
+#include <string_view>
 
 #include "zr_common.h"
 
@@ -85,7 +86,7 @@ void CMediaAbility::release() {}
 ZR_ULONG CMediaAbility::isOnvif() const
 {
     const std::lock_guard<std::mutex> lock(m_poValues->mutex);
-    return m_poValues->fields.decoderTag == "onvif" ? 1 : 0;
+    return std::string_view(m_poValues->fields.decoderTag) == "onvif" ? 1 : 0;
 }
 
 std::string CMediaAbility::getServerIP() const

@@ -128,7 +128,7 @@ bool Engine::check(ZR_ULONG id)
     });
 }
 
-ZR_ULONG Engine::accept(aoi::Request request, const RegistrationPtr &registration)
+ZR_ULONG Engine::accept(aoi::Request &&request, const RegistrationPtr &registration)
 {
     if (registration->requests >= m_settings.maxRequests)
     {

@@ -49,7 +49,7 @@ public:
     bool check(ZR_ULONG id);
 
 private:
-    ZR_ULONG accept(aoi::Request request, const RegistrationPtr &registration);
+    ZR_ULONG accept(aoi::Request &&request, const RegistrationPtr &registration);
     // on the turn
     void submit(const AcceptedPtr &accepted);
     void end(const RegistrationPtr &registration);
