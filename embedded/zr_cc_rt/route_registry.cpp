@@ -67,17 +67,20 @@ ZR_ULONG CRouteMgr::deleteUAAddr(const std::string &strSrcUaID, const std::strin
     return 0;
 }
 
-std::vector<zr::route::Address> zr::route::find(const std::string &srcUaId, const std::string &dstUaId)
+zr::route::Found zr::route::find(const std::string &srcUaId, const std::string &dstUaId)
 {
     Registry &routes = registry();
     const std::lock_guard<std::mutex> lock(routes.mutex);
-    std::vector<Address> addresses;
-    const auto found = routes.table.find({srcUaId, dstUaId});
-    if (found != routes.table.end())
+    Found found;
+    const auto pair = routes.table.find({srcUaId, dstUaId});
+    if (pair == routes.table.end())
+        return found;
+    for (const Entry &entry : pair->second)
     {
-        addresses.reserve(found->second.size());
-        for (const Entry &entry : found->second)
-            addresses.push_back(entry.address);
+        if (found.first)
+            found.others.push_back(entry.address);
+        else
+            found.first = entry.address;
     }
-    return addresses;
+    return found;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,8 +18,13 @@ struct Address
     bool operator!=(const Address &other) const { return !(*this == other); }
 };
 
-/// The addresses under which a UA pair is registered, each once: none, one (the route), or more (no route, for nobody
-/// knows which). Any thread.
-std::vector<Address> find(const std::string &srcUaId, const std::string &dstUaId);
+/// The addresses under which a UA pair is registered, each once.
+struct Found
+{
+    std::optional<Address> first; ///< the route, when there are no others
+    std::vector<Address> others;  ///< then there is no route, for nobody knows which
+};
+/// Any thread.
+Found find(const std::string &srcUaId, const std::string &dstUaId);
 
 } // namespace zr::route

@@ -211,13 +211,7 @@ ZR_ULONG readRequest(const tagMDPMsg *message, Request &out)
     out.messageId = message->stHeader.ulMsgID;
     out.sourceId = message->stHeader.ulSrcID;
     for (size_t i = 0; i < texts.size(); ++i)
-    {
-        std::string &text = out.*textRows[i].member;
-        if (texts[i].empty())
-            text.clear();
-        else
-            text = texts[i];
-    }
+        out.*textRows[i].member = std::string(texts[i]);
     out.transport = std::move(transport);
     out.scale = scale;
     out.accept = elements.of(AOI_IE_ACCEPT).data() != nullptr;

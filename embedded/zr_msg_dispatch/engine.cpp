@@ -27,18 +27,20 @@ std::string describe(const aoi::Request &request)
 /// The one address of a request's UA pair.
 ZR_ULONG findRoute(const aoi::Request &request, route::Address &target)
 {
-    const std::vector<route::Address> addresses = route::find(request.srcUaId, request.dstUaId);
-    if (addresses.size() == 1)
+    route::Found found = route::find(request.srcUaId, request.dstUaId);
+    if (found.first && found.others.empty())
     {
-        target = addresses.front();
+        target = std::move(*found.first);
         return 0;
     }
-    const ZR_ULONG code = addresses.empty() ? codeNoRoute : codeAmbiguousRoute;
+    const ZR_ULONG code = found.first ? codeAmbiguousRoute : codeNoRoute;
     std::string text;
-    for (const route::Address &address : addresses)
-        text += (text.empty() ? ": " : " or ") + hostAndPort({address.host, address.port});
+    if (found.first)
+        text = ": " + hostAndPort({found.first->host, found.first->port});
+    for (const route::Address &address : found.others)
+        text += " or " + hostAndPort({address.host, address.port});
     ZR_PLATFORM_LOG(ERROR, code, Dispatch, "%s is refused: \"%s\" to \"%s\" has %s route%s", describe(request).c_str(),
-                    request.srcUaId.c_str(), request.dstUaId.c_str(), addresses.empty() ? "no" : "no unambiguous",
+                    request.srcUaId.c_str(), request.dstUaId.c_str(), found.first ? "no unambiguous" : "no",
                     text.c_str());
     return code;
 }

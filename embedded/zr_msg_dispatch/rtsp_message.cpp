@@ -329,9 +329,7 @@ std::optional<Parser::Event> Parser::headerLine(std::string_view line)
         return fail("more than " + std::to_string(m_limits.headers) + " headers in a message");
     if (m_message.headers.empty())
         m_message.headers.reserve(usualHeaders);
-    Header &header = m_message.headers.emplace_back();
-    header.name = name;
-    header.value = trimmed(line.substr(colon + 1));
+    m_message.headers.push_back({std::string(name), std::string(trimmed(line.substr(colon + 1)))});
     return std::nullopt;
 }
 
