@@ -28,7 +28,7 @@ Examples:
 
 const CommandHelp checkHelp = {R"(
 Each step is ok, failed or skipped; steps that do not need a failed one go on. It
-takes about 10 s. The exit code is 0 when media arrives over UDP or TCP: what only
+takes about 15 s. The exit code is 0 when media arrives over UDP or TCP: what only
 some devices can (pause, seek, speed, keep-alive) does not change it. Else it is
 that of the first failed step, by the list of zr_rtsp_host --help.
 )",
