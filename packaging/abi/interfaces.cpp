@@ -5,7 +5,9 @@
 
 extern "C" void interfaces(CIMediaCtrlEx *, CIMediaCtrlEx2 *, CIMediaCtrlObserver *) {}
 extern "C" void codes(tagZrRtspStatus, tagMediaCtrlState, tagZrRtspNotice) {}
+extern "C" void messages(tagMDPMsgKind, decltype(AOI_MSG_RTSP_SETUP), decltype(AOI_IE_DATA)) {}
 extern "C" void platformCodes(tagProtocol, tagBroadcastmethod, tagNatMode, tagZrLogLevel, tagZrMediaCode, tagZrTlsCode,
-                              tagZrConnectionProblem, tagZrSessionCode, tagZrShow)
+                              tagZrConnectionProblem, tagZrSessionCode, tagZrShow, tagZrCredentialsFlag,
+                              tagZrRateControl, tagZrFrames, tagZrTraceKind)
 {
 }
