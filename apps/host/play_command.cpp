@@ -218,7 +218,7 @@ void Play::tellStatus()
 void playCommand(const CommonOptions &common, const PlayOptions &options, Report &printed)
 {
     const bool steered = Controls::wanted(common.json);
-    if (options.preview && !steered)
+    if (options.preview && (!steered || !Screen::possible()))
     {
         throw wrongUsage("--preview draws in a terminal: stdin and stdout must be one, and --json be left away");
     }

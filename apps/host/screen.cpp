@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <sstream>
 #include <utility>
@@ -33,6 +34,12 @@ std::string row(size_t number, const std::string &text)
 }
 
 } // namespace
+
+bool Screen::possible()
+{
+    const char *name = std::getenv("TERM"); // NOLINT(concurrency-mt-unsafe): there is one thread yet
+    return name != nullptr && *name != '\0' && std::string(name) != "dumb";
+}
 
 Screen::~Screen()
 {

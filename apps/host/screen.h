@@ -18,6 +18,8 @@ namespace zr::host {
 class Screen : public Report
 {
 public:
+    /// Whether the terminal can be drawn on, by its name in the environment.
+    static bool possible();
     /// @param report  outlives it and prints on the usual screen
     explicit Screen(Report &report)
         : m_report(report)

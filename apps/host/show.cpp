@@ -1,6 +1,7 @@
 #include "show.h"
 
 #include <cstdlib>
+#include <utility>
 
 namespace zr::host {
 
@@ -49,6 +50,7 @@ void Show::take(void *self, const unsigned char *rgb, ZR_ULONG width, ZR_ULONG h
     if (rgb == nullptr)
     {
         show.m_over = true;
+        show.m_begun = width != 0;
         return;
     }
     show.m_rgb.assign(rgb, rgb + size_t{width} * height * 3);
@@ -57,22 +59,37 @@ void Show::take(void *self, const unsigned char *rgb, ZR_ULONG width, ZR_ULONG h
     show.m_fresh = true;
 }
 
+void Show::end(bool begun)
+{
+    if (!begun)
+    {
+        m_course.stop(Failure(ExitCode::Output, "showing the picture", 0,
+                              m_screen != nullptr ? "it cannot be decoded" : "there cannot be a window",
+                              "--log-file, which then tells why"));
+    }
+    else if (m_screen != nullptr)
+    {
+        m_report.event("show_ended", "there is no picture any more: --log-file tells why", nullptr);
+    }
+    else
+    {
+        m_report.event("show_ended", "the window was closed", nullptr);
+        m_interrupt.ask();
+    }
+}
+
 void Show::serve()
 {
     std::vector<unsigned char> rgb;
     ZR_ULONG width = 0;
     ZR_ULONG height = 0;
     {
-        const std::scoped_lock lock(m_mutex);
-        if (m_over)
+        std::unique_lock lock(m_mutex);
+        if (std::exchange(m_over, false))
         {
-            m_over = false;
-            m_report.event("show_ended",
-                           m_screen != nullptr ? "there is no picture any more: --log-file tells why"
-                                               : "the window was closed, or there cannot be one: --log-file tells why",
-                           nullptr);
-            m_screen != nullptr ? void() : m_interrupt.ask();
-            return;
+            const bool begun = m_begun;
+            lock.unlock();
+            return end(begun);
         }
         const TerminalSize room = m_screen != nullptr ? m_screen->bodySize() : TerminalSize{};
         const bool resized = room.columns != m_drawnFor.columns || room.rows != m_drawnFor.rows;

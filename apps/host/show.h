@@ -26,13 +26,15 @@ public:
     Show(const Show &) = delete;
     Show &operator=(const Show &) = delete;
 
-    /// Draws the latest picture. A window that was closed ends the program as Ctrl-C does.
+    /// Draws the latest picture. A window that was closed ends the program as Ctrl-C does; where there cannot be one
+    /// the course is stopped by a failure.
     void serve();
 
     /// @throws Failure  when there is no desktop
     static void requireDisplay();
 
 private:
+    void end(bool begun);
     static void take(void *self, const unsigned char *rgb, ZR_ULONG width, ZR_ULONG height);
 
     Course &m_course;
@@ -48,6 +50,7 @@ private:
     ZR_ULONG m_height = 0;
     bool m_fresh = false;
     bool m_over = false;
+    bool m_begun = false; ///< when it is over
 };
 
 } // namespace zr::host

@@ -254,7 +254,7 @@ bool Watch::end()
 void watchCommand(const CommonOptions &common, const WatchOptions &options, Report &printed)
 {
     std::optional<Screen> screen; // prints when the terminal has its usual screen again
-    if (Controls::wanted(common.json))
+    if (Controls::wanted(common.json) && Screen::possible())
     {
         screen.emplace(printed);
     }

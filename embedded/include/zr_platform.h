@@ -265,8 +265,10 @@ extern "C"
 
     /// Takes a picture that is shown, or learns that no more will come. On a thread of the platform's, one at a time,
     /// not after ZR_MediaPortShow ended it; it must not call operations of the port.
-    /// @param pucRgb  ulHeight rows of ulWidth times red, green and blue, without gaps, valid during the call; NULL: it
-    ///                is over, because the window was closed or it failed, which the log then explains
+    /// @param pucRgb   ulHeight rows of ulWidth times red, green and blue, without gaps, valid during the call; NULL:
+    /// it
+    ///                 is over, because the window was closed or it failed, which the log then explains
+    /// @param ulWidth  with NULL: 0 when it could not even begin
     typedef void (*ZR_PICTURE_CALLBACK)(void *pvUser, const unsigned char *pucRgb, ZR_ULONG ulWidth, ZR_ULONG ulHeight);
 
     /// Shows the video as it comes, or ends that and returns when it is over. It begins with the next key frame.

@@ -273,6 +273,7 @@ ZrMediaState MediaFile::write(Lock &lock)
     const std::unique_ptr<ZrMediaSink, decltype(m_library.close)> sink(open(sources), m_library.close);
     ZrMediaState state = sink == nullptr ? ZR_MEDIA_STATE_FAILED : ZR_MEDIA_STATE_RUNNING;
     lock.lock();
+    m_begun = sink != nullptr;
     while (state == ZR_MEDIA_STATE_RUNNING && !m_cancelled)
     {
         if (m_packets.empty() && m_ending)
@@ -334,8 +335,9 @@ void MediaFile::conclude(ZrMediaState state)
     m_changed.notify_all();
     if (isShown() && !m_cancelled)
     {
+        const ZR_ULONG begun = m_begun ? 1 : 0;
         lock.unlock();
-        m_viewer.call(m_viewer.user, nullptr, 0, 0);
+        m_viewer.call(m_viewer.user, nullptr, begun, 0);
     }
 }
 

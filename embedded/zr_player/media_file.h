@@ -111,7 +111,8 @@ private:
     std::deque<Packet> m_packets;
     size_t m_queuedBytes = 0;
     uint64_t m_dropped = 0;
-    bool m_opened = false;
+    bool m_opened = false; ///< its tracks are settled
+    bool m_begun = false;  ///< the media library could open it
     bool m_ending = false;
     bool m_cancelled = false;
     bool m_done = false;

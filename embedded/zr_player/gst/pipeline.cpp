@@ -50,9 +50,29 @@ const char *endOf(ZrMediaKind kind)
                "video/x-raw,format=RGB,width=[1,640],height=[1,480],pixel-aspect-ratio=1/1 ! "
                "appsink name=pictures max-buffers=1 drop=true sync=false";
     case ZR_MEDIA_KIND_WINDOW:
-        return "decodebin name=decoder ! videoconvert ! videoscale ! autovideosink sync=false";
+        return "decodebin name=decoder ! videoconvert ! videoscale ! autovideosink name=window sync=false";
     }
     return "";
+}
+
+/// What autovideosink tries is what may be a window of the desktop. The first three draw past it, and DirectFB's
+/// threads crash the process where there is no device for it (seen in version 1.7.7); Wayland's say that they are ready
+/// also where there is no compositor (seen in 1.22), and nothing is ever seen.
+void leaveOutSinksWithoutWindow()
+{
+    std::vector<const char *> names = {"dfbvideosink", "kmssink", "fbdevsink"};
+    if (g_getenv("WAYLAND_DISPLAY") == nullptr)
+    {
+        names.insert(names.end(), {"waylandsink", "gtkwaylandsink"});
+    }
+    for (const char *name : names)
+    {
+        if (GstPluginFeature *feature = gst_registry_lookup_feature(gst_registry_get(), name))
+        {
+            gst_plugin_feature_set_rank(feature, GST_RANK_NONE);
+            gst_object_unref(feature);
+        }
+    }
 }
 
 std::string_view trimmed(std::string_view text)
@@ -118,6 +138,10 @@ GstPtr<GstCaps> capsOf(const ZrMediaFormat &format)
 GstPtr<GstElement> makePipeline(ZrMediaKind kind, const std::string &file, const std::vector<ZrMediaFormat> &tracks,
                                 std::string &problem)
 {
+    if (kind == ZR_MEDIA_KIND_WINDOW)
+    {
+        leaveOutSinksWithoutWindow();
+    }
     std::string text =
         kind == ZR_MEDIA_KIND_RECORDING ? "matroskamux name=mux offset-to-zero=true ! filesink name=file" : "";
     const char *const end = endOf(kind);

@@ -62,7 +62,24 @@ bool ZrMediaSink::open(const std::string &file, const std::vector<ZrMediaFormat>
         write(true, "the pipeline does not start");
         return false;
     }
+    if (hasNoWindow())
+    {
+        write(true, "no window can be opened: nothing that shows video reaches a desktop");
+        return false;
+    }
     return true;
+}
+
+/// Where no sink works, autovideosink takes one that throws all away, and only warns of it.
+bool ZrMediaSink::hasNoWindow() const
+{
+    const GstPtr<GstElement> window(gst_bin_get_by_name(GST_BIN(m_pipeline.get()), "window"));
+    if (window == nullptr)
+    {
+        return false;
+    }
+    const GstPtr<GstElement> actual(gst_bin_get_by_name(GST_BIN(window.get()), "fake-video-sink"));
+    return actual != nullptr;
 }
 
 void ZrMediaSink::addTrack(Track &track, size_t index, const ZrMediaFormat &format)

@@ -53,6 +53,7 @@ private:
     void addTrack(Track &track, size_t index, const ZrMediaFormat &format);
     static GstPadProbeReturn ordered(GstPad *pad, GstPadProbeInfo *info, void *track);
     static GstPadProbeReturn parsed(GstPad *pad, GstPadProbeInfo *info, void *track);
+    bool hasNoWindow() const;
     static GstFlowReturn shown(GstAppSink *sink, void *user);
     void endSilentTracks();
     bool overflows(Track &track);
