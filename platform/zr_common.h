@@ -51,7 +51,7 @@ struct COnvifInfo
     ZR_ULONG m_ulTimeout = 0;      ///< session time-out in seconds, 0: none given
     std::string m_strVideoControl; ///< control URLs, by which tracks are set up; empty: no such track
     std::string m_strAudioControl; ///< likewise
-    std::string m_strVideoRtpmap;  ///< the value of a=rtpmap (RFC 8866, 6.6), such as "96 H264/90000"
+    std::string m_strVideoRtpmap;  ///< of a=rtpmap (RFC 8866, 6.6) what stands before the clock rate, such as "96 H264"
     std::string m_strAudioRtpmap;  ///< likewise
     std::string m_strVideoSps;     ///< with its key "sprop-parameter-sets="
     std::string m_strUserName;     ///< empty: none were given

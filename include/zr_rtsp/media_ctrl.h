@@ -22,10 +22,10 @@
 ///
 /// Called with the object's observer list locked, on a thread of the platform or of the keep-alive timer: return soon.
 /// From inside, tearDown, getRange and getMediaAbility may be called; createMediaCtrlInter gives NULL,
-/// deleteMediaCtrlInter 10109, attachObserver 1 and detachObserver does nothing (10109 in the log). Requests that wait
-/// are for the host's own thread. From outside, tearDown, destroy, deletion, attachObserver and detachObserver wait for
-/// a running notification: never call them holding a lock that the observer takes, nor let the observer wait for the
-/// thread that calls them.
+/// deleteMediaCtrlInter 10109, attachObserver 1 and detachObserver does nothing (10109 in the log), of any object: else
+/// two notifications could wait for each other. Requests that wait are for the host's own thread. From outside,
+/// tearDown, destroy, deletion, attachObserver and detachObserver wait for a running notification: never call them
+/// holding a lock that the observer takes, nor let the observer wait for the thread that calls them.
 class ZR_PLATFORM_API CIMediaCtrlObserver
 {
 public:

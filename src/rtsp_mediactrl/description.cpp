@@ -78,26 +78,24 @@ ZR_ULONG CRtspMediaCtrl::describe(const std::string &strURL)
             m_ulKeepLivePeriod = ulTimeoutMs / KEEPLIVE_TICK_MS / ONVIF_KEEPLIVE_MAX_FAIL;
         }
         ZR_ULONG ulResult = keepURL(strURL);
-        if (ulResult != ZR_RTSP_OK)
-            return ulResult;
         m_ulKeepLiveTick = m_ulKeepLivePeriod.load();
-
-        ulResult = describe();
-        COnvifInfo oInfo = m_oMediaAbility.getOnvifInfo();
+        if (ulResult == ZR_RTSP_OK)
+            ulResult = describe();
+        const bool bOnvif = ulResult == ZR_RTSP_OK && m_oMediaAbility.isOnvif() == 1;
+        COnvifInfo oInfo = bOnvif ? m_oMediaAbility.getOnvifInfo() : COnvifInfo();
         // once more where an Authorization is known by now, whether or not it was asked for just now
-        if (ulResult == ZR_RTSP_OK && m_oMediaAbility.isOnvif() == 1 && !oInfo.m_strDescribeAuth.empty())
+        if (!oInfo.m_strDescribeAuth.empty())
         {
             ulResult = describe();
-            oInfo = m_oMediaAbility.getOnvifInfo();
+            if (ulResult == ZR_RTSP_OK)
+                oInfo = m_oMediaAbility.getOnvifInfo();
         }
         if (ulResult != ZR_RTSP_OK)
         {
             RTSP_LOG(ERROR, ulResult, "[%s] Failed to send AOI_MSG_RTSP_DESCRIBE response Message", g_szDescribe);
             return ulResult;
         }
-        if (m_oMediaAbility.isOnvif() != 1)
-            return ZR_RTSP_OK;
-        if (oInfo.m_strVideoRtpmap.empty() || oInfo.m_strVideoControl.empty())
+        if (bOnvif && (oInfo.m_strVideoRtpmap.empty() || oInfo.m_strVideoControl.empty()))
         {
             RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER,
                      "[%s] Not exist video rtpmap and control in AOI_MSG_RTSP_DESCRIBE response Message", g_szDescribe);
@@ -171,7 +169,7 @@ ZR_ULONG CRtspMediaCtrl::AOIProcRtspDescribeRsp(const tagAOIMsg *pstAOIMsg)
         RTSP_LOG(ERROR, ZR_RTSP_INVALID_PARAMETER, "[%s] Invalid param", g_szDescribeRsp);
         return ZR_RTSP_INVALID_PARAMETER;
     }
-    const CObjectGuard oGuard(m_oMutex, m_ulLockDepth, &m_oCond);
+    CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
 
@@ -191,7 +189,7 @@ ZR_ULONG CRtspMediaCtrl::AOIProcRtspDescribeRsp(const tagAOIMsg *pstAOIMsg)
     {
         RTSP_LOG(WARNING, ZR_RTSP_FAILED, "[%s] describe response failed, msg type %u", g_szDescribeRsp, ulKind);
     }
-    return ulResult == ZR_RTSP_OK ? acceptAnswer(g_szDescribeRsp, EXCHANGE_DESCRIBE.ulWait) : ulResult;
+    return ulResult == ZR_RTSP_OK ? acceptAnswer(g_szDescribeRsp, EXCHANGE_DESCRIBE.ulWait, oGuard) : ulResult;
 }
 
 /// A good answer: the URL of the relation to a TV wall, or an ONVIF source's stream information; and the SDP.

@@ -186,7 +186,7 @@ void CRtspMediaCtrl::unregisterFromDispatcher()
 void CRtspMediaCtrl::endCallsInside()
 {
     {
-        const CObjectGuard oGuard(m_oMutex, m_ulLockDepth, &m_oCond);
+        const CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
         if (oGuard.locked()) // else nobody waits under it
         {
             m_bLeaving = true;

@@ -116,7 +116,7 @@ private:
                       const tagConclusion &stConclusion);
     void beginExchange(const tagExchangeRule &stRule);
     void endExchange(const tagExchange &stExchange);
-    ZR_ULONG acceptAnswer(const char *pszFunction, ZR_ULONG ulWait);
+    ZR_ULONG acceptAnswer(const char *pszFunction, ZR_ULONG ulWait, CObjectGuard &oGuard);
 
     // signalling.cpp: the frame of the answers
     static bool isNull(const tagAOIMsg *pstAOIMsg, const char *pszFunction);
@@ -187,7 +187,7 @@ private:
     CObserverList m_oObserverList;       ///< guards itself
     std::atomic<ZR_ULONG> m_ulAOIPortID; ///< exchanged for 0 by whoever unregisters, so that it happens once
     ACE_Recursive_Thread_Mutex m_oMutex;
-    CObjectCondition m_oCond; ///< on the monotonic clock
+    ACE_Condition<ACE_Recursive_Thread_Mutex> m_oCond; ///< on the monotonic clock
     std::string m_strRange;
     ZR_ULONG m_ulState = MEDIACTRL_STATE_IDLE;
     ZR_ULONG m_ulRspResult = 1;

@@ -4,9 +4,7 @@
 
 #include <condition_variable>
 #include <mutex>
-#include <utility>
 
-#include "ace/Condition_Recursive_Thread_Mutex.h"
 #include "ace/Guard_T.h"
 #include "ace/Recursive_Thread_Mutex.h"
 
@@ -16,47 +14,15 @@
 /// reports that it does not hold the lock. Valid as long as the library is loaded.
 ACE_mutexattr_t *errorCheckingAttributes();
 
-/// An object's condition, whose waiters are woken when the mutex is let go. One that is woken before only wakes to
-/// sleep again, on the mutex (POSIX threads do not move him there by themselves): that was a third of an answer's
-/// price. Nobody can tell the difference, for he goes on with the mutex in either case. Guarded by the mutex.
-class CObjectCondition : public ACE_Condition<ACE_Recursive_Thread_Mutex>
-{
-public:
-    using ACE_Condition<ACE_Recursive_Thread_Mutex>::ACE_Condition;
-
-    /// Wakes all who wait, when the caller's guard lets the mutex go. @return 0: it will not fail
-    int broadcastOnRelease()
-    {
-        m_bWakes = true;
-        return 0;
-    }
-
-    /// @return whether somebody is to be woken; the caller does it
-    bool takeWakeUp() { return std::exchange(m_bWakes, false); }
-
-    /// Lets the mutex go itself.
-    int wait(const ACE_Time_Value *poDeadline)
-    {
-        if (takeWakeUp())
-            broadcast();
-        return ACE_Condition<ACE_Recursive_Thread_Mutex>::wait(poDeadline);
-    }
-
-private:
-    bool m_bWakes = false;
-};
-
 /// A scoped guard on an object's recursive mutex that also counts how deep its thread holds it: a wait on the object's
 /// condition must let go every level, and the condition itself lets go one.
 class CObjectGuard
 {
 public:
     /// @param ulDepth  the count, guarded by the mutex itself
-    /// @param poCond   the condition of who signals under this guard
-    CObjectGuard(ACE_Recursive_Thread_Mutex &oMutex, ZR_ULONG &ulDepth, CObjectCondition *poCond = nullptr)
+    CObjectGuard(ACE_Recursive_Thread_Mutex &oMutex, ZR_ULONG &ulDepth)
         : m_oGuard(oMutex)
         , m_ulDepth(ulDepth)
-        , m_poCond(poCond)
     {
         if (locked())
             ++m_ulDepth;
@@ -73,10 +39,7 @@ public:
         if (!locked())
             return;
         --m_ulDepth;
-        const bool bWakes = m_poCond != nullptr && m_poCond->takeWakeUp();
         m_oGuard.release();
-        if (bWakes)
-            m_poCond->broadcast();
     }
 
     /// Takes the lock again after release().
@@ -91,7 +54,6 @@ public:
 private:
     ACE_Guard<ACE_Recursive_Thread_Mutex> m_oGuard;
     ZR_ULONG &m_ulDepth;
-    CObjectCondition *const m_poCond;
 };
 
 /// Lets every level of an object's mutex go but the one that a condition's wait lets go itself, and takes them all back

@@ -48,7 +48,7 @@ ZR_ULONG CRtspMediaCtrl::takeAnswer(const tagAnswerRule &stRule, const tagAOIMsg
 {
     if (isNull(pstAOIMsg, stRule.pszFunction))
         return ZR_RTSP_INVALID_PARAMETER;
-    const CObjectGuard oGuard(m_oMutex, m_ulLockDepth, &m_oCond);
+    CObjectGuard oGuard(m_oMutex, m_ulLockDepth);
     if (!oGuard.locked())
         return ZR_RTSP_LOCK_FAILED;
 
@@ -71,7 +71,7 @@ ZR_ULONG CRtspMediaCtrl::takeAnswer(const tagAnswerRule &stRule, const tagAOIMsg
         m_ulRspResult = ZR_RTSP_OK;
         m_ulState = stRule.ulAnsweredOK;
     }
-    return acceptAnswer(stRule.pszFunction, stRule.ulWait);
+    return acceptAnswer(stRule.pszFunction, stRule.ulWait, oGuard);
 }
 
 /// Reads an answer's session ID and holds it against the session's own.
