@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
@@ -32,7 +33,7 @@ struct Raw
     std::optional<Camera> camera; ///< that was meant by its name
     bool tcp = false;
     bool udp = false;
-    std::optional<ZR_ULONG> downloadSpeed;
+    std::optional<int> downloadTimes;
     bool sampled = false;
 };
 
@@ -148,8 +149,8 @@ void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
     app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(writable);
     addTransport(app, raw, true);
     addRange(app, download.course.playback);
-    auto *speed = app.add_option("--speed", raw.downloadSpeed, "Ask for a download at 1, 2, 4 or 8 times: 0, 1, 2, 3")
-                      ->check(CLI::Range(0, 3))
+    auto *speed = app.add_option("--speed", raw.downloadTimes, "Ask for a download at 1, 2, 4 or 8 times the speed")
+                      ->check(CLI::IsMember({1, 2, 4, 8}))
                       ->option_text("N");
     auto *sampled = app.add_flag("--sampled", raw.sampled, "Ask for sampled frames")->needs(speed);
     app.add_flag("--full-frame", "Ask for every frame (default)")->needs(speed)->excludes(sampled);
@@ -341,9 +342,10 @@ void understand(Raw &raw, Options &options)
         requireFree(options.download.course.record, common.force || options.download.resume);
         common.source = source(tagOr("onvif"));
         options.download.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
-        if (raw.downloadSpeed)
+        if (raw.downloadTimes)
         {
-            options.download.course.playback.download = DownloadSpeed{*raw.downloadSpeed, !raw.sampled};
+            options.download.course.playback.download =
+                DownloadSpeed{static_cast<ZR_ULONG>(std::ilogb(*raw.downloadTimes)), !raw.sampled};
             common.source.tag = tagOr(common.source.credentials.user.empty() ? "plain" : "onvif");
         }
         break;

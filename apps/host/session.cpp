@@ -21,6 +21,11 @@ ZR_ULONG nextId()
 
 Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG code)
 {
+    if (code == ZR_MEDIA_NO_MEDIA)
+    {
+        return {ExitCode::Output, what, code, "nothing came that " + file + " could begin with",
+                "let it run until the next key frame; `check URL` tells whether media arrives"};
+    }
     return {ExitCode::Output, what, code, file + " could not be written",
             "check the folder, and that the library was built with GStreamer; --log-level info tells more"};
 }

@@ -77,7 +77,7 @@ complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l tcp -d 'Re
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l udp -d 'Receive media over UDP'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l from -x -d 'Begin: seconds, hh:mm:ss, or YYYYMMDDThhmmssZ'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l to -x -d 'End, likewise'
-complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l speed -x -d 'Ask for a download at 1, 2, 4 or 8 times: 0, 1, 2, 3'
+complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l speed -x -d 'Ask for a download at 1, 2, 4 or 8 times the speed'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l sampled -d 'Ask for sampled frames'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l full-frame -d 'Ask for every frame (default)'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download' -l continue -d 'Fetch what FILE lacks, if it was cut'

@@ -81,11 +81,13 @@ def host(*arguments, timeout=60):
 
 
 def frames(file):
-    """The sizes and times of a recording's video frames, as its reader finds them."""
+    """The sizes of a recording's video frames, and their times in ms after the first, as its reader finds them."""
     line = ["gst-launch-1.0", "-v", "filesrc", f"location={file}", "!", "matroskademux", "!", "video/x-h264", "!",
             "fakesink", "silent=false"]
     told = subprocess.run(line, capture_output=True, text=True, timeout=60, check=True).stdout
-    return re.findall(r"\((\d+) bytes, dts: \S+, pts: (\S+), ", told)
+    found = [(int(size), (int(minutes) * 60 + float(seconds)) * 1000)
+             for size, minutes, seconds in re.findall(r"\((\d+) bytes, dts: \S+, pts: 0:(\d+):(\S+), ", told)]
+    return [(size, round(time - found[0][1])) for size, time in found]  # audio may have begun a little before
 
 
 class HostTest(unittest.TestCase):

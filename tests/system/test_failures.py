@@ -43,6 +43,7 @@ class FailuresTest(HostTest):
     def test_usage_and_output(self):
         for arguments in ((), ("play",), ("play", "http://127.0.0.1/"), ("play", "rtsp://127.0.0.1:99999/"),
                           ("play", "rtsp://127.0.0.1/", "--speed", "3"), ("play", "rtsp://127.0.0.1/", "--tcp", "--udp"),
+                          ("download", "rtsp://127.0.0.1/", self.file("x.mkv"), "--speed", "3"),
                           ("play", "rtsp://127.0.0.1/", "--record", self.file("no/such/folder/x.mkv")),
                           ("play", "rtsp://127.0.0.1/", "--pasword", PASSWORD), # which is not repeated
                           ("play", "rtsp://127.0.0.1/", "--tag", "plain", "--user", "a:b", "--password", PASSWORD)):
