@@ -16,17 +16,27 @@
 
 namespace zr::dispatch {
 
+/// Where a section of a description is sent to (RFC 4566, 5.7 and 5.14).
+struct DescribedGroup
+{
+    std::string control;              ///< as it stands there
+    std::string address;              ///< numeric; empty: no group
+    uint16_t port = 0;                ///< 0: not said
+    std::vector<std::string> sources; ///< who alone sends there (RFC 4570), numeric; empty: not said
+};
+
 /// What one RTSP session has agreed on so far. Owned by its connection; one thread at a time.
 struct Session
 {
-    std::string id;               ///< without parameters
-    unsigned timeoutSeconds = 60; ///< of the Session header's "timeout" (RFC 2326, 12.37)
-    unsigned setups = 0;          ///< SETUPs of the session itself that were answered 2xx, relations not counted
-    std::string lastUrl;          ///< of the last answered request of the session itself
-    std::string publicMethods;    ///< of the last Public header, in capitals, after commas; empty: unknown
-    std::string challengedBy;     ///< hostAndPort of who asked for credentials last; the owner's to note
-    bool played = false;          ///< a PLAY was answered 2xx
-    PlayPosition position;        ///< what plays, for the Range of OPTIONS answers
+    std::string id;                     ///< without parameters
+    unsigned timeoutSeconds = 60;       ///< of the Session header's "timeout" (RFC 2326, 12.37)
+    unsigned setups = 0;                ///< SETUPs of the session itself that were answered 2xx, relations not counted
+    std::string lastUrl;                ///< of the last answered request of the session itself
+    std::string publicMethods;          ///< of the last Public header, in capitals, after commas; empty: unknown
+    std::vector<DescribedGroup> groups; ///< of the description's sections in their order; empty: none is multicast
+    std::string challengedBy;           ///< hostAndPort of who asked for credentials last; the owner's to note
+    bool played = false;                ///< a PLAY was answered 2xx
+    PlayPosition position;              ///< what plays, for the Range of OPTIONS answers
 };
 
 /// The connection's far and near ends, as an answer's mapping needs them.

@@ -98,7 +98,7 @@ std::optional<std::string> contentBase(const aoi::Request &request, const std::s
 }
 
 void mapDescription(const aoi::Request &request, const std::string &requestUrl, const rtsp::Message &response,
-                    Mapped &mapped)
+                    Session &session, Mapped &mapped)
 {
     const auto sdp = readDescription(response);
     if (!sdp)
@@ -108,6 +108,7 @@ void mapDescription(const aoi::Request &request, const std::string &requestUrl, 
                     "the DESCRIBE answer holds no SDP: " + std::to_string(response.body.size()) + " bytes of type " +
                         rtsp::quoted(type != nullptr ? *type : ""));
     }
+    session.groups = readGroups(*sdp);
     std::string completed = completeRtpmaps(*sdp);
     mapped.answer.contentBase = contentBase(request, requestUrl, response, *sdp);
     if (request.onvif)
@@ -124,8 +125,8 @@ void mapDescription(const aoi::Request &request, const std::string &requestUrl, 
         mapped.answer.url = resolveUrl(requestUrl, *location);
 }
 
-void mapSetup(const aoi::Request &request, const rtsp::Message &response, Session &session, const Ends &ends,
-              Mapped &mapped)
+void mapSetup(const aoi::Request &request, const std::string &requestUrl, const rtsp::Message &response,
+              Session &session, const Ends &ends, Mapped &mapped)
 {
     const unsigned number = session.setups;
     if (!isRelation(request))
@@ -136,7 +137,8 @@ void mapSetup(const aoi::Request &request, const rtsp::Message &response, Sessio
     if (!request.transport)
         return;
     std::string problem;
-    const auto agreed = readTransport(*request.transport, number, response, ends, problem);
+    const TransportQuestion asked{*request.transport, number, groupFor(session, requestUrl, number)};
+    const auto agreed = readTransport(asked, response, ends, problem);
     if (!agreed)
         return fail(mapped, request, statusUnsupportedTransport, std::move(problem));
     mapped.answer.transport = agreed->plain;
@@ -217,10 +219,10 @@ Mapped mapResponse(const aoi::Request &request, const std::string &requestUrl, c
     switch (request.messageId)
     {
     case AOI_MSG_RTSP_DESCRIBE:
-        mapDescription(request, requestUrl, response, mapped);
+        mapDescription(request, requestUrl, response, session, mapped);
         break;
     case AOI_MSG_RTSP_SETUP:
-        mapSetup(request, response, session, ends, mapped);
+        mapSetup(request, requestUrl, response, session, ends, mapped);
         break;
     case AOI_MSG_RTSP_PLAY:
         mapPlay(request, response, session, now);

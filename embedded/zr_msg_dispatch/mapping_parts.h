@@ -33,12 +33,31 @@ struct AgreedTransport
     media::TrackTransport track;  ///< not filled for the relation to a TV wall
 };
 
+/// What a SETUP asked for.
+struct TransportQuestion
+{
+    const aoi::TransportElement &element;
+    unsigned setups = 0;                   ///< n of the request
+    const DescribedGroup *group = nullptr; ///< that the description names for its track; null: none
+};
+
 /// Reads it (RFC 2326, 12.39).
-/// @param asked    what the request asked for
-/// @param setups   n of the request
 /// @param problem  receives what is wrong when there is nothing usable, or another kind than asked
-std::optional<AgreedTransport> readTransport(const aoi::TransportElement &asked, unsigned setups,
-                                             const rtsp::Message &response, const Ends &ends, std::string &problem);
+std::optional<AgreedTransport> readTransport(const TransportQuestion &asked, const rtsp::Message &response,
+                                             const Ends &ends, std::string &problem);
+
+/// A numeric address that packets can come from; empty when it is none. Quotes and brackets are cut off.
+std::string numericAddress(std::string_view text);
+
+/// Whether it is the numeric address of a multicast group.
+bool isGroup(const std::string &address);
+
+/// Where a description says that its sections are sent to, at most 16 of them; empty when none is sent to a group.
+std::vector<DescribedGroup> readGroups(std::string_view sdp);
+
+/// The group of the track that a SETUP's URL names by its control attribute, else of the section at its place; null
+/// when the description names none.
+const DescribedGroup *groupFor(const Session &session, std::string_view url, unsigned setups);
 
 /// Chooses among the challenges of an answer (RFC 2617, 3.2.1 and 2) and writes the choice as the plug-in reads it:
 /// Digest with MD5, or Basic where no Digest is offered at all, so that nobody can talk a password out of a client that

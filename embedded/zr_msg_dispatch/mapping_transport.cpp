@@ -1,5 +1,3 @@
-#include <arpa/inet.h>
-
 #include <algorithm>
 
 #include "mapping_parts.h"
@@ -17,7 +15,7 @@ struct Offer
     bool tcp = false;
     bool unicast = false;
     bool multicast = false;
-    std::optional<std::string_view> interleaved, clientPort, serverPort, port;
+    std::optional<std::string_view> interleaved, clientPort, serverPort, port, ttl;
     std::string_view source, destination;
 };
 
@@ -38,6 +36,8 @@ void readParameter(std::string_view text, Offer &offer)
         offer.serverPort = value;
     else if (rtsp::sameText(name, "port"))
         offer.port = value;
+    else if (rtsp::sameText(name, "ttl"))
+        offer.ttl = value;
     else if (rtsp::sameText(name, "source"))
         offer.source = value;
     else if (rtsp::sameText(name, "destination"))
@@ -94,32 +94,6 @@ std::optional<Pair> readPorts(const std::optional<std::string_view> &text, Pair 
     return text ? readPair(*text, UINT16_MAX) : absent;
 }
 
-/// A numeric address that packets can come from; empty when it is none.
-std::string numericAddress(std::string_view text)
-{
-    while (!text.empty() && (text.front() == '"' || text.front() == '['))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == '"' || text.back() == ']'))
-        text.remove_suffix(1);
-    const std::string address(text);
-    in_addr v4{};
-    in6_addr v6{};
-    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
-        return v4.s_addr == INADDR_ANY ? std::string() : address;
-    if (inet_pton(AF_INET6, address.c_str(), &v6) == 1)
-        return IN6_IS_ADDR_UNSPECIFIED(&v6) ? std::string() : address;
-    return {};
-}
-
-bool isGroup(const std::string &address)
-{
-    in_addr v4{};
-    in6_addr v6{};
-    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
-        return IN_MULTICAST(ntohl(v4.s_addr));
-    return inet_pton(AF_INET6, address.c_str(), &v6) == 1 && IN6_IS_ADDR_MULTICAST(&v6);
-}
-
 bool readInterleaved(const Offer &offer, unsigned setups, const Ends &ends, AgreedTransport &agreed)
 {
     const auto asked = static_cast<uint8_t>(2 * setups);
@@ -136,8 +110,42 @@ bool readInterleaved(const Offer &offer, unsigned setups, const Ends &ends, Agre
     return true;
 }
 
-bool readUdp(const Offer &offer, const aoi::TransportElement &asked, unsigned setups, const Ends &ends,
-             AgreedTransport &agreed)
+/// Who sends to a group: whom the answer names, else whom the description lets in, best the server itself.
+std::string groupSource(const Offer &offer, const DescribedGroup *described, const std::string &peer)
+{
+    std::string source = numericAddress(offer.source);
+    if (!source.empty() || described == nullptr || described->sources.empty())
+        return source;
+    const auto &sources = described->sources;
+    return std::find(sources.begin(), sources.end(), peer) != sources.end() ? peer : sources.front();
+}
+
+/// What the answer does not say of the group, the description does.
+bool readMulticast(const Offer &offer, Pair receiver, const DescribedGroup *described, const Ends &ends,
+                   zr::media::TrackTransport &track)
+{
+    auto ports = readPorts(offer.port, receiver);
+    track.group = numericAddress(offer.destination);
+    if (described != nullptr && (track.group.empty() || track.group == described->address))
+    {
+        track.group = described->address;
+        if (ports && ports->first == 0)
+            ports->first = described->port;
+    }
+    else
+        described = nullptr;
+    if (!ports || ports->first == 0 || ports->first == UINT16_MAX || !isGroup(track.group))
+        return false;
+    const std::string source = groupSource(offer, described, ends.peerAddress);
+    track.multicast = true;
+    track.sourceNamed = !source.empty();
+    track.peerAddress = track.sourceNamed ? source : ends.peerAddress;
+    track.groupPort = track.clientRtpPort = ports->first;
+    track.groupTtl = static_cast<uint8_t>(offer.ttl ? rtsp::parseNumber(*offer.ttl, UINT8_MAX).value_or(0) : 0);
+    return true;
+}
+
+bool readUdp(const Offer &offer, const TransportQuestion &asked, const Ends &ends, AgreedTransport &agreed)
 {
     const auto sender = readPorts(offer.serverPort, {});
     const auto receiver = readPorts(offer.clientPort, {});
@@ -151,28 +159,21 @@ bool readUdp(const Offer &offer, const aoi::TransportElement &asked, unsigned se
     track.peerRtcpPort = sender->second;
     track.clientRtpPort = receiver->first;
     if (track.clientRtpPort == 0)
-        track.clientRtpPort = static_cast<uint16_t>(asked.port + 2 * setups);
-    agreed.plain = aoi::TransportAddress{track.peerAddress, track.peerRtpPort};
-    agreed.method = agreed.plain;
-    if (asked.method != BROADCASTMETHOD_MULTICAST)
-        return true;
-    const auto ports = readPorts(offer.port, *receiver);
-    if (!ports || ports->first == 0)
+        track.clientRtpPort = static_cast<uint16_t>(asked.element.port + 2 * asked.setups);
+    const bool multicast = asked.element.method == BROADCASTMETHOD_MULTICAST;
+    if (multicast && !readMulticast(offer, *receiver, asked.group, ends, track))
         return false;
-    track.multicast = true;
-    track.group = numericAddress(offer.destination);
-    track.groupPort = ports->first;
-    track.clientRtpPort = ports->first;
-    agreed.method = aoi::TransportAddress{track.group, track.groupPort};
-    return isGroup(track.group);
+    agreed.plain = aoi::TransportAddress{track.peerAddress, track.peerRtpPort};
+    agreed.method = multicast ? aoi::TransportAddress{track.group, track.groupPort} : agreed.plain;
+    return true;
 }
 
 } // namespace
 
 namespace zr::dispatch {
 
-std::optional<AgreedTransport> readTransport(const aoi::TransportElement &asked, unsigned setups,
-                                             const rtsp::Message &response, const Ends &ends, std::string &problem)
+std::optional<AgreedTransport> readTransport(const TransportQuestion &asked, const rtsp::Message &response,
+                                             const Ends &ends, std::string &problem)
 {
     const std::string *header = response.find("Transport");
     if (header == nullptr)
@@ -182,14 +183,14 @@ std::optional<AgreedTransport> readTransport(const aoi::TransportElement &asked,
     }
     std::string_view offers = *header;
     const auto offer = readOffer(rtsp::takePiece(offers, ','));
-    if (!offer || !isKindAsked(*offer, asked))
+    if (!offer || !isKindAsked(*offer, asked.element))
     {
         problem = "the SETUP answer has a Transport of another kind than asked: " + rtsp::quoted(*header);
         return std::nullopt;
     }
     AgreedTransport agreed;
-    const bool interleaved = asked.method && asked.protocol == PROTOCOL_TCP;
-    if (!(interleaved ? readInterleaved(*offer, setups, ends, agreed) : readUdp(*offer, asked, setups, ends, agreed)))
+    const bool interleaved = asked.element.method && asked.element.protocol == PROTOCOL_TCP;
+    if (!(interleaved ? readInterleaved(*offer, asked.setups, ends, agreed) : readUdp(*offer, asked, ends, agreed)))
     {
         problem = "the SETUP answer's Transport has unusable ports, channels or addresses: " + rtsp::quoted(*header);
         return std::nullopt;

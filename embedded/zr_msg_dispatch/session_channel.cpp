@@ -338,12 +338,14 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
         deliver(loss);
 }
 
-/// What a lost session agreed on is void; who challenged stays known, for the credentials' sake.
+/// What a lost session agreed on is void; who challenged stays known, for the credentials' sake, and what was
+/// described.
 void SessionChannel::resetSession()
 {
-    std::string challenger = std::move(m_session.challengedBy);
-    m_session = Session();
-    m_session.challengedBy = std::move(challenger);
+    Session next;
+    next.challengedBy = std::move(m_session.challengedBy);
+    next.groups = std::move(m_session.groups);
+    m_session = std::move(next);
     m_keeper.stop();
     m_authenticator.reset();
     m_interleaved = false;

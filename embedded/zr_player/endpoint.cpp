@@ -132,6 +132,13 @@ bool Endpoint::isOwn() const
     return m_length != 0 && (isLoopback(hostBytes(m_address)) || forOwnAddress(*this, [](const ifaddrs &) {}));
 }
 
+bool Endpoint::isSourceSpecific() const
+{
+    const HostBytes bytes = hostBytes(m_address);
+    const bool v6 = bytes[0] == 0xFF && bytes[1] >> 4 == 3 && bytes[2] == 0 && bytes[3] == 0;
+    return family() == AF_INET ? bytes[12] == 232 : v6;
+}
+
 std::string Endpoint::text() const
 {
     std::array<char, NI_MAXHOST> host{};

@@ -27,6 +27,8 @@ public:
     bool sameHost(const Endpoint &other) const;
     /// Whether the address is one of this machine's own; asks the system, so not for every packet.
     bool isOwn() const;
+    /// Whether it is a multicast address of the source-specific range: 232/8 or FF3x::/32 (RFC 4607, 1).
+    bool isSourceSpecific() const;
     /// "192.0.2.1:554" or "[2001:db8::1]:554", for the log.
     std::string text() const;
 

@@ -25,6 +25,8 @@ struct TrackTransport
     bool multicast = false;
     std::string group; ///< multicast
     uint16_t groupPort = 0;
+    uint8_t groupTtl = 0;     ///< of reports to the group; 0: not said
+    bool sourceNamed = false; ///< multicast: the peer alone is to be heard (source-specific, RFC 4607)
 };
 
 /// Sends an interleaved frame back (RTCP); false when the connection is gone. Any thread, never blocks.

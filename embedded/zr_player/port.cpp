@@ -210,15 +210,24 @@ bool MediaPort::socketsFor(unsigned number, const TrackTransport &transport, Tra
 {
     if (transport.multicast)
     {
-        const auto group = Endpoint::parse(transport.group, transport.groupPort);
+        const auto address = Endpoint::parse(transport.group, transport.groupPort);
+        const auto source = Endpoint::parse(transport.peerAddress, 0);
+        const char *const from = transport.sourceNamed ? transport.peerAddress.c_str() : "any sender";
         UdpPair pair;
-        const int error = group ? joinGroup(*group, m_local, pair) : EINVAL;
+        const int error = address && (source || !transport.sourceNamed)
+                              ? joinGroup({*address, transport.sourceNamed ? source : std::nullopt, transport.groupTtl},
+                                          m_local, pair)
+                              : EINVAL;
         if (error != 0)
         {
-            ZR_PLATFORM_LOG(ERROR, ZR_MEDIA_ADDRESS, Player, "media port %u: cannot join group '%.64s' port %u: %s",
-                            m_portId, transport.group.c_str(), transport.groupPort, errorText(error).c_str());
+            ZR_PLATFORM_LOG(ERROR, ZR_MEDIA_ADDRESS, Player,
+                            "media port %u: cannot join group '%.64s' port %u of %.64s at %s: %s", m_portId,
+                            transport.group.c_str(), transport.groupPort, from, m_local.text().c_str(),
+                            errorText(error).c_str());
             return false;
         }
+        ZR_PLATFORM_LOG(INFO, 0, Player, "media port %u: joined group %s of %.64s", m_portId, address->text().c_str(),
+                        from);
         out = {pair.rtp.get(), pair.rtcp.get()};
         MediaLoop::instance().watch(*this, out.rtp);
         MediaLoop::instance().watch(*this, out.rtcp);
@@ -308,7 +317,7 @@ void MediaPort::takeDatagram(Track &track, unsigned number, bool rtp, const Pack
     {
         takeRtcp(track, number, packet.data, packet.size, arrival);
     }
-    else
+    else if (rtp || !track.isMulticast()) // to a group all receivers report
     {
         discard("a packet of another sender than was negotiated", packet.from);
     }

@@ -39,8 +39,9 @@ bool Track::setUp(const TrackTransport &transport, TrackSockets sockets, Interle
     }
     m_peer = m_reportTo = *peer;
     m_reportTo.setPort(transport.peerRtcpPort);
+    // to a source-specific group nobody but its source may send
     if (const auto group = Endpoint::parse(transport.group, static_cast<uint16_t>(transport.groupPort + 1));
-        transport.multicast && group)
+        transport.multicast && group && !group->isSourceSpecific())
     {
         m_reportTo = *group;
     }

@@ -29,6 +29,7 @@ public:
     bool isSetUp() const { return m_setUp; }
     bool interleavedRtp(uint8_t channel) const { return m_interleaved && channel == m_transport.rtpChannel; }
     bool interleavedRtcp(uint8_t channel) const { return m_interleaved && channel == m_transport.rtcpChannel; }
+    bool isMulticast() const { return m_transport.multicast; }
     bool ownsRtp(int fd) const { return m_setUp && fd == m_sockets.rtp; }
     bool ownsRtcp(int fd) const { return m_setUp && fd == m_sockets.rtcp; }
     bool rtpFromPeer(const Endpoint &from) const;

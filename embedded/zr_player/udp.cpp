@@ -53,6 +53,30 @@ int bindPair(Endpoint at, bool shared, UdpPair &pair)
     return pair.rtp && pair.rtcp ? 0 : errno;
 }
 
+void copyAddress(const Endpoint &from, sockaddr_storage &to)
+{
+    std::copy_n(reinterpret_cast<const char *>(from.address()), from.length(), reinterpret_cast<char *>(&to));
+}
+
+/// Joins a group from any source or from one, whichever the protocol (RFC 3678, 5.1).
+/// @return 0, or -1 and errno
+int joinOne(int fd, const Group &group, unsigned interface)
+{
+    const int level = group.address.family() == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP;
+    if (!group.source)
+    {
+        group_req request{};
+        request.gr_interface = interface;
+        copyAddress(group.address, request.gr_group);
+        return setsockopt(fd, level, MCAST_JOIN_GROUP, &request, sizeof request);
+    }
+    group_source_req request{};
+    request.gsr_interface = interface;
+    copyAddress(group.address, request.gsr_group);
+    copyAddress(*group.source, request.gsr_source);
+    return setsockopt(fd, level, MCAST_JOIN_SOURCE_GROUP, &request, sizeof request);
+}
+
 } // namespace
 
 Descriptor &Descriptor::operator=(Descriptor &&other) noexcept
@@ -111,34 +135,37 @@ int bindPairs(Endpoint &local, std::array<UdpPair, 2> &pairs)
     return EADDRINUSE;
 }
 
-int joinGroup(const Endpoint &group, const Endpoint &local, UdpPair &pair)
+int joinGroup(const Group &group, const Endpoint &local, UdpPair &pair)
 {
-    if (const int error = bindPair(group, true, pair))
+    const Endpoint &address = group.address;
+    if (const int error = bindPair(address, true, pair))
     {
         return error;
     }
-    group_req request{};
-    request.gr_interface = interfaceOf(local);
-    std::copy_n(reinterpret_cast<const char *>(group.address()), group.length(),
-                reinterpret_cast<char *>(&request.gr_group));
-    const int level = group.family() == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP;
+    const unsigned interface = interfaceOf(local);
     for (const Descriptor *fd : {&pair.rtp, &pair.rtcp})
     {
-        if (setsockopt(fd->get(), level, MCAST_JOIN_GROUP, &request, sizeof request) != 0)
+        if (joinOne(fd->get(), group, interface) != 0)
         {
             return errno;
         }
     }
     // reports go to the group through the same interface
-    if (group.family() == AF_INET6)
+    const int out = pair.rtcp.get();
+    const bool v6 = address.family() == AF_INET6;
+    if (v6)
     {
-        set(pair.rtcp.get(), IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(request.gr_interface));
+        set(out, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(interface));
     }
     else
     {
-        ip_mreqn out{};
-        out.imr_ifindex = static_cast<int>(request.gr_interface);
-        setsockopt(pair.rtcp.get(), IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof out);
+        ip_mreqn request{};
+        request.imr_ifindex = static_cast<int>(interface);
+        setsockopt(out, IPPROTO_IP, IP_MULTICAST_IF, &request, sizeof request);
+    }
+    if (group.ttl != 0)
+    {
+        set(out, v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_MULTICAST_HOPS : IP_MULTICAST_TTL, group.ttl);
     }
     return 0;
 }

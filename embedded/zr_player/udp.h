@@ -4,6 +4,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,9 +49,17 @@ struct UdpPair
 /// @return 0, else the system's error number
 int bindPairs(Endpoint &local, std::array<UdpPair, 2> &pairs);
 
-/// Binds a pair at a multicast group's port and the next, and joins the group on the local address' interface.
+/// A multicast group, as a receiver joins it.
+struct Group
+{
+    Endpoint address;               ///< and the port of its RTP
+    std::optional<Endpoint> source; ///< who alone is heard (RFC 4607); none: whoever sends
+    uint8_t ttl = 0;                ///< of what is sent to it; 0: the system's
+};
+
+/// Binds a pair at a group's port and the next, and joins the group on the local address' interface.
 /// @return 0, else the system's error number
-int joinGroup(const Endpoint &group, const Endpoint &local, UdpPair &pair);
+int joinGroup(const Group &group, const Endpoint &local, UdpPair &pair);
 
 /// Never blocks; what does not go is lost, as datagrams may be.
 void sendTo(int fd, const Endpoint &to, const std::vector<uint8_t> &bytes);

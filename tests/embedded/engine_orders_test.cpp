@@ -31,6 +31,38 @@ TEST_F(EngineOrders, AnswerAsTheChallengeAsks)
     check("Basic realm=x", "MD5", false, false, "Basic dTpw\r\n");
 }
 
+/// A nonce for each request, another realm in between; what cannot be answered goes up, and is no end.
+TEST_F(EngineOrders, AnswerEachChallengeOfASession)
+{
+    Script script;
+    const std::pair<std::string, std::string> requests[] = {
+        {"SETUP", setupAnswer}, {"PLAY", sessionAnswer}, {"PAUSE", sessionAnswer}, {"SET_PARAMETER", sessionAnswer}};
+    for (const auto &[method, answer] : requests)
+    {
+        const std::string realm = method[0] == 'S' ? "s" : "p";
+        script.push_back({method, {challenge + "Digest realm=" + realm + ", nonce=n" + method + "\r\n\r\n"}});
+        script.push_back({method, {answer}});
+    }
+    for (const char *asked : {"Digest qop=auth-int, realm=s, nonce=n", "Basic realm=s"})
+        script.push_back({"OPTIONS", {challenge + asked + "\r\n\r\n"}});
+    ScriptedServer server({script});
+    Client client(engine(), 7, server);
+    ZR_SessionSetCredentials(7, "u", "p", 0);
+    for (const ZR_ULONG id : {AOI_MSG_RTSP_SETUP, AOI_MSG_RTSP_PLAY, AOI_MSG_RTSP_PAUSE, AOI_MSG_RTSP_SET_PARAMERTER})
+        EXPECT_EQ(client.ask(id).kind, 1U);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(client.ask(AOI_MSG_RTSP_OPTIONS).error, 401U);
+    const std::vector<std::string> sent = server.requests(10);
+    for (const auto &[place, said] :
+         std::vector<std::pair<size_t, const char *>>{{1, "realm=\"s\", nonce=\"nSETUP\""},
+                                                      {2, "nonce=\"nSETUP\""},
+                                                      {3, "realm=\"p\", nonce=\"nPLAY\""},
+                                                      {5, "nonce=\"nPAUSE\""},
+                                                      {7, "realm=\"s\", nonce=\"nSET_PARAMETER\""}})
+        EXPECT_THAT(sent.at(place), testing::HasSubstr(said));
+    EXPECT_EQ(sent.at(0).find("Authorization"), std::string::npos);
+}
+
 /// Nonces that end, what the user may not do, a TEARDOWN that is asked twice; and nothing for another server.
 TEST_F(EngineOrders, LastForTheSession)
 {

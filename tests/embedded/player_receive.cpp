@@ -1,6 +1,11 @@
+#include <cstdio>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <thread>
 #include <tuple>
+
+#include <arpa/inet.h>
 
 #include "description.h"
 #include "hand_off.h"
@@ -24,6 +29,17 @@ Bytes handOffPacket(const std::string &text)
     bytes.insert(bytes.end(), text.begin(), text.end());
     bytes.resize(16 + 4 * words);
     return bytes;
+}
+
+/// Whether the system lets a group's packets in by their source.
+bool filtersOf(const std::string &group, const std::string &source)
+{
+    char wanted[40];
+    std::snprintf(wanted, sizeof wanted, "0x%08x 0x%08x", ntohl(inet_addr(group.c_str())),
+                  ntohl(inet_addr(source.c_str())));
+    std::ifstream filters("/proc/net/mcfilter");
+    const std::string all{std::istreambuf_iterator<char>(filters), {}};
+    return all.find(wanted) != std::string::npos;
 }
 
 /// 0 beyond its end.
@@ -178,6 +194,42 @@ TEST_F(OpenPort, TakesOnlyTheNegotiatedPeer)
     EXPECT_EQ(counted.ulTracks, 2U);
     EXPECT_LT(counted.ulLastArrivalMs, 60000U);
     EXPECT_NE(CJugeMediaKeepLive::CheckIfRecvPkt(portId), 0U);
+}
+
+TEST_F(OpenPort, TakesAGroupsSenderAndReportsToTheGroup)
+{
+    const std::string address = "239.253." + std::to_string(m_first >> 8) + "." + std::to_string(m_first & 0xFF);
+    const Endpoint local = *Endpoint::parse("127.0.0.1", 0);
+    const auto sendFrom = [](const char *from, const Endpoint &to, const Bytes &bytes) {
+        const Sender sender(from);
+        sender.sendByLoopback(to, bytes);
+    };
+    // a track from whoever is the peer, and one that the network brings from a named source alone
+    for (const unsigned number : {0U, 1U})
+    {
+        TrackTransport transport;
+        transport.multicast = true;
+        transport.sourceNamed = number == 1;
+        transport.peerAddress = number == 1 ? "127.0.0.2" : "127.0.0.1";
+        transport.group = address;
+        transport.groupPort = transport.clientRtpPort = static_cast<uint16_t>(5004 + 2 * number);
+        UdpPair other; // another receiver
+        const Endpoint group = *Endpoint::parse(address, transport.groupPort);
+        if (joinGroup({group, std::nullopt, 0}, local, other) != 0)
+            GTEST_SKIP() << "the loopback interface carries no multicast";
+        m_port->setUpTrack(number, transport, {});
+        sendFrom(number == 1 ? "127.0.0.1" : "127.0.0.2", group, rtp(1));
+        sendFrom(transport.peerAddress.c_str(), group, rtp(2));
+        ASSERT_TRUE(arrived(number + 1));
+        EXPECT_EQ(statistics().ullPackets, number + 1) << "another sender's is not taken";
+        EXPECT_EQ(filtersOf(address, "127.0.0.2"), number == 1) << "the network is not asked for one source";
+        tickAfter(std::chrono::seconds(10 * (number + 1)));
+        EXPECT_EQ(word(receiveFrom(other.rtcp.get()), 0), 0x81C90007U) << "a report with a block";
+    }
+    EXPECT_TRUE(Endpoint::parse("232.1.2.3", 0)->isSourceSpecific() &&
+                Endpoint::parse("ff3e::1", 0)->isSourceSpecific());
+    EXPECT_FALSE(Endpoint::parse("239.1.2.3", 0)->isSourceSpecific() ||
+                 Endpoint::parse("ff15::1", 0)->isSourceSpecific());
 }
 
 TEST_F(OpenPort, TakesTheHandOffBeforeTheMediaOnly)

@@ -43,6 +43,16 @@ inline bool eventually(const std::function<bool()> &condition)
     return condition();
 }
 
+/// The next packet; empty when none comes.
+inline Bytes receiveFrom(int fd)
+{
+    pollfd ready{fd, POLLIN, 0};
+    Bytes bytes(2000);
+    const ssize_t size = poll(&ready, 1, 20000) == 1 ? recv(fd, bytes.data(), bytes.size(), 0) : 0;
+    bytes.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    return bytes;
+}
+
 /// A UDP socket of the far side.
 class Sender
 {
@@ -63,15 +73,15 @@ public:
     {
         media::sendTo(m_fd.get(), *media::Endpoint::parse("127.0.0.1", to), bytes);
     }
-    /// The next packet; empty when none comes.
-    Bytes receive() const
+    /// To a multicast group.
+    void sendByLoopback(const media::Endpoint &group, const Bytes &bytes) const
     {
-        pollfd ready{m_fd.get(), POLLIN, 0};
-        Bytes bytes(2000);
-        const ssize_t size = poll(&ready, 1, 20000) == 1 ? recv(m_fd.get(), bytes.data(), bytes.size(), 0) : 0;
-        bytes.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
-        return bytes;
+        ip_mreqn out{};
+        out.imr_ifindex = static_cast<int>(media::interfaceOf(*media::Endpoint::parse("127.0.0.1", 0)));
+        EXPECT_EQ(setsockopt(m_fd.get(), IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof out), 0);
+        media::sendTo(m_fd.get(), group, bytes);
     }
+    Bytes receive() const { return receiveFrom(m_fd.get()); }
 
 private:
     media::Endpoint m_at;

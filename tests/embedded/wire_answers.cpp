@@ -109,6 +109,9 @@ TEST_F(WireAnswers, ReadTheTransportOfASetup)
         {group, "RTP/AVP;destination=ff15::1;client_port=7000-7001", "1: 192.0.2.1 0,0 to ff15::1:7000"},
         {group, "RTP/AVP;multicast;destination=10.0.0.1;port=7000", refused},
         {group, "RTP/AVP;multicast;destination=239.1.2.3", refused},
+        {group, "RTP/AVP;multicast;destination=239.1.2.3;port=65535", refused},
+        {group, "RTP/AVP;multicast;destination=239.1.2.3;port=7000;source=192.0.2.7;ttl=300",
+         "1: 192.0.2.7 0,0 to 239.1.2.3:7000"},
         {group, "RTP/AVP;unicast;destination=239.1.2.3;port=7000", refused},
         {wall, "RTP/AVP;unicast;destination=10.0.0.9;server_port=7000-7001", "192.0.2.1:7000"},
         {wall, "RTP/AVP/TCP;unicast", refused},
@@ -124,6 +127,44 @@ TEST_F(WireAnswers, ReadTheTransportOfASetup)
         EXPECT_EQ(mapped.problem.empty(), !mapped.answer.errorCode);
         EXPECT_EQ(m_session.setups, asked.method ? 2u : 1u);
     }
+}
+
+TEST_F(WireAnswers, TakeTheGroupFromTheDescriptionWhereTheAnswerNamesNone)
+{
+    const std::string described =
+        "v=0\r\nc=IN IP4 239.1.1.1/127\r\na=source-filter: incl IN IP4 * 192.0.2.9 192.0.2.1\r\n"
+        "m=audio 6000/2 RTP/AVP 0\r\na=control:t/1\r\n"
+        "m=video 6002 RTP/AVP 96\r\nc=IN IP4 239.2.2.2/1/3\r\na=control:1\r\n"
+        "a=source-filter: excl IN IP4 * 192.0.2.3\r\n"
+        "a=source-filter:incl IN IP4 239.2.2.2 192.0.2.8\r\n"
+        "m=text 6004 RTP/AVP 98\r\nc=IN IP4 192.0.2.4\r\na=control:rtsp://h/cam/x?t=3\r\n"
+        "m=text 0 RTP/AVP 98\r\nc=IN IP6 ff15::7\r\n";
+    // n, URL, Transport; group and sender, or a refusal
+    const std::tuple<unsigned, std::string, std::string, std::string> rows[] = {
+        {0, "rtsp://h/cam/t/1", "RTP/AVP;multicast", "0: 192.0.2.1 0,0 to 239.1.1.1:6000"},
+        {0, "rtsp://h/cam/1", "RTP/AVP;multicast", "0: 192.0.2.8 0,0 to 239.2.2.2:6002"},
+        {1, "rtsp://h/cam/11", "RTP/AVP;multicast", "1: 192.0.2.8 0,0 to 239.2.2.2:6002"},
+        {0, "rtsp://h/cam/1", "RTP/AVP;multicast;destination=239.2.2.2", "0: 192.0.2.8 0,0 to 239.2.2.2:6002"},
+        {0, "rtsp://h/cam/1", "RTP/AVP;multicast;port=7000;source=192.0.2.5", "0: 192.0.2.5 0,0 to 239.2.2.2:7000"},
+        {0, "rtsp://h/cam/1", "RTP/AVP;multicast;destination=239.9.9.9;port=7000",
+         "0: 192.0.2.1 0,0 to 239.9.9.9:7000"},
+        {0, "rtsp://h/cam/1", "RTP/AVP;multicast;destination=239.9.9.9", "failure 461"},
+        {0, "rtsp://h/cam/x?t=3", "RTP/AVP;multicast", "failure 461"},
+        {3, "rtsp://h/cam/4", "RTP/AVP;multicast", "failure 461"},
+        {4, "rtsp://h/cam/5", "RTP/AVP;multicast", "failure 461"},
+    };
+    for (const auto &[setups, asked, header, result] : rows)
+    {
+        SCOPED_TRACE(asked + ' ' + header);
+        map(make(AOI_MSG_RTSP_DESCRIBE), 200, {{"Content-Type", "application/sdp"}}, described);
+        m_session.setups = setups;
+        const Request request = setup({"", 5000, PROTOCOL_UDP, BROADCASTMETHOD_MULTICAST});
+        const Mapped mapped = map(request, 200, {{"Session", "id"}, {"Transport", header}}, "", asked);
+        EXPECT_EQ(print(mapped), result);
+        EXPECT_TRUE(!mapped.track || mapped.track->sourceNamed == (mapped.track->group != "239.9.9.9"));
+    }
+    map(make(AOI_MSG_RTSP_DESCRIBE), 200, {{"Content-Type", "application/sdp"}}, sdp);
+    EXPECT_TRUE(m_session.groups.empty());
 }
 
 TEST_F(WireAnswers, CarryTheSessionAndCountItsSetups)

@@ -1,0 +1,203 @@
+#include <arpa/inet.h>
+
+#include <algorithm>
+
+#include "mapping_parts.h"
+#include "rtsp_text.h"
+
+namespace {
+
+using namespace zr::dispatch;
+namespace rtsp = zr::rtsp;
+
+constexpr size_t mostSections = 16;
+constexpr size_t mostSources = 16; ///< of a section's filter
+
+/// What a level of a description, its session or a section, says of addresses.
+struct Level
+{
+    std::string_view connection;           ///< of the first c= line
+    std::vector<std::string_view> filters; ///< of the source-filter attributes
+};
+
+/// Whether one of the c= lines names a group: those of most descriptions name nothing.
+bool namesGroup(std::string_view sdp)
+{
+    constexpr std::string_view connection = "c=IN IP";
+    for (size_t at = sdp.find(connection); at != std::string_view::npos; at = sdp.find(connection, at + 1))
+    {
+        const std::string_view rest = sdp.substr(at + connection.size(), 3);
+        if (rest == "4 2" || rest == "6 f" || rest == "6 F")
+            return true;
+    }
+    return false;
+}
+
+std::string_view takeLine(std::string_view &text)
+{
+    const size_t end = std::min(text.find('\n'), text.size());
+    const std::string_view line = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return rtsp::trimmed(line.substr(0, line.find('\r')));
+}
+
+/// A word that blanks end, taken off the text.
+std::string_view takeWord(std::string_view &text)
+{
+    text = rtsp::trimmed(text);
+    const size_t end = rtsp::firstOf(" \t", text);
+    const std::string_view word = text.substr(0, end);
+    text.remove_prefix(end);
+    return word;
+}
+
+/// The group of "IN IP4 239.1.2.3/127/2" (RFC 4566, 5.7); empty when it is none.
+std::string readConnection(std::string_view value)
+{
+    takeWord(value);
+    takeWord(value);
+    const std::string_view word = takeWord(value);
+    const std::string address = numericAddress(word.substr(0, word.find('/')));
+    return isGroup(address) ? address : std::string();
+}
+
+/// Adds the sources of "incl IN IP4 239.1.2.3 192.0.2.1 ..." (RFC 4570, 3) when it is the group's.
+void readFilter(std::string_view value, DescribedGroup &group)
+{
+    const bool included = rtsp::sameText(takeWord(value), "incl");
+    takeWord(value);
+    takeWord(value);
+    const std::string_view destination = takeWord(value);
+    if (!included || (destination != "*" && numericAddress(destination) != group.address))
+        return;
+    while (!rtsp::trimmed(value).empty() && group.sources.size() < mostSources)
+    {
+        std::string source = numericAddress(takeWord(value));
+        const bool sameFamily =
+            (source.find(':') == std::string::npos) == (group.address.find(':') == std::string::npos);
+        if (!source.empty() && sameFamily)
+            group.sources.push_back(std::move(source));
+    }
+}
+
+/// Reads a description's sections one after the other.
+class GroupReader
+{
+public:
+    void add(std::string_view line)
+    {
+        if (rtsp::hasPrefix(line, "m="))
+        {
+            end();
+            begin(line.substr(2));
+            return;
+        }
+        Level &level = m_open ? m_section : m_session;
+        if (rtsp::hasPrefix(line, "c=") && level.connection.empty())
+            level.connection = line.substr(2);
+        else if (rtsp::hasPrefix(line, "a=source-filter:") && level.filters.size() < mostSources)
+            level.filters.push_back(line.substr(sizeof "a=source-filter:" - 1));
+        else if (m_open && rtsp::hasPrefix(line, "a=control:"))
+            m_groups.back().control = rtsp::trimmed(line.substr(sizeof "a=control:" - 1));
+    }
+
+    std::vector<DescribedGroup> finish()
+    {
+        end();
+        return std::move(m_groups);
+    }
+
+private:
+    void begin(std::string_view media)
+    {
+        m_section = {};
+        m_open = m_groups.size() < mostSections;
+        if (!m_open)
+            return;
+        takeWord(media);
+        const std::string_view port = takeWord(media);
+        m_groups.emplace_back();
+        m_groups.back().port =
+            static_cast<uint16_t>(rtsp::parseNumber(port.substr(0, port.find('/')), UINT16_MAX).value_or(0));
+    }
+
+    /// What a section does not say itself, its session says.
+    void end()
+    {
+        if (!m_open)
+            return;
+        DescribedGroup &group = m_groups.back();
+        group.address = readConnection(m_section.connection.empty() ? m_session.connection : m_section.connection);
+        for (const std::string_view filter : m_section.filters.empty() ? m_session.filters : m_section.filters)
+            readFilter(filter, group);
+        m_open = false;
+    }
+
+    Level m_session;
+    Level m_section;
+    bool m_open = false; ///< a section is
+    std::vector<DescribedGroup> m_groups;
+};
+
+/// Whether a URL ends with a control attribute, as a piece of its own.
+bool endsWithControl(std::string_view url, std::string_view control)
+{
+    if (control.empty() || url.size() < control.size() || url.substr(url.size() - control.size()) != control)
+        return false;
+    const size_t begin = url.size() - control.size();
+    return begin == 0 || control.front() == '/' || control.front() == '?' || url[begin - 1] == '/';
+}
+
+} // namespace
+
+namespace zr::dispatch {
+
+std::string numericAddress(std::string_view text)
+{
+    while (!text.empty() && (text.front() == '"' || text.front() == '['))
+        text.remove_prefix(1);
+    while (!text.empty() && (text.back() == '"' || text.back() == ']'))
+        text.remove_suffix(1);
+    const std::string address(text);
+    in_addr v4{};
+    in6_addr v6{};
+    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
+        return v4.s_addr == INADDR_ANY ? std::string() : address;
+    if (inet_pton(AF_INET6, address.c_str(), &v6) == 1)
+        return IN6_IS_ADDR_UNSPECIFIED(&v6) ? std::string() : address;
+    return {};
+}
+
+bool isGroup(const std::string &address)
+{
+    in_addr v4{};
+    in6_addr v6{};
+    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
+        return IN_MULTICAST(ntohl(v4.s_addr));
+    return inet_pton(AF_INET6, address.c_str(), &v6) == 1 && IN6_IS_ADDR_MULTICAST(&v6);
+}
+
+std::vector<DescribedGroup> readGroups(std::string_view sdp)
+{
+    if (!namesGroup(sdp))
+        return {};
+    GroupReader reader;
+    while (!sdp.empty())
+        reader.add(takeLine(sdp));
+    return reader.finish();
+}
+
+const DescribedGroup *groupFor(const Session &session, std::string_view url, unsigned setups)
+{
+    const DescribedGroup *best = nullptr;
+    for (const DescribedGroup &group : session.groups)
+    {
+        if (endsWithControl(url, group.control) && (best == nullptr || best->control.size() < group.control.size()))
+            best = &group;
+    }
+    if (best == nullptr && setups < session.groups.size())
+        best = &session.groups[setups];
+    return best != nullptr && !best->address.empty() ? best : nullptr;
+}
+
+} // namespace zr::dispatch
