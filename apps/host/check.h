@@ -87,7 +87,7 @@ private:
     std::optional<ZrSessionFacts> ask(const Session &session, const std::string &step, const std::string &unanswered);
     void tellOptions(const Session &session);
     void tellTracks(const Description &description);
-    bool tryTransport(tagProtocol protocol, bool more);
+    bool tryTransport(const CourseOptions &options, bool more);
     bool tellStart(const std::string &name, const Progress &progress, const std::optional<Failure> &failure,
                    Course::Clock::time_point begin);
     void tryRest(Course &course);

@@ -252,11 +252,19 @@ void Check::tryAll()
     }
     else
     {
-        m_plays = tryTransport(PROTOCOL_UDP, true);
-        m_plays = tryTransport(PROTOCOL_TCP, !m_plays) || m_plays;
+        CourseOptions options;
+        m_plays = tryTransport(options, true);
+        options.protocol = PROTOCOL_TCP;
+        m_plays = tryTransport(options, !m_plays) || m_plays;
         if (!m_plays)
         {
             m_table.needed(*m_transportFailure);
+        }
+        if (m_options.multicast)
+        {
+            options.protocol = PROTOCOL_UDP;
+            options.multicast = true;
+            tryTransport(options, false);
         }
     }
 }

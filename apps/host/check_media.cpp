@@ -72,15 +72,13 @@ bool Check::tellStart(const std::string &name, const Progress &progress, const s
 
 /// One session from its beginning to its end.
 /// @param more  what is tried once alone is tried with it, if media comes
-bool Check::tryTransport(tagProtocol protocol, bool more)
+bool Check::tryTransport(const CourseOptions &options, bool more)
 {
-    const std::string name = protocol == PROTOCOL_TCP ? "TCP:" : "UDP:";
-    CourseOptions options;
-    options.protocol = protocol;
     Progress progress;
     std::optional<Failure> failure;
     const auto begin = Clock::now();
     Course course(m_plugin, m_interrupt, m_source, options, progress);
+    const std::string name = course.transport() + std::string(":");
     try
     {
         course.begin();
@@ -309,7 +307,7 @@ void Check::tryPlaces(Course &course)
 
 void Check::end(Course &course)
 {
-    const char *step = course.options().protocol == PROTOCOL_TCP ? "TCP: TEARDOWN" : "UDP: TEARDOWN";
+    const std::string step = course.transport() + std::string(": TEARDOWN");
     try
     {
         const auto begin = Clock::now();

@@ -5,7 +5,7 @@
 namespace zr::host {
 namespace {
 
-constexpr size_t stepWidth = 18;
+constexpr size_t stepWidth = 20;
 
 } // namespace
 

@@ -15,6 +15,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds firstMediaWithin{5000};
+constexpr milliseconds firstUdpWithin{3000}; // where TCP may follow
 constexpr milliseconds pollEvery{50};
 constexpr milliseconds lookEvery{500};
 constexpr double rateOver = 0.9; // seconds
@@ -68,6 +69,7 @@ void Course::begin()
         {
             open();
             start();
+            awaitMedia();
             again = false;
         }
         catch (const Failure &failed)
@@ -75,26 +77,31 @@ void Course::begin()
             openAnew(failed);
         }
     }
-    awaitMedia();
+}
+
+const char *Course::transport() const
+{
+    return m_options.multicast ? "multicast" : m_protocol == PROTOCOL_TCP ? "TCP" : "UDP";
+}
+
+bool Course::mayFallBack() const
+{
+    return m_options.fallBack && !m_options.multicast && m_protocol == m_options.protocol;
 }
 
 // An object has one session: what only another one can avoid takes a new object.
 void Course::openAnew(const Failure &failed)
 {
-    constexpr ZR_ULONG unauthorized = 401, unsupportedTransport = 461;
-    const bool overTcp = failed.code() == unsupportedTransport && m_protocol == PROTOCOL_UDP && m_options.fallBack;
-    const bool described = !m_description.tracks.empty();
-    const bool withNonce = failed.code() == unauthorized && described && m_session->authenticated() && !m_renewed;
-    if (m_interrupt.asked() || (!overTcp && !withNonce))
+    constexpr ZR_ULONG unsupportedTransport = 461;
+    const bool refused = failed.code() == unsupportedTransport;
+    const bool silent = failed.exit() == ExitCode::NoMedia && m_protocol == PROTOCOL_UDP;
+    if (m_interrupt.asked() || !mayFallBack() || (!refused && !silent))
     {
         throw Failure(failed);
     }
-    m_renewed = m_renewed || withNonce;
-    m_protocol = overTcp ? PROTOCOL_TCP : m_protocol;
-    m_report.event("opening_anew",
-                   overTcp ? "the server does not offer UDP: opening a new session over TCP"
-                           : "the server takes its nonce no more: opening a new session with a new nonce",
-                   {{"code", failed.code()}});
+    const std::string reason = refused ? "the server does not offer " + std::string(transport()) : failed.meaning();
+    m_protocol = m_protocol == PROTOCOL_TCP ? PROTOCOL_UDP : PROTOCOL_TCP;
+    m_report.event("opening_anew", reason + ": opening a new session over " + transport(), {{"code", failed.code()}});
     m_session.emplace(m_plugin, m_source, m_mailbox);
 }
 
@@ -112,12 +119,15 @@ void Course::open()
     m_report.event("described", "described: " + summary(m_description), {{"range", m_description.range}});
     stopIfInterrupted();
     passOver();
-    const char *transport = m_protocol == PROTOCOL_TCP ? "TCP" : "UDP";
+    if (m_options.multicast)
+    {
+        m_session->askForMulticast();
+    }
     for (const TrackUrl &track : m_session->tracks())
     {
         m_session->setUp(track, m_protocol, m_options.playback);
-        m_report.event("set_up", "set up " + track.media + " over " + transport,
-                       {{"media", track.media}, {"transport", transport}});
+        m_report.event("set_up", "set up " + track.media + " over " + transport(),
+                       {{"media", track.media}, {"transport", transport()}});
         stopIfInterrupted();
     }
 }
@@ -155,6 +165,8 @@ void Course::start()
 void Course::awaitMedia()
 {
     std::optional<ZR_ULONG> notice;
+    const bool udp = m_protocol == PROTOCOL_UDP;
+    const milliseconds longest = udp && mayFallBack() ? firstUdpWithin : firstMediaWithin;
     while (m_session->statistics().ullPackets == 0)
     {
         if (notice)
@@ -163,11 +175,14 @@ void Course::awaitMedia()
             throw Failure(ExitCode::Lost, "playing", 0, noticeText(*notice));
         }
         stopIfInterrupted();
-        if (Clock::now() - m_resumed > firstMediaWithin)
+        if (Clock::now() - m_resumed > longest)
         {
-            throw Failure(ExitCode::NoMedia, "playing", 0, "no media arrived within 5 s",
-                          m_protocol == PROTOCOL_TCP ? "check that the stream plays elsewhere"
-                                                     : "--tcp, since a firewall or a router may keep UDP away");
+            const std::string over = m_options.multicast ? " over multicast" : udp && mayFallBack() ? " over UDP" : "";
+            throw Failure(ExitCode::NoMedia, "playing", 0,
+                          "no media arrived" + over + " within " + std::to_string(longest.count() / 1000) + " s",
+                          m_options.multicast ? "--udp or --tcp, since a switch or router may not carry the group here"
+                          : udp               ? "--tcp, since a firewall or a router may keep UDP away"
+                                              : "check that the stream plays elsewhere");
         }
         notice = m_mailbox.wait(pollEvery);
     }

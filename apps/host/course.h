@@ -15,7 +15,8 @@ namespace zr::host {
 struct CourseOptions
 {
     tagProtocol protocol = PROTOCOL_UDP;
-    bool fallBack = false; ///< to TCP, where the server refuses UDP
+    bool multicast = false; ///< over UDP from a group, not for this receiver alone
+    bool fallBack = false;  ///< to the other protocol, where the server refuses the one, or UDP stays silent
     Playback playback;
     std::string speed;  ///< as it was given, to be shown
     std::string record; ///< file; empty: none
@@ -48,7 +49,7 @@ public:
            Report &report);
 
     /// Describes and sets up, starts the recording, plays, and waits for the first packet. Begins once more with a new
-    /// session over TCP where the server refuses UDP (if the options let it), and where its nonce became old.
+    /// session over the other protocol, if the options let it, where the server refuses the one or UDP stays silent.
     void begin();
     /// Waits for what happens, half a second at most, and looks after the media.
     void step(std::chrono::milliseconds longest);
@@ -84,6 +85,8 @@ public:
     std::optional<Position> position() const;
     const Playback &playback() const { return m_playback; }
     const CourseOptions &options() const { return m_options; }
+    /// Such as "UDP", as it is now.
+    const char *transport() const;
     const Source &source() const { return m_source; }
     /// As of the last look.
     const Media &media() const { return m_media; }
@@ -96,6 +99,7 @@ public:
 private:
     void open();
     void openAnew(const Failure &failed);
+    bool mayFallBack() const;
     void start();
     void awaitMedia();
     void measure();
@@ -114,7 +118,6 @@ private:
     Mailbox m_mailbox;
     std::optional<Session> m_session;
     tagProtocol m_protocol; ///< of the session
-    bool m_renewed = false; ///< for a new nonce
     Description m_description;
     Playback m_playback;        ///< what was asked for last
     double m_playbackSince = 0; ///< and when, in seconds of media

@@ -33,6 +33,7 @@ struct Raw
     std::optional<Camera> camera; ///< that was meant by its name
     bool tcp = false;
     bool udp = false;
+    bool multicast = false;
     std::optional<int> downloadTimes;
     bool sampled = false;
 };
@@ -90,11 +91,19 @@ void addUrl(CLI::App &app, Raw &raw)
 
 void addTransport(CLI::App &app, Raw &raw, bool tcpIsDefault)
 {
-    auto *tcp = app.add_flag(
-        "--tcp", raw.tcp, std::string("Receive media within the RTSP connection") + (tcpIsDefault ? " (default)" : ""));
-    app.add_flag("--udp", raw.udp,
-                 std::string("Receive media over UDP") + (tcpIsDefault ? "" : " alone (default: UDP, else TCP)"))
-        ->excludes(tcp);
+    auto *tcp = app.add_flag("--tcp", raw.tcp,
+                             tcpIsDefault ? "Receive media over TCP alone (default: TCP, else UDP)"
+                                          : "Receive media within the RTSP connection alone");
+    auto *udp =
+        app.add_flag("--udp", raw.udp,
+                     std::string("Receive media over UDP alone") + (tcpIsDefault ? "" : " (default: UDP, else TCP)"));
+    udp->excludes(tcp);
+    if (!tcpIsDefault)
+    {
+        app.add_flag("--multicast", raw.multicast, "Receive media from a multicast group")
+            ->excludes(tcp)
+            ->excludes(udp);
+    }
 }
 
 void addRange(CLI::App &app, Playback &playback)
@@ -332,7 +341,8 @@ void understand(Raw &raw, Options &options)
         requireFree(options.play.course.record, common.force);
         common.source = source(tagOr("onvif"));
         options.play.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
-        options.play.course.fallBack = !raw.udp;
+        options.play.course.multicast = raw.multicast;
+        options.play.course.fallBack = !raw.tcp && !raw.udp;
         if (!options.play.course.speed.empty())
         {
             options.play.course.playback.speedCode = speedCode(options.play.course.speed);
@@ -342,6 +352,7 @@ void understand(Raw &raw, Options &options)
         requireFree(options.download.course.record, common.force || options.download.resume);
         common.source = source(tagOr("onvif"));
         options.download.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
+        options.download.course.fallBack = !raw.tcp && !raw.udp;
         if (raw.downloadTimes)
         {
             options.download.course.playback.download =
@@ -352,7 +363,7 @@ void understand(Raw &raw, Options &options)
     case Command::Tv:
         common.source = source(tagOr("plain"));
         options.tv.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
-        options.tv.course.fallBack = true;
+        options.tv.course.fallBack = !raw.tcp;
         options.tv.wall = addressAndPort(raw.wall, "--to is an IPv4 address and a port, such as 192.0.2.40:5000");
         if (common.source.tag.substr(0, common.source.tag.find('@')) == "onvif")
         {
@@ -362,6 +373,7 @@ void understand(Raw &raw, Options &options)
     case Command::Watch:
         options.watch.metrics = options.watch.metrics.empty() ? "" : listenAddress(options.watch.metrics);
         options.watch.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
+        options.watch.course.fallBack = !raw.tcp && !raw.udp;
         options.watch.sources = completeSources(raw, tagOr("onvif"), *cameras);
         break;
     case Command::Cameras:
@@ -399,6 +411,7 @@ Options parseOptions(int argc, char **argv)
     addUrl(*describe, raw);
     describe->add_flag("--sdp", options.describe.sdp, "Print the description (SDP) as it came, and nothing else");
     addUrl(*check, raw);
+    check->add_flag("--multicast", options.check.multicast, "Try multicast as well");
     addForce(*check, options.common);
     check->add_option("--report", options.check.html, "Write a page with the table and a picture (HTML)")
         ->check(writable);

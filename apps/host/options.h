@@ -33,7 +33,8 @@ struct DescribeOptions
 
 struct CheckOptions
 {
-    std::string html; ///< file of the report; empty: none
+    std::string html;       ///< file of the report; empty: none
+    bool multicast = false; ///< is tried as well
 };
 
 struct PlayOptions

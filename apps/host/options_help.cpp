@@ -29,7 +29,7 @@ Examples:
 const CommandHelp checkHelp = {R"(
 Each step is ok, failed or skipped; steps that do not need a failed one go on. It
 takes about 15 s. The exit code is 0 when media arrives over UDP or TCP: what only
-some devices can (pause, seek, speed, keep-alive) does not change it. Else it is
+some can (multicast, pause, seek, speed, keep-alive) does not change it. Else it is
 that of the first failed step, by the list of zr_rtsp_host --help.
 )",
                                R"(
@@ -39,6 +39,9 @@ Examples:
 )"};
 
 const CommandHelp playHelp = {R"(
+Without --tcp, --udp or --multicast UDP is tried first. Where the server refuses it,
+or nothing comes within 3 s of PLAY, a new session over TCP follows, and that is said.
+--multicast takes the group from the server's answer, or from its description.
 A stream that stays silent is said so after --silence seconds, and given up after
 twice as many. --reconnect begins a session anew after pauses of 1, 2, 4 ... 30 s,
 once there was media; --record then numbers its files. On a terminal a line tells
@@ -53,6 +56,7 @@ Examples:
 )"};
 
 const CommandHelp downloadHelp = {R"(
+Without --tcp or --udp a server that refuses TCP is asked for UDP in a new session.
 Without --speed the recording is simply played into the file. With it the server
 is asked for a download, by the Scale values 101 to 108 (full frame) or 301 to 308
 (sampled): only some recorders know these. Without credentials --tag is then
@@ -85,7 +89,8 @@ Examples:
 const CommandHelp watchHelp = {R"(
 FILE names a URL or a camera a line; empty lines and those that begin with # do not
 count. Without it all cameras are watched.
---user and --password are for all that bring none of their own. On a terminal a
+--user and --password are for all that bring none of their own; a server that refuses
+TCP is asked for UDP, without --tcp. On a terminal a
 table tells each stream's state and since when, rate and loss; with --json each has
 a line every 2 s; --metrics serves them at http://127.0.0.1:PORT/metrics. An
 interrupt or the end of --duration waits 3 s at most for servers that do not answer.

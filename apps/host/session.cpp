@@ -11,7 +11,7 @@
 namespace zr::host {
 namespace {
 
-constexpr ZR_ULONG unauthorized = 401;
+constexpr ZR_ULONG unauthorized = 401, forbidden = 403;
 
 ZR_ULONG nextId()
 {
@@ -69,19 +69,26 @@ void Session::make(const std::string &local, ZR_USHORT port)
         throw Failure(ExitCode::Internal, "creating the session", 0, "the plug-in gave no object");
     }
     m_control->setDecoderDesc(m_source.tag);
-    handOverCredentials();
+    if (!onvif()) // else the plug-in has them, with the URL, and answers to the description's challenge
+    {
+        handOverCredentials();
+    }
     m_control->attachObserver(this);
 }
 
 void Session::handOverCredentials()
 {
     const Credentials &given = m_source.credentials;
-    if (onvif() || given.user.empty()) // those of an ONVIF source go to the plug-in, with the URL
+    if (given.user.empty() || m_handedOver)
     {
         return;
     }
     const ZR_ULONG result =
         ZR_SessionSetCredentials(m_id, given.user.c_str(), given.password.c_str(), ZR_CREDENTIALS_BASIC_IN_CLEAR);
+    if (result == ZR_SESSION_INVALID && onvif())
+    {
+        return; // the plug-in's answers are all there is
+    }
     if (result == ZR_SESSION_INVALID)
     {
         throw wrongUsage("the user name or the password cannot be handed over: a colon in the user name, or more than "
@@ -91,6 +98,12 @@ void Session::handOverCredentials()
     {
         throw requestFailed("handing over the credentials", result);
     }
+    m_handedOver = true;
+}
+
+bool Session::asksForMore() const
+{
+    return !m_source.credentials.user.empty() && !m_handedOver && ZR_RequestRefusal(m_id, nullptr, 0) == forbidden;
 }
 
 void Session::close()
@@ -134,16 +147,9 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
 {
     char text[400] = "";
     const ZR_ULONG status = ZR_RequestRefusal(m_id, text, sizeof text);
-    if (status == unauthorized && !m_source.credentials.user.empty() && !onvif())
+    if (status == unauthorized && m_handedOver)
     {
         return {ExitCode::Credentials, step, status, text, "check --user and --password"};
-    }
-    if (status == unauthorized && !m_source.credentials.user.empty())
-    {
-        return {ExitCode::Credentials, step, status,
-                authenticated() ? "the server asks for credentials again, after it has taken them"
-                                : "the server asks for credentials that it did not ask for when it described",
-                "only those that a description asks for can be given here"};
     }
     if (status != 0) // whatever became of the connection, it was answered
     {
@@ -195,11 +201,18 @@ void Session::throwDescribeFailed(ZR_ULONG result) const
 
 const Description &Session::describe()
 {
-    const ZR_ULONG result = m_control->describe(urlForDescribe(m_source.url.text, m_source.credentials));
+    const std::string url = urlForDescribe(m_source.url.text, m_source.credentials);
+    ZR_ULONG result = m_control->describe(url);
+    if (result != 0 && asksForMore())
+    {
+        handOverCredentials();
+        result = m_control->describe(url);
+    }
     if (result != 0)
     {
         throwDescribeFailed(result);
     }
+    handOverCredentials(); // for challenges to what the plug-in sends without them, and for nonces that end
     m_sdp = ability().getDescribeRspSdp();
     m_description = parseDescription(m_sdp);
     if (ZR_MediaPortSetDescription(m_id, m_sdp.c_str()) != 0)
@@ -249,6 +262,15 @@ std::vector<TrackUrl> Session::tracks() const
         }
     }
     return found;
+}
+
+void Session::askForMulticast()
+{
+    CMediaAbility changed = ability();
+    COnvifInfo info = changed.getOnvifInfo();
+    info.m_enBroadcastMethod = BROADCASTMETHOD_MULTICAST;
+    changed.setOnvifInfo(info);
+    m_control->setMediaAbility(changed);
 }
 
 void Session::setUp(const TrackUrl &track, tagProtocol protocol, const Playback &playback)

@@ -69,6 +69,8 @@ public:
     /// @return the first video and the first audio track, video first
     std::vector<TrackUrl> tracks() const;
     /// @param playback  what will be played: a download tells its speed already here
+    /// Has what is set up from now on be sent to a group: over UDP, from where it is said to come.
+    void askForMulticast();
     void setUp(const TrackUrl &track, tagProtocol protocol, const Playback &playback);
     void play(const Playback &playback);
     void pause();
@@ -92,13 +94,16 @@ public:
     void show(ZR_ULONG how, ZR_PICTURE_CALLBACK callback, void *user);
     void endShow();
     ZrMediaStatistics statistics() const;
-    /// Whether the server asked for credentials, and got some.
-    bool authenticated() const;
 
 private:
+    /// Whether the server asked the plug-in for credentials, and got some.
+    bool authenticated() const;
     void make(const std::string &local, ZR_USHORT port);
+    /// Gives them to the platform, which then answers what the server asks for itself.
     /// @throws Failure  of wrong usage, for what cannot be handed over
     void handOverCredentials();
+    /// Whether the plug-in cannot answer how the server asks for credentials.
+    bool asksForMore() const;
     void close();
     ZR_ULONG getObserverID() override;
     void notify(ZR_ULONG *code, uintptr_t argument) override;
@@ -119,7 +124,8 @@ private:
     CIMediaCtrlEx2 *m_controlEx2 = nullptr;
     std::string m_sdp;
     Description m_description;
-    bool m_played = false; ///< the server agreed to
+    bool m_handedOver = false; ///< the credentials
+    bool m_played = false;     ///< the server agreed to
 };
 
 } // namespace zr::host

@@ -17,8 +17,16 @@ OWN_HEADERS = {"DESCRIBE": "Content-Type: application/sdp\r\n", "SETUP": "Transp
                "OPTIONS": "Public: OPTIONS, DESCRIBE, SETUP, PLAY, PAUSE, TEARDOWN, GET_PARAMETER, SET_PARAMETER\r\n"}
 
 
-def md5(text):
-    return hashlib.md5(text.encode("latin-1")).hexdigest()
+GROUP_PORT = 5004
+LOOPBACK = struct.pack("4s4si", bytes(4), bytes(4), socket.if_nametoindex("lo"))
+
+
+def multicast_socket(address):
+    """One that sends to groups by the loopback interface."""
+    sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, LOOPBACK)
+    sender.bind((address, 0))
+    return sender
 
 
 def end(stream, how):
@@ -39,6 +47,7 @@ class Device:
         self.holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
         self.holder.bind(("127.0.0.1", 0))
         self.port = self.holder.getsockname()[1]
+        self.group = f"239.254.{self.port >> 8}.{self.port & 255}"  # of its own
         self.listen()
 
     def listen(self):
@@ -82,16 +91,23 @@ class Device:
 
     def admits(self, method, value):
         auth = self.fault.get("auth")
-        if auth is None:
+        if auth is None or method in auth.get("open", ()):
             return True
         if method == auth.get("stale_at") and self.nonce == 1:
             self.nonce = 2
-        given = dict(re.findall(r'(\w+)="([^"]*)"', value))
+        given = {name: quoted or bare for name, quoted, bare in re.findall(r'(\w+)=(?:"([^"]*)"|([^\s,]*))', value)}
         if auth.get("takes") == "Basic":
             return value == "Basic " + base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()
         realm = auth.get("realm", given.get("realm"))
-        response = md5(f"{md5(f'{USER}:{realm}:{PASSWORD}')}:nonce{self.nonce}:{md5(method + ':' + given.get('uri', ''))}")
-        return auth.get("takes") != "nothing" and value.startswith("Digest ") and given.get("response") == response
+        strong = given.get("algorithm") == "SHA-256"
+        digest = lambda text: (hashlib.sha256 if strong else hashlib.md5)(text.encode("latin-1")).hexdigest()
+        nonce = f"nonce{self.nonce}" + (f":{given['nc']}:{given['cnonce']}:auth" if "qop" in given else "")
+        response = digest(f"{digest(f'{USER}:{realm}:{PASSWORD}')}:{nonce}:{digest(method + ':' + given.get('uri', ''))}")
+        known = auth.get("takes", "MD5") == ("SHA-256" if strong else "MD5")
+        right = known and value.startswith("Digest ") and given.get("response") == response
+        if right and auth.get("once"):
+            self.nonce += 1
+        return right
 
 
 class Connection:
@@ -100,13 +116,13 @@ class Connection:
     def __init__(self, device, stream):
         self.device = device
         self.stream = stream
-        self.values = {"ue": "\xfc", "long": 4000 * "A", "port": device.port, "session": "4711", "cseq": "0", "url": ""}
+        self.values = {"ue": "\xfc", "long": 4000 * "A", "port": device.port, "group": device.group, "session": "4711", "cseq": "0", "url": ""}
         self.plan = deque()  # (when, bytes or an action)
         self.playing = None  # when the next packet is due
         self.phases = deque()
         self.rtp = {"channel": 0, "pt": 96, "seq": 100, "ts": 0, "ssrc": 0x5EED, "size": 100, "source": "127.0.0.1"}
         self.udp = {}
-        self.client_port = None
+        self.receiver = None
 
     def run(self):
         with self.stream, contextlib.suppress(OSError):  # the host has hung up, or the device
@@ -174,7 +190,7 @@ class Connection:
         if "end" in step:
             self.plan.append((time.monotonic() + step.get("delay", 0) + step.get("after_s", 0), ends[step["end"]]))
         if method == "PLAY" and admitted and step.get("status", "200")[0] == "2":
-            self.phases = deque(device.fault.get("media", [{}]))
+            self.phases = deque(step.get("media", device.fault.get("media", [{}])))
             self.playing = time.monotonic() if self.phases else None
         elif method in ("PAUSE", "TEARDOWN"):
             self.playing = None
@@ -203,13 +219,13 @@ class Connection:
 
     def set_up(self, asked):
         ports = re.search(r"client_port=(\d+)", asked)
-        if ports:
-            self.client_port = int(ports[1])
-            for address in ("127.0.0.1", "127.0.0.2"):
-                self.udp[address] = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-                self.udp[address].bind((address, 0))
+        if ports or "multicast" in asked:
+            self.receiver = ("127.0.0.1", int(ports[1])) if ports else (self.device.group, GROUP_PORT)
+            self.udp = {address: multicast_socket(address) for address in ("127.0.0.1", "127.0.0.2")}
             port = self.udp["127.0.0.1"].getsockname()[1]
-            asked += f";server_port={port}-{port}"  # RTCP comes from there as well
+            # RTCP comes from there as well
+            asked += f";server_port={port}-{port}" if ports else \
+                f";destination={self.device.group};port={GROUP_PORT}-{GROUP_PORT + 1};ttl=1"
         self.values["transport"] = asked
 
     def packet(self, rtp):
@@ -230,8 +246,8 @@ class Connection:
             self.rtp.update({key: value for key, value in phase.items() if key in self.rtp or key == "bye"})
             self.rtp["seq"] += phase.get("jump", 0)
         if self.udp:
-            address = ("127.0.0.1", self.client_port + ("bye" in self.rtp))
-            self.udp[self.rtp["source"]].sendto(self.packet(self.rtp), address)
+            host, port = self.receiver
+            self.udp[self.rtp["source"]].sendto(self.packet(self.rtp), (host, port + ("bye" in self.rtp)))
         else:
             self.stream.sendall(self.frame(self.rtp))
         self.rtp["seq"] += 1

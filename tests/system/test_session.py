@@ -19,7 +19,7 @@ from programs import INTERRUPTED, OK, HostTest, command
 class SessionTest(HostTest):
     def test_events(self):
         device = self.device()
-        result = self.run_host(OK, "play", device.url("live"), "--json", "--pause-at", "0.5", "--pause-for", "0.5",
+        result = self.run_host(OK, "play", device.url("live"), "--udp", "--json", "--pause-at", "0.5", "--pause-for", "0.5",
                                "--duration", "1.5")
         events = result.events()
         names = [event["event"] for event in events if event["event"] != "progress"]
