@@ -18,6 +18,8 @@
 
 namespace zr::dispatch {
 
+class SessionChannel;
+
 /// Why a connection or a request failed.
 struct Problem
 {
@@ -81,9 +83,10 @@ public:
         Value m_value;
     };
     using Note = Noted<Problem>;
-    Noted<Facts> facts; ///< what its server told so far, also when the connection is gone
-    Note connection;    ///< why it failed last, until there is one again
-    Note refusal;       ///< of the latest request, until the next one
+    Noted<Facts> facts;                ///< what its server told so far, also when the connection is gone
+    Note connection;                   ///< why it failed last, until there is one again
+    Note refusal;                      ///< of the latest request, until the next one
+    SessionChannel *channel = nullptr; ///< the engine's, on the loop's turn; null: none yet, or no more
 
 private:
     friend class Delivery;

@@ -124,9 +124,8 @@ bool Engine::check(ZR_ULONG id)
 {
     const RegistrationPtr registration = m_delivery.find(id);
     return registration && m_loop.post([this, registration] {
-        const auto found = m_channels.find(registration.get());
-        if (found != m_channels.end())
-            found->second->check();
+        if (registration->channel)
+            registration->channel->check();
     });
 }
 
@@ -152,20 +151,19 @@ ZR_ULONG Engine::accept(aoi::Request &&request, const RegistrationPtr &registrat
 void Engine::submit(const AcceptedPtr &accepted)
 {
     const RegistrationPtr &registration = accepted->registration;
-    auto found = m_channels.find(registration.get());
-    if (found == m_channels.end())
+    if (!registration->channel)
     {
         // one that has just been ended must not come to life again
         if (m_allEnded || m_delivery.retired(*registration))
             return;
-        const Registration *const key = registration.get();
-        found = m_channels
-                    .emplace(key, std::make_shared<SessionChannel>(
-                                      ChannelServices{m_loop, m_delivery, m_resolver, m_settings, m_tls}, registration,
-                                      [this, key] { m_loop.post([this, key] { forget(key); }); }))
-                    .first;
+        Registration *const key = registration.get();
+        const auto channel =
+            std::make_shared<SessionChannel>(ChannelServices{m_loop, m_delivery, m_resolver, m_settings, m_tls},
+                                             registration, [this, key] { m_loop.post([this, key] { forget(key); }); });
+        m_channels.emplace(key, channel);
+        key->channel = channel.get();
     }
-    found->second->submit(accepted);
+    registration->channel->submit(accepted);
 }
 
 ZR_ULONG Engine::unregisterAOIMsgProc(ZR_ULONG id)
@@ -185,14 +183,18 @@ ZR_ULONG Engine::unregisterAOIMsgProc(ZR_ULONG id)
 
 void Engine::end(const RegistrationPtr &registration)
 {
-    const auto found = m_channels.find(registration.get());
-    if (found != m_channels.end())
-        found->second->end();
+    if (registration->channel)
+        registration->channel->end();
 }
 
-void Engine::forget(const Registration *registration)
+void Engine::forget(Registration *registration)
 {
-    m_channels.erase(registration);
+    const auto found = m_channels.find(registration);
+    if (found != m_channels.end())
+    {
+        registration->channel = nullptr; // the channel holds the registration
+        m_channels.erase(found);
+    }
     if (m_channels.empty() && m_allEnded)
         m_allEnded();
 }

@@ -53,7 +53,7 @@ private:
     // on the turn
     void submit(const AcceptedPtr &accepted);
     void end(const RegistrationPtr &registration);
-    void forget(const Registration *registration);
+    void forget(Registration *registration);
     void endAll(std::function<void()> done);
 
     const Settings m_settings;
@@ -64,7 +64,7 @@ private:
     bool m_down = false; ///< the thread of shutDown only
 
     // on the turn
-    std::unordered_map<const Registration *, std::shared_ptr<SessionChannel>> m_channels;
+    std::unordered_map<Registration *, std::shared_ptr<SessionChannel>> m_channels;
     std::function<void()> m_allEnded;
 };
 
