@@ -50,6 +50,8 @@ class VlcTest(HostTest):
         result = self.run_host(OK, "download", self.url, fetched, "--from", "12", "--to", "16")
         self.assertIn("the server does not offer TCP: opening a new session over UDP", result.out)
         self.check_recording(fetched, 4, "video/x-h264", "audio/x-alaw")
+        result = self.run_host(OK, "download", self.url, fetched, "--udp", "--from", "16", "--force")
+        self.assertIn("the end was reached", result.out)
 
 
 if __name__ == "__main__":
