@@ -123,7 +123,7 @@ std::optional<Facts> Engine::facts(ZR_ULONG id)
 bool Engine::check(ZR_ULONG id)
 {
     const RegistrationPtr registration = m_delivery.find(id);
-    return registration && m_loop.post([this, registration] {
+    return registration && m_loop.post([registration] {
         if (registration->channel)
             registration->channel->check();
     });

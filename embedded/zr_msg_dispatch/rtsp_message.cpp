@@ -140,6 +140,12 @@ void Parser::append(const char *data, size_t size)
 
 void Parser::lend(const char *data, size_t size)
 {
+    // the head first: else all that was read would have to be the parser's own for it
+    const size_t ofHead = std::min(missingOfHead(), size);
+    if (ofHead > 0)
+        append(data, ofHead);
+    data += ofHead;
+    size -= ofHead;
     const size_t missing = std::min(missingOfFrame(), size);
     if (pending() > 0 && missing == 0)
     {
@@ -153,6 +159,13 @@ void Parser::lend(const char *data, size_t size)
     m_lent = {data + missing, size - missing};
     if (pending() == 0)
         lookAtLent();
+}
+
+/// Of a frame that has begun.
+size_t Parser::missingOfHead() const
+{
+    const bool begun = m_state == State::Between && pending() > 0 && m_bytes[m_taken] == '$';
+    return begun ? frameHead - std::min(frameHead, pending()) : 0;
 }
 
 /// Of a frame whose head is there.
@@ -185,6 +198,8 @@ void Parser::keepRest()
         return;
     if (m_bytes.data() != m_buffer.data())
     {
+        if (m_buffer.capacity() > keptCapacity)
+            m_buffer = std::string();
         m_buffer.assign(m_bytes, m_taken);
         m_scanned -= m_taken;
         m_taken = 0;

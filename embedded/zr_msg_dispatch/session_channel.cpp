@@ -249,6 +249,8 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
                         name().c_str(), response.status, methodOf(request.messageId), mapped.problem.c_str());
     if (mapped.track)
         setUpTrack(mapped);
+    if (m_port && request.messageId == AOI_MSG_RTSP_PLAY && isSuccess(response))
+        m_port->played();
     if (mapped.answer.errorCode && !isDroppable(request.messageId)) // before whoever waits is told
         m_registration->refusal.set(
             {*mapped.answer.errorCode, mapped.problem.empty() ? response.reason : mapped.problem});

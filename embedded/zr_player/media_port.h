@@ -41,6 +41,8 @@ public:
     /// @param number  0 for the session's first SETUP
     /// @param writer  of an interleaved session; empty otherwise
     virtual void setUpTrack(unsigned number, const TrackTransport &transport, InterleavedWriter writer) = 0;
+    /// A PLAY was answered: what is missing about there is no loss.
+    virtual void played() = 0;
     /// An interleaved frame arrived. Returns soon; the bytes are the caller's.
     virtual void interleavedFrame(uint8_t channel, const uint8_t *data, size_t size) = 0;
     /// The connection is gone or the session ended: no more frames, and the writer is let go.

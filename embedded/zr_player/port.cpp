@@ -259,6 +259,15 @@ void MediaPort::connectionClosed()
     }
 }
 
+void MediaPort::played()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    for (Track &track : m_tracks)
+    {
+        track.played();
+    }
+}
+
 void MediaPort::interleavedFrame(uint8_t channel, const uint8_t *data, size_t size)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);

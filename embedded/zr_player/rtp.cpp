@@ -1,6 +1,7 @@
 #include "rtp.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zr::media {
 
@@ -11,6 +12,7 @@ constexpr uint32_t sequenceModulus = 1U << 16;
 constexpr uint32_t maxDropout = 3000;
 constexpr uint32_t maxMisorder = 100;
 constexpr uint32_t noJump = sequenceModulus + 1;
+constexpr uint32_t nearPlay = 64; ///< packets: about a PLAY's answer, on either side
 
 } // namespace
 
@@ -81,6 +83,35 @@ void Reception::start(const RtpPacket &packet)
     m_received = 0;
     m_expectedBefore = 0;
     m_receivedBefore = 0;
+    m_skipped = 0;
+    m_playedAt.reset();
+}
+
+void Reception::played()
+{
+    if (m_skipped != 0 && m_received - m_skippedAt < nearPlay)
+    {
+        m_base += std::exchange(m_skipped, 0);
+        m_expectedBefore = std::min(m_expectedBefore, expected());
+    }
+    else if (m_active)
+    {
+        m_playedAt = m_received;
+    }
+}
+
+void Reception::skip(uint32_t numbers)
+{
+    if (m_playedAt && m_received - *m_playedAt < nearPlay)
+    {
+        m_base += numbers;
+    }
+    else
+    {
+        m_skipped = numbers;
+        m_skippedAt = m_received;
+    }
+    m_playedAt.reset();
 }
 
 /// RFC 3550, A.1, without its probation: the far side was negotiated.
@@ -93,6 +124,10 @@ bool Reception::follow(uint16_t sequence)
         if (sequence < m_highest)
         {
             m_cycles += sequenceModulus;
+        }
+        if (step > 1)
+        {
+            skip(step - 1U);
         }
         m_highest = sequence;
         m_jumpNext = noJump;

@@ -55,6 +55,9 @@ public:
     /// @param clockRate  of the payload type in Hz; 0: unknown, no jitter
     /// @return whether a new source begins with the packet
     bool take(const RtpPacket &packet, uint32_t clockRate, TimePoint arrival);
+    /// The server has answered PLAY: numbers that are missing about there were never sent. After a pause or a seek
+    /// servers go on from another number (RFC 2326, 12.33), and packets may overtake the answer.
+    void played();
     /// A sender report of this source arrived.
     void senderReport(uint32_t ssrc, uint32_t ntpMiddle, TimePoint arrival);
 
@@ -71,6 +74,7 @@ public:
 private:
     void start(const RtpPacket &packet);
     bool follow(uint16_t sequence);
+    void skip(uint32_t numbers);
     void cover(uint32_t timestamp, bool begins);
     void measure(uint32_t timestamp, uint32_t clockRate, TimePoint arrival);
     int64_t missing() const;
@@ -86,6 +90,9 @@ private:
     uint32_t m_expectedBefore = 0;
     uint32_t m_receivedBefore = 0;
     uint64_t m_lostOfFormer = 0;
+    uint32_t m_skipped = 0;             ///< numbers that the last packet that did so left out
+    uint32_t m_skippedAt = 0;           ///< m_received then
+    std::optional<uint32_t> m_playedAt; ///< m_received then, until numbers were left out
 
     uint32_t m_clockRate = 0;
     uint32_t m_latest = 0;  ///< timestamp

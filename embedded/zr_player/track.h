@@ -36,6 +36,7 @@ public:
     /// Also learns the peer's RTCP port where the answer named none.
     bool rtcpFromPeer(const Endpoint &from);
 
+    void played() { m_reception.played(); }
     /// Counts a packet.
     /// @return whether a new source begins with it
     bool takeRtp(const RtpPacket &packet, size_t size, uint32_t clockRate, TimePoint arrival);

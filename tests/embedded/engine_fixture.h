@@ -134,6 +134,7 @@ public:
     {
         events.add("frame " + std::to_string(channel) + " " + std::string(data, data + size));
     }
+    void played() override { events.add("played"); }
     void connectionClosed() override { events.add("closed"); }
 
     Notes<media::InterleavedWriter> writers;

@@ -137,6 +137,34 @@ TEST_F(OpenPort, CountsLossOverWrapsJumpsAndSources)
     EXPECT_EQ(statistics().ullBytes, packets * 100);
 }
 
+TEST(ReceptionOfASource, LosesNothingWhereItsServerPlaysOn)
+{
+    constexpr int played = -1;
+    std::vector<int> longAfter{1, played};
+    for (int sequence = 2; sequence < 80; ++sequence)
+        longAfter.push_back(sequence);
+    longAfter.push_back(90);
+    const std::tuple<const char *, std::vector<int>, uint64_t> cases[] = {
+        {"behind the answer", {1, 2, played, 9, 10}, 0},
+        {"the answer came later", {1, 2, 9, 10, played, 11}, 0},
+        {"once only", {1, 2, played, 9, 12}, 2},
+        {"not both", {1, 3, 5, played, 6, 8}, 2},
+        {"long after", longAfter, 10},
+    };
+    for (const auto &[what, events, lost] : cases)
+    {
+        Reception reception;
+        for (const int event : events)
+        {
+            if (event == played)
+                reception.played();
+            else
+                reception.take({96, static_cast<uint16_t>(event), 0, 7}, 90000, TimePoint{});
+        }
+        EXPECT_EQ(reception.lost(), lost) << what;
+    }
+}
+
 TEST(ReceptionOfASource, CoversTimeByItsTimestamps)
 {
     Reception reception;
