@@ -168,7 +168,7 @@ void Check::tellPackets(const ZrMediaStatistics &before, const ZrMediaStatistics
                {{"packets", packets}, {"kbit_per_s", rate}, {"jitter_ms", jitter}, {"seconds", seconds}});
     const double part = static_cast<double>(lost) / static_cast<double>(std::max<uint64_t>(packets + lost, 1));
     std::snprintf(text, sizeof text, "%llu of %llu packets, %.2f %%", static_cast<unsigned long long>(lost),
-                  static_cast<unsigned long long>(packets + lost), part * 100);
+                  static_cast<unsigned long long>(packets) + lost, part * 100);
     if (part > bearableLoss)
     {
         m_table.failed("loss",
