@@ -86,6 +86,15 @@ enum tagZrRateControl : ZR_ULONG
     ZR_RATE_CONTROL_YES = 2
 };
 
+/// What a frame of a replayed recording is, for ZrReplayFacts.
+enum tagZrReplayMark : ZR_ULONG
+{
+    ZR_REPLAY_CLEAN_POINT = 1,    ///< it can be decoded by itself
+    ZR_REPLAY_END_OF_SECTION = 2, ///< the last one before a gap of the recording, or before its end
+    ZR_REPLAY_DISCONTINUITY = 4,  ///< it does not follow the one before: after a seek, and of each group backwards
+    ZR_REPLAY_TERMINAL = 8        ///< nothing more comes of what PLAY asked for
+};
+
 /// Which frames a server sends, for ZrOnvifReplay.
 enum tagZrFrames : ZR_ULONG
 {
@@ -299,6 +308,26 @@ extern "C"
     /// Says what a port has received so far. Any thread.
     /// @return 0; 2 for NULL; 3 when the port is not open
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortStatistics(ZR_ULONG ulPortID, ZrMediaStatistics *pstOut);
+
+    /// What the frames of a replayed recording told of themselves (ONVIF Streaming Specification, RTP header extension
+    /// 0xABAC), since the session was set up: those of its first track that tell it.
+    struct ZrReplayFacts
+    {
+        int64_t llUnixUs;            ///< when the latest frame was recorded, UTC in microseconds since 1970
+        int64_t llFirstUnixUs;       ///< and the first one
+        uint64_t ullFrames;          ///< frames that told it
+        uint64_t ullCleanPoints;     ///< of these, those of each tagZrReplayMark
+        uint64_t ullSectionEnds;     ///< likewise
+        uint64_t ullDiscontinuities; ///< likewise
+        ZR_ULONG ulMarks; ///< of the latest frame, tagZrReplayMark or-ed; the terminal one once all tracks had theirs
+        ZR_ULONG ulCSeq;  ///< the low octet of CSeq of the PLAY that it belongs to; many recorders leave it 0
+    };
+
+    /// Says where in its recording a port is, after ZR_SessionSetReplay. It is also the position that OPTIONS answers
+    /// bring the plug-in, once a frame has come after a PLAY: as a time of day, or, where the session's first PLAY was
+    /// answered for normal play time, by the distance from that PLAY's begin. Any thread.
+    /// @return 0; ZR_MEDIA_INVALID for NULL; ZR_MEDIA_UNKNOWN_PORT; ZR_MEDIA_NO_MEDIA when no packet told a time
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortReplay(ZR_ULONG ulPortID, ZrReplayFacts *pstOut);
 
     /// Closes a port: ends its recording, closes its sockets. Nothing of it runs when this returns.
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortClose(ZR_ULONG ulPortID);

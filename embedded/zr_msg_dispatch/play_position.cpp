@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 #include "rtsp_text.h"
 
@@ -114,6 +115,9 @@ void PlayPosition::play(std::string_view answered, std::string_view asked, doubl
         m_range = *range;
     else
         m_range.begin = at(now);
+    if (!std::exchange(m_played, true) && m_range.kind == Kind::Npt)
+        m_first = m_range.begin;
+    m_framesBefore = m_told.frames;
     m_speed = speedOf(scale);
     m_since = now;
 }
@@ -125,8 +129,22 @@ void PlayPosition::pause(Time now)
     m_since = now;
 }
 
+/// In the range's unit, or since 1970 where it has none.
+std::optional<double> PlayPosition::told() const
+{
+    constexpr double second = 1e6; // in microseconds
+    if (m_told.frames == m_framesBefore || (m_range.kind == Kind::Npt && !m_first))
+        return std::nullopt;
+    const double place = m_range.kind == Kind::Npt
+                             ? *m_first + static_cast<double>(m_told.latestUs - m_told.firstUs) / second
+                             : static_cast<double>(m_told.latestUs) / second;
+    return std::clamp(place, 0.0, largest);
+}
+
 double PlayPosition::at(Time now) const
 {
+    if (const auto place = told())
+        return *place;
     const double position = m_range.begin + m_speed * std::chrono::duration<double>(now - m_since).count();
     if (m_range.end && m_speed > 0 && *m_range.end > m_range.begin)
         return std::clamp(position, 0.0, *m_range.end);
@@ -137,7 +155,7 @@ double PlayPosition::at(Time now) const
 
 std::string PlayPosition::range(Time now) const
 {
-    if (m_range.kind == Kind::Live)
+    if (m_range.kind == Kind::Live && !told())
         return "npt=now-";
     char text[64];
     if (m_range.kind == Kind::Npt)

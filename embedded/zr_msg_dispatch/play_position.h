@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "media_port.h"
+
 namespace zr::dispatch {
 
 /// The position of one session. One thread at a time.
@@ -23,6 +25,10 @@ public:
     void play(std::string_view answered, std::string_view asked, double scale, Time now);
     /// A PAUSE was answered.
     void pause(Time now);
+    /// What the media tells itself. It goes before what is reckoned, once a frame came after the latest PLAY was
+    /// answered: as time of day, or by the distance from the begin of the session's first PLAY where that was normal
+    /// play time.
+    void follow(const media::ReplayTimes &told) { m_told = told; }
 
     /// The position as a Range value: "npt=12.500-", "clock=20240229T101500Z-"; "npt=now-" of what plays live.
     std::string range(Time now) const;
@@ -42,11 +48,17 @@ private:
     };
 
     static std::optional<Range> parse(std::string_view text);
+    std::optional<double> told() const;
     double at(Time now) const;
 
     Range m_range;
     double m_speed = 0; ///< seconds of the stream a second, 0 while it pauses
     Time m_since;       ///< when it was at the range's begin
+
+    media::ReplayTimes m_told;
+    uint64_t m_framesBefore = 0;   ///< that were told of when the latest PLAY was answered
+    bool m_played = false;         ///< a PLAY was answered
+    std::optional<double> m_first; ///< normal play time at which the session's first PLAY began
 };
 
 } // namespace zr::dispatch

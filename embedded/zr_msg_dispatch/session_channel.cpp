@@ -242,6 +242,8 @@ void SessionChannel::takeOwnAnswer(const Exchange &exchange, const rtsp::Message
 void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &response)
 {
     const aoi::Request &request = exchange.accepted->request;
+    if (const auto told = m_port ? m_port->replayTimes() : std::nullopt)
+        m_session.position.follow(*told);
     const Mapped mapped = mapResponse(request, exchange.url, response, m_session, m_connection->ends());
     m_tornDown = isTeardown(request.messageId) && isSuccess(response);
     if (!mapped.problem.empty())

@@ -219,6 +219,13 @@ ZR_ULONG ZR_MediaPortStatistics(ZR_ULONG ulPortID, ZrMediaStatistics *pstOut)
     });
 }
 
+ZR_ULONG ZR_MediaPortReplay(ZR_ULONG ulPortID, ZrReplayFacts *pstOut)
+{
+    return withPort("replay", ulPortID, [=](MediaPort &port) {
+        return pstOut == nullptr ? refuse(ZR_MEDIA_INVALID, "replay", ulPortID, "null") : port.replay(*pstOut);
+    });
+}
+
 ZR_ULONG ZR_MediaPortClose(ZR_ULONG ulPortID)
 {
     const std::shared_ptr<MediaPort> port = take(ulPortID);

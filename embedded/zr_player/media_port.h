@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "zr_types.h"
@@ -32,6 +33,14 @@ struct TrackTransport
 /// Sends an interleaved frame back (RTCP); false when the connection is gone. Any thread, never blocks.
 using InterleavedWriter = std::function<bool(uint8_t channel, const void *data, size_t size)>;
 
+/// What the frames of a replayed recording told of when they were recorded, in microseconds since 1970.
+struct ReplayTimes
+{
+    int64_t firstUs = 0; ///< of the session's first frame
+    int64_t latestUs = 0;
+    uint64_t frames = 0; ///< that told it
+};
+
 /// The port of one session. Any thread.
 class Port
 {
@@ -47,6 +56,8 @@ public:
     virtual void interleavedFrame(uint8_t channel, const uint8_t *data, size_t size) = 0;
     /// The connection is gone or the session ended: no more frames, and the writer is let go.
     virtual void connectionClosed() = 0;
+    /// None where the packets tell no times.
+    virtual std::optional<ReplayTimes> replayTimes() { return std::nullopt; }
 };
 
 /// The open port of an AOI port identifier; null when there is none.

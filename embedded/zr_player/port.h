@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,7 @@ public:
     ZR_ULONG show(ZrMediaKind kind, Viewer viewer);
     ZR_ULONG endShow();
     void statistics(ZrMediaStatistics &out);
+    ZR_ULONG replay(ZrReplayFacts &out);
     /// Nothing of the port runs when this returns. Not on the media thread. Once or more.
     void close();
 
@@ -55,6 +57,7 @@ public:
     void played() override;
     void interleavedFrame(uint8_t channel, const uint8_t *data, size_t size) override;
     void connectionClosed() override;
+    std::optional<ReplayTimes> replayTimes() override;
 
     /// Sends the reports that are due, as the media thread does.
     /// @return when the next is

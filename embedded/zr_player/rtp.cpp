@@ -22,6 +22,7 @@ std::optional<RtpPacket> readRtp(const uint8_t *data, size_t size)
     {
         return std::nullopt;
     }
+    RtpPacket packet;
     size_t used = headerSize + size_t{4} * (data[0] & 0x0FU);
     if ((data[0] & 0x10U) != 0)
     {
@@ -29,7 +30,10 @@ std::optional<RtpPacket> readRtp(const uint8_t *data, size_t size)
         {
             return std::nullopt;
         }
-        used += 4 + size_t{4} * readU16(data + used + 2);
+        packet.extensionId = readU16(data + used);
+        packet.extension = data + used + 4;
+        packet.extensionSize = size_t{4} * readU16(data + used + 2);
+        used += 4 + packet.extensionSize;
     }
     if ((data[0] & 0x20U) != 0)
     {
@@ -40,7 +44,6 @@ std::optional<RtpPacket> readRtp(const uint8_t *data, size_t size)
         }
         used += padding;
     }
-    RtpPacket packet;
     packet.payloadType = data[1] & 0x7FU;
     if (size < used || (packet.payloadType >= 64 && packet.payloadType <= 95))
     {

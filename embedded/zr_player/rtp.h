@@ -12,13 +12,16 @@ namespace zr::media {
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
 
-/// The fixed header of an RTP packet.
+/// The header of an RTP packet.
 struct RtpPacket
 {
     uint8_t payloadType = 0;
     uint16_t sequence = 0;
     uint32_t timestamp = 0;
     uint32_t ssrc = 0;
+    uint16_t extensionId = 0;           ///< of the header extension (RFC 3550, 5.3.1)
+    const uint8_t *extension = nullptr; ///< its content, within the packet; null: there is none
+    size_t extensionSize = 0;           ///< bytes of that
 };
 
 /// @return none when the bytes are no whole RTP packet: version, CSRC list, extension and padding must fit, and payload

@@ -27,6 +27,7 @@ bool Track::setUp(const TrackTransport &transport, TrackSockets sockets, Interle
     m_writer = std::move(writer);
     m_peer = {};
     m_reportTo = {};
+    m_replay = {};
     m_nextReport = Clock::now() + reportInterval();
     if (m_interleaved)
     {
@@ -82,6 +83,10 @@ bool Track::takeRtp(const RtpPacket &packet, size_t size, uint32_t clockRate, Ti
     m_bytes += size;
     m_lastArrival = arrival;
     m_heard = true;
+    if (const auto mark = readReplayMark(packet))
+    {
+        m_replay.take(*mark, packet.timestamp);
+    }
     return m_reception.take(packet, clockRate, arrival);
 }
 

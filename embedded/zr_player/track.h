@@ -5,6 +5,7 @@
 #include <string>
 
 #include "media_port.h"
+#include "replay.h"
 #include "rtcp.h"
 #include "udp.h"
 
@@ -58,6 +59,8 @@ public:
     TimePoint nextReport() const { return m_nextReport; }
 
     const Reception &reception() const { return m_reception; }
+    /// Of the present session.
+    const ReplayTrack &replay() const { return m_replay; }
     uint64_t packets() const { return m_packets; }
     uint64_t bytes() const { return m_bytes; }
     /// Frames of which a packet came: they share a timestamp (RFC 3550, 5.1).
@@ -76,6 +79,7 @@ private:
     Endpoint m_peer;
     Endpoint m_reportTo; ///< port 0: not known yet
     Reception m_reception;
+    ReplayTrack m_replay;
     uint64_t m_packets = 0;
     uint64_t m_bytes = 0;
     uint64_t m_frames = 0;

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -137,6 +138,9 @@ public:
     void played() override { events.add("played"); }
     void connectionClosed() override { events.add("closed"); }
 
+    std::optional<media::ReplayTimes> replayTimes() override { return times; }
+
+    std::optional<media::ReplayTimes> times; ///< set while nothing is asked
     Notes<media::InterleavedWriter> writers;
     Notes<std::string> events; ///< what happened, in words
 };

@@ -89,4 +89,30 @@ TEST_F(EngineOrders, LastForTheSession)
     EXPECT_EQ(other.requests(1).at(0).find("Authorization"), std::string::npos);
 }
 
+/// A replay is required on SETUP and PLAY alone; where it is, its frames say.
+TEST_F(EngineOrders, ReplayARecording)
+{
+    const ZrOnvifReplay replay = {ZR_RATE_CONTROL_YES, 0, ZR_FRAMES_PREDICTED, 0};
+    const auto port = RecordingPort::open(7);
+    port->times = media::ReplayTimes{1795168800000000, 1795168801000000, 25};
+    ScriptedServer server({{{"DESCRIBE", {describeAnswer}},
+                            {"SETUP", {setupAnswer}},
+                            {"PLAY", {ok("Session: S1\r\nRange: clock=20261120T100000Z-\r\n")}},
+                            {"OPTIONS", {ok("Session: S1\r\n")}},
+                            {"OPTIONS", {ok("Session: S1\r\nRange: npt=1-\r\n")}}}});
+    Client client(engine(), 7, server);
+    EXPECT_EQ(ZR_SessionSetReplay(7, &replay), 0U);
+    for (const ZR_ULONG request : {AOI_MSG_RTSP_DESCRIBE, AOI_MSG_RTSP_SETUP, AOI_MSG_RTSP_PLAY})
+        EXPECT_EQ(client.ask(request).kind, 1U);
+    port->times = media::ReplayTimes{1795168800000000, 1795168802000000, 50};
+    EXPECT_EQ(client.ask(AOI_MSG_RTSP_OPTIONS).range, "clock=20261120T100002Z-");
+    EXPECT_EQ(client.ask(AOI_MSG_RTSP_OPTIONS).range, "npt=1-") << "the server's own word";
+    const std::vector<std::string> requests = server.requests(5);
+    EXPECT_THAT(requests[0], testing::Not(testing::HasSubstr("onvif-replay")));
+    EXPECT_THAT(requests[1], testing::HasSubstr("\r\nRequire: onvif-replay\r\n"));
+    EXPECT_THAT(requests[2],
+                testing::HasSubstr("\r\nRequire: onvif-replay\r\nRate-Control: yes\r\nFrames: predicted\r\n"));
+    EXPECT_THAT(requests[3], testing::Not(testing::HasSubstr("onvif-replay")));
+}
+
 } // namespace zr::test

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <future>
@@ -163,6 +164,54 @@ TEST(ReceptionOfASource, LosesNothingWhereItsServerPlaysOn)
         }
         EXPECT_EQ(reception.lost(), lost) << what;
     }
+}
+
+TEST_F(OpenPort, TellsTheTimesOfAReplay)
+{
+    const auto told = [] {
+        ZrReplayFacts facts{};
+        const ZR_ULONG result = ZR_MediaPortReplay(portId, &facts);
+        EXPECT_EQ(result, facts.ullFrames == 0 ? ZR_ULONG{ZR_MEDIA_NO_MEDIA} : 0U);
+        return facts;
+    };
+    uint16_t sequence = 0;
+    const auto replayed = [&](uint32_t timestamp, const Bytes &extension, size_t words, uint8_t channel = 0) {
+        Bytes packet = rtp(++sequence, timestamp);
+        packet[0] |= 0x10;
+        packet[12] = 0xAB;
+        packet[13] = 0xAC;
+        packet[14] = static_cast<uint8_t>(words >> 8);
+        packet[15] = static_cast<uint8_t>(words);
+        std::copy(extension.begin(), extension.end(), packet.begin() + 16);
+        feed(packet, channel);
+        return told();
+    };
+    setUpInterleaved(0);
+    setUpInterleaved(1);
+    EXPECT_EQ(ZR_MediaPortReplay(portId, nullptr), ZR_ULONG{ZR_MEDIA_INVALID});
+    const Bytes first = {0xEE, 0xAA, 0x98, 0xA0, 0x80, 0, 0, 0, 0xA0, 7}; // 2026-11-20 10:00:00.5
+    constexpr int64_t firstUs = 1795168800500000;
+    for (const size_t words : {0U, 1U, 2U, 22U, 0xFFFFU}) // too short, or longer than its packet
+        EXPECT_EQ(replayed(1, first, words).ullFrames, 0U) << words;
+    EXPECT_EQ(replayed(1, Bytes(10), 3).ullFrames, 0U) << "no time";
+    ZrReplayFacts facts = replayed(1, first, 3);
+    EXPECT_EQ(facts.llUnixUs, firstUs);
+    EXPECT_EQ(facts.ulMarks, ZR_ULONG{ZR_REPLAY_CLEAN_POINT | ZR_REPLAY_DISCONTINUITY});
+    EXPECT_EQ(facts.ulCSeq, 7U);
+    feed(rtp(++sequence, 1)); // one packet of a frame tells it for all, several tell it once
+    facts = replayed(1, first, 3);
+    EXPECT_EQ(facts.ullFrames + facts.ullCleanPoints + facts.ullDiscontinuities, 3U);
+    Bytes last = {0, 0, 0, 1, 0, 0, 0, 0, 0x50, 7, 0, 0, 0xFF, 0xD8}; // of 2036, with a JPEG extension behind
+    facts = replayed(2, last, 5);
+    EXPECT_EQ(facts.llUnixUs, ((int64_t{1} << 32) + 1 - 2208988800) * 1000000);
+    EXPECT_EQ(facts.llFirstUnixUs, firstUs);
+    EXPECT_EQ(facts.ulMarks, ZR_ULONG{ZR_REPLAY_END_OF_SECTION | ZR_REPLAY_TERMINAL});
+    EXPECT_EQ(facts.ullSectionEnds, 1U);
+    EXPECT_EQ(replayed(9, first, 3, 2).ulMarks, ZR_ULONG{ZR_REPLAY_END_OF_SECTION}) << "the other track goes on";
+    EXPECT_EQ(replayed(10, last, 3, 2).ulMarks, facts.ulMarks) << "until its own last frame";
+    setUpInterleaved(0);
+    setUpInterleaved(1);
+    EXPECT_EQ(told().ullFrames, 0U) << "another session";
 }
 
 TEST(ReceptionOfASource, CoversTimeByItsTimestamps)

@@ -332,3 +332,31 @@ TEST_F(WireAnswers, TellThePositionNow)
     map(AOI_MSG_RTSP_PLAY, {{"Scale", "-2"}}, start + 5s);
     EXPECT_EQ(position(start + 7s), "npt=11.000-");
 }
+
+TEST_F(WireAnswers, TellThePositionThatTheMediaTells)
+{
+    constexpr int64_t begin = 1795168800000000; // 2026-11-20T10:00:00Z, in microseconds
+    const PlayPosition::Time start{};
+    const auto position = [this, start] { return *map(AOI_MSG_RTSP_OPTIONS, {}, start + 10s).answer.range; };
+    // what the first PLAY and a later one are answered; then frames of 4 s and of 60.5 s behind the first one
+    const std::tuple<std::string, std::string, std::string, std::string> rows[] = {
+        {"clock=20261120T100002Z-", "clock=20261120T110000Z-", "clock=20261120T100004Z-", "clock=20261120T100100Z-"},
+        {"npt=100-", "npt=200-", "npt=104.000-", "npt=160.500-"},
+        {"", "", "clock=20261120T100004Z-", "clock=20261120T100100Z-"},
+        {"clock=20261120T100002Z-", "npt=200-", "clock=20261120T100004Z-", "npt=210.000-"}};
+    for (const auto &[first, later, afterFirst, afterLater] : rows)
+    {
+        SCOPED_TRACE(first + ' ' + later);
+        m_session = {};
+        m_session.position.follow({begin, begin + 1000000, 25}); // frames may come before the answer
+        map(AOI_MSG_RTSP_PLAY, {{"Range", first}}, start);
+        m_session.position.follow({begin, begin + 4000000, 100});
+        EXPECT_EQ(position(), afterFirst);
+        map(AOI_MSG_RTSP_PAUSE, {}, start + 5s);
+        EXPECT_EQ(position(), afterFirst);
+        map(AOI_MSG_RTSP_PLAY, {{"Range", later}}, start);
+        EXPECT_TRUE(later.empty() || position() != afterFirst) << "as asked for, until a frame comes";
+        m_session.position.follow({begin, begin + 60500000, 101});
+        EXPECT_EQ(position(), afterLater);
+    }
+}

@@ -92,5 +92,9 @@ void zr::fuzz::media(Input input)
     }
     ZrMediaStatistics statistics{};
     port->statistics(statistics);
+    ZrReplayFacts replay{};
+    const bool told = port->replay(replay) == 0;
+    assert(told == (replay.ullFrames != 0) && replay.ullFrames <= statistics.ullPackets);
+    assert(replay.ullCleanPoints <= replay.ullFrames && replay.ullDiscontinuities <= replay.ullFrames);
     port->close();
 }
