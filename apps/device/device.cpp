@@ -8,6 +8,7 @@
 #include <gst/rtsp-server/rtsp-server.h>
 
 #include "recording.h"
+#include "replay_media.h"
 #include "shared_media.h"
 
 namespace zr::device {
@@ -20,6 +21,7 @@ struct Unref
     void operator()(gpointer object) const { g_object_unref(object); }
     void operator()(GMainLoop *loop) const { g_main_loop_unref(loop); }
     void operator()(GError *error) const { g_error_free(error); }
+    void operator()(GDateTime *time) const { g_date_time_unref(time); }
 };
 template <typename T>
 using Owned = std::unique_ptr<T, Unref>;
@@ -56,17 +58,31 @@ private:
     GSource *m_source = nullptr;
 };
 
-void addMount(GstRTSPMountPoints *mounts, const char *path, const std::string &pipeline, bool shared)
+void addMount(GstRTSPMountPoints *mounts, const char *path, const std::string &pipeline, GstRTSPMediaFactory *factory)
 {
-    GstRTSPMediaFactory *factory = gst_rtsp_media_factory_new();
     gst_rtsp_media_factory_set_launch(factory, pipeline.c_str());
     gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
                                     GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
-    if (shared)
-    {
-        shareMedia(factory);
-    }
     gst_rtsp_mount_points_add_factory(mounts, path, factory); // which takes it over
+}
+
+void addLiveMount(GstRTSPMountPoints *mounts, const char *path, const std::string &pipeline)
+{
+    GstRTSPMediaFactory *factory = gst_rtsp_media_factory_new();
+    shareMedia(factory);
+    addMount(mounts, path, pipeline, factory);
+}
+
+void addReplayMount(GstRTSPMountPoints *mounts, const std::string &file, const std::string &when)
+{
+    const Owned<GDateTime> begin(g_date_time_new_from_iso8601(when.c_str(), nullptr));
+    const gint64 seconds = begin ? g_date_time_to_unix(begin.get()) : -1;
+    if (seconds < 0 || seconds > G_MAXUINT32 - gint64{from1900To1970}) // NTP's seconds end in 2036
+    {
+        throw std::runtime_error("cannot replay from " + when + ": no time such as 20261120T100000Z, until 2036");
+    }
+    const auto unixTime = static_cast<uint32_t>(seconds);
+    addMount(mounts, "/replay", replayPipeline(file, uint64_t{unixTime} + from1900To1970), makeReplayFactory(unixTime));
 }
 
 GstRTSPToken *makeToken()
@@ -177,7 +193,7 @@ struct Device::Parts
         : options(chosen)
         , recording(chosen.picture, chosen.recordingSeconds)
         , loop(g_main_loop_new(nullptr, FALSE))
-        , server(gst_rtsp_server_new())
+        , server(chosen.replayFrom.empty() ? gst_rtsp_server_new() : makeReplayServer())
     {
     }
 
@@ -198,9 +214,14 @@ Device::Device(const DeviceOptions &options)
     secure(server, options);
 
     const Owned<GstRTSPMountPoints> mounts(gst_rtsp_server_get_mount_points(server));
-    addMount(mounts.get(), "/live", livePipeline(options.picture, true), true);
-    addMount(mounts.get(), "/video", livePipeline(options.picture, false), true);
-    addMount(mounts.get(), "/vod", playbackPipeline(m_parts->recording.path()), false);
+    const std::string &recording = m_parts->recording.path();
+    addLiveMount(mounts.get(), "/live", livePipeline(options.picture, true));
+    addLiveMount(mounts.get(), "/video", livePipeline(options.picture, false));
+    addMount(mounts.get(), "/vod", playbackPipeline(recording), gst_rtsp_media_factory_new());
+    if (!options.replayFrom.empty())
+    {
+        addReplayMount(mounts.get(), recording, options.replayFrom);
+    }
 
     g_signal_connect(server, "client-connected", G_CALLBACK(onClient), GINT_TO_POINTER(options.sessionTimeout));
     const Owned<GstRTSPSessionPool> sessions(gst_rtsp_server_get_session_pool(server));
@@ -225,7 +246,12 @@ std::vector<std::string> Device::urls() const
     const std::string scheme = m_parts->options.certificate.empty() ? "rtsp://" : "rtsps://";
     const std::string base =
         scheme + m_parts->options.address + ":" + std::to_string(gst_rtsp_server_get_bound_port(m_parts->server.get()));
-    return {base + "/live", base + "/video", base + "/vod"};
+    std::vector<std::string> urls = {base + "/live", base + "/video", base + "/vod"};
+    if (!m_parts->options.replayFrom.empty())
+    {
+        urls.push_back(base + "/replay");
+    }
+    return urls;
 }
 
 void Device::run()

@@ -27,10 +27,12 @@ struct DeviceOptions
     std::string key;           ///< its private key, PEM
     int sessionTimeout = 60;   ///< seconds without a sign of life until a session ends, 5 s more at most
     int recordingSeconds = 24; ///< length of /vod
+    std::string replayFrom;    ///< when it was recorded, YYYYMMDDThhmmssZ, for /replay; empty: that is not served
     Picture picture;
 };
 
-/// Serves /live (video and audio), /video (video alone) and /vod (a seekable recording).
+/// Serves /live (video and audio), /video (video alone) and /vod (a seekable recording); if asked to also /replay, the
+/// video of that recording as an ONVIF recorder replays it.
 ///
 /// /live and /video are one pipeline each that all clients share; /vod is one for each client, who has a position of
 /// its own. /video exists because a live mount of two streams refuses its second PLAY when only one was set up.
@@ -40,7 +42,7 @@ class Device
 {
 public:
     /// Makes the recording and listens.
-    /// @throws std::runtime_error  what failed: the certificate, the recording, or the address, and why
+    /// @throws std::runtime_error  what failed: the certificate, the recording, its time or the address, and why
     explicit Device(const DeviceOptions &options);
     ~Device();
 

@@ -57,6 +57,8 @@ void addOptions(CLI::App &app, zr::device::DeviceOptions &options)
     app.add_option("--vod-length", options.recordingSeconds, "Seconds of the recording at /vod")
         ->check(CLI::Range(2, 600))
         ->capture_default_str();
+    app.add_option("--replay-from", options.replayFrom,
+                   "Also serve /replay, as an ONVIF recorder does: when the recording began, such as 20261120T100000Z");
     app.add_option("--pattern", options.picture.pattern, "The picture")
         ->check(CLI::IsMember({"smpte", "smpte75", "ball", "bar", "pinwheel", "spokes", "zone-plate"}))
         ->capture_default_str();

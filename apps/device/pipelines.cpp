@@ -74,4 +74,13 @@ std::string playbackPipeline(const std::string &file)
            " demux.audio_0 ! queue ! rtppcmapay name=pay1 pt=8 max-ptime=20000000 )";
 }
 
+std::string replayPipeline(const std::string &file, uint64_t begin)
+{
+    // whole groups of pictures backwards too, as recorders send them
+    return "( filesrc location=" + file +
+           " ! matroskademux name=demux demux.video_0 ! queue ! h264parse ! rtph264pay pt=96 config-interval=-1"
+           " ! rtponviftimestamp name=pay0 set-e-bit=true set-t-bit=true drop-out-of-segment=false ntp-offset=" +
+           std::to_string(begin * GST_SECOND) + " )";
+}
+
 } // namespace zr::device

@@ -2,6 +2,7 @@
 /// The device's media, as GStreamer launch descriptions.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace zr::device {
@@ -26,5 +27,9 @@ std::string recordingPipeline(const Picture &picture, int seconds, const std::st
 
 /// Plays such a recording to a client, from any of its key frames.
 std::string playbackPipeline(const std::string &file);
+
+/// Plays its video, with the ONVIF replay extension in its packets.
+/// @param begin  of the recording, in seconds since 1900
+std::string replayPipeline(const std::string &file, uint64_t begin);
 
 } // namespace zr::device

@@ -6,10 +6,10 @@ _zr_rtsp_device() {
         --auth) COMPREPLY=($(compgen -W 'basic digest' -- "$word")); return ;;
         --pattern) COMPREPLY=($(compgen -W 'smpte smpte75 ball bar pinwheel spokes zone-plate' -- "$word")); return ;;
         --tls) compopt -o filenames; COMPREPLY=($(compgen -f -- "$word")); return ;;
-        --address | --port | --user | --password | --session-timeout | --vod-length) return ;;
+        --address | --port | --user | --password | --session-timeout | --vod-length | --replay-from) return ;;
     esac
     case $command in
-        '') options='--help --version --address --port --user --password --auth --tls --session-timeout --vod-length --pattern' ;;
+        '') options='--help --version --address --port --user --password --auth --tls --session-timeout --vod-length --replay-from --pattern' ;;
     esac
     if [[ $word == -* || -z $command ]]; then
         COMPREPLY=($(compgen -W "$options" -- "$word"))
