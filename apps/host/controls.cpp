@@ -136,7 +136,7 @@ void Controls::move(double seconds)
         say("a live stream plays now: there is nowhere else to go");
         return;
     }
-    Span span = parseSpan(m_course.description().range);
+    Span span = m_course.span();
     if (span.end)
     {
         span.end->seconds -= beforeEnd;
@@ -162,10 +162,14 @@ void Controls::changeSpeed(bool up)
 
 void Controls::playFrom(Position position, std::optional<ZR_ULONG> speedCode)
 {
-    const Span span = parseSpan(m_course.description().range);
+    const Span span = m_course.span();
+    const Playback &first = m_course.options().playback;
     const bool backwards = speedFactor(speedCode) < 0;
     // backwards a range falls (RFC 2326, 12.34)
-    const std::string asked = backwards ? "" : m_course.options().playback.to;
+    const bool asAtFirst = backwards == (speedFactor(first.speedCode) < 0);
+    const auto bound = parsePosition(first.to);
+    const bool passed = bound && (backwards ? bound->seconds > position.seconds : bound->seconds < position.seconds);
+    const std::string asked = asAtFirst && !passed ? first.to : "";
     const auto &end = backwards ? span.begin : span.end;
     Playback playback;
     playback.from = positionText(position);

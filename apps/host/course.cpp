@@ -58,7 +58,16 @@ Course::Course(Plugin &plugin, const Interrupt &interrupt, const Source &source,
     , m_protocol(options.protocol)
     , m_playback(options.playback)
 {
-    m_session.emplace(plugin, source, m_mailbox);
+    makeSession();
+}
+
+void Course::makeSession()
+{
+    m_session.emplace(m_plugin, m_source, m_mailbox);
+    if (m_options.replay)
+    {
+        m_session->replay(*m_options.replay);
+    }
 }
 
 void Course::begin()
@@ -102,7 +111,7 @@ void Course::openAnew(const Failure &failed)
     const std::string reason = refused ? "the server does not offer " + std::string(transport()) : failed.meaning();
     m_protocol = m_protocol == PROTOCOL_TCP ? PROTOCOL_UDP : PROTOCOL_TCP;
     m_report.event("opening_anew", reason + ": opening a new session over " + transport(), {{"code", failed.code()}});
-    m_session.emplace(m_plugin, m_source, m_mailbox);
+    makeSession();
 }
 
 void Course::stopIfInterrupted()
@@ -187,7 +196,7 @@ void Course::awaitMedia()
         notice = m_mailbox.wait(pollEvery);
     }
     m_begin = m_lastLook = m_lastRate = Clock::now();
-    m_report.event("media", "media arrives", nullptr);
+    m_report.event("media", "media arrives", withTime());
     if (notice) // which came right behind the first packet
     {
         take(*notice);
@@ -209,7 +218,11 @@ std::optional<double> Course::length() const
 
 std::optional<Position> Course::position() const
 {
-    const Span span = parseSpan(m_description.range);
+    if (const auto told = toldPosition())
+    {
+        return told;
+    }
+    const Span span = this->span();
     auto position = m_playback.from.empty() ? span.begin : parsePosition(m_playback.from);
     if (position)
     {
@@ -289,7 +302,8 @@ void Course::lookForSilence()
     else if (!m_silent && m_media.silent >= m_options.silence)
     {
         m_silent = true;
-        m_report.event("silent", "no media for " + wholeSeconds(m_options.silence), {{"seconds", m_media.silent}});
+        m_report.event("silent", "no media for " + wholeSeconds(m_options.silence),
+                       withTime({{"seconds", m_media.silent}}));
     }
     if (m_media.silent < probeAfter)
     {
@@ -310,14 +324,14 @@ void Course::pause()
 {
     m_session->pause();
     m_paused = Clock::now();
-    m_report.event("paused", "paused", nullptr);
+    m_report.event("paused", "paused", withTime());
 }
 
 void Course::playOn()
 {
     m_session->play({"", "", m_playback.speedCode, std::nullopt});
     endPause();
-    m_report.event("playing", "playing on", nullptr);
+    m_report.event("playing", "playing on", withTime());
 }
 
 void Course::endPause()
@@ -333,10 +347,12 @@ void Course::endPause()
 
 void Course::seek(const Playback &playback)
 {
+    const auto discontinuities = m_session->replayed().value_or(ZrReplayFacts{}).ullDiscontinuities;
     m_session->seek(playback);
     endPause();
     m_playback = playback;
     m_playbackSince = secondsOfMedia();
+    m_discontinuitiesBefore = discontinuities;
 }
 
 void Course::record(const std::string &file)
@@ -376,6 +392,10 @@ void Course::end()
     measure();
     const ZrMediaStatistics statistics = m_session->statistics();
     endRecordingAtEnd();
+    if (m_options.replay)
+    {
+        tellReplay();
+    }
     m_session->end();
     m_report.event("received",
                    "received " + std::to_string(statistics.ullPackets) + " packets, " + amount(statistics.ullBytes) +

@@ -18,8 +18,9 @@ struct CourseOptions
     bool multicast = false; ///< over UDP from a group, not for this receiver alone
     bool fallBack = false;  ///< to the other protocol, where the server refuses the one, or UDP stays silent
     Playback playback;
-    std::string speed;  ///< as it was given, to be shown
-    std::string record; ///< file; empty: none
+    std::optional<ZrOnvifReplay> replay; ///< by an ONVIF recorder, whose frames tell their times
+    std::string speed;                   ///< as it was given, to be shown
+    std::string record;                  ///< file; empty: none
     double skip = 0;    ///< seconds of the recording that are there already: what is played begins behind them
     double silence = 5; ///< seconds without media after which that is said
 };
@@ -81,8 +82,18 @@ public:
     double secondsOfMedia() const;
     /// The same, since the latest seek.
     double secondsOfPlayback() const { return secondsOfMedia() - m_playbackSince; }
-    /// Where it plays, as far as can be reckoned: by what was asked for and the description. None: live.
+    /// Where it plays: by the frames of a replay, else as far as can be reckoned by what was asked for and the
+    /// description. None: live.
     std::optional<Position> position() const;
+    /// Where it can play, as far as the description tells that in the unit that it plays by.
+    Span span() const;
+    /// The fields, with the position's time of the day where the frames of a replay tell it.
+    Fields withTime(Fields fields = nullptr) const;
+    /// Whether, if nothing more comes, that is the end of what was asked for.
+    bool mayHaveEnded() const;
+    /// Whether the latest frame of a replay is that one.
+    /// @param mark  a tagZrReplayMark of an end
+    bool toldEnd(ZR_ULONG mark) const;
     const Playback &playback() const { return m_playback; }
     const CourseOptions &options() const { return m_options; }
     /// Such as "UDP", as it is now.
@@ -97,6 +108,9 @@ public:
     std::optional<ZR_ULONG> notice() const { return m_notice; }
 
 private:
+    void makeSession();
+    std::optional<Position> toldPosition() const;
+    void tellReplay();
     void open();
     void openAnew(const Failure &failed);
     bool mayFallBack() const;
@@ -119,8 +133,9 @@ private:
     std::optional<Session> m_session;
     tagProtocol m_protocol; ///< of the session
     Description m_description;
-    Playback m_playback;        ///< what was asked for last
-    double m_playbackSince = 0; ///< and when, in seconds of media
+    Playback m_playback;                  ///< what was asked for last
+    double m_playbackSince = 0;           ///< and when, in seconds of media
+    uint64_t m_discontinuitiesBefore = 0; ///< of a replay, when it was asked for
 
     std::string m_recording; ///< empty: none
 

@@ -86,6 +86,7 @@ int run(int argc, char **argv, Report &report)
             checkCommand(options.common, options.check, report, trace);
             break;
         case Command::Play:
+        case Command::Replay:
             playCommand(options.common, options.play, report);
             break;
         case Command::Download:

@@ -12,6 +12,7 @@
 #include "failure.h"
 #include "help_page.h"
 #include "output_file.h"
+#include "replay_options.h"
 #include "secrets.h"
 #include "source_list.h"
 #include "speed.h"
@@ -36,6 +37,7 @@ struct Raw
     bool multicast = false;
     std::optional<int> downloadTimes;
     bool sampled = false;
+    ReplayOptions replay;
 };
 
 const CLI::Validator writable(
@@ -129,13 +131,23 @@ void addDuration(CLI::App &app, std::optional<double> &duration, const char *tex
     app.add_option("--duration", duration, text)->check(CLI::PositiveNumber)->option_text("S");
 }
 
+void addSpeed(CLI::App &app, PlayOptions &play)
+{
+    app.add_option("--speed", play.course.speed, "Factor 0.125 to 16, negative: backwards; or code:0...19");
+    addDuration(app, play.duration, "Seconds of media; without it until its end or Ctrl-C");
+}
+
+void addRecord(CLI::App &app, PlayOptions &play)
+{
+    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable);
+}
+
 void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
 {
     addUrl(app, raw);
     addTransport(app, raw, false);
     addRange(app, play.course.playback);
-    app.add_option("--speed", play.course.speed, "Factor 0.125 to 16, negative: backwards; or code:0...19");
-    addDuration(app, play.duration, "Seconds of media; without it until its end or Ctrl-C");
+    addSpeed(app, play);
     auto *pauseAt =
         app.add_option("--pause-at", play.pauseAt, "Pause once after so many seconds of media, then play on")
             ->check(CLI::NonNegativeNumber)
@@ -145,7 +157,7 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
         ->needs(pauseAt)
         ->option_text("S [2]");
     app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(writable);
-    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable);
+    addRecord(app, play);
     auto *preview = app.add_flag("--preview", play.preview, "Draw the picture in the terminal");
     app.add_flag("--window", play.window, "Show the picture in a window")->excludes(preview);
     app.add_flag("--reconnect", play.reconnect, "Begin a new session when one was ended or lost");
@@ -337,6 +349,7 @@ void understand(Raw &raw, Options &options)
         common.source = source(tagOr("onvif"));
         break;
     case Command::Play:
+    case Command::Replay:
         requireFree(options.play.snapshot, common.force);
         requireFree(options.play.course.record, common.force);
         common.source = source(tagOr("onvif"));
@@ -346,6 +359,10 @@ void understand(Raw &raw, Options &options)
         if (!options.play.course.speed.empty())
         {
             options.play.course.playback.speedCode = speedCode(options.play.course.speed);
+        }
+        if (options.command == Command::Replay)
+        {
+            raw.replay.apply(options.play.course);
         }
         break;
     case Command::Download:
@@ -404,6 +421,7 @@ Options parseOptions(int argc, char **argv)
         add(Command::Describe, "describe", "Print a stream's tracks, codecs and control URLs", describeHelp);
     auto *check = add(Command::Check, "check", "Try all that a stream needs, and say what fails", checkHelp);
     auto *play = add(Command::Play, "play", "Play a stream; record it, or take a picture, if asked to", playHelp);
+    auto *replay = add(Command::Replay, "replay", "Play an ONVIF recorder's recording by time of day", replayHelp);
     auto *download = add(Command::Download, "download", "Fetch a recording into a file", downloadHelp);
     auto *tv = add(Command::Tv, "tv", "Play a recording, sent to a TV wall as well", tvHelp);
     auto *watch = add(Command::Watch, "watch", "Play many streams at once, and say how they are", watchHelp);
@@ -417,13 +435,22 @@ Options parseOptions(int argc, char **argv)
         ->check(writable);
     addPlay(*play, raw, options.play);
     addForce(*play, options.common);
+    addUrl(*replay, raw);
+    addTransport(*replay, raw, false);
+    raw.replay.add(*replay, options.play.course.playback);
+    addSpeed(*replay, options.play);
+    addRecord(*replay, options.play);
     addForce(*download, options.common);
     addDownload(*download, raw, options.download);
     addTv(*tv, raw, options.tv);
     addWatch(*watch, raw, options.watch);
-    for (CLI::App *command : {describe, check, play, download, tv, watch, cameras})
+    for (CLI::App *command : {describe, check, play, replay, download, tv, watch, cameras})
     {
         command->option_defaults()->group(commonGroup);
+        if (command == replay) // on the other page there is no room for it
+        {
+            addForce(*command, options.common);
+        }
         addCommon(*command, raw, options.common);
     }
     try

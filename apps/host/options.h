@@ -83,6 +83,7 @@ enum class Command
     Describe,
     Check,
     Play,
+    Replay,
     Download,
     Tv,
     Watch,
@@ -95,7 +96,7 @@ struct Options
     CommonOptions common;
     DescribeOptions describe;
     CheckOptions check;
-    PlayOptions play;
+    PlayOptions play; ///< replay's as well
     DownloadOptions download;
     TvOptions tv;
     WatchOptions watch;

@@ -55,6 +55,20 @@ Examples:
   zr_rtsp_host play rtsp://192.0.2.10/vod --from 5 --to 15 --speed 2
 )"};
 
+const CommandHelp replayHelp = {R"(
+SETUP and PLAY require "onvif-replay", and PLAY has a range of the clock. Where
+the recorder's packets tell when each frame was recorded (ONVIF replay
+extension), that is the position, in UTC, on a terminal's status line and as
+"time" with --json; it ends with the frame that is told to be the last.
+Backwards the groups of pictures come latest first, each of them forwards. Keys
+are those of play.
+)",
+                                R"(
+Examples:
+  zr_rtsp_host replay rtsp://192.0.2.2/r1 --from 2026-11-20T10:00:00Z --speed -1
+  zr_rtsp_host replay nvr --from 20261120T100000Z --frames intra --interval 4000
+)"};
+
 const CommandHelp downloadHelp = {R"(
 Without --tcp or --udp a server that refuses TCP is asked for UDP in a new session.
 Without --speed the recording is simply played into the file. With it the server

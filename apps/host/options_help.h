@@ -15,6 +15,7 @@ extern const CommandHelp generalHelp;
 extern const CommandHelp describeHelp;
 extern const CommandHelp checkHelp;
 extern const CommandHelp playHelp;
+extern const CommandHelp replayHelp;
 extern const CommandHelp downloadHelp;
 extern const CommandHelp tvHelp;
 extern const CommandHelp watchHelp;

@@ -14,8 +14,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr double statusEvery = 1;        // seconds
-constexpr double silenceOfRecording = 2; // seconds without media when its end is due
+constexpr double statusEvery = 1;          // seconds
+constexpr double silenceOfRecording = 2;   // seconds without media when its end is due
+constexpr double silenceOfLastFrame = 0.4; // the same, when that was told by its first packet
 constexpr ZR_ULONG pictureWithinMs = 10000;
 constexpr milliseconds atLeisure{1000};
 constexpr milliseconds betweenPictures{80};
@@ -160,14 +161,14 @@ milliseconds Play::untilNextMoment() const
 void Play::judge()
 {
     const Media &media = m_course.media();
-    const auto length = m_course.length();
     if (m_course.over())
     {
         return;
     }
-    if (media.silent >= silenceOfRecording && length && m_course.secondsOfPlayback() >= *length - 1)
+    if ((media.silent >= silenceOfRecording && m_course.mayHaveEnded()) ||
+        (media.silent >= silenceOfLastFrame && m_course.toldEnd(ZR_REPLAY_TERMINAL)))
     {
-        m_report.event("end_of_stream", "the recording ended", nullptr);
+        m_report.event("end_of_stream", "the recording ended", m_course.withTime());
         m_course.stop();
     }
     else if (media.silent >= 2 * m_options.course.silence)
@@ -189,7 +190,7 @@ void Play::tellStatus()
     m_nextStatus = std::floor(media.seconds) + statusEvery;
     const char *state = m_course.paused() ? "paused" : media.silent >= m_options.course.silence ? "silent" : "playing";
     const auto position = m_course.position();
-    const Span span = parseSpan(m_course.description().range);
+    const Span span = m_course.span();
     const auto speed = m_course.playback().speedCode;
     const std::string place = !position ? positionShown({media.seconds, false})
                                         : positionShown(*position) + (span.end ? "/" + positionShown(*span.end) : "");
@@ -200,17 +201,16 @@ void Play::tellStatus()
                   static_cast<unsigned long long>(pictures ? media.frames : media.packets),
                   pictures ? "frames" : "packets", static_cast<unsigned long long>(media.lost), media.jitterMs,
                   m_course.recording().empty() ? "" : "  rec", steered ? "  ? keys" : "");
-    m_report.status({"progress",
-                     text,
-                     {{"seconds", media.seconds},
-                      {"state", state},
-                      {"position", position ? Fields(position->seconds) : Fields(nullptr)},
-                      {"speed", speedFactor(speed)},
-                      {"kbit_per_s", media.kilobitsPerSecond},
-                      {"frames", media.frames},
-                      {"packets", media.packets},
-                      {"lost", media.lost},
-                      {"jitter_ms", media.jitterMs}}});
+    m_report.status({"progress", text,
+                     m_course.withTime({{"seconds", media.seconds},
+                                        {"state", state},
+                                        {"position", position ? Fields(position->seconds) : Fields(nullptr)},
+                                        {"speed", speedFactor(speed)},
+                                        {"kbit_per_s", media.kilobitsPerSecond},
+                                        {"frames", media.frames},
+                                        {"packets", media.packets},
+                                        {"lost", media.lost},
+                                        {"jitter_ms", media.jitterMs}})});
 }
 
 } // namespace

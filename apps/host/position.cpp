@@ -60,6 +60,28 @@ std::optional<Position> parsePosition(const std::string &text)
     return read && std::fabs(position.seconds) < unusual ? std::optional<Position>(position) : std::nullopt;
 }
 
+std::optional<std::string> clockText(std::string text)
+{
+    if (text.size() > 4 && text[4] == '-') // the marks between its numbers go
+    {
+        text.erase(std::remove_if(text.begin(), text.end(), [](char c) { return c == '-' || c == ':'; }), text.end());
+    }
+    const auto position = parsePosition(text);
+    const bool plain = text.find_first_not_of("0123456789TZ.") == std::string::npos;
+    return plain && position && position->clock ? std::optional<std::string>(text) : std::nullopt;
+}
+
+std::string isoText(const Position &position)
+{
+    char text[48];
+    const double milliseconds = std::round(position.seconds * 1000);
+    const std::tm day = dayOf(milliseconds / 1000);
+    const size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &day);
+    const double whole = std::floor(milliseconds / 1000) * 1000;
+    std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(milliseconds - whole));
+    return text;
+}
+
 std::string positionText(const Position &position)
 {
     char text[48];

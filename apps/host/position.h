@@ -18,6 +18,14 @@ struct Position
 /// @return nothing for the rest, such as "now"
 std::optional<Position> parsePosition(const std::string &text);
 
+/// What parsePosition takes for a time of the day.
+/// @param text  that, or as ISO 8601 has it, such as 2026-11-20T10:00:00Z; UTC alone
+/// @return nothing for the rest
+std::optional<std::string> clockText(std::string text);
+
+/// ISO 8601, in UTC with milliseconds, of a time of the day.
+std::string isoText(const Position &position);
+
 /// As a server takes it, and parsePosition.
 std::string positionText(const Position &position);
 

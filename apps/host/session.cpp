@@ -385,6 +385,21 @@ void Session::endShow()
     ZR_MediaPortShow(m_id, ZR_SHOW_NOTHING, nullptr, nullptr);
 }
 
+void Session::replay(const ZrOnvifReplay &how)
+{
+    const ZR_ULONG result = ZR_SessionSetReplay(m_id, &how);
+    if (result != 0)
+    {
+        throw requestFailed("asking for the replay", result);
+    }
+}
+
+std::optional<ZrReplayFacts> Session::replayed() const
+{
+    ZrReplayFacts told{};
+    return ZR_MediaPortReplay(m_id, &told) == 0 ? std::optional<ZrReplayFacts>(told) : std::nullopt;
+}
+
 ZrMediaStatistics Session::statistics() const
 {
     ZrMediaStatistics now{};

@@ -94,6 +94,10 @@ public:
     void show(ZR_ULONG how, ZR_PICTURE_CALLBACK callback, void *user);
     void endShow();
     ZrMediaStatistics statistics() const;
+    /// Asks for the recording of an ONVIF recorder from the next request on.
+    void replay(const ZrOnvifReplay &how);
+    /// What its frames told; nothing where they tell no times.
+    std::optional<ZrReplayFacts> replayed() const;
 
 private:
     /// Whether the server asked the plug-in for credentials, and got some.

@@ -7,8 +7,10 @@ _zr_rtsp_host() {
     done
     case $before in
         --log-level) COMPREPLY=($(compgen -W 'debug info warning error' -- "$word")); return ;;
+        --frames) COMPREPLY=($(compgen -W 'all intra predicted' -- "$word")); return ;;
+        --rate-control) COMPREPLY=($(compgen -W 'yes no' -- "$word")); return ;;
         --password-file | --cameras | --ca | --trace-file | --log-file | --plugin | --report | --snapshot | --record) compopt -o filenames; COMPREPLY=($(compgen -f -- "$word")); return ;;
-        --user | --password | --tag | --from | --to | --speed | --duration | --pause-at | --pause-for | --silence | --metrics) return ;;
+        --user | --password | --tag | --from | --to | --speed | --duration | --pause-at | --pause-for | --silence | --interval | --metrics) return ;;
     esac
     case $command in
         describe) options='--help --help-all --sdp --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
@@ -18,7 +20,7 @@ _zr_rtsp_host() {
         tv) options='--help --help-all --to --tcp --duration --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         watch) options='--help --help-all --tcp --udp --duration --reconnect --metrics --silence --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         cameras) options='--help --help-all --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        '') options='describe check play download tv watch cameras --help --version' ;;
+        '') options='describe check play replay download tv watch cameras --help --version' ;;
     esac
     if [[ $word == -* || -z $command ]]; then
         COMPREPLY=($(compgen -W "$options" -- "$word"))

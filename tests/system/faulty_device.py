@@ -120,7 +120,8 @@ class Connection:
         self.plan = deque()  # (when, bytes or an action)
         self.playing = None  # when the next packet is due
         self.phases = deque()
-        self.rtp = {"channel": 0, "pt": 96, "seq": 100, "ts": 0, "ssrc": 0x5EED, "size": 100, "source": "127.0.0.1"}
+        self.rtp = {"channel": 0, "pt": 96, "seq": 100, "ts": 0, "ssrc": 0x5EED, "size": 100, "source": "127.0.0.1",
+                    "time": 0, "marks": 0}  # of the ONVIF replay extension: seconds since 1970, 0: there is none
         self.udp = {}
         self.receiver = None
 
@@ -231,7 +232,11 @@ class Connection:
     def packet(self, rtp):
         if "bye" in rtp:  # a receiver report, for a compound packet begins with one (RFC 3550, 6.1), and the goodbye
             return struct.pack(">BBHIBBHI", 0x80, 201, 1, rtp["ssrc"], 0x81, 203, 1, rtp["ssrc"])
-        head = struct.pack(">BBHII", 0x80, rtp["pt"], rtp["seq"] & 0xFFFF, rtp["ts"] & 0xFFFFFFFF, rtp["ssrc"])
+        extended = 0x10 if rtp["time"] else 0
+        head = struct.pack(">BBHII", 0x80 | extended, rtp["pt"], rtp["seq"] & 0xFFFF, rtp["ts"] & 0xFFFFFFFF, rtp["ssrc"])
+        if extended:
+            ntp = int((rtp["time"] + 2208988800) * 2**32)
+            head += struct.pack(">HHQBBH", 0xABAC, 3, ntp, rtp["marks"], 0, 0)
         return (head + b"\x41" + bytes(max(0, rtp["size"] - 13)))[:rtp["size"]]
 
     def frame(self, rtp):
@@ -252,6 +257,7 @@ class Connection:
             self.stream.sendall(self.frame(self.rtp))
         self.rtp["seq"] += 1
         self.rtp["ts"] += 1800
+        self.rtp["time"] += 0.02 if self.rtp["time"] else 0
         self.playing += phase.get("every", 0.02)
         phase["left"] -= 1
         if phase["left"] == 0:

@@ -131,6 +131,12 @@ TEST(HostPosition, isOfARecordingOrOfADay)
     EXPECT_FALSE(parsePosition("now") || parsePosition("") || parsePosition("20260228T2359Z") || parsePosition("1s"));
     EXPECT_FALSE(parsePosition("1e11") || parsePosition("-1e300") || parsePosition("nan"));
     EXPECT_EQ(positionShown(parsePosition("99999999999").value()), "27777777:46:39");
+    EXPECT_EQ(clockText("2026-02-28T23:59:50.5Z"), "20260228T235950.5Z");
+    EXPECT_EQ(clockText("20260228T235950Z"), "20260228T235950Z");
+    EXPECT_EQ(isoText({1795168799.9996, true}), "2026-11-20T10:00:00.000Z");
+    for (const char *wrong :
+         {"", "12", "2026-02-28", "2026-02-28T23:59:50", "2026-02-28 23:59:50Z", "20260228T-1:+1:50Z"})
+        EXPECT_FALSE(clockText(wrong)) << wrong;
 }
 
 TEST(HostBackoff, growsUntilASessionLasts)
