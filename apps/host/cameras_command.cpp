@@ -23,11 +23,17 @@ void camerasCommand(const CamerasOptions &options, Report &report)
                                      : url.credentials.complete        ? "in its URL"
                                      : user.empty()                    ? ""
                                                                        : "typed, or ZR_RTSP_PASSWORD";
+        std::string line = padded(camera.name, nameWidth) + padded(url.text, urlWidth);
+        if (!user.empty())
+        {
+            line.append("user ").append(user).append(", password ").append(password);
+        }
+        if (!camera.tag.empty())
+        {
+            line.append("  tag ").append(camera.tag);
+        }
         report.event(
-            "camera",
-            padded(camera.name, nameWidth) + padded(url.text, urlWidth) +
-                (user.empty() ? "" : "user " + user + ", password " + password) +
-                (camera.tag.empty() ? "" : "  tag " + camera.tag),
+            "camera", line,
             {{"name", camera.name}, {"url", url.text}, {"user", user}, {"password", password}, {"tag", camera.tag}});
     }
     if (options.cameras.empty())
