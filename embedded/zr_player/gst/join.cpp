@@ -306,7 +306,9 @@ std::string joinRecordings(const std::string &first, const std::string &second, 
         const auto same = after.tracks.find(name);
         if (same != after.tracks.end() && !alike(caps.get(), same->second.get()))
         {
-            throw std::runtime_error("the " + name + " of " + second + " is coded differently from that of " + first);
+            std::string what = "the ";
+            what.append(name).append(" of ").append(second).append(" is coded differently from that of ").append(first);
+            throw std::runtime_error(what);
         }
     }
     const Seam seam = seamOf(before, after);
