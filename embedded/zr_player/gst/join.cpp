@@ -176,7 +176,7 @@ Writer::Writer(const std::string &file, const std::map<std::string, GstPtr<GstCa
     std::string text = "matroskamux name=mux ! filesink name=file";
     for (const auto &[name, caps] : tracks)
     {
-        text += " appsrc name=" + name + " format=time max-bytes=0 ! mux." + name + "_0";
+        text.append(" appsrc name=").append(name).append(" format=time max-bytes=0 ! mux.").append(name).append("_0");
     }
     m_pipeline.reset(gst_parse_launch(text.c_str(), nullptr));
     if (m_pipeline == nullptr)
