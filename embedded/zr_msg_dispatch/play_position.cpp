@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <utility>
 
 #include "rtsp_text.h"
 
@@ -115,9 +114,10 @@ void PlayPosition::play(std::string_view answered, std::string_view asked, doubl
         m_range = *range;
     else
         m_range.begin = at(now);
-    if (!std::exchange(m_played, true) && m_range.kind == Kind::Npt)
-        m_first = m_range.begin;
-    m_framesBefore = m_told.frames;
+    if (m_first == none)
+        m_first = m_range.kind == Kind::Npt ? m_range.begin : noTime;
+    if (m_told)
+        m_told->framesBefore = m_told->times.frames;
     m_speed = speedOf(scale);
     m_since = now;
 }
@@ -129,15 +129,23 @@ void PlayPosition::pause(Time now)
     m_since = now;
 }
 
+void PlayPosition::follow(const media::ReplayTimes &told)
+{
+    if (!m_told)
+        m_told = std::make_unique<Told>();
+    m_told->times = told;
+}
+
 /// In the range's unit, or since 1970 where it has none.
 std::optional<double> PlayPosition::told() const
 {
     constexpr double second = 1e6; // in microseconds
-    if (m_told.frames == m_framesBefore || (m_range.kind == Kind::Npt && !m_first))
+    if (!m_told || m_told->times.frames == m_told->framesBefore || (m_range.kind == Kind::Npt && m_first < 0))
         return std::nullopt;
+    const media::ReplayTimes &times = m_told->times;
     const double place = m_range.kind == Kind::Npt
-                             ? *m_first + static_cast<double>(m_told.latestUs - m_told.firstUs) / second
-                             : static_cast<double>(m_told.latestUs) / second;
+                             ? m_first + static_cast<double>(times.latestUs - times.firstUs) / second
+                             : static_cast<double>(times.latestUs) / second;
     return std::clamp(place, 0.0, largest);
 }
 

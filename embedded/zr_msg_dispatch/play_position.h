@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,7 +29,7 @@ public:
     /// What the media tells itself. It goes before what is reckoned, once a frame came after the latest PLAY was
     /// answered: as time of day, or by the distance from the begin of the session's first PLAY where that was normal
     /// play time.
-    void follow(const media::ReplayTimes &told) { m_told = told; }
+    void follow(const media::ReplayTimes &told);
 
     /// The position as a Range value: "npt=12.500-", "clock=20240229T101500Z-"; "npt=now-" of what plays live.
     std::string range(Time now) const;
@@ -55,10 +56,17 @@ private:
     double m_speed = 0; ///< seconds of the stream a second, 0 while it pauses
     Time m_since;       ///< when it was at the range's begin
 
-    media::ReplayTimes m_told;
-    uint64_t m_framesBefore = 0;   ///< that were told of when the latest PLAY was answered
-    bool m_played = false;         ///< a PLAY was answered
-    std::optional<double> m_first; ///< normal play time at which the session's first PLAY began
+    /// What the media told, and of how many frames when the latest PLAY was answered. Few sessions have it, and all
+    /// sessions are held in memory.
+    struct Told
+    {
+        media::ReplayTimes times;
+        uint64_t framesBefore = 0;
+    };
+    std::unique_ptr<Told> m_told;
+    static constexpr double none = -1;   ///< for m_first: no PLAY was answered
+    static constexpr double noTime = -2; ///< likewise: it was not by normal play time
+    double m_first = none;               ///< normal play time at which the session's first PLAY began
 };
 
 } // namespace zr::dispatch
