@@ -1,7 +1,6 @@
 #include "picture_text.h"
 
 #include <algorithm>
-#include <sstream>
 
 #include <chafa.h>
 #include <clocale>
@@ -74,17 +73,6 @@ ChafaCanvasMode coloursOf(const ChafaTermInfo *info)
         return chafa_term_info_have_seq(info, mode.needs) != FALSE;
     });
     return found == std::end(modes) ? CHAFA_CANVAS_MODE_FGBG : found->mode;
-}
-
-std::vector<std::string> linesOf(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-    {
-        lines.push_back(line);
-    }
-    return lines;
 }
 
 } // namespace

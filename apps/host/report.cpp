@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <sstream>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -194,6 +195,17 @@ std::string harmless(std::string text)
         }
     }
     return text;
+}
+
+std::vector<std::string> linesOf(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+    {
+        lines.push_back(line);
+    }
+    return lines;
 }
 
 std::string cut(const std::string &text, size_t columns)

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -37,6 +38,8 @@ const char *word(Verdict verdict);
 
 /// The text without what could steer a terminal, but for ends of lines.
 std::string harmless(std::string text);
+
+std::vector<std::string> linesOf(const std::string &text);
 
 /// So much of a text in UTF-8 as fits into so many columns of one character each.
 std::string cut(const std::string &text, size_t columns);

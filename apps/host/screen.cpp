@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <sstream>
 #include <utility>
 
 #include "terminal_mode.h"
@@ -16,17 +15,6 @@ constexpr size_t keptLines = 1000;
 constexpr size_t linesSaid = 3; // room for what was said last
 constexpr std::chrono::milliseconds shortest{40};
 constexpr std::chrono::seconds shownWhole{8};
-
-std::vector<std::string> linesOf(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-    {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 std::string row(size_t number, const std::string &text)
 {

@@ -3,9 +3,9 @@
 #include "mapping_parts.h"
 #include "rtsp_text.h"
 
-namespace {
+namespace zr::dispatch {
 
-namespace rtsp = zr::rtsp;
+namespace {
 
 struct StaticType
 {
@@ -30,7 +30,10 @@ const StaticType *findStaticType(std::string_view number)
     return found == std::end(staticTypes) ? nullptr : found;
 }
 
-/// Takes a line with its end off the text.
+constexpr char controlAttribute[] = "a=control:";
+
+} // namespace
+
 std::string_view takeLine(std::string_view &text)
 {
     const size_t end = text.find('\n');
@@ -39,7 +42,6 @@ std::string_view takeLine(std::string_view &text)
     return line;
 }
 
-/// A line ends at its first CR, too.
 std::string_view withoutEnd(std::string_view line)
 {
     if (!line.empty() && line.back() == '\n')
@@ -47,15 +49,14 @@ std::string_view withoutEnd(std::string_view line)
     return line.substr(0, line.find('\r'));
 }
 
-constexpr char controlAttribute[] = "a=control:";
-
-/// The value of a control attribute; none when the line is another.
 std::optional<std::string_view> controlOf(std::string_view line)
 {
     if (!rtsp::hasPrefix(line, controlAttribute))
         return std::nullopt;
     return rtsp::trimmed(withoutEnd(line.substr(sizeof controlAttribute - 1)));
 }
+
+namespace {
 
 /// Reads a description line by line, completes each section when it ends, and copies what lies between.
 class RtpmapWriter
@@ -141,8 +142,6 @@ private:
 };
 
 } // namespace
-
-namespace zr::dispatch {
 
 std::optional<std::string_view> readDescription(const rtsp::Message &response)
 {

@@ -33,30 +33,12 @@ bool namesGroup(std::string_view sdp)
     return false;
 }
 
-std::string_view takeLine(std::string_view &text)
-{
-    const size_t end = std::min(text.find('\n'), text.size());
-    const std::string_view line = text.substr(0, end);
-    text.remove_prefix(std::min(end + 1, text.size()));
-    return rtsp::trimmed(line.substr(0, line.find('\r')));
-}
-
-/// A word that blanks end, taken off the text.
-std::string_view takeWord(std::string_view &text)
-{
-    text = rtsp::trimmed(text);
-    const size_t end = rtsp::firstOf(" \t", text);
-    const std::string_view word = text.substr(0, end);
-    text.remove_prefix(end);
-    return word;
-}
-
 /// The group of "IN IP4 239.1.2.3/127/2" (RFC 4566, 5.7); empty when it is none.
 std::string readConnection(std::string_view value)
 {
-    takeWord(value);
-    takeWord(value);
-    const std::string_view word = takeWord(value);
+    rtsp::takeWord(value);
+    rtsp::takeWord(value);
+    const std::string_view word = rtsp::takeWord(value);
     const std::string address = numericAddress(word.substr(0, word.find('/')));
     return isGroup(address) ? address : std::string();
 }
@@ -64,15 +46,15 @@ std::string readConnection(std::string_view value)
 /// Adds the sources of "incl IN IP4 239.1.2.3 192.0.2.1 ..." (RFC 4570, 3) when it is the group's.
 void readFilter(std::string_view value, DescribedGroup &group)
 {
-    const bool included = rtsp::sameText(takeWord(value), "incl");
-    takeWord(value);
-    takeWord(value);
-    const std::string_view destination = takeWord(value);
+    const bool included = rtsp::sameText(rtsp::takeWord(value), "incl");
+    rtsp::takeWord(value);
+    rtsp::takeWord(value);
+    const std::string_view destination = rtsp::takeWord(value);
     if (!included || (destination != "*" && numericAddress(destination) != group.address))
         return;
-    while (!rtsp::trimmed(value).empty() && group.sources.size() < mostSources)
+    while (!value.empty() && group.sources.size() < mostSources)
     {
-        std::string source = numericAddress(takeWord(value));
+        std::string source = numericAddress(rtsp::takeWord(value));
         const bool sameFamily =
             (source.find(':') == std::string::npos) == (group.address.find(':') == std::string::npos);
         if (!source.empty() && sameFamily)
@@ -97,8 +79,8 @@ public:
             level.connection = line.substr(2);
         else if (rtsp::hasPrefix(line, "a=source-filter:") && level.filters.size() < mostSources)
             level.filters.push_back(line.substr(sizeof "a=source-filter:" - 1));
-        else if (m_open && rtsp::hasPrefix(line, "a=control:"))
-            m_groups.back().control = rtsp::trimmed(line.substr(sizeof "a=control:" - 1));
+        else if (const auto control = m_open ? controlOf(line) : std::nullopt)
+            m_groups.back().control = *control;
     }
 
     std::vector<DescribedGroup> finish()
@@ -114,8 +96,8 @@ private:
         m_open = m_groups.size() < mostSections;
         if (!m_open)
             return;
-        takeWord(media);
-        const std::string_view port = takeWord(media);
+        rtsp::takeWord(media);
+        const std::string_view port = rtsp::takeWord(media);
         m_groups.emplace_back();
         m_groups.back().port =
             static_cast<uint16_t>(rtsp::parseNumber(port.substr(0, port.find('/')), UINT16_MAX).value_or(0));
@@ -183,7 +165,7 @@ std::vector<DescribedGroup> readGroups(std::string_view sdp)
         return {};
     GroupReader reader;
     while (!sdp.empty())
-        reader.add(takeLine(sdp));
+        reader.add(rtsp::trimmed(withoutEnd(takeLine(sdp))));
     return reader.finish();
 }
 

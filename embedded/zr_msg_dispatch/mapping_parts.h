@@ -52,6 +52,15 @@ std::string numericAddress(std::string_view text);
 /// Whether it is the numeric address of a multicast group.
 bool isGroup(const std::string &address);
 
+/// Takes a line of a description with its end off the text.
+std::string_view takeLine(std::string_view &text);
+
+/// It ends at its first CR, too.
+std::string_view withoutEnd(std::string_view line);
+
+/// The value of a control attribute; none when the line is another.
+std::optional<std::string_view> controlOf(std::string_view line);
+
 /// Where a description says that its sections are sent to, at most 16 of them; empty when none is sent to a group.
 std::vector<DescribedGroup> readGroups(std::string_view sdp);
 

@@ -22,18 +22,6 @@ size_t frameSize(const char *head)
     return static_cast<size_t>(bytes[2]) << 8 | bytes[3];
 }
 
-/// Takes the first word off a line.
-std::string_view nextWord(std::string_view &line)
-{
-    line = trimmed(line);
-    size_t end = 0;
-    while (end < line.size() && line[end] != ' ' && line[end] != '\t')
-        ++end;
-    const std::string_view word = line.substr(0, end);
-    line = trimmed(line.substr(end));
-    return word;
-}
-
 /// What is wrong with a protocol version; empty when nothing is (RTSP/1.0, other minor numbers are tolerated).
 std::string versionProblem(std::string_view version)
 {
@@ -51,8 +39,8 @@ std::string versionProblem(std::string_view version)
 std::string readStartLine(std::string_view line, Message &message)
 {
     std::string_view rest = line;
-    const std::string_view first = nextWord(rest);
-    const std::string_view second = nextWord(rest);
+    const std::string_view first = takeWord(rest);
+    const std::string_view second = takeWord(rest);
     message.response = hasPrefix(first, "RTSP/");
     const std::string problem = versionProblem(message.response ? first : rest);
     if (!problem.empty())
@@ -140,40 +128,36 @@ void Parser::append(const char *data, size_t size)
 
 void Parser::lend(const char *data, size_t size)
 {
-    // the head first: else all that was read would have to be the parser's own for it
-    const size_t ofHead = std::min(missingOfHead(), size);
-    if (ofHead > 0)
-        append(data, ofHead);
-    data += ofHead;
-    size -= ofHead;
-    const size_t missing = std::min(missingOfFrame(), size);
-    if (pending() > 0 && missing == 0)
+    if (m_state == State::Failed)
+        return;
+    // a cut frame is made whole, its head first; what comes behind it is parsed where it lies
+    while (const size_t missing = std::min(missingOfFrame(), size))
+    {
+        append(data, missing);
+        data += missing;
+        size -= missing;
+    }
+    if (pending() > 0 && !frameBegun())
     {
         append(data, size);
         return;
     }
-    if (m_state == State::Failed)
-        return;
-    if (missing > 0)
-        append(data, missing);
-    m_lent = {data + missing, size - missing};
+    m_lent = {data, size};
     if (pending() == 0)
         lookAtLent();
 }
 
-/// Of a frame that has begun.
-size_t Parser::missingOfHead() const
+bool Parser::frameBegun() const
 {
-    const bool begun = m_state == State::Between && pending() > 0 && m_bytes[m_taken] == '$';
-    return begun ? frameHead - std::min(frameHead, pending()) : 0;
+    return m_state == State::Between && pending() > 0 && m_bytes[m_taken] == '$';
 }
 
-/// Of a frame whose head is there.
+/// Of the frame that has begun, or of its head as long as that is not whole.
 size_t Parser::missingOfFrame() const
 {
-    if (m_state != State::Between || pending() < frameHead || m_bytes[m_taken] != '$')
+    if (!frameBegun())
         return 0;
-    const size_t whole = frameHead + frameSize(m_bytes.data() + m_taken);
+    const size_t whole = frameHead + (pending() < frameHead ? 0 : frameSize(m_bytes.data() + m_taken));
     return whole - std::min(whole, pending());
 }
 
@@ -274,7 +258,7 @@ std::optional<Parser::Event> Parser::between()
         lookAtNothing();
         return Event::NeedMore;
     }
-    if (m_bytes[m_taken] == '$')
+    if (frameBegun())
         return frameStart();
     m_headBytes = 0;
     m_state = State::StartLine;
@@ -283,7 +267,7 @@ std::optional<Parser::Event> Parser::between()
 
 std::optional<Parser::Event> Parser::frameStart()
 {
-    if (pending() < frameHead || missingOfFrame() > 0)
+    if (missingOfFrame() > 0)
         return Event::NeedMore;
     const auto *const bytes = reinterpret_cast<const uint8_t *>(m_bytes.data()) + m_taken;
     m_frame.channel = bytes[1];

@@ -113,7 +113,7 @@ private:
     Event fail(std::string problem);
     size_t pending() const { return m_bytes.size() - m_taken; }
     void take(size_t size);
-    size_t missingOfHead() const;
+    bool frameBegun() const;
     size_t missingOfFrame() const;
     void lookAtLent();
     void lookAtNothing();

@@ -51,6 +51,18 @@ inline std::string_view trimmed(std::string_view text)
     return text;
 }
 
+/// Takes a word that blanks or tabs end off the text, and those.
+inline std::string_view takeWord(std::string_view &text)
+{
+    text = trimmed(text);
+    size_t end = 0;
+    while (end < text.size() && text[end] != ' ' && text[end] != '\t')
+        ++end;
+    const std::string_view word = text.substr(0, end);
+    text = trimmed(text.substr(end));
+    return word;
+}
+
 /// Whether two texts of the same size are the same but for the case of ASCII letters.
 bool sameLetters(std::string_view left, std::string_view right);
 
