@@ -44,14 +44,16 @@ enum tagZrTlsCode : ZR_ULONG
 enum tagZrConnectionProblem : ZR_ULONG
 {
     ZR_CONNECTION_NONE = 0,
-    ZR_CONNECTION_FAILED = 1,         ///< there was none: refused, unreachable, unresolved, or too slow
-    ZR_CONNECTION_TLS_FAILED = 2,     ///< no TLS with the server: it speaks none, or only versions before 1.2
-    ZR_CONNECTION_NOT_TRUSTED = 3,    ///< its certificate is not accepted, for a reason that is none of these
-    ZR_CONNECTION_FOREIGN_ISSUER = 4, ///< nobody who is trusted vouches for its certificate
-    ZR_CONNECTION_WRONG_NAME = 5,     ///< its certificate is for another host
-    ZR_CONNECTION_EXPIRED = 6,        ///< its certificate has expired
-    ZR_CONNECTION_NOT_YET_VALID = 7,  ///< its certificate will be valid, or this machine's clock is wrong
-    ZR_CONNECTION_BROKEN = 8          ///< it was there, and was reset, closed, or cut for what the server sent
+    ZR_CONNECTION_FAILED = 1,             ///< there was none: refused, unreachable, unresolved, or too slow
+    ZR_CONNECTION_TLS_FAILED = 2,         ///< no TLS with the server: it speaks none, or only versions before 1.2
+    ZR_CONNECTION_NOT_TRUSTED = 3,        ///< its certificate is not accepted, for a reason that is none of these
+    ZR_CONNECTION_FOREIGN_ISSUER = 4,     ///< nobody who is trusted vouches for its certificate
+    ZR_CONNECTION_WRONG_NAME = 5,         ///< its certificate is for another host
+    ZR_CONNECTION_EXPIRED = 6,            ///< its certificate has expired
+    ZR_CONNECTION_NOT_YET_VALID = 7,      ///< its certificate will be valid, or this machine's clock is wrong
+    ZR_CONNECTION_BROKEN = 8,             ///< it was there, and was reset, closed, or cut for what the server sent
+    ZR_CONNECTION_NO_TUNNEL = 9,          ///< the server, or what answers for it, opens no tunnel (ZR_SessionSetTunnel)
+    ZR_CONNECTION_TUNNEL_CREDENTIALS = 10 ///< it opens none without credentials, or refuses those of the session
 };
 
 /// What the operations of sessions return besides 0; the log says more.
@@ -76,6 +78,13 @@ enum tagZrTraceKind : ZR_ULONG
 enum tagZrCredentialsFlag : ZR_ULONG
 {
     ZR_CREDENTIALS_BASIC_IN_CLEAR = 1 ///< Basic is answered also where the connection is not encrypted
+};
+
+/// For ZR_SessionSetTunnel.
+enum tagZrTunnel : ZR_ULONG
+{
+    ZR_TUNNEL_NONE = 0,
+    ZR_TUNNEL_HTTP = 1 ///< in HTTP; in HTTPS where the URL is one of rtsps
 };
 
 /// Whether a server sends as fast as the media plays, for ZrOnvifReplay.
@@ -132,6 +141,22 @@ extern "C"
     /// @return 0, else a tagZrSessionCode and nothing has changed
     ZR_PLATFORM_API ZR_ULONG ZR_SessionSetHeader(ZR_ULONG ulAOIPortID, const char *pszMethod, const char *pszName,
                                                  const char *pszValue);
+
+    /// Has a session's RTSP connection tunnelled in HTTP, as cameras, recorders and media servers know it
+    /// (RTP/RTSP/HTTP/TCP of the ONVIF Streaming Specification): a GET, whose answer carries what the server says, and
+    /// a POST, whose body tells it the requests in Base64, on a connection of its own. Media goes the same way where
+    /// the session is set up over TCP. For rtsps URLs both are encrypted and verified as without a tunnel. Where HTTP
+    /// itself asks for credentials (401), those of ZR_SessionSetCredentials answer. Where there is no tunnel the
+    /// requests fail with 503, and ZR_ConnectionProblem says why; it is never gone without.
+    ///
+    /// Before the session's object is created, or later: counts for the next connection, where a redirect leads, too.
+    /// Forgotten when the object is torn down. Any thread.
+    /// @param ulAOIPortID  the identifier of the session's object
+    /// @param ulTunnel     a tagZrTunnel
+    /// @param ulPort       where the session's server takes HTTP, 1 to 65535; 0: the port that the object was created
+    ///                     with, but 80 in place of 554, and 443 in place of 322
+    /// @return 0, else a tagZrSessionCode and nothing has changed
+    ZR_PLATFORM_API ZR_ULONG ZR_SessionSetTunnel(ZR_ULONG ulAOIPortID, ZR_ULONG ulTunnel, ZR_ULONG ulPort);
 
     /// How an ONVIF recorder replays (ONVIF Streaming Specification, replay control).
     struct ZrOnvifReplay

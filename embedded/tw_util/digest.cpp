@@ -10,6 +10,7 @@
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/rand.h>
 
 #include "platform_log.h"
 #include "tw_util.h"
@@ -54,6 +55,14 @@ const EVP_MD *algorithmOf(const std::string &name)
 }
 
 } // namespace
+
+std::string zr::util::randomHex(size_t size)
+{
+    std::array<unsigned char, 32> bytes{};
+    if (size > bytes.size() || RAND_bytes(bytes.data(), static_cast<int>(size)) != 1)
+        return {};
+    return hex(bytes.data(), size);
+}
 
 zr::util::SecretText::SecretText(std::string text)
     : m_text(std::move(text))

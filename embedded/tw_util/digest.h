@@ -30,6 +30,10 @@ private:
 /// Bytes as lower-case hexadecimal digits, in memory that was not moved. Any thread.
 std::string hex(const unsigned char *bytes, size_t size);
 
+/// So many random bytes (32 at most), as hex() writes them. Any thread.
+/// @return empty when there is no randomness
+std::string randomHex(size_t size);
+
 /// The digest of the fields joined by colons, as hex() writes it. What was joined is wiped; the digest is the caller's
 /// to wipe, if it is a secret. Any thread.
 /// @param algorithm  as OpenSSL names it: "MD5", "SHA256"

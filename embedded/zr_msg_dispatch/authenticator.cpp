@@ -6,7 +6,6 @@
 #include <utility>
 
 #include <openssl/evp.h>
-#include <openssl/rand.h>
 
 #include "challenge.h"
 #include "digest.h"
@@ -55,15 +54,6 @@ std::string inQuotes(std::string_view text)
     return out + '"';
 }
 
-/// @return empty when there is no randomness
-std::string makeCnonce()
-{
-    std::array<unsigned char, 16> bytes{};
-    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
-        return {};
-    return util::hex(bytes.data(), bytes.size());
-}
-
 bool offersAuth(const std::string &qop)
 {
     return rtsp::anyPiece(qop, ',', [](std::string_view offer) { return rtsp::sameText(offer, "auth"); });
@@ -105,7 +95,7 @@ std::optional<Authenticator::Digest> Authenticator::readDigest(const rtsp::Chall
         problem = "a Digest challenge with the qop " + rtsp::quoted(qop);
     else if (digest.nonce.empty() || !isPlain(digest.nonce) || !isPlain(digest.realm) || !isPlain(digest.opaque))
         problem = "a Digest challenge whose nonce, realm or opaque is missing, too long or unprintable";
-    else if ((digest.cnonce = makeCnonce()).empty())
+    else if ((digest.cnonce = util::randomHex(16)).empty())
         problem = "a Digest challenge, and no randomness";
     else
     {

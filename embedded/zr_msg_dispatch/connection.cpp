@@ -1,15 +1,13 @@
 #include "connection.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
 #include <utility>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "http_tunnel.h"
 #include "zr_platform.h"
 
 namespace zr::dispatch {
@@ -38,11 +36,6 @@ private:
     bool &m_flag;
 };
 
-std::string systemText(int error)
-{
-    return std::generic_category().message(error);
-}
-
 rtsp::Limits limitsOf(const Settings &settings)
 {
     rtsp::Limits limits;
@@ -50,105 +43,28 @@ rtsp::Limits limitsOf(const Settings &settings)
     return limits;
 }
 
-void setOption(int handle, int level, int name, int value)
-{
-    setsockopt(handle, level, name, &value, sizeof(value));
-}
-
-/// A far side that lost its power says nothing: the system is to notice within half a minute.
-void tune(int handle)
-{
-    setOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
-    setOption(handle, SOL_SOCKET, SO_KEEPALIVE, 1);
-    setOption(handle, IPPROTO_TCP, TCP_KEEPIDLE, 10);
-    setOption(handle, IPPROTO_TCP, TCP_KEEPINTVL, 5);
-    setOption(handle, IPPROTO_TCP, TCP_KEEPCNT, 4);
-    setOption(handle, IPPROTO_TCP, TCP_USER_TIMEOUT, 30000);
-}
-
 } // namespace
 
-Connection::Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security, ZR_ULONG session)
+Connection::Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security, ZR_ULONG session,
+                       std::unique_ptr<TunnelPlan> tunnel)
     : m_loop(loop)
     , m_settings(settings)
     , m_owner(&owner)
     , m_security(std::move(security))
+    , m_tunnel(tunnel ? std::make_unique<HttpTunnel>(*this, std::move(*tunnel)) : nullptr)
     , m_tap(session)
     , m_parser(limitsOf(settings))
     , m_timer(loop, [this] { onTimer(); })
 {
 }
 
+std::string Connection::systemText(int error)
+{
+    return std::generic_category().message(error);
+}
+
 Connection::~Connection()
 {
-    closeSocket();
-}
-
-void Connection::open(std::vector<ACE_INET_Addr> addresses)
-{
-    m_state = State::Connecting;
-    m_connectDeadline = SteadyClock::now() + m_settings.connectTimeout;
-    m_lastFailure = "its name is not resolved in time";
-    if (addresses.empty())
-        m_timer.start(m_settings.connectTimeout);
-    else
-        takeAddresses(std::move(addresses), {});
-}
-
-void Connection::takeAddresses(std::vector<ACE_INET_Addr> addresses, const std::string &error)
-{
-    if (m_state != State::Connecting)
-        return;
-    m_timer.stop();
-    if (!error.empty())
-        m_lastFailure = "its name is not resolved: " + error;
-    m_addresses = std::move(addresses);
-    std::reverse(m_addresses.begin(), m_addresses.end());
-    tryNextAddress();
-}
-
-void Connection::tryNextAddress()
-{
-    while (!m_addresses.empty())
-    {
-        const ACE_INET_Addr address = m_addresses.back();
-        const auto remaining = std::chrono::duration_cast<milliseconds>(m_connectDeadline - SteadyClock::now());
-        // a silent first address is not to use up the time of those behind it
-        const milliseconds share = remaining / static_cast<int>(m_addresses.size());
-        m_addresses.pop_back();
-        if (!beginConnect(address))
-            continue;
-        if (m_ends.peerAddress.empty())
-            m_timer.start(share);
-        else
-            becomeUp();
-        return;
-    }
-    failLater(m_lastFailure);
-}
-
-bool Connection::beginConnect(const ACE_INET_Addr &address)
-{
-    const int handle = socket(address.get_type(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    m_stream.set_handle(handle);
-    if (handle != ACE_INVALID_HANDLE)
-        tune(handle);
-    const bool begun =
-        handle != ACE_INVALID_HANDLE && (connect(handle, static_cast<const sockaddr *>(address.get_addr()),
-                                                 static_cast<socklen_t>(address.get_size())) == 0 ||
-                                         errno == EINPROGRESS);
-    // a server on this machine has often accepted by now
-    if (begun && m_loop.watch(handle, *this, !secure() && notePeer() ? EPOLLIN : EPOLLOUT))
-        return true;
-    m_lastFailure = systemText(errno);
-    m_ends = Ends();
-    closeSocket();
-    return false;
-}
-
-void Connection::abandonAttempt()
-{
-    m_timer.stop();
     closeSocket();
 }
 
@@ -160,63 +76,6 @@ void Connection::closeSocket()
     m_stream.close();
 }
 
-void Connection::finishConnect()
-{
-    int error = 0;
-    socklen_t size = sizeof(error);
-    if (getsockopt(m_stream.get_handle(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
-        error = errno;
-    if (error != 0)
-    {
-        m_lastFailure = systemText(error);
-        abandonAttempt();
-        tryNextAddress();
-        return;
-    }
-    m_timer.stop();
-    m_loop.change(m_stream.get_handle(), EPOLLIN);
-    if (secure())
-        beginTls();
-    else
-        becomeUp();
-}
-
-void Connection::beginTls()
-{
-    m_state = State::Securing;
-    m_tls = TlsStream::create(m_security);
-    if (!m_tls)
-    {
-        failLater("no TLS session can be made for " + m_security.host);
-        return;
-    }
-    m_timer.start(std::chrono::duration_cast<milliseconds>(m_connectDeadline - SteadyClock::now()));
-    takeSecured({});
-}
-
-/// @return false when there is none: it is not connected
-bool Connection::notePeer()
-{
-    ACE_INET_Addr peer;
-    std::array<char, INET6_ADDRSTRLEN> text = {};
-    if (m_stream.get_remote_addr(peer) != 0 || !peer.get_host_addr(text.data(), static_cast<int>(text.size())))
-        return false;
-    m_ends.peerAddress = text.data();
-    m_ends.peerPort = peer.get_port_number();
-    return true;
-}
-
-void Connection::becomeUp()
-{
-    m_timer.stop();
-    if (m_ends.peerAddress.empty())
-        notePeer();
-    std::vector<ACE_INET_Addr>().swap(m_addresses);
-    m_state = State::Up;
-    m_tap.connected(m_ends.peerAddress, m_ends.peerPort, tlsVersion());
-    m_owner->connected();
-}
-
 void Connection::happened(uint32_t events)
 {
     const auto stays = shared_from_this(); // its owner may let it go
@@ -225,9 +84,9 @@ void Connection::happened(uint32_t events)
         finishConnect();
         return;
     }
-    if ((events & EPOLLOUT) != 0 && (m_state == State::Up || m_state == State::Securing))
+    if ((events & EPOLLOUT) != 0 && hasSocket())
         send();
-    if ((events & ~uint32_t{EPOLLOUT}) != 0 && (m_state == State::Up || m_state == State::Securing))
+    if ((events & ~uint32_t{EPOLLOUT}) != 0 && hasSocket())
         read();
 }
 
@@ -247,6 +106,11 @@ void Connection::read()
 
 void Connection::take(std::string_view bytes)
 {
+    if (m_reader)
+    {
+        m_reader->arrived(*this, bytes);
+        return;
+    }
     m_parser.keepRaw(m_tap.raw());
     m_parser.lend(bytes.data(), bytes.size());
     {
@@ -275,9 +139,9 @@ void Connection::takeSecured(std::string_view bytes)
         return;
     if (m_state == State::Securing && state != TlsStream::State::Handshaking)
         becomeUp();
-    if (m_state == State::Up)
+    if (m_state == State::Opening || m_state == State::Up)
         take(plain);
-    if (m_state == State::Up && state == TlsStream::State::Ended)
+    if (hasSocket() && state == TlsStream::State::Ended)
         takeEnd();
 }
 
@@ -287,6 +151,8 @@ void Connection::takeEnd()
     const bool orderly = m_state == State::Up && !m_parser.midMessage();
     if (m_state == State::Securing)
         fail("the server closed the connection within the TLS handshake");
+    else if (m_state == State::Opening)
+        fail("the server closed the connection instead of opening the HTTP tunnel");
     else
         fail(orderly ? "the server closed the connection" : "the server closed the connection within a message",
              orderly);
@@ -348,6 +214,8 @@ void Connection::onTimer()
     }
     if (m_state == State::Securing)
         fail("no TLS handshake in time");
+    if (m_state == State::Opening)
+        fail("the server opens no HTTP tunnel in time");
     if (m_state != State::Up || !m_midMessage)
         return;
     const auto age = std::chrono::duration_cast<milliseconds>(SteadyClock::now() - m_messageBegun);
@@ -358,6 +226,11 @@ void Connection::onTimer()
     }
     fail("a message was not complete " + std::to_string(m_settings.messageTimeout.count()) +
          " ms after its first byte");
+}
+
+bool Connection::hasRoom(size_t size, size_t limit) const
+{
+    return (m_tunnel ? m_tunnel->unsent() : unsent()) + size <= limit;
 }
 
 void Connection::write(std::string_view bytes)
@@ -387,6 +260,15 @@ bool Connection::writeFrame(uint8_t channel, std::string_view payload)
 
 void Connection::queue(std::string_view bytes)
 {
+    if (m_tunnel)
+        m_tunnel->send(bytes);
+    else
+        sendPlain(bytes);
+}
+
+/// On this connection, whatever it belongs to.
+void Connection::sendPlain(std::string_view bytes)
+{
     if (m_tls)
     {
         m_tls->send(bytes);
@@ -401,7 +283,7 @@ void Connection::queue(std::string_view bytes)
 bool Connection::queueSecured()
 {
     m_out.append(m_tls->takeOutgoing());
-    if (hasRoom(0, 2 * m_settings.maxOutgoing))
+    if (unsent() <= 2 * m_settings.maxOutgoing)
         flush();
     else // it makes TLS itself answer without end
         failLater("the server leaves too much unread");
@@ -410,6 +292,8 @@ bool Connection::queueSecured()
 
 void Connection::finishWriting()
 {
+    if (m_tunnel)
+        return; // there are servers for which the end of the POST is that of the session
     m_finishWriting = true;
     if (m_state != State::Up)
         return;
@@ -475,6 +359,8 @@ void Connection::fail(const std::string &reason, bool orderly)
 
 ZR_ULONG Connection::problem() const
 {
+    if (m_tunnel && m_tunnel->problem() != ZR_CONNECTION_NONE)
+        return m_tunnel->problem();
     return m_tls ? m_tls->problemCode() : ZR_ULONG{ZR_CONNECTION_FAILED};
 }
 
@@ -503,10 +389,12 @@ void Connection::end(const std::string &reason)
     if (m_state == State::Closed)
         return;
     m_tap.closed(reason);
-    if (m_state == State::Up || m_state == State::Securing)
+    if (hasSocket())
         sayGoodbye();
     m_state = State::Closed;
     m_owner = nullptr;
+    if (m_tunnel)
+        m_tunnel->close();
     m_timer.stop();
     closeSocket();
 }

@@ -19,6 +19,17 @@
 
 namespace zr::dispatch {
 
+struct Credentials;
+class HttpTunnel;
+
+/// How a connection is tunnelled in HTTP.
+struct TunnelPlan
+{
+    std::string path;                               ///< of the URL, with its query
+    std::string host;                               ///< with its port, as in a URL
+    std::shared_ptr<const Credentials> credentials; ///< for HTTP's own challenges; null: none
+};
+
 /// Everything here happens on the loop's turn. Held by shared pointers, which may be let go
 /// from inside a callback.
 class Connection final : private IoLoop::Watcher, public std::enable_shared_from_this<Connection>
@@ -41,13 +52,15 @@ public:
     };
 
     /// @param session  whose it is, for who traces: the identifier of the session's object
-    Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security = {}, ZR_ULONG session = 0);
+    /// @param tunnel   null: it is not tunnelled
+    Connection(IoLoop &loop, const Settings &settings, Owner &owner, Security security, ZR_ULONG session,
+               std::unique_ptr<TunnelPlan> tunnel);
     ~Connection();
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
     /// Tries addresses one after the other: these, or those of takeAddresses when there are none yet. connected() or
-    /// lost() follows, within the connect time (the TLS handshake included).
+    /// lost() follows, within the connect time (the TLS handshake and the answer to a tunnel's GET included).
     void open(std::vector<ACE_INET_Addr> addresses);
     /// The addresses, once they are known. Without effect when the connection does not wait for them any more.
     /// @param error  why there are none
@@ -78,10 +91,27 @@ private:
         Idle,
         Connecting,
         Securing, ///< the TLS handshake runs
+        Opening,  ///< the tunnel is asked for
         Up,
         Failing, ///< lost() is on its way as a job
         Closed
     };
+
+    friend class HttpTunnel; // which reads and writes what is HTTP, by way of what follows
+    /// Takes what comes in, in place of the parser.
+    class Reader
+    {
+    public:
+        virtual void arrived(const Connection &on, std::string_view bytes) = 0;
+
+    protected:
+        ~Reader() = default;
+    };
+    void readBy(Reader *reader) { m_reader = reader; }
+    void sendHead(std::string_view head);
+    void sendPlain(std::string_view bytes);
+    void tunnelOpened(std::string_view rest);
+    void reconnect();
 
     void happened(uint32_t events) override;
     void read();
@@ -91,6 +121,7 @@ private:
     bool notePeer();
     void beginTls();
     void becomeUp();
+    void startTimerOfConnecting();
     void abandonAttempt();
     void closeSocket();
     void end(const std::string &reason);
@@ -100,7 +131,9 @@ private:
     bool parse();
     void watchMessageTime(bool progressed);
     void onTimer();
-    bool hasRoom(size_t size, size_t limit) const { return m_out.size() - m_outSent + size <= limit; }
+    bool hasSocket() const { return m_state >= State::Securing && m_state <= State::Up; }
+    size_t unsent() const { return m_out.size() - m_outSent; }
+    bool hasRoom(size_t size, size_t limit) const;
     void queue(std::string_view bytes);
     bool queueSecured();
     void sayGoodbye();
@@ -109,12 +142,15 @@ private:
     void wantOutput(bool wanted);
     void fail(const std::string &reason, bool orderly = false);
     void failLater(const std::string &reason);
+    static std::string systemText(int error);
 
     IoLoop &m_loop;
     const Settings &m_settings;
     Owner *m_owner;
     const Security m_security;
     std::unique_ptr<TlsStream> m_tls;
+    std::unique_ptr<HttpTunnel> m_tunnel; ///< none: it is not tunnelled
+    Reader *m_reader = nullptr;           ///< none: the parser reads
     State m_state = State::Idle;
     ACE_SOCK_Stream m_stream;
     Ends m_ends;

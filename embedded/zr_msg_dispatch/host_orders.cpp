@@ -178,14 +178,13 @@ bool HostOrders::change(ZR_ULONG id, const std::function<bool(Orders &)> &apply)
                                                        : std::make_shared<Orders>(*found->second->m_current);
     if (!apply(*changed))
         return false;
-    const bool empty = !changed->credentials && changed->headers.empty();
-    if (found == store().orders.end() && empty)
+    if (found == store().orders.end() && changed->none())
         return true;
     std::shared_ptr<HostOrders> &orders = store().orders[id];
     if (!orders)
         orders = std::make_shared<HostOrders>();
     orders->m_current = changed;
-    if (empty && orders.use_count() == 1) // no session has it
+    if (changed->none() && orders.use_count() == 1) // no session has it
         store().orders.erase(id);
     return true;
 }
@@ -250,6 +249,22 @@ ZR_ULONG ZR_SessionSetHeader(ZR_ULONG ulAOIPortID, const char *pszMethod, const 
             return zd::refused(operation, ulAOIPortID, ZR_SESSION_INVALID, problem);
         const auto add = [&](Orders &orders) { return zd::put(orders.headers, header); };
         return HostOrders::change(ulAOIPortID, add) ? 0 : zd::tooMany(operation, ulAOIPortID);
+    });
+}
+
+ZR_ULONG ZR_SessionSetTunnel(ZR_ULONG ulAOIPortID, ZR_ULONG ulTunnel, ZR_ULONG ulPort)
+{
+    namespace zd = zr::dispatch;
+    constexpr const char *name = "ZR_SessionSetTunnel";
+    return zd::guarded(name, ulAOIPortID, [&]() -> ZR_ULONG {
+        if (ulTunnel > ZR_TUNNEL_HTTP || ulPort > UINT16_MAX)
+            return zd::refused(name, ulAOIPortID, ZR_SESSION_INVALID, "an unknown tunnel, or a port above 65535");
+        HostOrders::change(ulAOIPortID, [&](Orders &orders) {
+            orders.tunnelled = ulTunnel == ZR_TUNNEL_HTTP;
+            orders.tunnelPort = static_cast<uint16_t>(ulPort);
+            return true;
+        });
+        return 0;
     });
 }
 

@@ -1,7 +1,8 @@
 /// @file
-/// What a host orders for a session besides the plug-in's requests: credentials, and headers of its own.
+/// What a host orders for a session besides the plug-in's requests: credentials, headers of its own, a tunnel.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -37,7 +38,10 @@ struct Orders
 {
     std::shared_ptr<const Credentials> credentials; ///< null: none
     std::vector<HostHeader> headers;
+    bool tunnelled = false;  ///< in HTTP
+    uint16_t tunnelPort = 0; ///< where the session's own server takes it; 0: by its RTSP port
 
+    bool none() const { return !credentials && headers.empty() && !tunnelled; }
     /// The lines of the headers that a request of the method has; one of the method's own stands for one of all.
     std::string linesFor(std::string_view method) const;
 };

@@ -72,9 +72,11 @@ private:
     bool prepareConnection(const Accepted &accepted);
     bool leadsElsewhere(const Accepted &accepted, const Target &target) const;
     bool follow(const Exchange &exchange, const rtsp::Message &response);
-    void leadTo(const Url &url);
+    void leadTo(const Url &url, const Accepted &accepted);
     bool askAgain();
-    void openConnection();
+    void openConnection(const Accepted &cause);
+    uint16_t tunnelPort(const Orders &orders) const;
+    std::unique_ptr<TunnelPlan> planTunnel(const Accepted &cause, const Orders &orders, uint16_t port) const;
     void dropConnection();
     bool maySeeCredentials() const;
     bool authenticates(const Orders &orders) const;

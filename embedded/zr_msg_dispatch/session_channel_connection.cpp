@@ -47,7 +47,7 @@ bool SessionChannel::prepareConnection(const Accepted &accepted)
         return true;
     if (!accepted.target && !m_mayReconnect)
         return false;
-    openConnection();
+    openConnection(accepted);
     return true;
 }
 
@@ -89,12 +89,12 @@ bool SessionChannel::follow(const Exchange &exchange, const rtsp::Message &respo
     accepted->answered = 0;
     m_redirect = Redirect{wireUrl(accepted->request, m_session), url->withoutCredentials};
     m_exchanges.restart(accepted);
-    leadTo(*url);
+    leadTo(*url, *accepted);
     pump();
     return true;
 }
 
-void SessionChannel::leadTo(const Url &url)
+void SessionChannel::leadTo(const Url &url, const Accepted &accepted)
 {
     const Target target{{url.host, url.port}, url.secure, url.secure ? url.host : std::string()};
     if (target == m_target)
@@ -102,7 +102,7 @@ void SessionChannel::leadTo(const Url &url)
     dropConnection();
     resetSession();
     m_target = target;
-    openConnection();
+    openConnection(accepted);
 }
 
 /// A server that closes after each answer, as in HTTP, may do so when the next request is under way already: it goes
@@ -114,13 +114,40 @@ bool SessionChannel::askAgain()
         return false;
     ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: the server closed the connection instead of answering, it is asked again",
                     name().c_str());
-    for (AcceptedPtr &accepted : m_exchanges.takeAll())
-        m_exchanges.push(std::move(accepted));
-    openConnection();
+    const std::vector<AcceptedPtr> again = m_exchanges.takeAll();
+    for (const AcceptedPtr &accepted : again)
+        m_exchanges.push(accepted);
+    openConnection(*again.front());
     return true;
 }
 
-void SessionChannel::openConnection()
+/// Where a tunnel is taken: where RTSP is, but for those servers whose RTSP has a port of its own.
+uint16_t SessionChannel::tunnelPort(const Orders &orders) const
+{
+    if (orders.tunnelPort != 0 && m_target.address == m_asked.address)
+        return orders.tunnelPort;
+    const uint16_t port = m_target.address.port;
+    return port == 554 ? 80 : port == 322 ? 443 : port;
+}
+
+std::unique_ptr<TunnelPlan> SessionChannel::planTunnel(const Accepted &cause, const Orders &orders, uint16_t port) const
+{
+    auto plan = std::make_unique<TunnelPlan>();
+    const std::string wired = wireUrl(cause.request, m_session);
+    const std::string &url = m_redirect && wired == m_redirect->from ? m_redirect->to : wired;
+    const size_t authority = url.find("://");
+    const size_t path = authority == std::string::npos ? authority : rtsp::firstOf("/?", url, authority + 3);
+    plan->path = path < url.size() ? url.substr(path, url.find('#', path) - path) : "/";
+    if (plan->path.front() == '?')
+        plan->path.insert(0, 1, '/');
+    plan->host = hostAndPort({m_target.address.host, port});
+    if (m_target.address == m_asked.address)
+        plan->credentials = orders.credentials;
+    return plan;
+}
+
+/// @param cause  the request that needs it
+void SessionChannel::openConnection(const Accepted &cause)
 {
     m_mayReconnect = false;
     m_notes = 0;
@@ -128,17 +155,20 @@ void SessionChannel::openConnection()
     m_wasUp = false;
     m_answered = false;
     Connection::Owner &owner = *this;
+    const auto orders = m_registration->orders->current();
+    const uint16_t port = orders->tunnelled ? tunnelPort(*orders) : m_target.address.port;
     m_connection = std::make_shared<Connection>(
         m_services.loop, m_services.settings, owner,
-        m_target.secure ? Security{m_services.tls, m_target.certificateHost} : Security(), m_registration->id);
-    Resolved numeric = resolveNumeric(m_target.address.host, m_target.address.port);
+        m_target.secure ? Security{m_services.tls, m_target.certificateHost} : Security(), m_registration->id,
+        orders->tunnelled ? planTunnel(cause, *orders, port) : nullptr);
+    Resolved numeric = resolveNumeric(m_target.address.host, port);
     const bool known = !numeric.addresses.empty();
     m_connection->open(std::move(numeric.addresses));
     if (known)
         return;
     // neither side keeps the other alive: the answer is for this connection, if it still waits
     m_services.resolver.resolve(
-        m_target.address.host, m_target.address.port,
+        m_target.address.host, port,
         [jobs = m_services.loop.jobs(), waiting = std::weak_ptr<Connection>(m_connection)](Resolved names) {
             jobs->post([waiting, names = std::move(names)] {
                 if (const auto connection = waiting.lock())

@@ -25,6 +25,7 @@ struct Settings
     milliseconds keepAliveHold{2000};   ///< how long an unanswered keep-alive holds other requests back
     milliseconds sessionSecond{1000};   ///< what a server's session time-out counts in
     unsigned servedTimeout = 60;        ///< seconds: from there on the requester's own keep-alives serve a session
+    milliseconds tunnelPause{500};      ///< for a server to end a POST of which all is sent that it announced
     milliseconds linger{2000};          ///< how long a TEARDOWN's answer is waited for after unregistering
     std::string userAgent;
     std::string caFile;                   ///< PEM; empty: the system's

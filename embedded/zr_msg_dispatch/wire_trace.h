@@ -25,6 +25,7 @@ public:
     {
     }
 
+    ZR_ULONG session() const { return m_session; }
     /// Where the parser is to keep what messages look like; null: nobody wants to see it.
     std::string *raw() { return isOn() ? keptRaw() : nullptr; }
 
@@ -35,6 +36,8 @@ public:
     }
     void closed(const std::string &reason) { tell(ZR_TRACE_CLOSED, reason); }
     void sent(std::string_view message) { tell(ZR_TRACE_SENT, message); }
+    /// What no parser has kept: a head of HTTP.
+    void heard(tagZrTraceKind kind, std::string_view head) { tell(kind, head); }
     /// The message, or what came of it, is what the parser has kept.
     void received(tagZrTraceKind kind = ZR_TRACE_RECEIVED)
     {

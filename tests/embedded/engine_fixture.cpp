@@ -1,7 +1,9 @@
 #include "engine_fixture.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
+#include <utility>
 
 #include <ace/SOCK_Connector.h>
 #include <netinet/tcp.h>
@@ -49,8 +51,38 @@ bool play(BIO *stream, const Step &step, const std::string &request)
     const linger reset = {1, 0};
     if (step.after == After::Reset)
         setsockopt(static_cast<int>(BIO_get_fd(stream, nullptr)), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-    return step.after == After::Stay;
+    if (step.after == After::CloseGet)
+        shutdown(static_cast<int>(BIO_get_fd(stream, nullptr)), SHUT_WR);
+    return step.after != After::Close && step.after != After::Reset;
 }
+
+bool begins(const std::string &text, const char *prefix)
+{
+    return text.rfind(prefix, 0) == 0;
+}
+
+/// The body of a tunnel's POST.
+struct Body
+{
+    bool open = false;
+    bool counts = false; ///< it ends where it is announced to
+    size_t left = 0;
+    std::string coded;
+
+    void take(const std::string &bytes, std::string &plain)
+    {
+        EXPECT_TRUE(!counts || bytes.size() <= left) << "more than is announced";
+        left -= std::min(left, bytes.size());
+        coded += bytes;
+        for (; coded.size() >= 4; coded.erase(0, 4))
+        {
+            std::array<unsigned char, 3> three;
+            EXPECT_EQ(EVP_DecodeBlock(three.data(), reinterpret_cast<const unsigned char *>(coded.data()), 4), 3);
+            plain.append(three.begin(), three.end() - std::count(coded.begin(), coded.begin() + 4, '='));
+        }
+    }
+    bool ended() const { return open && counts && left == 0; }
+};
 
 bool saidGoodbye(BIO *stream)
 {
@@ -106,38 +138,78 @@ void ScriptedServer::run()
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr); // this thread writes plainly
     for (size_t number = 0; readable(m_listener.get_handle()); ++number)
     {
-        const int socket = accept4(m_listener.get_handle(), nullptr, nullptr, SOCK_CLOEXEC);
-        const int one = 1;
-        setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-        BIO *const plain = BIO_new_socket(socket, BIO_CLOSE);
-        std::unique_ptr<BIO, decltype(&BIO_free_all)> stream(
-            m_tls ? BIO_push(BIO_new_ssl(m_tls.get(), 0), plain) : plain, BIO_free_all);
-        BIO_do_handshake(stream.get()); // what comes of it shows in what follows
+        Stream stream = accept();
         serve(stream.get(), number < m_scripts.size() ? m_scripts[number] : Script());
         stream.reset(); // it has ended once its client can see it
         m_ends.add(number);
     }
 }
 
+ScriptedServer::Stream ScriptedServer::accept() const
+{
+    if (!readable(m_listener.get_handle()))
+        return Stream(BIO_new(BIO_s_null()));
+    const int socket = accept4(m_listener.get_handle(), nullptr, nullptr, SOCK_CLOEXEC);
+    const int one = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    BIO *const plain = BIO_new_socket(socket, BIO_CLOSE);
+    Stream stream(m_tls ? BIO_push(BIO_new_ssl(m_tls.get(), 0), plain) : plain);
+    BIO_do_handshake(stream.get()); // what comes of it shows in what follows
+    return stream;
+}
+
 void ScriptedServer::serve(BIO *stream, const Script &script)
 {
     auto step = script.begin();
     std::string buffer;
+    std::string head; // of the next POST, while a frame may be in two
     std::string request;
-    while (BIO_pending(stream) > 0 || readable(static_cast<int>(BIO_get_fd(stream, nullptr))))
+    Stream post; // of a tunnel
+    Body body;
+    BIO *in = stream;
+    while (BIO_pending(in) > 0 || readable(static_cast<int>(BIO_get_fd(in, nullptr))))
     {
         std::array<char, 4096> bytes;
-        const int size = BIO_read(stream, bytes.data(), static_cast<int>(bytes.size()));
-        if (saidGoodbye(stream))
+        const int size = BIO_read(in, bytes.data(), static_cast<int>(bytes.size()));
+        if (saidGoodbye(in))
             requests.add("close_notify");
         if (size <= 0)
             return;
-        buffer.append(bytes.data(), static_cast<size_t>(size));
-        while (takeRequest(buffer, request))
+        const std::string came(bytes.data(), static_cast<size_t>(size));
+        if (body.open)
+            body.take(came, buffer);
+        else
+            (post ? head : buffer).append(came);
+        while (takeRequest(post && !body.open ? head : buffer, request))
         {
-            const bool answer = request.rfind("RTSP/", 0) == 0; // to a request of the script's
-            if (!answer && step != script.end() && !play(stream, *step++, request))
+            const bool answer = begins(request, "RTSP/"); // to a request of the script's
+            const After after = answer || step == script.end() ? After::Stay : step->after;
+            if (!answer && step != script.end() && !play(begins(request, "POST ") ? in : stream, *step++, request))
                 return;
+            if (begins(request, "POST "))
+            {
+                const size_t length = std::stoul(request.substr(request.find("\r\nContent-Length: ") + 18));
+                body = {true, after == After::ClosePost, length, {}};
+                body.take(std::exchange(head, {}), buffer);
+            }
+            else if (after == After::ClosePost)
+            {
+                post.reset();
+                body = {};
+                in = stream;
+            }
+            else if (begins(request, "GET ") && after == After::Stay)
+            {
+                post = accept();
+                in = post.get();
+            }
+        }
+        if (body.ended())
+        {
+            post.reset();
+            post = accept();
+            in = post.get();
+            body = {};
         }
     }
 }

@@ -52,7 +52,9 @@ enum class After
 {
     Stay,
     Close,
-    Reset
+    Reset,
+    CloseGet, ///< of a tunnel, the POST stays
+    ClosePost ///< the GET stays; of a POST itself: at the end of the body that it announces
 };
 
 /// What the server does with one request of a connection.
@@ -65,7 +67,7 @@ struct Step
 using Script = std::vector<Step>;
 
 /// Serves the scripts' connections one after the other on 127.0.0.1; requests beyond a script are recorded and not
-/// answered.
+/// answered. Behind a GET that stays the next connection is the POST of its tunnel, and a part of its script.
 class ScriptedServer
 {
 public:
@@ -81,7 +83,14 @@ public:
 
 private:
     void run();
+    struct Free
+    {
+        void operator()(BIO *stream) const { BIO_free_all(stream); }
+    };
+    using Stream = std::unique_ptr<BIO, Free>;
+
     bool readable(int socket) const;
+    Stream accept() const;
     void serve(BIO *stream, const Script &script);
     bool takeRequest(std::string &buffer, std::string &request);
 
