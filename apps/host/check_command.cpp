@@ -253,7 +253,11 @@ void Check::tryAll()
     else
     {
         CourseOptions options;
-        m_plays = tryTransport(options, true);
+        if (m_source.tunnelled)
+        {
+            skip({"UDP: SETUP", "UDP: PLAY", "UDP: media"}, "a tunnel in HTTP carries the media, too");
+        }
+        m_plays = !m_source.tunnelled && tryTransport(options, true);
         options.protocol = PROTOCOL_TCP;
         m_plays = tryTransport(options, !m_plays) || m_plays;
         if (!m_plays)

@@ -72,6 +72,10 @@ constexpr Problem problems[] = {
     {"the server cannot be reached", checkAddress, ZR_CONNECTION_FAILED, false},
     {"the connection to the server broke off",
      "check that the port is that of the RTSP server, and the device's own log", ZR_CONNECTION_BROKEN, false},
+    {"the session cannot be tunnelled",
+     "name the port in the URL where the device takes HTTP, or try without --http; --trace shows what it answers",
+     ZR_CONNECTION_NO_TUNNEL, false},
+    {"the tunnel needs credentials", "check --user and --password", ZR_CONNECTION_TUNNEL_CREDENTIALS, false},
 };
 
 } // namespace
@@ -109,8 +113,11 @@ Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG proble
         if (row.problem == problem)
         {
             const bool lost = played && problem == ZR_CONNECTION_BROKEN;
-            return {lost ? ExitCode::Lost : ExitCode::Unreachable, step, code,
-                    row.meaning + (text.empty() ? "" : ": " + text),
+            const bool unknown = problem == ZR_CONNECTION_TUNNEL_CREDENTIALS;
+            return {lost      ? ExitCode::Lost
+                    : unknown ? ExitCode::Credentials
+                              : ExitCode::Unreachable,
+                    step, code, row.meaning + (text.empty() ? "" : ": " + text),
                     row.advice + std::string(row.untrusted ? unverified : "")};
         }
     }

@@ -35,6 +35,7 @@ struct Raw
     bool tcp = false;
     bool udp = false;
     bool multicast = false;
+    bool http = false;
     std::optional<int> downloadTimes;
     bool sampled = false;
     ReplayOptions replay;
@@ -71,6 +72,7 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
         ->check(CLI::ExistingFile);
     app.add_option("--ca", common.caFile, "Trust this certificate for rtsps as well (PEM)")->check(CLI::ExistingFile);
     app.add_flag("--insecure", common.insecure, "Take any certificate of an rtsps server for good");
+    app.add_flag("--http", raw.http, "Tunnel RTSP and media in HTTP (implies --tcp): port 80, rtsps 443, or the URL's");
     app.add_option("--tag", raw.tag, "Decoder description, such as onvif (default), guobiao, omz-v1@12")->check(plain);
     app.add_flag("--json", common.json, "Print one event a line, as JSON");
     app.add_flag("--trace", common.trace, "Show the RTSP messages on the wire (stderr), credentials masked");
@@ -235,6 +237,14 @@ void complete(Credentials &credentials, const std::string &where)
     }
 }
 
+/// Devices take tunnels where their web pages are; a server of its own where it takes RTSP, which the URL then names.
+void tunnel(Source &source)
+{
+    const bool tls = source.url.text.rfind("rtsps:", 0) == 0;
+    source.tunnelled = true;
+    source.url.port = source.url.portNamed ? source.url.port : static_cast<uint16_t>(tls ? 443 : 80);
+}
+
 Source completeSource(const Raw &raw, const std::string &tag)
 {
     Source source = makeSource(raw.url, givenCredentials(raw), tag);
@@ -332,8 +342,24 @@ std::optional<Cameras> findCameras(Raw &raw, Options &options)
     return cameras;
 }
 
+/// The URLs' sources are known.
+void understandTunnel(const Raw &raw, Options &options)
+{
+    if (!raw.http)
+    {
+        return;
+    }
+    if (raw.udp || raw.multicast || options.check.multicast)
+    {
+        throw wrongUsage("--http carries the media, too: leave --udp and --multicast away");
+    }
+    tunnel(options.common.source);
+    std::for_each(options.watch.sources.begin(), options.watch.sources.end(), tunnel);
+}
+
 void understand(Raw &raw, Options &options)
 {
+    raw.tcp = raw.tcp || raw.http;
     const auto cameras = findCameras(raw, options);
     const auto tagOr = [&](const char *own) { return raw.tag.empty() ? std::string(own) : raw.tag; };
     const auto source = [&](const std::string &tag) { return completeSource(raw, tag); };
@@ -397,6 +423,7 @@ void understand(Raw &raw, Options &options)
         options.cameras = {cameras->file(), cameras->all()};
         break;
     }
+    understandTunnel(raw, options);
 }
 
 } // namespace

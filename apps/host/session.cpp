@@ -69,7 +69,12 @@ void Session::make(const std::string &local, ZR_USHORT port)
         throw Failure(ExitCode::Internal, "creating the session", 0, "the plug-in gave no object");
     }
     m_control->setDecoderDesc(m_source.tag);
-    if (!onvif()) // else the plug-in has them, with the URL, and answers to the description's challenge
+    if (m_source.tunnelled && ZR_SessionSetTunnel(m_id, ZR_TUNNEL_HTTP, url.port) != 0)
+    {
+        throw Failure(ExitCode::Internal, "creating the session", 0, "it cannot be tunnelled");
+    }
+    // else the plug-in has them, with the URL, and answers to the description's challenge; of a tunnel's it never hears
+    if (!onvif() || m_source.tunnelled)
     {
         handOverCredentials();
     }

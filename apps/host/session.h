@@ -20,6 +20,7 @@ struct Source
     Url url;
     Credentials credentials;
     std::string tag = "onvif"; ///< decoder description
+    bool tunnelled = false;    ///< in HTTP, on the URL's port
 };
 
 /// How a recording is asked for when it is to be kept, not looked at.

@@ -110,6 +110,7 @@ Url parseUrl(const std::string &text)
     }
     const size_t colon = authority.find(':');
     url.host = authority.substr(0, colon);
+    url.portNamed = colon != std::string::npos;
     url.port =
         colon == std::string::npos ? static_cast<uint16_t>(tls ? 322 : 554) : parsePort(authority.substr(colon + 1));
     if (url.host.empty() || url.host.front() == '[')

@@ -19,6 +19,7 @@ struct Url
     std::string text; ///< whole, without credentials and fragment; safe to show
     std::string host;
     uint16_t port = 554;
+    bool portNamed = false;  ///< else it is the scheme's
     Credentials credentials; ///< those in the URL, percent-decoded
 };
 

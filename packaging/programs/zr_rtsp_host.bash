@@ -13,14 +13,14 @@ _zr_rtsp_host() {
         --user | --password | --tag | --from | --to | --speed | --duration | --pause-at | --pause-for | --silence | --interval | --metrics) return ;;
     esac
     case $command in
-        describe) options='--help --help-all --sdp --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        check) options='--help --help-all --multicast --force --report --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        play) options='--help --help-all --tcp --udp --multicast --from --to --speed --duration --pause-at --pause-for --snapshot --record --preview --window --reconnect --silence --force --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        replay) options='--help --help-all --tcp --udp --multicast --from --to --frames --interval --rate-control --immediate --speed --duration --record --force --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        download) options='--help --help-all --force --tcp --udp --from --to --speed --sampled --full-frame --continue --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        tv) options='--help --help-all --to --tcp --duration --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        watch) options='--help --help-all --tcp --udp --duration --reconnect --metrics --silence --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        cameras) options='--help --help-all --user --password --password-file --cameras --ca --insecure --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        describe) options='--help --help-all --sdp --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        check) options='--help --help-all --multicast --force --report --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        play) options='--help --help-all --tcp --udp --multicast --from --to --speed --duration --pause-at --pause-for --snapshot --record --preview --window --reconnect --silence --force --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        replay) options='--help --help-all --tcp --udp --multicast --from --to --frames --interval --rate-control --immediate --speed --duration --record --force --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        download) options='--help --help-all --force --tcp --udp --from --to --speed --sampled --full-frame --continue --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        tv) options='--help --help-all --to --tcp --duration --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        watch) options='--help --help-all --tcp --udp --duration --reconnect --metrics --silence --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        cameras) options='--help --help-all --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         '') options='describe check play replay download tv watch cameras --help --version' ;;
     esac
     if [[ $word == -* || -z $command ]]; then

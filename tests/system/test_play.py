@@ -39,6 +39,17 @@ class PlayTest(HostTest):
         self.assertNotIn("p@ss", result.out + result.err)
         self.assertNotIn("p%40ss", result.out + result.err)
 
+    def test_tunnel(self):
+        device, wire = self.device("--user", USER, "--password", PASSWORD), self.file("wire.txt")
+        for mount, tag in (("live", "onvif"), ("vod", "plain")):
+            with self.subTest(mount=mount):
+                self.play(device, mount, "--tcp", "--http", "--user", USER, "--password", PASSWORD, "--tag", tag,
+                          "--trace-file", wire)
+        with open(wire, encoding="utf-8") as traced:
+            self.assertRegex(traced.read(), r"(?s) > GET /live HTTP/1.0\n.* < HTTP/1.0 200 .*closed: from here\n"
+                                            r".* > POST /vod HTTP/1.0\n.* > DESCRIBE rtsp:.*interleaved frames received.*"
+                                            r" > TEARDOWN .* < RTSP/1.0 200 ")
+
     def test_recording(self):
         device = self.device()
         for mount, transport, audio in (("live", "--udp", "audio/x-mulaw"), ("live", "--tcp", "audio/x-mulaw"),

@@ -64,6 +64,7 @@ class SecureTest(HostTest):
         self.assertEqual(os.path.getsize(recording), 4)
         self.run_host(OK, *play, "--ca", certificate, "--record", recording, "--force")
         self.assertGreater(os.path.getsize(recording), 1000)
+        self.run_host(OK, *play, "--ca", certificate, "--http")
         self.assertIn("warning", self.run_host(OK, "describe", other.url("live"), "--insecure").err)
 
     def test_check(self):
