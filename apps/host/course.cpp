@@ -1,6 +1,7 @@
 #include "course.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <utility>
@@ -21,6 +22,7 @@ constexpr milliseconds lookEvery{500};
 constexpr double rateOver = 0.9; // seconds
 constexpr double probeAfter = 1; // seconds without a packet over UDP
 constexpr double probeAgainAfter = 5;
+constexpr unsigned tracksOverUdp = 2; // a media port's pairs of sockets
 
 double inSeconds(Course::Clock::duration duration)
 {
@@ -132,8 +134,16 @@ void Course::open()
     {
         m_session->askForMulticast();
     }
-    for (const TrackUrl &track : m_session->tracks())
+    unsigned number = 0;
+    for (const TrackUrl &track : m_session->tracks(m_options.metadata))
     {
+        if (m_protocol == PROTOCOL_UDP && !m_options.multicast && number++ == tracksOverUdp)
+        {
+            m_report.warning("not_set_up",
+                             track.media + " is left out: over UDP there is room for two tracks; try --tcp",
+                             {{"media", track.media}});
+            break;
+        }
         m_session->setUp(track, m_protocol, m_options.playback);
         m_report.event("set_up", "set up " + track.media + " over " + transport(),
                        {{"media", track.media}, {"transport", transport()}});
@@ -159,7 +169,7 @@ void Course::start()
 {
     if (!m_options.record.empty())
     {
-        m_session->record(m_options.record);
+        m_session->record(m_options.record, m_options.segments);
         m_recording = m_options.record;
     }
     m_session->play(m_playback);
@@ -271,11 +281,13 @@ double Course::secondsOfMedia() const
 
 void Course::measure()
 {
+    tellFiles();
     const auto now = m_lastLook = Clock::now();
     const ZrMediaStatistics statistics = m_session->statistics();
     m_media.packets = statistics.ullPackets;
     m_media.bytes = statistics.ullBytes;
     m_media.lost = statistics.ullLost;
+    m_media.reordered = m_session->reordered();
     m_media.frames = statistics.ullFrames;
     m_media.covered = static_cast<double>(statistics.ullMediaMs) / 1000;
     const double sinceRate = inSeconds(now - m_lastRate);
@@ -357,7 +369,7 @@ void Course::seek(const Playback &playback)
 
 void Course::record(const std::string &file)
 {
-    m_session->record(file);
+    m_session->record(file, m_options.segments);
     m_recording = file;
     m_report.event("recording", "recording into " + file, {{"file", file}});
 }
@@ -366,7 +378,34 @@ void Course::endRecording()
 {
     const std::string file = std::exchange(m_recording, {});
     m_session->endRecording();
+    tellFiles();
     m_report.event("recorded", "recorded " + file, {{"file", file}});
+}
+
+/// Of a recording in one file nothing is told but its beginning and its end.
+void Course::tellFiles()
+{
+    constexpr std::array<const char *, 4> ends = {"ended", "length", "size", "changed"};
+    for (const RecordedFile &file : m_session->recordedFiles())
+    {
+        const ZrRecordingFile &facts = file.facts;
+        if (facts.ulNumber == 1 && facts.ulEnd == ZR_RECORDING_ENDED)
+        {
+            continue;
+        }
+        const double seconds = static_cast<double>(facts.ullMediaMs) / 1000;
+        char length[32];
+        std::snprintf(length, sizeof length, "%.1f s", seconds);
+        m_report.event("recorded_file",
+                       "wrote " + file.name + ", " + length +
+                           (facts.ulEnd == ZR_RECORDING_CHANGED ? "; what came then is coded otherwise" : ""),
+                       {{"file", file.name},
+                        {"number", facts.ulNumber},
+                        {"end", ends.at(facts.ulEnd)},
+                        {"seconds", seconds},
+                        {"begin", static_cast<double>(facts.ullUnixUs) / 1e6},
+                        {"clock", facts.ulSenderClock != 0 ? "sender" : "receiver"}});
+    }
 }
 
 void Course::endRecordingAtEnd()

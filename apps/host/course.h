@@ -21,6 +21,8 @@ struct CourseOptions
     std::optional<ZrOnvifReplay> replay; ///< by an ONVIF recorder, whose frames tell their times
     std::string speed;                   ///< as it was given, to be shown
     std::string record;                  ///< file; empty: none
+    Segments segments;                   ///< of that
+    bool metadata = false;               ///< of ONVIF is received, for the recording
     double skip = 0;    ///< seconds of the recording that are there already: what is played begins behind them
     double silence = 5; ///< seconds without media after which that is said
 };
@@ -36,6 +38,7 @@ struct Media
     uint64_t bytes = 0;
     uint64_t frames = 0; ///< of the video
     uint64_t lost = 0;
+    uint64_t reordered = 0;
     double jitterMs = 0;
 };
 
@@ -119,6 +122,7 @@ private:
     void measure();
     void passOver();
     void endRecordingAtEnd();
+    void tellFiles();
     void lookForSilence();
     void take(ZR_ULONG notice);
     void endPause();

@@ -59,7 +59,7 @@ std::string HelpPage::make_help(const CLI::App *app, std::string name, CLI::AppF
     {
         const auto options =
             app->get_options([&](const CLI::Option *one) { return one->get_group() == group && one->nonpositional(); });
-        if (!options.empty() && (whole || group != commonGroup))
+        if (!options.empty() && (whole || (group != commonGroup && group != recordingGroup)))
         {
             page += make_group(group, false, options);
         }

@@ -11,6 +11,9 @@ namespace zr::host {
 /// The group of the options that every command takes: --help-all lists them.
 inline constexpr const char *commonGroup = "Options of all commands";
 
+/// That of options for recordings: likewise.
+inline constexpr const char *recordingGroup = "Options of recordings";
+
 class HelpPage : public CLI::Formatter
 {
 public:

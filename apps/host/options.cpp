@@ -121,6 +121,32 @@ void addForce(CLI::App &app, CommonOptions &common)
     app.add_flag("--force", common.force, "Write over files that are there");
 }
 
+/// @param excluded  option; empty: none
+void addRecording(CLI::App &app, CourseOptions &course, const std::string &excluded)
+{
+    CLI::Option *const options[] = {
+        app.add_option("--segment-length", course.segments.seconds,
+                       "Seconds after which the next file begins, at a key frame: a-002.mkv behind a.mkv")
+            ->check(CLI::Range(1.0, 4000000.0))
+            ->option_text("S"),
+        app.add_option("--segment-size", course.segments.megabytes, "Megabytes after which it does")
+            ->check(CLI::Range(0.1, 1e9))
+            ->option_text("MB"),
+        app.add_flag("--metadata", course.metadata, "Write the ONVIF metadata beside it, into a.metadata.jsonl")};
+    for (CLI::Option *option : options)
+    {
+        option->group(recordingGroup);
+        if (excluded.empty())
+        {
+            option->needs("--record");
+        }
+        else
+        {
+            option->excludes(excluded);
+        }
+    }
+}
+
 void addSilence(CLI::App &app, CourseOptions &course)
 {
     app.add_option("--silence", course.silence, "Seconds without media after which that is said")
@@ -164,6 +190,7 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
     app.add_flag("--window", play.window, "Show the picture in a window")->excludes(preview);
     app.add_flag("--reconnect", play.reconnect, "Begin a new session when one was ended or lost");
     addSilence(app, play.course);
+    addRecording(app, play.course, "");
 }
 
 void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
@@ -178,6 +205,7 @@ void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
     auto *sampled = app.add_flag("--sampled", raw.sampled, "Ask for sampled frames")->needs(speed);
     app.add_flag("--full-frame", "Ask for every frame (default)")->needs(speed)->excludes(sampled);
     app.add_flag("--continue", download.resume, "Fetch what FILE lacks, if it was cut")->excludes("--force");
+    addRecording(app, download.course, "--continue");
 }
 
 void addTv(CLI::App &app, Raw &raw, TvOptions &tv)
@@ -376,6 +404,7 @@ void understand(Raw &raw, Options &options)
         break;
     case Command::Play:
     case Command::Replay:
+        options.play.course.segments.overwrite = common.force;
         requireFree(options.play.snapshot, common.force);
         requireFree(options.play.course.record, common.force);
         common.source = source(tagOr("onvif"));
@@ -392,6 +421,7 @@ void understand(Raw &raw, Options &options)
         }
         break;
     case Command::Download:
+        options.download.course.segments.overwrite = common.force;
         requireFree(options.download.course.record, common.force || options.download.resume);
         common.source = source(tagOr("onvif"));
         options.download.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;

@@ -210,6 +210,7 @@ void Play::tellStatus()
                                         {"frames", media.frames},
                                         {"packets", media.packets},
                                         {"lost", media.lost},
+                                        {"reordered", media.reordered},
                                         {"jitter_ms", media.jitterMs}})});
 }
 

@@ -1,7 +1,10 @@
 #include "session.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <thread>
+#include <utility>
 
 #include <unistd.h>
 
@@ -253,7 +256,7 @@ std::optional<ZrSessionFacts> Session::ask(std::chrono::milliseconds longest) co
     return std::nullopt;
 }
 
-std::vector<TrackUrl> Session::tracks() const
+std::vector<TrackUrl> Session::tracks(bool metadata) const
 {
     const COnvifInfo info = ability().getOnvifInfo();
     std::vector<TrackUrl> found;
@@ -264,6 +267,19 @@ std::vector<TrackUrl> Session::tracks() const
         if (track != nullptr)
         {
             found.push_back({media, onvif() ? control : controlUrl(m_source.url.text, track->control)});
+        }
+    }
+    // the plug-in knows what its two tracks' URLs are relative to
+    const Track *const video = m_description.first("video");
+    const size_t own = video != nullptr ? video->control.size() : 0;
+    const std::string base =
+        info.m_strVideoControl.substr(0, info.m_strVideoControl.size() - std::min(own, info.m_strVideoControl.size()));
+    for (const Track &track : m_description.tracks)
+    {
+        if (metadata && track.media == "application" && track.codec.rfind("vnd.onvif.metadata", 0) == 0)
+        {
+            found.push_back({"metadata", controlUrl(onvif() ? base : m_source.url.text, track.control)});
+            break;
         }
     }
     return found;
@@ -348,13 +364,33 @@ void Session::end()
     m_control->tearDown();
 }
 
-void Session::record(const std::string &file)
+void Session::record(const std::string &file, const Segments &segments)
 {
-    const ZR_ULONG result = ZR_MediaPortRecord(m_id, file.c_str());
+    ZrRecordingOptions options{};
+    options.ulLengthMs = static_cast<ZR_ULONG>(std::lround(segments.seconds * 1000));
+    options.ullBytes = static_cast<uint64_t>(segments.megabytes * 1e6);
+    options.ulOverwrite = segments.overwrite ? 1 : 0;
+    options.pfnWhole = &Session::takeFile;
+    options.pvUser = this;
+    const ZR_ULONG result = ZR_MediaPortRecordFiles(m_id, file.c_str(), &options);
     if (result != 0)
     {
         throw notWritten("recording", file, result);
     }
+}
+
+void Session::takeFile(const ZrRecordingFile *file, void *session)
+{
+    auto &own = *static_cast<Session *>(session);
+    const std::scoped_lock lock(own.m_filesMutex);
+    own.m_files.push_back({file->pszFile, *file});
+    own.m_files.back().facts.pszFile = nullptr;
+}
+
+std::vector<RecordedFile> Session::recordedFiles()
+{
+    const std::scoped_lock lock(m_filesMutex);
+    return std::exchange(m_files, {});
 }
 
 void Session::endRecording()
@@ -410,6 +446,18 @@ ZrMediaStatistics Session::statistics() const
     ZrMediaStatistics now{};
     ZR_MediaPortStatistics(m_id, &now);
     return now;
+}
+
+uint64_t Session::reordered() const
+{
+    uint64_t sum = 0;
+    const ZR_ULONG tracks = statistics().ulTracks;
+    for (ZR_ULONG track = 0; track < tracks; ++track)
+    {
+        ZrTrackStatistics of{};
+        sum += ZR_MediaPortTrackStatistics(m_id, track, &of) == 0 ? of.ullReordered : 0;
+    }
+    return sum;
 }
 
 } // namespace zr::host

@@ -2,6 +2,7 @@
 /// One RTSP session: the plug-in's object and its media port, opened together and closed together.
 #pragma once
 
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +39,21 @@ struct Playback
     std::optional<DownloadSpeed> download; ///< instead of a speed
 };
 
+/// How a recording is written.
+struct Segments
+{
+    double seconds = 0;     ///< after which the next file begins; 0: never
+    double megabytes = 0;   ///< likewise
+    bool overwrite = false; ///< further files as well
+};
+
+/// A file of a recording that is whole.
+struct RecordedFile
+{
+    std::string name;
+    ZrRecordingFile facts; ///< but for its name
+};
+
 /// A track to be set up.
 struct TrackUrl
 {
@@ -67,8 +83,9 @@ public:
     /// Asks the server for a sign of life, as a keep-alive does, and waits for it.
     /// @return what is known then; nothing when no answer came in time
     std::optional<ZrSessionFacts> ask(std::chrono::milliseconds longest) const;
+    /// @param metadata  of ONVIF (application/vnd.onvif.metadata) as well
     /// @return the first video and the first audio track, video first
-    std::vector<TrackUrl> tracks() const;
+    std::vector<TrackUrl> tracks(bool metadata = false) const;
     /// @param playback  what will be played: a download tells its speed already here
     /// Has what is set up from now on be sent to a group: over UDP, from where it is said to come.
     void askForMulticast();
@@ -85,7 +102,9 @@ public:
     void end();
 
     /// Starts a recording of all that arrives; before play, so that it begins with the stream.
-    void record(const std::string &file);
+    void record(const std::string &file, const Segments &segments);
+    /// Those that became whole since the last call.
+    std::vector<RecordedFile> recordedFiles();
     /// Ends it and returns when the file is whole.
     void endRecording();
     /// Writes the next whole picture.
@@ -99,6 +118,8 @@ public:
     void replay(const ZrOnvifReplay &how);
     /// What its frames told; nothing where they tell no times.
     std::optional<ZrReplayFacts> replayed() const;
+    /// Packets of all tracks that came after a later one.
+    uint64_t reordered() const;
 
 private:
     /// Whether the server asked the plug-in for credentials, and got some.
@@ -110,6 +131,7 @@ private:
     /// Whether the plug-in cannot answer how the server asks for credentials.
     bool asksForMore() const;
     void close();
+    static void takeFile(const ZrRecordingFile *file, void *session);
     ZR_ULONG getObserverID() override;
     void notify(ZR_ULONG *code, uintptr_t argument) override;
     Failure failed(const std::string &step, ZR_ULONG result) const;
@@ -131,6 +153,9 @@ private:
     Description m_description;
     bool m_handedOver = false; ///< the credentials
     bool m_played = false;     ///< the server agreed to
+
+    std::mutex m_filesMutex; ///< guards m_files
+    std::vector<RecordedFile> m_files;
 };
 
 } // namespace zr::host

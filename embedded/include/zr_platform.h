@@ -32,6 +32,15 @@ enum tagZrShow : ZR_ULONG
     ZR_SHOW_WINDOW = 2    ///< a window of the desktop
 };
 
+/// Why a file of a recording ended, for ZrRecordingFile.
+enum tagZrRecordingEnd : ZR_ULONG
+{
+    ZR_RECORDING_ENDED = 0,  ///< the recording did
+    ZR_RECORDING_LENGTH = 1, ///< it was long enough
+    ZR_RECORDING_SIZE = 2,   ///< it was large enough
+    ZR_RECORDING_CHANGED = 3 ///< what came then is coded otherwise: another resolution, parameter set or encoding
+};
+
 /// What the operations of TLS return besides 0; the log says more.
 enum tagZrTlsCode : ZR_ULONG
 {
@@ -284,12 +293,50 @@ extern "C"
     /// @return 0; 2 when it names no track that is understood
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortSetDescription(ZR_ULONG ulPortID, const char *pszSdp);
 
-    /// Records what arrives into a Matroska file, or ends the recording and returns when the file is whole.
+    /// Records what arrives into a Matroska file, or ends the recording and returns when the file is whole. It begins
+    /// with a key frame. Where the stream goes on with another resolution, parameter set or encoding, which no file can
+    /// hold, it goes on in a new file: behind a.mkv comes a-002.mkv, or the next number that no file has. What cannot
+    /// be written (an encoding that the container does not know) is left out, and the log says so. A file tells when it
+    /// begins (DateUTC): by the sender's clock as soon as its reports tell it (RFC 3550, 6.4.1), which place sound and
+    /// picture towards each other, too; else by this machine's.
     /// @param pszFile  the file; NULL ends. One that exists is emptied at once, and removed when nothing came. Links
     ///                 are followed, so name it in no folder where others may make one. What is no regular file is
     ///                 refused
     /// @return 0; a code when it cannot be written, no track is known, or the library was built without GStreamer
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *pszFile);
+
+    /// A file of a recording that is whole.
+    struct ZrRecordingFile
+    {
+        const char *pszFile;    ///< its name; valid within the call
+        uint64_t ullMediaMs;    ///< its length in milliseconds
+        uint64_t ullBytes;      ///< of its frames
+        uint64_t ullUnixUs;     ///< when it begins, in microseconds since 1970
+        ZR_ULONG ulSenderClock; ///< 1: by the sender's clock; 0: by this machine's
+        ZR_ULONG ulNumber;      ///< in its name; the first one's is 1
+        ZR_ULONG ulEnd;         ///< a tagZrRecordingEnd
+    };
+
+    /// Called on a thread of the recording's, which writes nothing meanwhile: return soon. Everything may be called but
+    /// what ends this recording or closes its port.
+    typedef void (*ZR_RECORDING_CALLBACK)(const ZrRecordingFile *pstFile, void *pvUser);
+
+    /// For ZR_MediaPortRecordFiles; 0 and NULL where there is nothing to say.
+    struct ZrRecordingOptions
+    {
+        ZR_ULONG ulLengthMs;            ///< milliseconds of media after which another file begins; 0: never
+        ZR_ULONG ulOverwrite;           ///< not 0: also further files take the place of those of their names
+        uint64_t ullBytes;              ///< bytes of frames after which another file begins; 0: never
+        ZR_RECORDING_CALLBACK pfnWhole; ///< learns of each file that is whole
+        void *pvUser;                   ///< handed to it
+    };
+
+    /// Records as ZR_MediaPortRecord does, which also ends it, into as many files as are asked for, 99999 at most.
+    /// Another one begins with a key frame; nothing is missing between them.
+    /// @param pszFile  the first file; the next ones have numbers: a.mkv, a-002.mkv, a-003.mkv
+    /// @return as ZR_MediaPortRecord
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortRecordFiles(ZR_ULONG ulPortID, const char *pszFile,
+                                                     const ZrRecordingOptions *pstOptions);
 
     /// Writes the next whole picture into a PNG file: into a new one beside it, which then takes its name, also that of
     /// a link or of whatever else has it but a directory. Without a picture that stays as it is.
@@ -323,6 +370,17 @@ extern "C"
     /// @return 0; ZR_MEDIA_INVALID when it is no Matroska file with media; ZR_MEDIA_UNAVAILABLE
     ZR_PLATFORM_API ZR_ULONG ZR_RecordingFacts(const char *pszFile, ZrRecordingFacts *pstOut);
 
+    /// When a recording begins.
+    struct ZrRecordingBegin
+    {
+        uint64_t ullUnixUs;     ///< microseconds since 1970, of its DateUTC
+        ZR_ULONG ulSenderClock; ///< 1: by the clock of who sent it; 0: by that of who recorded it
+    };
+
+    /// Reads when a recording begins; takes as long as ZR_RecordingFacts. Any thread.
+    /// @return 0; ZR_MEDIA_INVALID when it does not say, or is no Matroska file with media; ZR_MEDIA_UNAVAILABLE
+    ZR_PLATFORM_API ZR_ULONG ZR_RecordingBegin(const char *pszFile, ZrRecordingBegin *pstOut);
+
     /// Continues a recording by another of the same stream that begins before it ends, without coding anything anew:
     /// where the other's first key frame is found in it, that is where the other goes on; else behind its end. What
     /// comes out is a new file, which then takes the first one's name; the other stays. Until then, and where it fails,
@@ -353,6 +411,28 @@ extern "C"
     /// answered for normal play time, by the distance from that PLAY's begin. Any thread.
     /// @return 0; ZR_MEDIA_INVALID for NULL; ZR_MEDIA_UNKNOWN_PORT; ZR_MEDIA_NO_MEDIA when no packet told a time
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortReplay(ZR_ULONG ulPortID, ZrReplayFacts *pstOut);
+
+    /// What a track of a media port has received so far.
+    struct ZrTrackStatistics
+    {
+        uint64_t ullPackets;      ///< RTP packets taken
+        uint64_t ullBytes;        ///< their bytes, RTP headers included
+        uint64_t ullLost;         ///< packets missing by their sequence numbers (RFC 3550, A.3)
+        uint64_t ullReordered;    ///< packets that came after a later one
+        uint64_t ullSenderUnixUs; ///< what the sender's wall clock showed in its newest report (RFC 3550, 6.4.1), in
+                                  ///< microseconds since 1970; 0: none, or none that counts from then
+        ZR_ULONG ulJitterUs;      ///< interarrival jitter in microseconds (RFC 3550, A.8)
+        ZR_ULONG ulSsrc;          ///< of the source that is heard
+        ZR_ULONG ulPayloadType;   ///< of the newest packet
+        char szMedia[16];         ///< "video", "audio"; empty: no packet yet, or not described
+        char szEncoding[68];      ///< in capitals: "H264"
+    };
+
+    /// Any thread.
+    /// @param ulTrack  0 for the session's first SETUP
+    /// @return 0; 2 for NULL; 3 when the port is not open; 6 when the track was not set up
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortTrackStatistics(ZR_ULONG ulPortID, ZR_ULONG ulTrack,
+                                                         ZrTrackStatistics *pstOut);
 
     /// Closes a port: ends its recording, closes its sockets. Nothing of it runs when this returns.
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortClose(ZR_ULONG ulPortID);

@@ -22,16 +22,17 @@ struct StaticType
     uint8_t payloadType;
 };
 
-/// RFC 3551, tables 4 and 5.
+/// RFC 3551, tables 4 and 5. 2 is reserved there; drafts gave it to G726-32, and devices use it.
 constexpr StaticType staticTypes[] = {
-    {"audio", "PCMU", "", 8000, 0},   {"audio", "GSM", "", 8000, 3},    {"audio", "G723", "", 8000, 4},
-    {"audio", "DVI4", "", 8000, 5},   {"audio", "DVI4", "", 16000, 6},  {"audio", "LPC", "", 8000, 7},
-    {"audio", "PCMA", "", 8000, 8},   {"audio", "G722", "", 8000, 9},   {"audio", "L16", "2", 44100, 10},
-    {"audio", "L16", "1", 44100, 11}, {"audio", "QCELP", "", 8000, 12}, {"audio", "CN", "", 8000, 13},
-    {"audio", "MPA", "", 90000, 14},  {"audio", "G728", "", 8000, 15},  {"audio", "DVI4", "", 11025, 16},
-    {"audio", "DVI4", "", 22050, 17}, {"audio", "G729", "", 8000, 18},  {"video", "CELB", "", 90000, 25},
-    {"video", "JPEG", "", 90000, 26}, {"video", "NV", "", 90000, 28},   {"video", "H261", "", 90000, 31},
-    {"video", "MPV", "", 90000, 32},  {"video", "MP2T", "", 90000, 33}, {"video", "H263", "", 90000, 34},
+    {"audio", "PCMU", "", 8000, 0},   {"audio", "G726-32", "", 8000, 2}, {"audio", "GSM", "", 8000, 3},
+    {"audio", "G723", "", 8000, 4},   {"audio", "DVI4", "", 8000, 5},    {"audio", "DVI4", "", 16000, 6},
+    {"audio", "LPC", "", 8000, 7},    {"audio", "PCMA", "", 8000, 8},    {"audio", "G722", "", 8000, 9},
+    {"audio", "L16", "2", 44100, 10}, {"audio", "L16", "1", 44100, 11},  {"audio", "QCELP", "", 8000, 12},
+    {"audio", "CN", "", 8000, 13},    {"audio", "MPA", "", 90000, 14},   {"audio", "G728", "", 8000, 15},
+    {"audio", "DVI4", "", 11025, 16}, {"audio", "DVI4", "", 22050, 17},  {"audio", "G729", "", 8000, 18},
+    {"video", "CELB", "", 90000, 25}, {"video", "JPEG", "", 90000, 26},  {"video", "NV", "", 90000, 28},
+    {"video", "H261", "", 90000, 31}, {"video", "MPV", "", 90000, 32},   {"video", "MP2T", "", 90000, 33},
+    {"video", "H263", "", 90000, 34},
 };
 
 /// The static types as formats; each lives as long as the program.

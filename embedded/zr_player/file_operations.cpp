@@ -8,6 +8,7 @@
 
 #include "error_text.h"
 #include "media_file.h"
+#include "new_file.h"
 #include "platform_log.h"
 
 namespace {
@@ -63,6 +64,23 @@ ZR_ULONG ZR_RecordingFacts(const char *pszFile, ZrRecordingFacts *pstOut)
         }
         constexpr uint64_t millisecond = 1000000;
         *pstOut = {times.ullEnd / millisecond, times.ullLastKey / millisecond};
+        return 0;
+    });
+}
+
+ZR_ULONG ZR_RecordingBegin(const char *pszFile, ZrRecordingBegin *pstOut)
+{
+    if (pszFile == nullptr || pstOut == nullptr)
+    {
+        return refuse(ZR_MEDIA_INVALID, "null");
+    }
+    return withLibrary([=](const ZrMediaLibrary &library) -> ZR_ULONG {
+        ZrMediaTimes times{};
+        if (library.times(pszFile, &times, &writeLog, nullptr) == 0 || times.llUnix <= 0)
+        {
+            return ZR_MEDIA_INVALID;
+        }
+        *pstOut = {static_cast<uint64_t>(times.llUnix) / 1000, times.iSenderClock != 0 ? 1U : 0U};
         return 0;
     });
 }

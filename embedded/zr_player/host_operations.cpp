@@ -180,8 +180,26 @@ ZR_ULONG ZR_MediaPortSetDescription(ZR_ULONG ulPortID, const char *pszSdp)
 
 ZR_ULONG ZR_MediaPortRecord(ZR_ULONG ulPortID, const char *pszFile)
 {
-    return withPort("recording", ulPortID,
-                    [=](MediaPort &port) { return pszFile == nullptr ? port.endRecording() : port.record(pszFile); });
+    return withPort("recording", ulPortID, [=](MediaPort &port) {
+        return pszFile == nullptr ? port.endRecording() : port.record(pszFile, {});
+    });
+}
+
+ZR_ULONG ZR_MediaPortRecordFiles(ZR_ULONG ulPortID, const char *pszFile, const ZrRecordingOptions *pstOptions)
+{
+    return withPort("recording", ulPortID, [=](MediaPort &port) {
+        if (pszFile == nullptr || pstOptions == nullptr)
+        {
+            return refuse(ZR_MEDIA_INVALID, "recording", ulPortID, "null");
+        }
+        zr::media::RecordingPlan plan;
+        plan.partLength = std::chrono::milliseconds(pstOptions->ulLengthMs);
+        plan.partBytes = pstOptions->ullBytes;
+        plan.overwrite = pstOptions->ulOverwrite != 0;
+        plan.call = pstOptions->pfnWhole;
+        plan.user = pstOptions->pvUser;
+        return port.record(pszFile, plan);
+    });
 }
 
 ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG ulTimeoutMs)
@@ -223,6 +241,17 @@ ZR_ULONG ZR_MediaPortReplay(ZR_ULONG ulPortID, ZrReplayFacts *pstOut)
 {
     return withPort("replay", ulPortID, [=](MediaPort &port) {
         return pstOut == nullptr ? refuse(ZR_MEDIA_INVALID, "replay", ulPortID, "null") : port.replay(*pstOut);
+    });
+}
+
+ZR_ULONG ZR_MediaPortTrackStatistics(ZR_ULONG ulPortID, ZR_ULONG ulTrack, ZrTrackStatistics *pstOut)
+{
+    return withPort("statistics", ulPortID, [=](MediaPort &port) -> ZR_ULONG {
+        if (pstOut == nullptr)
+        {
+            return refuse(ZR_MEDIA_INVALID, "statistics", ulPortID, "null");
+        }
+        return port.trackStatistics(ulTrack, *pstOut) ? 0U : ZR_ULONG{ZR_MEDIA_NO_TRACK};
     });
 }
 

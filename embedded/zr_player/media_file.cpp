@@ -1,19 +1,17 @@
 #include "media_file.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <system_error>
 #include <utility>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "error_text.h"
+#include "new_file.h"
 #include "platform_log.h"
-#include "udp.h"
 
 namespace zr::media {
 
@@ -21,13 +19,28 @@ namespace {
 
 /// How long after the first packet a recording waits for the other tracks.
 constexpr std::chrono::seconds gatherTime{1};
-/// What waits for the media library; beyond it packets are lost to the file.
-constexpr size_t maxQueuedBytes = 32U << 20U;
 constexpr uint32_t finishMs = 10000;
 /// How often a picture is looked for while no packet comes.
 constexpr std::chrono::milliseconds pictureCheck{20};
 /// How often it is seen whether a window was closed.
 constexpr std::chrono::milliseconds showCheck{200};
+/// How often, without packets, it is seen whether a recording's file became whole.
+constexpr std::chrono::milliseconds fileCheck{500};
+
+ZR_ULONG codeOf(ZrMediaState state)
+{
+    switch (state)
+    {
+    case ZR_MEDIA_STATE_WHOLE:
+        return 0;
+    case ZR_MEDIA_STATE_FAILED:
+        return ZR_MEDIA_FAILED;
+    default:
+        return ZR_MEDIA_NO_MEDIA;
+    }
+}
+
+} // namespace
 
 const char *nameOf(ZrMediaKind kind)
 {
@@ -45,67 +58,15 @@ const char *nameOf(ZrMediaKind kind)
     return "";
 }
 
-/// Its texts are the format's.
-ZrMediaFormat plainFormat(const Format &format)
-{
-    return {format.media.c_str(), format.encoding.c_str(), format.parameters.c_str(),
-            format.fmtp.c_str(),  format.clockRate,        format.payloadType};
-}
-
-ZR_ULONG codeOf(ZrMediaState state)
-{
-    switch (state)
-    {
-    case ZR_MEDIA_STATE_WHOLE:
-        return 0;
-    case ZR_MEDIA_STATE_FAILED:
-        return ZR_MEDIA_FAILED;
-    default:
-        return ZR_MEDIA_NO_MEDIA;
-    }
-}
-
-std::string temporaryName(const std::string &file)
-{
-    static std::atomic<unsigned> number{0};
-    return file + "." + std::to_string(getpid()) + "-" + std::to_string(number.fetch_add(1)) + ".part";
-}
-
-/// Makes it, or empties what has its name, as a host that names an output file expects; links are followed.
-/// @param fresh  it must be new: a name of our own, behind which nobody else's link may lie
-/// @return 0, else the system's error number
-int createFile(const std::string &file, bool fresh)
-{
-    // non-blocking: nobody is to wait for a FIFO's reader
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | (fresh ? O_EXCL : O_TRUNC);
-    const Descriptor fd(::open(file.c_str(), flags, 0666));
-    struct stat status
-    {
-    };
-    if (!fd || fstat(fd.get(), &status) != 0)
-    {
-        return errno;
-    }
-    return S_ISREG(status.st_mode) ? 0 : EINVAL;
-}
-
-} // namespace
-
-int createTemporary(const std::string &file, std::string &out)
-{
-    out = temporaryName(file);
-    return createFile(out, true);
-}
-
 ZR_ULONG MediaFile::start(ZR_ULONG portId, ZrMediaKind kind, const std::string &file, Viewer viewer,
-                          std::shared_ptr<MediaFile> &out)
+                          const RecordingPlan &plan, std::shared_ptr<MediaFile> &out)
 {
     const ZrMediaLibrary *library = mediaLibrary();
     if (library == nullptr)
     {
         return ZR_MEDIA_UNAVAILABLE;
     }
-    const std::shared_ptr<MediaFile> made(new MediaFile(portId, kind, *library, file, viewer));
+    const std::shared_ptr<MediaFile> made(new MediaFile(portId, kind, *library, file, viewer, plan));
     if (const ZR_ULONG code = made->prepare())
     {
         return code;
@@ -125,13 +86,15 @@ ZR_ULONG MediaFile::start(ZR_ULONG portId, ZrMediaKind kind, const std::string &
 }
 
 MediaFile::MediaFile(ZR_ULONG portId, ZrMediaKind kind, const ZrMediaLibrary &library, const std::string &file,
-                     Viewer viewer)
+                     Viewer viewer, const RecordingPlan &plan)
     : m_portId(portId)
     , m_kind(kind)
     , m_library(library)
     , m_file(file)
     , m_viewer(viewer)
+    , m_plan(plan)
     , m_target(kind == ZR_MEDIA_KIND_PICTURE ? temporaryName(file) : file)
+    , m_sources(std::make_shared<Sources>())
 {
 }
 
@@ -169,60 +132,10 @@ ZR_ULONG MediaFile::unwritable(const std::string &file, int error) const
     return ZR_MEDIA_UNWRITABLE;
 }
 
-/// The source of a track, made when the track is heard of first; null when it does not go into the file.
-MediaFile::Source *MediaFile::sourceOf(unsigned track, const Format &format)
-{
-    for (Source &source : m_sources)
-    {
-        if (source.track == track)
-        {
-            return source.format.payloadType == format.payloadType ? &source : nullptr;
-        }
-    }
-    if ((m_heard >> track & 1U) != 0 || (!isRecording() && (format.media != "video" || m_opened || !m_sources.empty())))
-    {
-        return nullptr;
-    }
-    m_heard |= 1U << track;
-    const ZrMediaFormat plain = plainFormat(format);
-    if (m_opened || m_library.accepts(&plain) == 0)
-    {
-        ZR_PLATFORM_LOG(WARNING, 0, Player, "media port %u: %s: track %u (%s) is left out: %s", m_portId,
-                        nameOf(m_kind), track, format.encoding.c_str(),
-                        m_opened ? "it began too late" : "its encoding is not written");
-        return nullptr;
-    }
-    m_sources.push_back({track, format});
-    return &m_sources.back();
-}
-
-void MediaFile::offer(unsigned track, unsigned tracks, const Format &format, const uint8_t *data, size_t size,
-                      TimePoint arrival)
+void MediaFile::tellClock(unsigned track, const SenderClock &clock)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_done || m_ending || m_cancelled)
-    {
-        return;
-    }
-    m_tracks = tracks;
-    const Source *source = sourceOf(track, format);
-    if (source == nullptr)
-    {
-        return;
-    }
-    if (m_queuedBytes + size > maxQueuedBytes)
-    {
-        if (m_dropped++ == 0)
-        {
-            ZR_PLATFORM_LOG(WARNING, ZR_MEDIA_FAILED, Player,
-                            "media port %u: %s: the file is written more slowly than packets come; some are left out",
-                            m_portId, nameOf(m_kind));
-        }
-        return;
-    }
-    m_queuedBytes += size;
-    m_packets.push_back({static_cast<uint32_t>(source - m_sources.data()), arrival, {data, data + size}});
-    m_changed.notify_all();
+    m_clocks.at(track) = {clock, false};
 }
 
 /// Waits until the tracks are known.
@@ -231,15 +144,15 @@ bool MediaFile::gather(Lock &lock)
 {
     const auto all = [this] {
         const unsigned heard = static_cast<unsigned>(__builtin_popcount(m_heard));
-        return m_ending || m_cancelled || (!m_sources.empty() && (!isRecording() || heard >= m_tracks));
+        return m_ending || m_cancelled || (!m_sources->empty() && (!isRecording() || heard >= m_tracks));
     };
-    m_changed.wait(lock, [this, &all] { return !m_packets.empty() || all(); });
+    m_changed.wait(lock, [this, &all] { return !m_sources->empty() || all(); });
     m_changed.wait_for(lock, gatherTime, all);
     m_opened = true;
-    return !m_cancelled && !m_packets.empty();
+    return !m_cancelled && !m_sources->empty();
 }
 
-ZrMediaSink *MediaFile::open(const std::vector<Source> &sources)
+ZrMediaSink *MediaFile::open(const Sources &sources)
 {
     std::vector<ZrMediaFormat> formats;
     formats.reserve(sources.size());
@@ -247,33 +160,85 @@ ZrMediaSink *MediaFile::open(const std::vector<Source> &sources)
     {
         formats.push_back(plainFormat(source.format));
     }
-    return m_library.open(m_kind, m_target.c_str(), formats.data(), static_cast<uint32_t>(formats.size()), &take,
-                          &writeLog, this);
+    const ZrMediaParts parts = {static_cast<uint64_t>(m_plan.partLength.count()), m_plan.partBytes, &nextFile,
+                                &fileIsWhole};
+    return m_library.open(m_kind, m_target.c_str(), &parts, formats.data(), static_cast<uint32_t>(formats.size()),
+                          &take, &writeLog, this);
 }
 
 /// Returns now and then also when none came, where the media library may be done by itself.
 void MediaFile::awaitPackets(Lock &lock)
 {
     const auto something = [this] { return !m_packets.empty() || m_ending || m_cancelled; };
-    if (isRecording())
-    {
-        m_changed.wait(lock, something);
-    }
-    else
-    {
-        m_changed.wait_for(lock, isShown() ? showCheck : pictureCheck, something);
-    }
+    m_changed.wait_for(lock, isRecording() ? fileCheck : isShown() ? showCheck : pictureCheck, something);
 }
 
-/// Gives the packets to the media library until the file is whole, ended, or cannot be written.
-ZrMediaState MediaFile::write(Lock &lock)
+/// Those at the front that are of these sources.
+std::deque<MediaFile::Packet> MediaFile::takePackets(const std::shared_ptr<const Sources> &sources)
 {
-    const std::vector<Source> sources = m_sources; // complete from here on
+    std::deque<Packet> taken;
+    if (m_packets.empty() || m_packets.back().among == sources) // nothing goes back to former ones
+    {
+        m_queuedBytes = 0;
+        return std::exchange(m_packets, {});
+    }
+    while (m_packets.front().among == sources)
+    {
+        m_queuedBytes -= m_packets.front().bytes.size();
+        taken.push_back(std::move(m_packets.front()));
+        m_packets.pop_front();
+    }
+    return taken;
+}
+
+/// Without the lock, but for the clocks' news.
+void MediaFile::passOn(const std::deque<Packet> &packets, ZrMediaSink *sink, Lock &lock, const Sources &sources)
+{
+    std::vector<std::optional<SenderClock>> news;
+    for (const Source &source : sources)
+    {
+        ClockNews &of = m_clocks.at(source.track);
+        news.push_back(std::exchange(of.told, true) ? std::nullopt : of.clock);
+    }
+    const std::optional<uint64_t> begin = m_begin;
+    const auto metadataClock = m_metadataTrack ? m_clocks.at(*m_metadataTrack).clock : std::nullopt;
     lock.unlock();
-    const std::unique_ptr<ZrMediaSink, decltype(m_library.close)> sink(open(sources), m_library.close);
+    for (uint32_t i = 0; i < news.size(); ++i)
+    {
+        if (news[i])
+        {
+            m_library.clock(sink, i, news[i]->ssrc, news[i]->timestamp, news[i]->unixNs);
+        }
+    }
+    for (const Packet &packet : packets)
+    {
+        if (packet.source == ofMetadata)
+        {
+            writeMetadata(packet);
+            continue;
+        }
+        m_first = m_first.value_or(packet.arrival);
+        const auto arrival = std::chrono::duration_cast<std::chrono::nanoseconds>(packet.arrival.time_since_epoch());
+        m_library.push(sink, packet.source, packet.bytes.data(), static_cast<uint32_t>(packet.bytes.size()),
+                       static_cast<uint64_t>(arrival.count()));
+    }
+    dateMetadata(begin, metadataClock);
+}
+
+/// Gives the packets of these sources to the media library until the file is whole, ended, or cannot be written, or
+/// packets of others come.
+ZrMediaState MediaFile::writeOf(Lock &lock, const std::shared_ptr<const Sources> &sources)
+{
+    for (ClockNews &clock : m_clocks)
+    {
+        clock.told = false;
+    }
+    lock.unlock();
+    const Sink sink(open(*sources), m_library.close);
     ZrMediaState state = sink == nullptr ? ZR_MEDIA_STATE_FAILED : ZR_MEDIA_STATE_RUNNING;
     lock.lock();
     m_begun = sink != nullptr;
+    m_goesOn = false;
     while (state == ZR_MEDIA_STATE_RUNNING && !m_cancelled)
     {
         if (m_packets.empty() && m_ending)
@@ -281,16 +246,13 @@ ZrMediaState MediaFile::write(Lock &lock)
             break;
         }
         awaitPackets(lock);
-        std::deque<Packet> packets = std::exchange(m_packets, {});
-        m_queuedBytes = 0;
-        lock.unlock();
-        for (const Packet &packet : packets)
+        const std::deque<Packet> packets = takePackets(sources);
+        m_goesOn = packets.empty() && !m_packets.empty();
+        if (m_goesOn)
         {
-            const auto arrival =
-                std::chrono::duration_cast<std::chrono::nanoseconds>(packet.arrival.time_since_epoch());
-            m_library.push(sink.get(), packet.source, packet.bytes.data(), static_cast<uint32_t>(packet.bytes.size()),
-                           static_cast<uint64_t>(arrival.count()));
+            break;
         }
+        passOn(packets, sink.get(), lock, *sources);
         state = m_library.state(sink.get());
         lock.lock();
     }
@@ -298,6 +260,31 @@ ZrMediaState MediaFile::write(Lock &lock)
     if (state == ZR_MEDIA_STATE_RUNNING && isRecording())
     {
         state = m_library.finish(sink.get(), finishMs);
+    }
+    lock.lock();
+    return state;
+}
+
+/// @return of all files together
+ZrMediaState MediaFile::write(Lock &lock)
+{
+    ZrMediaState state = ZR_MEDIA_STATE_EMPTY;
+    while (!m_packets.empty() && !m_cancelled)
+    {
+        const std::shared_ptr<const Sources> sources = m_packets.front().among; // beyond the packet
+        const ZrMediaState of = writeOf(lock, sources);
+        state = of == ZR_MEDIA_STATE_EMPTY ? state : of;
+        if (!isRecording() || of == ZR_MEDIA_STATE_FAILED)
+        {
+            break;
+        }
+    }
+    if (m_metadata != nullptr)
+    {
+        const std::optional<uint64_t> begin = m_begin;
+        lock.unlock();
+        dateMetadata(begin, std::nullopt);
+        m_metadata->finish();
     }
     return state;
 }
@@ -359,7 +346,7 @@ void MediaFile::concludeFile(ZR_ULONG &result)
     {
         ::unlink(m_target.c_str());
     }
-    if (result == 0)
+    if (result == 0 && !isRecording()) // whose files were told of one by one
     {
         ZR_PLATFORM_LOG(INFO, 0, Player, "media port %u: %s: '%s' is whole", m_portId, nameOf(m_kind), m_file.c_str());
     }

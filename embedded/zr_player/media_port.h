@@ -13,6 +13,8 @@
 
 namespace zr::media {
 
+constexpr unsigned maxTracks = 8;
+
 /// What a SETUP answer agreed on for one track.
 struct TrackTransport
 {

@@ -13,7 +13,6 @@ namespace zr::media {
 
 namespace {
 
-constexpr unsigned maxTracks = 8;
 /// A hostile sender must not fill the log.
 constexpr uint64_t maxRepeatedLines = 10;
 
@@ -178,6 +177,35 @@ void MediaPort::statistics(ZrMediaStatistics &out)
         }
     }
     out = sum;
+}
+
+bool MediaPort::trackStatistics(unsigned number, ZrTrackStatistics &out)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (number >= m_tracks.size())
+    {
+        return false;
+    }
+    const Track &track = m_tracks[number];
+    const Format *format = m_description.find(number, track.payloadType());
+    out = {};
+    out.ullPackets = track.packets();
+    out.ullBytes = track.bytes();
+    out.ullLost = track.reception().lost();
+    out.ullReordered = track.reception().reordered();
+    out.ulJitterUs = track.reception().jitterUs();
+    out.ulSsrc = track.reception().ssrc();
+    out.ulPayloadType = track.payloadType();
+    if (const auto &clock = track.senderClock())
+    {
+        out.ullSenderUnixUs = static_cast<uint64_t>(std::max<int64_t>(clock->unixNs, 0)) / 1000;
+    }
+    if (format != nullptr && track.packets() != 0)
+    {
+        std::snprintf(out.szMedia, sizeof out.szMedia, "%s", format->media.c_str());
+        std::snprintf(out.szEncoding, sizeof out.szEncoding, "%s", format->encoding.c_str());
+    }
+    return true;
 }
 
 void MediaPort::setUpTrack(unsigned number, const TrackTransport &transport, InterleavedWriter writer)
@@ -370,6 +398,10 @@ void MediaPort::takeRtcp(Track &track, unsigned number, const uint8_t *data, siz
     if (reading->senderReport)
     {
         track.takeSenderReport(*reading->senderReport, arrival);
+        if (m_recording.file != nullptr && track.senderClock())
+        {
+            m_recording.file->tellClock(number, *track.senderClock());
+        }
     }
     for (const uint32_t ssrc : reading->byes)
     {

@@ -41,13 +41,15 @@ public:
     ZR_ULONG setDescription(const char *sdp);
     /// A hand-off packet from inside this process.
     ZR_ULONG handOff(const uint8_t *data, size_t size);
-    ZR_ULONG record(const std::string &file);
+    ZR_ULONG record(const std::string &file, const RecordingPlan &plan);
     ZR_ULONG endRecording();
     ZR_ULONG snapshot(const std::string &file, std::chrono::milliseconds timeout);
     ZR_ULONG show(ZrMediaKind kind, Viewer viewer);
     ZR_ULONG endShow();
     void statistics(ZrMediaStatistics &out);
     ZR_ULONG replay(ZrReplayFacts &out);
+    /// @return whether there is such a track
+    bool trackStatistics(unsigned number, ZrTrackStatistics &out);
     /// Nothing of the port runs when this returns. Not on the media thread. Once or more.
     void close();
 
@@ -74,7 +76,8 @@ private:
     };
 
     void readable(int fd, PacketBatch &batch) override;
-    ZR_ULONG begin(FileSlot &slot, ZrMediaKind kind, const std::string &file, Viewer viewer = {});
+    ZR_ULONG begin(FileSlot &slot, ZrMediaKind kind, const std::string &file, Viewer viewer = {},
+                   const RecordingPlan &plan = {});
     void release(FileSlot &slot);
 
     // under m_mutex

@@ -8,7 +8,8 @@
 
 namespace zr::media {
 
-ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &file, Viewer viewer)
+ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &file, Viewer viewer,
+                          const RecordingPlan &plan)
 {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -30,7 +31,7 @@ ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &f
     ZR_ULONG code = ZR_MEDIA_FAILED;
     try
     {
-        code = MediaFile::start(m_portId, kind, file, viewer, made);
+        code = MediaFile::start(m_portId, kind, file, viewer, plan, made);
     }
     catch (const std::exception &error)
     {
@@ -42,6 +43,13 @@ ZR_ULONG MediaPort::begin(FileSlot &slot, ZrMediaKind kind, const std::string &f
         if (code == 0 && !m_closed)
         {
             slot.file = std::move(made);
+            for (unsigned number = 0; number < m_tracks.size(); ++number)
+            {
+                if (const auto &clock = m_tracks[number].senderClock())
+                {
+                    slot.file->tellClock(number, *clock);
+                }
+            }
             return 0;
         }
     }
@@ -57,9 +65,9 @@ void MediaPort::release(FileSlot &slot)
     m_released.notify_all();
 }
 
-ZR_ULONG MediaPort::record(const std::string &file)
+ZR_ULONG MediaPort::record(const std::string &file, const RecordingPlan &plan)
 {
-    return begin(m_recording, ZR_MEDIA_KIND_RECORDING, file);
+    return begin(m_recording, ZR_MEDIA_KIND_RECORDING, file, {}, plan);
 }
 
 ZR_ULONG MediaPort::endRecording()

@@ -28,12 +28,27 @@ void appendHeader(std::vector<uint8_t> &out, size_t count, uint8_t type, size_t 
                        static_cast<uint32_t>(bytes / 4 - 1));
 }
 
+/// Of a sender report. NTP counts seconds from 1900, which a zero instead of does not.
+std::optional<SenderClock> readClock(const uint8_t *report)
+{
+    constexpr int64_t from1900To1970 = 2208988800;
+    const uint32_t seconds = readU32(report + 8);
+    const uint32_t fraction = readU32(report + 12);
+    if (seconds == 0 && fraction == 0)
+    {
+        return std::nullopt;
+    }
+    const auto nanoseconds = static_cast<int64_t>(static_cast<uint64_t>(fraction) * 1000000000 >> 32U);
+    return SenderClock{readU32(report + 4), readU32(report + 16),
+                       (int64_t{seconds} - from1900To1970) * 1000000000 + nanoseconds};
+}
+
 void readPacket(const uint8_t *data, size_t size, RtcpReading &reading)
 {
     const size_t count = data[0] & 0x1FU;
     if (data[1] == typeSenderReport && size >= 28)
     {
-        reading.senderReport = {readU32(data + 4), readU32(data + 10)};
+        reading.senderReport = {readU32(data + 4), readU32(data + 10), readClock(data)};
     }
     if (data[1] == typeBye)
     {

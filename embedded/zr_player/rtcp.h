@@ -9,6 +9,14 @@
 
 namespace zr::media {
 
+/// What the wall clock of a sender showed at an RTP timestamp (RFC 3550, 6.4.1).
+struct SenderClock
+{
+    uint32_t ssrc = 0;
+    uint32_t timestamp = 0;
+    int64_t unixNs = 0; ///< since 1970; before 2001 where it counts from elsewhere, such as the device's start
+};
+
 /// A compound packet: a receiver report and the CNAME.
 /// @param ssrc   the receiver's own
 /// @param block  null: an empty report
@@ -21,6 +29,7 @@ struct RtcpReading
     {
         uint32_t ssrc = 0;
         uint32_t ntpMiddle = 0;
+        std::optional<SenderClock> clock; ///< none: it has none
     };
     std::optional<SenderReport> senderReport;
     std::vector<uint32_t> byes; ///< sources that left

@@ -35,6 +35,7 @@ std::optional<RtpPacket> readRtp(const uint8_t *data, size_t size)
         packet.extensionSize = size_t{4} * readU16(data + used + 2);
         used += 4 + packet.extensionSize;
     }
+    packet.payload = used;
     if ((data[0] & 0x20U) != 0)
     {
         const uint8_t padding = data[size - 1];
@@ -49,6 +50,8 @@ std::optional<RtpPacket> readRtp(const uint8_t *data, size_t size)
     {
         return std::nullopt;
     }
+    packet.payloadSize = size - used;
+    packet.marker = (data[1] & 0x80U) != 0;
     packet.sequence = readU16(data + 2);
     packet.timestamp = readU32(data + 4);
     packet.ssrc = readU32(data + 8);
@@ -146,6 +149,10 @@ bool Reception::follow(uint16_t sequence)
         first.sequence = sequence;
         first.ssrc = m_ssrc;
         start(first);
+    }
+    else
+    {
+        ++m_reordered;
     }
     return true;
 }

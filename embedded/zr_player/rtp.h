@@ -22,6 +22,9 @@ struct RtpPacket
     uint16_t extensionId = 0;           ///< of the header extension (RFC 3550, 5.3.1)
     const uint8_t *extension = nullptr; ///< its content, within the packet; null: there is none
     size_t extensionSize = 0;           ///< bytes of that
+    size_t payload = 0;                 ///< where it begins in the packet
+    size_t payloadSize = 0;
+    bool marker = false;
 };
 
 /// @return none when the bytes are no whole RTP packet: version, CSRC list, extension and padding must fit, and payload
@@ -70,6 +73,8 @@ public:
     bool active() const { return m_active; }
     uint32_t ssrc() const { return m_ssrc; }
     uint64_t lost() const;
+    /// Packets that came after a later one.
+    uint64_t reordered() const { return m_reordered; }
     uint32_t jitterUs() const;
     /// Time that the packets cover by their timestamps; jumps and new sources do not count.
     uint64_t mediaMs() const { return m_clockRate == 0 ? 0 : m_covered * 1000 / m_clockRate; }
@@ -93,6 +98,7 @@ private:
     uint32_t m_expectedBefore = 0;
     uint32_t m_receivedBefore = 0;
     uint64_t m_lostOfFormer = 0;
+    uint64_t m_reordered = 0;
     uint32_t m_skipped = 0;             ///< numbers that the last packet that did so left out
     uint32_t m_skippedAt = 0;           ///< m_received then
     std::optional<uint32_t> m_playedAt; ///< m_received then, until numbers were left out

@@ -93,6 +93,10 @@ bool Track::takeRtp(const RtpPacket &packet, size_t size, uint32_t clockRate, Ti
 void Track::takeSenderReport(const RtcpReading::SenderReport &report, TimePoint arrival)
 {
     m_reception.senderReport(report.ssrc, report.ntpMiddle, arrival);
+    if (report.clock && (!m_reception.active() || report.ssrc == m_reception.ssrc()))
+    {
+        m_senderClock = report.clock;
+    }
 }
 
 Track::Report Track::report(TimePoint now, uint32_t ssrc, const std::string &cname)

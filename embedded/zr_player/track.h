@@ -58,6 +58,8 @@ public:
     void punch(uint32_t ssrc, const std::string &cname) const;
     TimePoint nextReport() const { return m_nextReport; }
 
+    /// Of the newest report of the source that is heard; none: there was none, or it has no clock.
+    const std::optional<SenderClock> &senderClock() const { return m_senderClock; }
     const Reception &reception() const { return m_reception; }
     /// Of the present session.
     const ReplayTrack &replay() const { return m_replay; }
@@ -80,6 +82,7 @@ private:
     Endpoint m_reportTo; ///< port 0: not known yet
     Reception m_reception;
     ReplayTrack m_replay;
+    std::optional<SenderClock> m_senderClock;
     uint64_t m_packets = 0;
     uint64_t m_bytes = 0;
     uint64_t m_frames = 0;

@@ -8,6 +8,7 @@ extern "C" void codes(tagZrRtspStatus, tagMediaCtrlState, tagZrRtspNotice) {}
 extern "C" void messages(tagMDPMsgKind, decltype(AOI_MSG_RTSP_SETUP), decltype(AOI_IE_DATA)) {}
 extern "C" void platformCodes(tagProtocol, tagBroadcastmethod, tagNatMode, tagZrLogLevel, tagZrMediaCode, tagZrTlsCode,
                               tagZrConnectionProblem, tagZrSessionCode, tagZrShow, tagZrCredentialsFlag,
-                              tagZrRateControl, tagZrFrames, tagZrTraceKind, tagZrReplayMark, tagZrTunnel)
+                              tagZrRateControl, tagZrFrames, tagZrTraceKind, tagZrReplayMark, tagZrTunnel,
+                              tagZrRecordingEnd)
 {
 }

@@ -1,13 +1,8 @@
 #include <array>
-#include <filesystem>
 #include <mutex>
 #include <tuple>
 
-#include <gst/app/gstappsink.h>
-#include <gst/gst.h>
-
-#include "player_tools.h"
-#include "rtp.h"
+#include "media_tools.h"
 #include "rtp_timeline.h"
 
 // Of the sanitizers. GLib replaces the table that it made when it was loaded and leaves the old one behind; the encoder
@@ -27,96 +22,6 @@ extern "C" __attribute__((visibility("default"))) const char *__lsan_default_sup
 using namespace zr::test;
 using namespace zr::media;
 
-namespace {
-
-const std::string sdpH264 = "m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=fmtp:96 packetization-mode=1\n";
-const std::string sdpPcmu = "m=audio 0 RTP/AVP 0\n";
-const std::string h264 = "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=15 option-string=scenecut=0 ! "
-                         "video/x-h264,profile=baseline ! rtph264pay pt=96 config-interval=-1 mtu=600";
-
-struct Output
-{
-    std::vector<Bytes> buffers;
-    double seconds = -1;
-    unsigned tracks = 0; ///< of the element "demux"
-};
-
-/// What comes out of a pipeline.
-Output outputOf(const std::string &text)
-{
-    gst_init(nullptr, nullptr);
-    GError *error = nullptr;
-    GstElement *pipeline = gst_parse_launch((text + " ! appsink name=out sync=false").c_str(), &error);
-    EXPECT_EQ(error, nullptr) << error->message;
-    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
-    gst_element_set_state(pipeline, GST_STATE_PLAYING);
-    Output output;
-    while (GstSample *sample = gst_app_sink_pull_sample(GST_APP_SINK(sink)))
-    {
-        GstMapInfo map;
-        gst_buffer_map(gst_sample_get_buffer(sample), &map, GST_MAP_READ);
-        output.buffers.emplace_back(map.data, map.data + map.size);
-        gst_buffer_unmap(gst_sample_get_buffer(sample), &map);
-        gst_sample_unref(sample);
-    }
-    gint64 duration = 0;
-    if (gst_element_query_duration(pipeline, GST_FORMAT_TIME, &duration))
-        output.seconds = static_cast<double>(duration) / GST_SECOND;
-    if (GstElement *demux = gst_bin_get_by_name(GST_BIN(pipeline), "demux"))
-    {
-        output.tracks = demux->numsrcpads;
-        gst_object_unref(demux);
-    }
-    gst_element_set_state(pipeline, GST_STATE_NULL);
-    gst_object_unref(sink);
-    gst_object_unref(pipeline);
-    return output;
-}
-
-/// Two seconds of RTP.
-std::vector<Bytes> packetsOf(const std::string &coding)
-{
-    const bool video = coding.find("rtppcm") == std::string::npos && coding.find("rtpmp4g") == std::string::npos;
-    return outputOf((video
-                         ? "videotestsrc num-buffers=60 ! "
-                           "video/x-raw,format=I420,width=160,height=120,framerate=30/1 ! "
-                         : "audiotestsrc num-buffers=100 samplesperbuffer=160 ! audio/x-raw,rate=8000,channels=1 ! ") +
-                    coding)
-        .buffers;
-}
-
-double secondsBetween(const Bytes &first, const Bytes &packet, double clockRate)
-{
-    return (readU32(packet.data() + 4) - readU32(first.data() + 4)) / clockRate;
-}
-
-class PlayerMedia : public OpenPort
-{
-protected:
-    PlayerMedia() { std::filesystem::create_directories(m_folder); }
-    ~PlayerMedia() override
-    {
-        ZR_MediaPortClose(portId);
-        std::filesystem::remove_all(m_folder);
-    }
-
-    std::string file(const char *name) const { return (m_folder / name).string(); }
-    auto files() const { return std::distance(std::filesystem::directory_iterator(m_folder), {}); }
-    void record(const std::string &sdp) const
-    {
-        ASSERT_EQ(ZR_MediaPortSetDescription(portId, sdp.c_str()), 0U);
-        ASSERT_EQ(ZR_MediaPortRecord(portId, file("a.mkv").c_str()), 0U);
-    }
-    Output recorded(const std::string &track) const
-    {
-        return outputOf("filesrc location=" + file("a.mkv") + " ! matroskademux name=demux demux." + track);
-    }
-
-    std::filesystem::path m_folder{testing::TempDir() + "zr_player_" + std::to_string(getpid())};
-};
-
-} // namespace
-
 TEST(RtpTimelineOfAFile, FollowsTheTimestampsAndBridgesJumps)
 {
     constexpr uint64_t ms = 1000000;
@@ -132,32 +37,6 @@ TEST(RtpTimelineOfAFile, FollowsTheTimestampsAndBridgesJumps)
     RtpTimeline timeline(90000);
     for (const auto &[ssrc, timestamp, arrivalMs, expectedMs] : rows)
         EXPECT_EQ(timeline.map(ssrc, timestamp, arrivalMs * ms), expectedMs * ms) << arrivalMs;
-}
-
-TEST_F(PlayerMedia, RecordsEachEncodingAtItsOwnLength)
-{
-    const std::tuple<std::string, std::string, std::string, size_t> rows[] = {
-        {"m=video 0 RTP/AVP 26\n", "jpegenc ! rtpjpegpay", "video_0 ! jpegdec", 60},
-        {sdpPcmu, "mulawenc ! rtppcmupay", "audio_0 ! mulawdec", 100},
-        {"m=audio 0 RTP/AVP 8\n", "alawenc ! rtppcmapay", "audio_0 ! alawdec", 100},
-        {"m=audio 0 RTP/AVP 98\na=rtpmap:98 mpeg4-generic/8000/1\na=fmtp:98 streamtype=5; profile-level-id=2; mode=AAC-hbr; config=1588; sizelength=13; indexlength=3; indexdeltalength=3\n",
-         "voaacenc ! rtpmp4gpay pt=98", "audio_0 ! aacparse", 15},
-        // only parsed: the decoder that would be chosen writes beyond its memory
-        {"m=video 0 RTP/AVP 97\na=rtpmap:97 H265/90000\n",
-         "x265enc speed-preset=ultrafast tune=zerolatency ! rtph265pay pt=97 config-interval=-1", "video_0 ! h265parse",
-         60},
-    };
-    setUpInterleaved();
-    for (const auto &[sdp, coding, track, buffers] : rows)
-    {
-        SCOPED_TRACE(coding);
-        record(sdp);
-        feed(packetsOf(coding));
-        ASSERT_EQ(ZR_MediaPortRecord(portId, nullptr), 0U);
-        const Output found = recorded(track);
-        EXPECT_NEAR(found.seconds, 2.0, 0.25); // without the last frame
-        EXPECT_EQ(found.buffers.size(), buffers);
-    }
 }
 
 TEST_F(PlayerMedia, RecordsBothTracksFromAKeyFrameOn)

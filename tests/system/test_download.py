@@ -3,10 +3,11 @@
 import json
 import os
 import signal
+import time
 import unittest
 
 from faulty_device import PASSWORD as SECRET, USER, Device as FaultyDevice
-from programs import CREDENTIALS, INTERRUPTED, LOST, OK, OUTPUT, REFUSED, HostTest, frames
+from programs import CREDENTIALS, INTERRUPTED, LOST, OK, OUTPUT, REFUSED, USAGE, HostTest, frames
 
 
 class DownloadTest(HostTest):
@@ -50,6 +51,25 @@ class DownloadTest(HostTest):
         self.assertEqual(frames(file), frames(whole))
         self.check_recording(file, 9, "video/x-h264", "audio/x-alaw")
         self.assertEqual(sorted(os.listdir(self.folder)), ["r.mkv", "whole.mkv"])
+
+    def test_files_of_a_length(self):
+        device = self.device("--vod-length", "9")
+        whole, file = self.file("whole.mkv"), self.file("r.mkv")
+        complete = self.start("download", device.url("vod"), whole)
+        began = time.time()
+        result = self.run_host(OK, "download", device.url("vod"), file, "--segment-length", "3", "--json")
+        told = [event for event in result.events() if event["event"] == "recorded_file"]
+        self.assertEqual([event["end"] for event in told], ["length"] * (len(told) - 1) + ["ended"], str(result))
+        self.assertIn(len(told), (2, 3))  # the device has a key frame every now and then
+        complete.communicate(timeout=30)
+        files = [event["file"] for event in told]
+        self.assertEqual(files[:2], [file, self.file("r-002.mkv")])
+        self.assertEqual(sum(len(frames(name)) for name in files), len(frames(whole)))
+        for event in told:
+            self.check_recording(event["file"], event["seconds"], "video/x-h264", "audio/x-alaw")
+            self.assertEqual(event["clock"], "sender")
+            self.assertAlmostEqual(event["begin"], began + 5, delta=20)
+        self.run_host(USAGE, "download", device.url("vod"), file, "--segment-length", "3", "--continue")
 
     def test_no_other_file_is_continued(self):
         device = self.device()

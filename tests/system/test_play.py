@@ -1,8 +1,19 @@
 """The host plays every mount of the device, over both transports, with and without authentication."""
 
+import json
+import struct
 import unittest
 
+from faulty_device import Device as FaultyDevice
 from programs import OK, PASSWORD, USER, HostTest
+
+SDP = """v=0
+m=audio 0 RTP/AVP 0
+a=control:sound
+m=application 0 RTP/AVP 98
+a=rtpmap:98 vnd.onvif.metadata/90000
+a=control:metadata
+"""
 
 
 class PlayTest(HostTest):
@@ -58,6 +69,21 @@ class PlayTest(HostTest):
                 recording = self.file(f"{mount}{transport}.mkv")
                 self.run_host(OK, "play", device.url(mount), transport, "--duration", "4", "--record", recording)
                 self.check_recording(recording, 4, "video/x-h264", audio, "width=(int)640")
+
+    def test_metadata(self):
+        sound = "".join(f"<<rtp pt=0 seq={n} ts={160 * n} size=172>>" for n in range(50))
+        pieces = [struct.pack(">BBHII", 0x80, 98 | last << 7, n, 90000, 9) + text
+                  for n, (last, text) in enumerate(((0, b"<tt:MetadataStream>"), (1, b"a\"b</tt:MetadataStream>")))]
+        metadata = "".join((struct.pack(">cBH", b"$", 2, len(piece)) + piece).decode("latin-1") for piece in pieces)
+        device = FaultyDevice({"DESCRIBE": {"body": SDP}, "media": [], "PLAY": {"after": sound + metadata}})
+        self.addCleanup(device.close)
+        recording = self.file("r.mkv")
+        self.run_host(OK, "play", f"rtsp://127.0.0.1:{device.port}/a", "--tcp", "--tag", "plain", "--record", recording,
+                      "--metadata", "--duration", "0.5")
+        self.check_recording(recording, 1, "audio/x-mulaw")
+        with open(self.file("r.metadata.jsonl"), encoding="utf-8") as file:
+            documents = [json.loads(line) for line in file]
+        self.assertEqual([document["xml"] for document in documents], ['<tt:MetadataStream>a"b</tt:MetadataStream>'])
 
 
 if __name__ == "__main__":

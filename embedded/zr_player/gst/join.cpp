@@ -7,7 +7,8 @@
 #include <thread>
 
 #include <gst/app/gstappsink.h>
-#include <gst/app/gstappsrc.h>
+
+#include "writer.h"
 
 namespace zr::media {
 
@@ -22,15 +23,6 @@ constexpr GstClockTime endWithin = 60 * GST_SECOND;
 /// A frame of a track, in the order of the file.
 using Take = std::function<void(const std::string &track, GstCaps *caps, GstBuffer *frame)>;
 
-std::string messageText(GstMessage *message)
-{
-    GError *error = nullptr;
-    gst_message_parse_error(message, &error, nullptr);
-    std::string text = error->message;
-    g_error_free(error);
-    return text;
-}
-
 /// Brings a file's frames, of the first video and the first audio track.
 class Reader
 {
@@ -43,6 +35,8 @@ public:
     /// Returns when the file was read. A file that is cut off ends where it is cut.
     /// @throws std::runtime_error  when it cannot be read at all
     void run(const std::string &file);
+    /// What a tag says; empty: there is none.
+    std::string comment() const { return m_comment; }
 
 private:
     struct Track
@@ -58,6 +52,7 @@ private:
     GstPtr<GstElement> m_pipeline;
     std::deque<Track> m_tracks; ///< of the demultiplexer's thread
     bool m_any = false;         ///< likewise
+    std::string m_comment;
 };
 
 void Reader::added(GstElement *, GstPad *pad, void *user)
@@ -114,13 +109,26 @@ void Reader::run(const std::string &file)
     g_signal_connect(demux.get(), "pad-added", G_CALLBACK(&Reader::added), this);
     const GstPtr<GstBus> bus(gst_element_get_bus(m_pipeline.get()));
     gst_element_set_state(m_pipeline.get(), GST_STATE_PLAYING);
-    const GstPtr<GstMessage> message(gst_bus_timed_pop_filtered(
-        bus.get(), GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS)));
+    constexpr auto types = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS | GST_MESSAGE_TAG);
+    GstPtr<GstMessage> message(gst_bus_timed_pop_filtered(bus.get(), GST_CLOCK_TIME_NONE, types));
+    for (; GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_TAG;
+         message.reset(gst_bus_timed_pop_filtered(bus.get(), GST_CLOCK_TIME_NONE, types)))
+    {
+        GstTagList *tags = nullptr;
+        gst_message_parse_tag(message.get(), &tags);
+        gchar *text = nullptr;
+        if (gst_tag_list_get_string(tags, GST_TAG_COMMENT, &text) != FALSE)
+        {
+            m_comment = text;
+            g_free(text);
+        }
+        gst_tag_list_unref(tags);
+    }
     const bool ended = GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS;
     gst_element_set_state(m_pipeline.get(), GST_STATE_NULL);
     if (!m_any)
     {
-        throw std::runtime_error(file + ": " + (ended ? "it holds no media" : messageText(message.get())));
+        throw std::runtime_error(file + ": " + (ended ? "it holds no media" : errorOf(message.get())));
     }
 }
 
@@ -132,32 +140,12 @@ std::string tailOf(GstBuffer *frame)
     return tail;
 }
 
-/// Two tracks can be one when they are coded alike, with the same parameter sets.
-bool alike(const GstCaps *one, const GstCaps *other)
-{
-    const GstStructure *a = gst_caps_get_structure(one, 0);
-    const GstStructure *b = gst_caps_get_structure(other, 0);
-    for (const char *field : {"codec_data", "width", "height", "rate", "channels"})
-    {
-        const GValue *left = gst_structure_get_value(a, field);
-        const GValue *right = gst_structure_get_value(b, field);
-        if ((left == nullptr) != (right == nullptr) ||
-            (left != nullptr && gst_value_compare(left, right) != GST_VALUE_EQUAL))
-        {
-            return false;
-        }
-    }
-    return gst_structure_has_name(a, gst_structure_get_name(b)) != FALSE;
-}
-
-/// A Matroska file that takes frames.
-class Writer
+/// Both recordings' frames, in one file.
+class Output
 {
 public:
-    Writer(const std::string &file, const std::map<std::string, GstPtr<GstCaps>> &tracks);
-    ~Writer() { gst_element_set_state(m_pipeline.get(), GST_STATE_NULL); }
-    Writer(const Writer &) = delete;
-    Writer &operator=(const Writer &) = delete;
+    /// @param like  its tracks and its beginning are taken over
+    Output(const std::string &file, const RecordingLook &like);
 
     /// @param move  nanoseconds to be added to its times
     void write(const std::string &track, GstBuffer *frame, int64_t move);
@@ -165,62 +153,44 @@ public:
     void finish();
 
 private:
-    void wait();
+    static std::vector<Writer::Track> inOrder(const std::map<std::string, GstPtr<GstCaps>> &tracks);
 
-    GstPtr<GstElement> m_pipeline;
-    std::map<std::string, GstPtr<GstElement>> m_sources;
+    std::map<std::string, size_t> m_places;
+    Writer m_writer;
 };
 
-Writer::Writer(const std::string &file, const std::map<std::string, GstPtr<GstCaps>> &tracks)
+std::vector<Writer::Track> Output::inOrder(const std::map<std::string, GstPtr<GstCaps>> &tracks)
 {
-    std::string text = "matroskamux name=mux ! filesink name=file";
+    std::vector<Writer::Track> ordered;
     for (const auto &[name, caps] : tracks)
     {
-        text.append(" appsrc name=").append(name).append(" format=time max-bytes=0 ! mux.").append(name).append("_0");
+        ordered.push_back({name, GstPtr<GstCaps>(gst_caps_ref(caps.get()))});
     }
-    m_pipeline.reset(gst_parse_launch(text.c_str(), nullptr));
-    if (m_pipeline == nullptr)
-    {
-        throw std::runtime_error("there is no writer of Matroska files");
-    }
-    const auto element = [this](const std::string &name) {
-        return GstPtr<GstElement>(gst_bin_get_by_name(GST_BIN(m_pipeline.get()), name.c_str()));
-    };
-    g_object_set(element("file").get(), "location", file.c_str(), nullptr);
-    for (const auto &[name, caps] : tracks)
-    {
-        gst_app_src_set_caps(GST_APP_SRC(m_sources.emplace(name, element(name)).first->second.get()), caps.get());
-    }
-    gst_element_set_state(m_pipeline.get(), GST_STATE_PLAYING);
+    return ordered;
 }
 
-/// Lets the container come after, unless it waits for a track that has nothing now.
-void Writer::wait()
+Output::Output(const std::string &file, const RecordingLook &like)
+    : m_writer(file, inOrder(like.tracks), false)
 {
-    const GstPtr<GstBus> bus(gst_element_get_bus(m_pipeline.get()));
-    for (bool full = true; full;)
+    for (const auto &track : like.tracks)
     {
-        uint64_t waiting = 0;
-        bool all = true;
-        for (const auto &source : m_sources)
-        {
-            const uint64_t level = gst_app_src_get_current_level_bytes(GST_APP_SRC(source.second.get()));
-            waiting += level;
-            all = all && level > 0;
-        }
-        const GstPtr<GstMessage> failed(gst_bus_peek(bus.get()));
-        full = all && waiting > readAhead && (failed == nullptr || GST_MESSAGE_TYPE(failed.get()) != GST_MESSAGE_ERROR);
-        if (full)
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
+        m_places.emplace(track.first, m_places.size());
     }
+    if (like.date != 0)
+    {
+        m_writer.setDate(like.date);
+    }
+    if (!like.comment.empty())
+    {
+        m_writer.setComment(like.comment);
+    }
+    m_writer.start();
 }
 
-void Writer::write(const std::string &track, GstBuffer *frame, int64_t move)
+void Output::write(const std::string &track, GstBuffer *frame, int64_t move)
 {
-    const auto source = m_sources.find(track);
-    if (source == m_sources.end())
+    const auto place = m_places.find(track);
+    if (place == m_places.end())
     {
         return;
     }
@@ -232,24 +202,25 @@ void Writer::write(const std::string &track, GstBuffer *frame, int64_t move)
             *time = static_cast<GstClockTime>(std::max<int64_t>(static_cast<int64_t>(*time) + move, 0));
         }
     }
-    gst_app_src_push_buffer(GST_APP_SRC(source->second.get()), moved);
-    wait();
+    m_writer.write(place->second, moved);
+    // lets the container come after, unless it waits for a track that has nothing now; one that failed takes no more
+    while (m_writer.waiting() > readAhead && !m_writer.isWhole(0))
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
 }
 
-void Writer::finish()
+void Output::finish()
 {
-    for (const auto &source : m_sources)
+    for (const auto &place : m_places)
     {
-        gst_app_src_end_of_stream(GST_APP_SRC(source.second.get()));
+        m_writer.end(place.second);
     }
-    const GstPtr<GstBus> bus(gst_element_get_bus(m_pipeline.get()));
-    const GstPtr<GstMessage> message(gst_bus_timed_pop_filtered(
-        bus.get(), endWithin, static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_EOS)));
-    if (message == nullptr || GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ERROR)
+    if (!m_writer.isWhole(endWithin))
     {
-        throw std::runtime_error(message == nullptr ? "the file did not become whole in time"
-                                                    : messageText(message.get()));
+        throw std::runtime_error("the file did not become whole in time");
     }
+    m_writer.close();
 }
 
 /// Where the second goes on in the first.
@@ -294,6 +265,8 @@ RecordingLook lookThrough(const std::string &file)
         }
     });
     reader.run(file);
+    look.comment = reader.comment();
+    look.date = dateOf(file);
     return look;
 }
 
@@ -304,7 +277,7 @@ std::string joinRecordings(const std::string &first, const std::string &second, 
     for (const auto &[name, caps] : before.tracks)
     {
         const auto same = after.tracks.find(name);
-        if (same != after.tracks.end() && !alike(caps.get(), same->second.get()))
+        if (same != after.tracks.end() && !codedAlike(caps.get(), same->second.get()))
         {
             std::string what = "the ";
             what.append(name).append(" of ").append(second).append(" is coded differently from that of ").append(first);
@@ -314,7 +287,7 @@ std::string joinRecordings(const std::string &first, const std::string &second, 
     const Seam seam = seamOf(before, after);
     const uint64_t begin = seam.found ? after.firstKey.time : 0;
     const int64_t move = static_cast<int64_t>(seam.time) - static_cast<int64_t>(begin);
-    Writer writer(out, before.tracks);
+    Output writer(out, before);
     Reader([&](const std::string &track, GstCaps *, GstBuffer *frame) {
         if (GST_BUFFER_PTS(frame) < seam.time)
         {

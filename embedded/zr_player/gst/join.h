@@ -25,6 +25,8 @@ struct RecordingLook
     std::map<std::string, GstPtr<GstCaps>> tracks; ///< "video", "audio"
     std::deque<KeyFrame> keys;                     ///< of the video, the last of them
     KeyFrame firstKey;
+    int64_t date = 0;    ///< at which it begins, nanoseconds since 1970; 0: it does not say
+    std::string comment; ///< of whoever wrote it
 
     bool hasVideo() const { return tracks.count("video") != 0; }
 };

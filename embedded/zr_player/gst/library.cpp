@@ -1,6 +1,7 @@
 /// The entry point of the media library.
 
 #include <exception>
+#include <string>
 
 #include "join.h"
 #include "sink.h"
@@ -9,16 +10,21 @@ namespace {
 
 int accepts(const ZrMediaFormat *format)
 {
-    return format->ulClockRate != 0 && zr::media::chainOf(format->pszEncoding) != nullptr ? 1 : 0;
+    const std::string encoding = format->pszEncoding;
+    const bool known = format->ulClockRate != 0 && zr::media::chainOf(encoding) != nullptr;
+    // no element takes a configuration that comes with the frames (RFC 6416, 6.1)
+    const bool configured =
+        encoding != "MP4A-LATM" || std::string(format->pszFmtp).find("config=") != std::string::npos;
+    return known && configured ? 1 : 0;
 }
 
-ZrMediaSink *open(ZrMediaKind kind, const char *file, const ZrMediaFormat *tracks, uint32_t count,
-                  ZrMediaPicture picture, ZrMediaLog log, void *user)
+ZrMediaSink *open(ZrMediaKind kind, const char *file, const ZrMediaParts *parts, const ZrMediaFormat *tracks,
+                  uint32_t count, ZrMediaPicture picture, ZrMediaLog log, void *user)
 {
     try
     {
         auto sink = std::make_unique<ZrMediaSink>(kind, picture, log, user);
-        return sink->open(file, {tracks, tracks + count}) ? sink.release() : nullptr;
+        return sink->open(file, parts, {tracks, tracks + count}) ? sink.release() : nullptr;
     }
     catch (const std::exception &error)
     {
@@ -30,6 +36,11 @@ ZrMediaSink *open(ZrMediaKind kind, const char *file, const ZrMediaFormat *track
 void push(ZrMediaSink *sink, uint32_t track, const uint8_t *packet, uint32_t size, uint64_t arrival)
 {
     sink->push(track, packet, size, arrival);
+}
+
+void clockOf(ZrMediaSink *sink, uint32_t track, uint32_t ssrc, uint32_t timestamp, int64_t unixTime)
+{
+    sink->clock(track, ssrc, timestamp, unixTime);
 }
 
 ZrMediaState state(ZrMediaSink *sink)
@@ -52,7 +63,8 @@ int times(const char *file, ZrMediaTimes *out, ZrMediaLog log, void *user)
     try
     {
         const zr::media::RecordingLook look = zr::media::lookThrough(file);
-        *out = {look.end, look.hasVideo() && !look.keys.empty() ? look.keys.back().time : look.end};
+        *out = {look.end, look.hasVideo() && !look.keys.empty() ? look.keys.back().time : look.end, look.date,
+                zr::media::isBySender(look.comment) ? 1 : 0};
         return 1;
     }
     catch (const std::exception &error)
@@ -77,7 +89,7 @@ int join(const char *first, const char *second, const char *out, ZrMediaLog log,
 }
 
 constexpr ZrMediaLibrary library = {
-    ZR_MEDIA_LIBRARY_VERSION, &accepts, &open, &push, &state, &finish, &close, &times, &join};
+    ZR_MEDIA_LIBRARY_VERSION, &accepts, &open, &push, &clockOf, &state, &finish, &close, &times, &join};
 
 } // namespace
 

@@ -22,6 +22,15 @@ constexpr Encoding encodings[] = {
     {"JPEG", "rtpjpegdepay"},
     {"PCMU", "rtppcmudepay"},
     {"PCMA", "rtppcmadepay"},
+    {"G726", "rtpg726depay"},
+    {"G726-16", "rtpg726depay"},
+    {"G726-24", "rtpg726depay"},
+    {"G726-32", "rtpg726depay"},
+    {"G726-40", "rtpg726depay"},
+    {"AAL2-G726-16", "rtpg726depay"},
+    {"AAL2-G726-24", "rtpg726depay"},
+    {"AAL2-G726-32", "rtpg726depay"},
+    {"AAL2-G726-40", "rtpg726depay"},
     {"MPEG4-GENERIC", "rtpmp4gdepay ! aacparse"},
     {"MP4A-LATM", "rtpmp4adepay ! aacparse"},
 };
@@ -42,7 +51,7 @@ const char *endOf(ZrMediaKind kind)
     switch (kind)
     {
     case ZR_MEDIA_KIND_RECORDING:
-        return "mux.";
+        return "appsink sync=false async=false name=frames"; // and the track's number
     case ZR_MEDIA_KIND_PICTURE:
         return "decodebin name=decoder ! videoconvert ! pngenc snapshot=true ! filesink name=file";
     case ZR_MEDIA_KIND_SHOW:
@@ -142,14 +151,17 @@ GstPtr<GstElement> makePipeline(ZrMediaKind kind, const std::string &file, const
     {
         leaveOutSinksWithoutWindow();
     }
-    std::string text =
-        kind == ZR_MEDIA_KIND_RECORDING ? "matroskamux name=mux offset-to-zero=true ! filesink name=file" : "";
+    std::string text;
     const char *const end = endOf(kind);
     for (size_t i = 0; i < tracks.size(); ++i)
     {
         std::ostringstream track;
         track << " appsrc name=source" << i << " is-live=true format=time ! rtpjitterbuffer name=order" << i << " ! "
               << chainOf(tracks[i].pszEncoding) << " name=parsed" << i << " ! " << end;
+        if (kind == ZR_MEDIA_KIND_RECORDING)
+        {
+            track << i;
+        }
         text += track.str();
     }
     GError *error = nullptr;

@@ -28,8 +28,8 @@ const char *chainOf(const std::string &encoding);
 /// The RTP caps of a format, its fmtp parameters included (RFC 4566, 6).
 GstPtr<GstCaps> capsOf(const ZrMediaFormat &format);
 
-/// A pipeline whose elements of a track are named source0, order0 (puts packets in order) and parsed0 (the last before
-/// the container or the decoder), and so on; "pictures" takes what is shown.
+/// A pipeline whose elements of a track are named source0, order0 (puts packets in order) and parsed0 (brings frames),
+/// and so on; frames0 takes those of a recording, "pictures" what is shown.
 /// @param problem  receives what is wrong, for the log
 /// @return null when an element is missing
 GstPtr<GstElement> makePipeline(ZrMediaKind kind, const std::string &file, const std::vector<ZrMediaFormat> &tracks,

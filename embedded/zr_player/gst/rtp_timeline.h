@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 
 namespace zr::media {
 
@@ -30,6 +31,7 @@ public:
             const uint64_t silence = m_begun && arrival > m_arrival ? arrival - m_arrival : 0;
             m_origin = m_begun ? m_latest + std::clamp(silence, shortestGap, longestGap) : arrival;
             m_ticks = 0;
+            ++m_run;
             m_begun = true;
             m_ssrc = ssrc;
         }
@@ -45,6 +47,21 @@ public:
         m_latest = std::max(m_latest, time);
         return time;
     }
+
+    /// The time of another packet of the source that was heard last; none when it is far from that.
+    std::optional<uint64_t> at(uint32_t ssrc, uint32_t timestamp) const
+    {
+        const int64_t apart = nanoseconds(static_cast<int32_t>(timestamp - m_timestamp));
+        const int64_t time = static_cast<int64_t>(m_origin) + nanoseconds(m_ticks) + apart;
+        const bool near = m_begun && ssrc == m_ssrc && std::abs(apart) <= 10 * second;
+        return near && time >= 0 ? std::optional<uint64_t>(static_cast<uint64_t>(time)) : std::nullopt;
+    }
+
+    /// Lets all that follows come later.
+    void delay(uint64_t nanoseconds) { m_origin += nanoseconds; }
+
+    /// Changes where timestamps jump: what was known of them before counts no more.
+    unsigned run() const { return m_run; }
 
 private:
     static constexpr int64_t second = 1000000000;
@@ -67,6 +84,7 @@ private:
 
     int64_t m_clockRate;
     bool m_begun = false;
+    unsigned m_run = 0;
     uint32_t m_ssrc = 0;
     uint32_t m_timestamp = 0;
     uint64_t m_arrival = 0;
