@@ -10,14 +10,14 @@ _zr_rtsp_host() {
         --frames) COMPREPLY=($(compgen -W 'all intra predicted' -- "$word")); return ;;
         --rate-control) COMPREPLY=($(compgen -W 'yes no' -- "$word")); return ;;
         --password-file | --cameras | --ca | --trace-file | --log-file | --plugin | --report | --snapshot | --record) compopt -o filenames; COMPREPLY=($(compgen -f -- "$word")); return ;;
-        --user | --password | --tag | --from | --to | --speed | --duration | --pause-at | --pause-for | --silence | --interval | --metrics) return ;;
+        --user | --password | --tag | --from | --to | --speed | --duration | --pause-at | --pause-for | --silence | --segment-length | --segment-size | --interval | --metrics) return ;;
     esac
     case $command in
         describe) options='--help --help-all --sdp --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         check) options='--help --help-all --multicast --force --report --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        play) options='--help --help-all --tcp --udp --multicast --from --to --speed --duration --pause-at --pause-for --snapshot --record --preview --window --reconnect --silence --force --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        play) options='--help --help-all --tcp --udp --multicast --from --to --speed --duration --pause-at --pause-for --snapshot --record --preview --window --reconnect --silence --force --segment-length --segment-size --metadata --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         replay) options='--help --help-all --tcp --udp --multicast --from --to --frames --interval --rate-control --immediate --speed --duration --record --force --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        download) options='--help --help-all --force --tcp --udp --from --to --speed --sampled --full-frame --continue --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        download) options='--help --help-all --force --tcp --udp --from --to --speed --sampled --full-frame --continue --segment-length --segment-size --metadata --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         tv) options='--help --help-all --to --tcp --duration --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         watch) options='--help --help-all --tcp --udp --duration --reconnect --metrics --silence --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         cameras) options='--help --help-all --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
