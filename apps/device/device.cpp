@@ -161,6 +161,7 @@ void onNewSession(GstRTSPClient *, GstRTSPSession *session, gpointer user)
 void onClient(GstRTSPServer *, GstRTSPClient *client, gpointer user)
 {
     g_signal_connect(client, "new-session", G_CALLBACK(onNewSession), user);
+    keepFromSeeking(client);
 }
 
 gboolean endSilentSessions(gpointer pool)

@@ -57,7 +57,49 @@ void onMedia(GstRTSPMediaFactory *, GstRTSPMedia *media, gpointer)
     g_signal_connect(media, "prepared", G_CALLBACK(keepGoing), nullptr);
 }
 
+// The beginning of what is live is now (RFC 2326, 3.6), and it has no end that could be asked for.
+bool isFromNowOn(const gchar *text)
+{
+    GstRTSPTimeRange *range = nullptr;
+    if (gst_rtsp_range_parse(text, &range) != GST_RTSP_OK)
+    {
+        return false;
+    }
+    const GstRTSPTime &begin = range->min;
+    const bool now = begin.type == GST_RTSP_TIME_NOW || (begin.type == GST_RTSP_TIME_SECONDS && begin.seconds == 0);
+    const bool fromNowOn = range->unit == GST_RTSP_RANGE_NPT && now && range->max.type == GST_RTSP_TIME_END;
+    gst_rtsp_range_free(range);
+    return fromNowOn;
+}
+
+// The library would seek for all who look on, and what is live would wait until that time comes.
+GstRTSPStatusCode beforePlay(GstRTSPClient *, GstRTSPContext *context, gpointer)
+{
+    if (context->media == nullptr || gst_rtsp_media_is_shared(context->media) == FALSE)
+    {
+        return GST_RTSP_STS_OK;
+    }
+    gchar *range = nullptr;
+    if (gst_rtsp_message_get_header(context->request, GST_RTSP_HDR_RANGE, &range, 0) == GST_RTSP_OK &&
+        !isFromNowOn(range))
+    {
+        return GST_RTSP_STS_INVALID_RANGE;
+    }
+    gst_rtsp_message_remove_header(context->request, GST_RTSP_HDR_RANGE, -1);
+    if (gst_rtsp_message_remove_header(context->request, GST_RTSP_HDR_SCALE, -1) == GST_RTSP_OK)
+    {
+        gst_rtsp_message_add_header(context->request, GST_RTSP_HDR_SCALE, "1.000"); // which the answer then tells
+    }
+    gst_rtsp_message_remove_header(context->request, GST_RTSP_HDR_SPEED, -1);
+    return GST_RTSP_STS_OK;
+}
+
 } // namespace
+
+void keepFromSeeking(GstRTSPClient *client)
+{
+    g_signal_connect(client, "pre-play-request", G_CALLBACK(beforePlay), nullptr);
+}
 
 void shareMedia(GstRTSPMediaFactory *factory)
 {

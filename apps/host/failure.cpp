@@ -30,7 +30,7 @@ constexpr Words words[] = {
     {453, ExitCode::Refused, "the server has not enough bandwidth left", "end other sessions of this device"},
     {454, ExitCode::Refused, "the server does not know the session", readTheLog},
     {457, ExitCode::Refused, "the server cannot play this range",
-     "check --from and --to against the recording's length"},
+     "check --from and --to against the recording's length; a live stream takes neither"},
     {461, ExitCode::Refused, "the server does not offer this transport", "try the other one: --tcp or --udp"},
     {502, ExitCode::Refused, "the server's answer names no session", readTheLog},
     {503, ExitCode::Refused, "the server cannot serve now", "try again later, or end other sessions of this device"},

@@ -1,12 +1,13 @@
 """What goes wrong is told: an exit code for scripts, and words for people."""
 
 import os
+import signal
 import socket
 import subprocess
 import time
 import unittest
 
-from programs import CREDENTIALS, OUTPUT, PASSWORD, REFUSED, UNREACHABLE, USAGE, USER, Device, HostTest, command
+from programs import CREDENTIALS, OK, OUTPUT, PASSWORD, REFUSED, UNREACHABLE, USAGE, USER, Device, HostTest, command
 
 
 class FailuresTest(HostTest):
@@ -39,6 +40,20 @@ class FailuresTest(HostTest):
         self.failure(REFUSED, "no such stream", "describe", device.url("nothing"))
         # the path would be taken for the tail that carries credentials, were it not escaped
         self.failure(REFUSED, "no such stream", "describe", device.url("auth/username=/password="))
+
+    def test_nobody_moves_what_is_live(self):
+        """One client's seek would be all clients', and would leave the stream waiting for a time to come."""
+        url = self.device().url("live")
+        onlooker = self.start("play", url, "--tcp")
+        self.assertTrue(any(line.startswith("media arrives") for line in onlooker.stdout))
+        for moved in (("--from", "99"), ("--from", "now", "--to", "5"), ("--from", "20261120T100000Z")):
+            with self.subTest(moved=moved):
+                self.failure(REFUSED, "Invalid Range (code 457)", "play", url, "--tcp", *moved)
+        for asked in (("--from", "0"), ("--from", "now"), ("--speed=-1",), ()):
+            with self.subTest(asked=asked):
+                self.run_host(OK, "play", url, "--tcp", "--duration", "0.5", *asked)
+        onlooker.send_signal(signal.SIGINT)
+        self.assertRegex(onlooker.communicate(timeout=20)[0], r"received \d+ packets, .*, lost 0\n")
 
     def test_usage_and_output(self):
         for arguments in ((), ("play",), ("play", "http://127.0.0.1/"), ("play", "rtsp://127.0.0.1:99999/"),
