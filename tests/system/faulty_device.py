@@ -222,7 +222,7 @@ class Connection:
         ports = re.search(r"client_port=(\d+)", asked)
         if ports or "multicast" in asked:
             self.receiver = ("127.0.0.1", int(ports[1])) if ports else (self.device.group, GROUP_PORT)
-            self.udp = {address: multicast_socket(address) for address in ("127.0.0.1", "127.0.0.2")}
+            self.udp = self.udp or {address: multicast_socket(address) for address in ("127.0.0.1", "127.0.0.2")}
             port = self.udp["127.0.0.1"].getsockname()[1]
             # RTCP comes from there as well
             asked += f";server_port={port}-{port}" if ports else \
