@@ -67,6 +67,7 @@ public:
     void takeAddresses(std::vector<ACE_INET_Addr> addresses, const std::string &error);
     bool up() const { return m_state == State::Up; }
     bool secure() const { return m_security.context != nullptr; }
+    bool tunnelled() const { return m_tunnel != nullptr; }
     /// Why it was lost, as a tagZrConnectionProblem; within lost().
     ZR_ULONG problem() const;
     /// The TLS version, once connected; empty without TLS.

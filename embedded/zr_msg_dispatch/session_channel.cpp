@@ -116,6 +116,8 @@ void SessionChannel::send(const AcceptedPtr &accepted)
     const unsigned challenge = addOrders(bytes, *orders);
     m_exchanges.sent({accepted, request.messageId, ++m_cseq, std::move(url), SteadyClock::now(), challenge});
     m_keeper.sent(request.messageId, authorization);
+    if (m_port && request.messageId == AOI_MSG_RTSP_PLAY)
+        m_port->playing();
     m_connection->write(bytes);
 }
 
@@ -302,7 +304,9 @@ void SessionChannel::answerServer(const rtsp::Message &request)
 
 void SessionChannel::lost(const std::string &reason, bool orderly)
 {
-    const Problem problem{m_wasUp ? ZR_ULONG{ZR_CONNECTION_BROKEN} : m_connection->problem(), reason};
+    // a tunnel shows by the first answer that it is one
+    const bool worked = m_wasUp && (m_answered || !m_connection->tunnelled());
+    const Problem problem{worked ? ZR_ULONG{ZR_CONNECTION_BROKEN} : m_connection->problem(), reason};
     m_connection.reset();
     if (orderly && askAgain())
         return;

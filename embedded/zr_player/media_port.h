@@ -52,6 +52,8 @@ public:
     /// @param number  0 for the session's first SETUP
     /// @param writer  of an interleaved session; empty otherwise
     virtual void setUpTrack(unsigned number, const TrackTransport &transport, InterleavedWriter writer) = 0;
+    /// A PLAY is about to go out, the session's first or another one.
+    virtual void playing() = 0;
     /// A PLAY was answered: what is missing about there is no loss.
     virtual void played() = 0;
     /// An interleaved frame arrived. Returns soon; the bytes are the caller's.

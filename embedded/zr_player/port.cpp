@@ -287,6 +287,16 @@ void MediaPort::connectionClosed()
     }
 }
 
+/// After a long pause routers have forgotten the way that SETUP opened.
+void MediaPort::playing()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    for (const Track &track : m_tracks)
+    {
+        track.punch(m_ssrc, m_cname);
+    }
+}
+
 void MediaPort::played()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -478,6 +488,10 @@ TimePoint MediaPort::tick(TimePoint now)
                 else if (!report.bytes.empty())
                 {
                     sendTo(report.fd, report.to, report.bytes);
+                    if (report.silent)
+                    {
+                        track.punchMedia(report.bytes);
+                    }
                 }
             }
             next = std::min(next, track.nextReport());

@@ -56,6 +56,7 @@ public:
     // of the dispatcher
 
     void setUpTrack(unsigned number, const TrackTransport &transport, InterleavedWriter writer) override;
+    void playing() override;
     void played() override;
     void interleavedFrame(uint8_t channel, const uint8_t *data, size_t size) override;
     void connectionClosed() override;

@@ -104,6 +104,7 @@ Track::Report Track::report(TimePoint now, uint32_t ssrc, const std::string &cna
     m_nextReport = now + reportInterval();
     const bool heard = std::exchange(m_heard, false);
     Report report;
+    report.silent = !heard;
     if (!m_setUp || (m_closed && !heard))
     {
         return report;
@@ -126,14 +127,27 @@ Track::Report Track::report(TimePoint now, uint32_t ssrc, const std::string &cna
     return report;
 }
 
+bool Track::canPunch() const
+{
+    return m_peer.length() != 0 && !m_transport.multicast && m_transport.peerRtpPort != 0;
+}
+
+void Track::punchMedia(const std::vector<uint8_t> &report) const
+{
+    if (canPunch())
+    {
+        sendTo(m_sockets.rtp, m_peer, report);
+    }
+}
+
 void Track::punch(uint32_t ssrc, const std::string &cname) const
 {
-    if (m_interleaved || m_transport.multicast || m_peer.length() == 0 || m_transport.peerRtpPort == 0)
+    if (!canPunch())
     {
         return;
     }
     const std::vector<uint8_t> bytes = writeReceiverReport(ssrc, nullptr, cname);
-    sendTo(m_sockets.rtp, m_peer, bytes);
+    punchMedia(bytes);
     Endpoint rtcp = m_peer;
     rtcp.setPort(m_transport.peerRtcpPort != 0 ? m_transport.peerRtcpPort
                                                : static_cast<uint16_t>(m_transport.peerRtpPort + 1));

@@ -51,11 +51,15 @@ public:
         Endpoint to;
         InterleavedWriter writer; ///< of an interleaved track
         uint8_t channel = 0;
+        bool silent = false; ///< no packet came since the one before
     };
     /// The report that is due; bytes are empty when there is nobody to send it to.
     Report report(TimePoint now, uint32_t ssrc, const std::string &cname);
-    /// Sends an empty report from both sockets to a peer whose ports are known, which opens the firewalls between.
+    /// Sends an empty report from both sockets to a peer whose ports are known, which opens the firewalls and address
+    /// translators between.
     void punch(uint32_t ssrc, const std::string &cname) const;
+    /// Sends a report to where the media comes from, which keeps the way open while none comes.
+    void punchMedia(const std::vector<uint8_t> &report) const;
     TimePoint nextReport() const { return m_nextReport; }
 
     /// Of the newest report of the source that is heard; none: there was none, or it has no clock.
@@ -71,6 +75,9 @@ public:
     TimePoint lastArrival() const { return m_lastArrival; } ///< valid once there are packets
 
 private:
+    /// Whether it is known where one peer alone sends from.
+    bool canPunch() const;
+
     bool m_setUp = false;
     bool m_interleaved = false; ///< and its connection is there
     bool m_closed = false;      ///< its connection is gone: reports only answer packets

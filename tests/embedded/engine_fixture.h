@@ -144,6 +144,7 @@ public:
     {
         events.add("frame " + std::to_string(channel) + " " + std::string(data, data + size));
     }
+    void playing() override { events.add("playing"); }
     void played() override { events.add("played"); }
     void connectionClosed() override { events.add("closed"); }
 

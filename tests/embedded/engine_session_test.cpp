@@ -52,8 +52,8 @@ TEST_F(EngineSession, RunsWholeOverTcp)
         ASSERT_EQ(client.send(AOI_MSG_RTSP_TEARDOWN), 0U);
         ASSERT_EQ(client.unregister(), 0U);
         EXPECT_TRUE(server.ended(1));
-        EXPECT_THAT(port->events(7), ElementsAre("track 0 channels 0-1", "frame 0 abc", "played", "frame 0 abc",
-                                                 "frame 0 abc", "frame 0 abc", "closed"));
+        EXPECT_THAT(port->events(8), ElementsAre("track 0 channels 0-1", "playing", "frame 0 abc", "played",
+                                                 "frame 0 abc", "frame 0 abc", "frame 0 abc", "closed"));
         std::vector<testing::Matcher<std::string>> requests = {
             AllOf(StartsWith("DESCRIBE " + url + " RTSP/1.0\r\nCSeq: 1\r\n"), HasSubstr("User-Agent: test\r\n"),
                   HasSubstr("Accept: application/sdp\r\n")),

@@ -368,6 +368,27 @@ TEST_F(OpenPort, ReportsToThePeer)
     EXPECT_EQ(report.size(), 32 + 4 * (1 + readU16(report.data() + 34)));
 }
 
+/// At each PLAY, and with each report while no media comes: routers forget.
+TEST_F(OpenPort, OpensTheWayAgain)
+{
+    constexpr uint32_t empty = 0x80C90001;
+    constexpr uint32_t withBlock = 0x81C90007;
+    const Sender peer("127.0.0.1");
+    const Sender control("127.0.0.1");
+    setUpUdp(0, peer.port(), control.port());
+    m_port->playing();
+    for (const Sender *far : {&peer, &control, &peer, &control})
+        EXPECT_EQ(word(far->receive(), 0), empty) << "SETUP and PLAY";
+    peer.send(m_first, rtp(1));
+    ASSERT_TRUE(arrived(1));
+    tickAfter(std::chrono::seconds(10));
+    EXPECT_EQ(word(control.receive(), 0), withBlock);
+    m_port->playing();
+    EXPECT_EQ(word(peer.receive(), 0), empty) << "media came: nothing in front of PLAY's";
+    tickAfter(std::chrono::seconds(20));
+    EXPECT_EQ(word(peer.receive(), 0), withBlock) << "none came since";
+}
+
 /// No packet wakes the media thread of a port that is received by its connection.
 TEST(MediaThread, ComesWhenAClientIsDueThoughNothingArrives)
 {
