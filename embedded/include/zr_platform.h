@@ -61,7 +61,7 @@ enum tagZrConnectionProblem : ZR_ULONG
     ZR_CONNECTION_EXPIRED = 6,            ///< its certificate has expired
     ZR_CONNECTION_NOT_YET_VALID = 7,      ///< its certificate will be valid, or this machine's clock is wrong
     ZR_CONNECTION_BROKEN = 8,             ///< it was there, and was reset, closed, or cut for what the server sent
-    ZR_CONNECTION_NO_TUNNEL = 9,          ///< the server, or what answers for it, opens no tunnel (ZR_SessionSetTunnel)
+    ZR_CONNECTION_NO_TUNNEL = 9,          ///< there is none (ZR_SessionSetTunnel), or it was closed before any answer
     ZR_CONNECTION_TUNNEL_CREDENTIALS = 10 ///< it opens none without credentials, or refuses those of the session
 };
 

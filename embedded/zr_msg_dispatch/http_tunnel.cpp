@@ -35,10 +35,16 @@ std::string statusOf(const rtsp::Message &answer)
     return std::to_string(answer.status) + (answer.reason.empty() ? "" : " " + rtsp::quoted(answer.reason));
 }
 
-bool isTunnelled(const rtsp::Message &answer)
+/// Why a 200 opens no tunnel; empty: it does.
+std::string problemOf(const rtsp::Message &answer)
 {
     const std::string *type = answer.find("Content-Type");
-    return type && rtsp::sameText(rtsp::trimmed(std::string_view(*type).substr(0, type->find(';'))), tunnelledType);
+    if (!type || !rtsp::sameText(rtsp::trimmed(std::string_view(*type).substr(0, type->find(';'))), tunnelledType))
+        return "its answer is " + (type ? "of type " + rtsp::quoted(*type) : "of no type") + ", as of a web page";
+    // to who asks by HTTP/1.0 (RFC 9112, 6.1)
+    if (const std::string *coding = answer.find("Transfer-Encoding"); coding && !rtsp::sameText(*coding, "identity"))
+        return "its answer is coded (" + rtsp::quoted(*coding) + "), by a proxy perhaps";
+    return {};
 }
 
 } // namespace
@@ -135,13 +141,10 @@ void HttpTunnel::judgeGet(std::string_view rest)
             return;
         m_problem = ZR_CONNECTION_TUNNEL_CREDENTIALS;
     }
-    else if (answer.status == statusOk && !isTunnelled(answer))
-    {
-        const std::string *type = answer.find("Content-Type");
-        problem = "its answer is " + (type ? "of type " + rtsp::quoted(*type) : "of no type") + ", as of a web page";
-    }
     if (answer.status != statusOk)
         problem = statusOf(answer) + (problem.empty() ? "" : ", ") + problem;
+    else
+        problem = problemOf(answer);
     if (!problem.empty())
     {
         m_get.fail("the server opens no HTTP tunnel: " + problem);
@@ -232,6 +235,8 @@ void HttpTunnel::judgePost()
 {
     const int status = m_postAnswer.message().status;
     m_postAnswered = true;
+    if (status == statusUnauthorized)
+        m_problem = ZR_CONNECTION_TUNNEL_CREDENTIALS;
     if (status < 200 || status >= 300)
         m_get.failLater("the server refuses the HTTP tunnel's POST: " + statusOf(m_postAnswer.message()));
     else if (m_bodyLeft == 0 && !m_endless)

@@ -1,5 +1,8 @@
 #include "digest.h"
+#include <atomic>
+
 #include "engine_fixture.h"
+#include "tls_identity.h"
 #include "zr_platform.h"
 
 namespace zr::test {
@@ -87,6 +90,77 @@ TEST_F(EngineOrders, LastForTheSession)
     ZR_SessionSetCredentials(7, "u", "p", 0);
     EXPECT_EQ(Client(engine(), 7, server).ask(AOI_MSG_RTSP_DESCRIBE).error, 401U);
     EXPECT_EQ(other.requests(1).at(0).find("Authorization"), std::string::npos);
+}
+
+/// A nonce for each connection, of a server that ends each; and Basic, where the connection hides it.
+TEST_F(EngineOrders, AnswerOnEachConnection)
+{
+    const auto asks = [](const std::string &what) { return Step{"", {challenge + what + "\r\n\r\n"}}; };
+    const Authority authority;
+    settings.caFile = authority.file();
+    ScriptedServer server({{asks("Digest realm=r, nonce=n1"), {"SETUP", {udpSetupAnswer}, After::Close}},
+                           {asks("Digest realm=r, nonce=n2"), {"PLAY", {sessionAnswer}, After::Close}},
+                           {asks("Digest realm=r, nonce=n3"), {"PAUSE", {sessionAnswer}}}});
+    Client client(engine(), 7, server);
+    client.protocol = PROTOCOL_UDP;
+    ZR_SessionSetCredentials(7, "u", "p", 0);
+    size_t ended = 0;
+    for (const ZR_ULONG request : {AOI_MSG_RTSP_SETUP, AOI_MSG_RTSP_PLAY, AOI_MSG_RTSP_PAUSE})
+    {
+        EXPECT_EQ(client.ask(request).kind, 1U);
+        EXPECT_TRUE(request == AOI_MSG_RTSP_PAUSE || server.ended(++ended));
+    }
+    const std::vector<std::string> sent = server.requests(6);
+    for (const size_t connection : {1U, 2U, 3U})
+        EXPECT_THAT(sent.at(2 * connection - 1), testing::HasSubstr("nonce=\"n" + std::to_string(connection) + '"'));
+
+    ScriptedServer secured({{asks("Basic realm=r"), {"DESCRIBE", {describeAnswer}}}}, authority.issue({}));
+    Client other(engine(), 8, secured);
+    other.url = secured.url("rtsps");
+    ZR_SessionSetCredentials(8, "u", "p", 0);
+    EXPECT_EQ(other.ask(AOI_MSG_RTSP_DESCRIBE).kind, 1U);
+    EXPECT_THAT(secured.requests(2).at(1), testing::HasSubstr("\r\nAuthorization: Basic dTpw\r\n"));
+}
+
+/// For all requests or one method's, from the next request on; whoever orders may be on another thread.
+TEST_F(EngineOrders, AddHeadersWhileASessionRuns)
+{
+    const Script script(30, Step{"", {sessionAnswer}});
+    ScriptedServer server({script});
+    Client client(engine(), 7, server);
+    const auto set = [](const char *method, const char *name, const char *value) {
+        return ZR_SessionSetHeader(7, method, name, value);
+    };
+    client.ask(AOI_MSG_RTSP_DESCRIBE);
+    EXPECT_EQ(set(nullptr, "X-All", "1") + set("PAUSE", "x-all", "2") + set("PAUSE", "X-Pause", " y "), 0U);
+    for (const ZR_ULONG request : {AOI_MSG_RTSP_PLAY, AOI_MSG_RTSP_PAUSE})
+        client.ask(request);
+    EXPECT_EQ(set(nullptr, "x-ALL", nullptr) + set("PAUSE", "X-Pause", "z") + set("PAUSE", "X-All", nullptr), 0U);
+    for (const ZR_ULONG request : {AOI_MSG_RTSP_PLAY, AOI_MSG_RTSP_PAUSE})
+        client.ask(request);
+    const std::vector<std::string> sent = server.requests(5);
+    const char *const ends[] = {"sdp\r\n\r\n", "S1\r\nX-All: 1\r\n\r\n", "S1\r\nx-all: 2\r\nX-Pause: y\r\n\r\n",
+                                "S1\r\n\r\n", "S1\r\nX-Pause: z\r\n\r\n"};
+    for (size_t at = 0; at < std::size(ends); ++at)
+        EXPECT_THAT(sent.at(at), testing::EndsWith(ends[at]));
+
+    for (int count = 1; count < 16; ++count)
+        EXPECT_EQ(set(nullptr, ("X-" + std::to_string(count)).c_str(), "v"), 0U);
+    EXPECT_EQ(set(nullptr, "X-16", "v"), ZR_ULONG{ZR_SESSION_TOO_MANY});
+    std::atomic<bool> over{false};
+    std::thread ordering([&over, &set] {
+        for (unsigned count = 0; !over; ++count)
+        {
+            set(nullptr, "X-1", count % 2 == 0 ? "w" : nullptr);
+            ZR_SessionSetCredentials(7, count % 3 == 0 ? nullptr : "u", "p", 0);
+        }
+    });
+    for (int count = 0; count < 20; ++count)
+        EXPECT_EQ(client.ask(AOI_MSG_RTSP_OPTIONS).kind, 1U);
+    over = true;
+    ordering.join();
+    for (const std::string &request : server.requests(25))
+        EXPECT_THAT(request, testing::Not(testing::HasSubstr("Authorization")));
 }
 
 /// A replay is required on SETUP and PLAY alone; where it is, its frames say.

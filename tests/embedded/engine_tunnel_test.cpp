@@ -55,7 +55,8 @@ TEST_F(EngineTunnel, CarriesASession)
         client.url = server.url(secure ? "rtsps" : "rtsp") + "?a=b";
         for (const ZR_ULONG request : {AOI_MSG_RTSP_DESCRIBE, AOI_MSG_RTSP_SETUP, AOI_MSG_RTSP_PLAY})
             EXPECT_EQ(client.ask(request).kind, 1U) << reason(7, 0);
-        EXPECT_THAT(port->events(4), ElementsAre("track 0 channels 0-1", "frame 0 abc", "frame 0 abc", "played"));
+        EXPECT_THAT(port->events(5),
+                    ElementsAre("track 0 channels 0-1", "playing", "frame 0 abc", "frame 0 abc", "played"));
         EXPECT_TRUE(port->writers(1).at(0)(1, "report", 6));
         EXPECT_THAT(server.frames(1), ElementsAre(std::string("$\1\0\6report", 10)));
         client.send(AOI_MSG_RTSP_TEARDOWN);
@@ -84,6 +85,7 @@ TEST_F(EngineTunnel, SaysWhyThereIsNone)
         {"there are no credentials", ZR_CONNECTION_TUNNEL_CREDENTIALS, {"", {"HTTP/1.1 401 Unauthorized\r\n\r\n"}}},
         {"of type \"text/html\"", ZR_CONNECTION_NO_TUNNEL, {"", {html}}},
         {"of no type", ZR_CONNECTION_NO_TUNNEL, {"", {"HTTP/1.1 200 OK\r\n\r\n"}}},
+        {"is coded (\"chunked\")", ZR_CONNECTION_NO_TUNNEL, {"", {tunnelled("Transfer-Encoding: chunked\r\n")}}},
         {"not an HTTP status line: \"RTSP", ZR_CONNECTION_NO_TUNNEL, {"", {"RTSP/1.0 501 Not Implemented\r\n"}}},
         {"not an HTTP status line", ZR_CONNECTION_NO_TUNNEL, {"", {"HTTP/1.1 20\r\n"}}},
         {"longer than 16384", ZR_CONNECTION_NO_TUNNEL, {"", {"HTTP/1.1 200 OK\r\n" + std::string(17000, 'x')}}},
@@ -104,25 +106,36 @@ TEST_F(EngineTunnel, SaysWhyThereIsNone)
     EXPECT_EQ(ZR_SessionSetTunnel(8, ZR_TUNNEL_HTTP, 65536), ZR_ULONG{ZR_SESSION_INVALID});
 }
 
-/// Either connection takes the session with it, whatever happens to it.
+/// Either connection takes the session with it, whatever happens to it; until something was answered it was no tunnel.
 TEST_F(EngineTunnel, EndsWithEitherConnection)
 {
     const Step get = {"GET", {tunnelled()}};
-    const std::tuple<const char *, Step, Step> cases[] = {
-        {"POST: 404 \"Not Found\"", {"POST", {"HTTP/1.0 404 Not Found\r\n\r\n"}}, {}},
-        {"POST cannot be read: not an HTTP", {"POST", {"SSH-2.0\r\n"}}, {}},
-        {"HTTP tunnel's POST: the server closed", {"POST", {}}, {"", {}, After::ClosePost}},
-        {"the server closed the connection", {"POST", {}}, {"", {}, After::CloseGet}},
-        {"not an RTSP start line", {"POST", {}}, {"", {"HTTP/1.0 200 OK\r\n\r\n"}}},
+    const Step describe = {"DESCRIBE", {describeAnswer}};
+    const std::tuple<const char *, ZR_ULONG, Script> cases[] = {
+        {"POST: 404 \"Not Found\"", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {"HTTP/1.0 404 Not Found\r\n\r\n"}}}},
+        {"POST: 401", ZR_CONNECTION_TUNNEL_CREDENTIALS, {get, {"POST", {"HTTP/1.0 401 x\r\n\r\n"}}}},
+        {"POST cannot be read: not an HTTP", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {"SSH-2.0\r\n"}}}},
+        {"HTTP tunnel's POST: the server closed",
+         ZR_CONNECTION_NO_TUNNEL,
+         {get, {"POST", {}}, {"", {}, After::ClosePost}}},
+        {"the server closed the connection", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {}}, {"", {}, After::CloseGet}}},
+        {"not an RTSP start line", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {}}, {"", {"HTTP/1.0 200 OK\r\n\r\n"}}}},
+        {"HTTP tunnel's POST: the server closed",
+         ZR_CONNECTION_BROKEN,
+         {get, {"POST", {}}, describe, {"", {}, After::ClosePost}}},
+        {"the server closed the connection",
+         ZR_CONNECTION_BROKEN,
+         {get, {"POST", {}}, {"DESCRIBE", {"RTSP/1.0 404 x\r\nCSeq: 1\r\n\r\n"}}, {"", {"$"}, After::CloseGet}}},
     };
-    for (const auto &[why, post, step] : cases)
+    for (const auto &[why, code, script] : cases)
     {
         SCOPED_TRACE(why);
-        ScriptedServer server({{get, post, step}});
+        ScriptedServer server({script});
         Client client(engine(), 9, server);
         ZR_SessionSetTunnel(9, ZR_TUNNEL_HTTP, 0);
+        EXPECT_TRUE(code != ZR_CONNECTION_BROKEN || client.ask(AOI_MSG_RTSP_DESCRIBE).error != 503);
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_DESCRIBE).error, 503U);
-        EXPECT_THAT(reason(9, ZR_CONNECTION_BROKEN), HasSubstr(why));
+        EXPECT_THAT(reason(9, code), HasSubstr(why));
         EXPECT_TRUE(server.ended(1)); // the other one was closed, too
     }
 }

@@ -116,7 +116,7 @@ class Connection:
     def __init__(self, device, stream):
         self.device = device
         self.stream = stream
-        self.values = {"ue": "\xfc", "long": 4000 * "A", "port": device.port, "group": device.group, "session": "4711", "cseq": "0", "url": ""}
+        self.values = {"ue": "\xfc", "long": 4000 * "A", "port": device.port, "group": device.group, "crlf": "\r\n", "session": "4711", "cseq": "0", "url": ""}
         self.plan = deque()  # (when, bytes or an action)
         self.playing = None  # when the next packet is due
         self.phases = deque()
