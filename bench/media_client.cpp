@@ -36,31 +36,31 @@ public:
     void add() override
     {
         const auto number = static_cast<unsigned>(m_sessions.size());
-        example::Session &session =
-            m_sessions.emplace_back(example::Source{"127.0.0.1", m_options.port, "/stream"}, "127.0.0.1");
+        bench::Session &session =
+            m_sessions.emplace_back(bench::Source{"127.0.0.1", m_options.port, "/stream"}, "127.0.0.1");
         session.setUp(m_options.udp ? PROTOCOL_UDP : PROTOCOL_TCP);
         if (!m_options.recordings.empty())
-            example::Library::require("recording",
-                                      ZR_MediaPortRecord(session.portId(), m_options.recording(number).c_str()));
-        example::Library::require("play", session.control().play("", ""));
+            bench::Library::require("recording",
+                                    ZR_MediaPortRecord(session.portId(), m_options.recording(number).c_str()));
+        bench::Library::require("play", session.control().play("", ""));
     }
     uint64_t packets() override
     {
         uint64_t sum = 0;
-        for (const example::Session &session : m_sessions)
+        for (const bench::Session &session : m_sessions)
             sum += session.statistics().ullPackets;
         return sum;
     }
     void endRecordings() override
     {
-        for (const example::Session &session : m_sessions)
-            example::Library::require("the end of a recording", ZR_MediaPortRecord(session.portId(), nullptr));
+        for (const bench::Session &session : m_sessions)
+            bench::Library::require("the end of a recording", ZR_MediaPortRecord(session.portId(), nullptr));
     }
 
 private:
     const Options &m_options;
-    std::optional<example::Library> m_library;
-    std::deque<example::Session> m_sessions;
+    std::optional<bench::Library> m_library;
+    std::deque<bench::Session> m_sessions;
 };
 
 int checked(int result, const char *what)

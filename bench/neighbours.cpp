@@ -52,15 +52,15 @@ struct Place
 {
     uint16_t port;
     std::string path;
-    example::Source source() const { return {"127.0.0.1", port, path}; }
+    bench::Source source() const { return {"127.0.0.1", port, path}; }
 };
 
 /// Times from one packet of a playing session to the next.
 void watchMedia(const Place &place, const std::atomic<bool> &over, Times &gaps)
 {
-    example::Session session(place.source(), "127.0.0.1");
+    bench::Session session(place.source(), "127.0.0.1");
     session.setUp(PROTOCOL_TCP);
-    example::Library::require("play", session.control().play("", ""));
+    bench::Library::require("play", session.control().play("", ""));
     auto last = Clock::now();
     for (uint64_t packets = 0; !over;)
     {
@@ -82,18 +82,18 @@ Measured measure(const Place &place, std::chrono::seconds time)
     std::atomic<bool> over{false};
     std::thread media([&] { watchMedia(place, over, measured.gaps); });
     {
-        example::Session steered(place.source(), "127.0.0.1", nullptr, example::Session::Media::None);
+        bench::Session steered(place.source(), "127.0.0.1", nullptr, bench::Session::Media::None);
         steered.setUp(PROTOCOL_TCP);
         auto &playback = steered.extended<CIMediaCtrlEx>();
         for (const auto end = Clock::now() + time; Clock::now() < end; std::this_thread::sleep_for(10ms))
         {
             measured.roundTrips.values.push_back(
-                timed([&] { example::Library::require("play", steered.control().play("", "")); }));
-            measured.roundTrips.values.push_back(timed([&] { example::Library::require("pause", playback.pause()); }));
+                timed([&] { bench::Library::require("play", steered.control().play("", "")); }));
+            measured.roundTrips.values.push_back(timed([&] { bench::Library::require("pause", playback.pause()); }));
             measured.openings.values.push_back(timed([&] {
-                example::Session opened(place.source(), "127.0.0.1", nullptr, example::Session::Media::None);
+                bench::Session opened(place.source(), "127.0.0.1", nullptr, bench::Session::Media::None);
                 opened.setUp(PROTOCOL_TCP);
-                example::Library::require("play", opened.control().play("", ""));
+                bench::Library::require("play", opened.control().play("", ""));
             }));
         }
     }
@@ -109,9 +109,9 @@ void besiege(const Place &place, const std::atomic<bool> &over)
     {
         try
         {
-            example::Session session(place.source(), "127.0.0.1");
+            bench::Session session(place.source(), "127.0.0.1");
             session.setUp(PROTOCOL_TCP);
-            example::Library::require("play", session.control().play("", ""));
+            bench::Library::require("play", session.control().play("", ""));
             for (int i = 0; i < 10 && !over; ++i)
                 std::this_thread::sleep_for(100ms);
         }
@@ -190,7 +190,7 @@ int main(int argc, char **argv)
     {
         // processes of their own, made before there are threads
         const bench::ServerProcess sound, hostile;
-        const int ran = example::run([&] { code = run(std::chrono::seconds(seconds), sound.port(), hostile.port()); });
+        const int ran = bench::run([&] { code = run(std::chrono::seconds(seconds), sound.port(), hostile.port()); });
         return ran != 0 ? ran : code;
     }
     catch (const std::exception &failed)

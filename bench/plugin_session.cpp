@@ -9,7 +9,7 @@ namespace {
 constexpr char loopback[] = "127.0.0.1";
 
 /// The plug-in knows credentials by the tail of a URL.
-example::Source sourceOf(const Options &options, const std::string &path, bool tail)
+bench::Source sourceOf(const Options &options, const std::string &path, bool tail)
 {
     const std::string credentials = "?auth&username=" + options.user + "&password=" + options.password + "&";
     return {loopback, options.port, options.user.empty() || !tail ? path : path + credentials};
@@ -21,7 +21,7 @@ PluginSession::PluginSession(const Options &options, const std::string &path, bo
     : m_options(options)
     , m_keepAliveMs(keepAliveMs)
     , m_session(sourceOf(options, path, keepAliveMs == 0), loopback, this,
-                receives || options.udp ? example::Session::Media::Received : example::Session::Media::None)
+                receives || options.udp ? bench::Session::Media::Received : bench::Session::Media::None)
     , m_extended(&m_session.extended<CIMediaCtrlEx>())
 {
 }
@@ -37,7 +37,7 @@ void PluginSession::open()
     {
         CMediaAbility ability;
         const std::string audio = m_session.control().getMediaAbility(ability).getOnvifInfo().m_strAudioControl;
-        example::Library::require("setup of the second track", m_session.control().setup(audio, protocol));
+        bench::Library::require("setup of the second track", m_session.control().setup(audio, protocol));
     }
     play();
 }
@@ -48,16 +48,16 @@ void PluginSession::setUpByDescription()
     CIMediaCtrl &control = m_session.control();
     control.setDecoderDesc("plain");
     if (!m_options.user.empty())
-        example::Library::require("setting credentials",
-                                  ZR_SessionSetCredentials(m_session.portId(), m_options.user.c_str(),
-                                                           m_options.password.c_str(), ZR_CREDENTIALS_BASIC_IN_CLEAR));
+        bench::Library::require("setting credentials",
+                                ZR_SessionSetCredentials(m_session.portId(), m_options.user.c_str(),
+                                                         m_options.password.c_str(), ZR_CREDENTIALS_BASIC_IN_CLEAR));
     m_session.extended<CIMediaCtrlEx2>().setKeepLiveInterval(m_keepAliveMs);
-    example::Library::require("describe", control.describe(m_session.url()));
+    bench::Library::require("describe", control.describe(m_session.url()));
     CMediaAbility ability;
     const std::string sdp = control.getMediaAbility(ability).getDescribeRspSdp();
     for (unsigned track = 0; track < m_options.setups; ++track)
-        example::Library::require("setup", control.setup(text::controlUrl(sdp, m_session.url(), track),
-                                                         m_options.udp ? PROTOCOL_UDP : PROTOCOL_TCP));
+        bench::Library::require("setup", control.setup(text::controlUrl(sdp, m_session.url(), track),
+                                                       m_options.udp ? PROTOCOL_UDP : PROTOCOL_TCP));
 }
 
 void PluginSession::end()

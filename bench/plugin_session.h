@@ -20,8 +20,8 @@ public:
     PluginSession(const Options &options, const std::string &path, bool receives, unsigned keepAliveMs = 0);
 
     void open() override;
-    void pause() override { example::Library::require("pause", m_extended->pause()); }
-    void play() override { example::Library::require("play", m_session.control().play("", "")); }
+    void pause() override { bench::Library::require("pause", m_extended->pause()); }
+    void play() override { bench::Library::require("play", m_session.control().play("", "")); }
     void end() override;
     /// Looks whether the position that the answers to keep-alives tell is another.
     bool keptAlive() override;
@@ -36,7 +36,7 @@ private:
     const unsigned m_keepAliveMs;
     std::atomic<ZR_ULONG> m_notice{0};
     std::string m_position;
-    example::Session m_session;
+    bench::Session m_session;
     CIMediaCtrlEx *const m_extended; ///< the same object's
 };
 

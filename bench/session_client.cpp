@@ -41,7 +41,7 @@ public:
 
 private:
     const Options &m_options;
-    const example::Library m_library;
+    const bench::Library m_library;
 };
 
 /// Looks every now and then how long ago the players' last packets arrived, until it is stopped.
@@ -117,7 +117,7 @@ Json runChurn(const Options &options, const ChurnOptions &churn, Failures &failu
     // rate: connections that linger for an answer
     client::needDescriptors((options.udp ? interleaved + ofMediaPort : interleaved) * options.inFlight +
                             (interleaved + ofMediaPort) * churn.players + churn.rate);
-    auto library = std::make_optional<example::Library>();
+    auto library = std::make_optional<bench::Library>();
     Players players(churn.players);
     client::forEach(churn.players, options.inFlight, failures, [&](unsigned i) {
         auto player = std::make_unique<PluginSession>(options, "/stream", true);

@@ -64,7 +64,7 @@ struct Holding
 /// A device; one that is killed on purpose now and then may lose sessions, another may not.
 struct Target
 {
-    example::Source source;
+    bench::Source source;
     bool mortal;
 };
 
@@ -166,11 +166,11 @@ private:
         Watcher watcher;
         try
         {
-            example::Session session(target.source, "127.0.0.1", &watcher);
+            bench::Session session(target.source, "127.0.0.1", &watcher);
             const bool tcp = pick(2) == 0;
             session.setUp(tcp ? PROTOCOL_TCP : PROTOCOL_UDP);
             const auto begin = Clock::now();
-            example::Library::require("play", session.control().play("", ""));
+            bench::Library::require("play", session.control().play("", ""));
             ++m_tally.opened;
             live(session, watcher, mayBeSought(target.source.path, tcp));
             m_tally.packets += session.statistics().ullPackets;
@@ -199,7 +199,7 @@ private:
     /// The demo device's library may lock itself up when it seeks what it sends over TCP.
     static bool mayBeSought(const std::string &path, bool tcp) { return path == "/vod" ? !tcp : path == "/sink"; }
 
-    void live(example::Session &session, const Watcher &watcher, bool seeks)
+    void live(bench::Session &session, const Watcher &watcher, bool seeks)
     {
         auto &playback = session.extended<CIMediaCtrlEx>();
         for (size_t steps = 1 + pick(6); steps > 0 && m_gate.isOpen() && !watcher.ended(); --steps)
@@ -211,12 +211,12 @@ private:
             switch (pick(4))
             {
             case 0:
-                example::Library::require("pause", playback.pause());
-                example::Library::require("playing on", session.control().play("", ""));
+                bench::Library::require("pause", playback.pause());
+                bench::Library::require("playing on", session.control().play("", ""));
                 break;
             case 1: // not so far that the recording, of 24 s, ends
                 if (seeks)
-                    example::Library::require("seeking", playback.dragPlay(std::to_string(pick(6)), "", 11));
+                    bench::Library::require("seeking", playback.dragPlay(std::to_string(pick(6)), "", 11));
                 break;
             default:
                 break;
@@ -307,7 +307,7 @@ int main(int argc, char **argv)
         targets.push_back({{"127.0.0.1", static_cast<ZR_USHORT>(std::stoul(argv[i])), argv[i + 1]},
                            std::string(argv[i + 2]) == "dies"});
     int code = 1;
-    const int ran = example::run([&] {
+    const int ran = bench::run([&] {
         code = soak(targets, static_cast<unsigned>(std::stoul(argv[1])), std::chrono::seconds(std::stoul(argv[2])));
     });
     return ran != 0 ? ran : code;

@@ -1,91 +1,98 @@
-// Keeps a stream playing: begins a new session, with growing pauses, whenever the old one has ended.
+// An observer that reconnects: begins a new session, after growing pauses, whenever the old one has ended.
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <exception>
-#include <mutex>
+#include <future>
+#include <string>
 #include <thread>
 
-#include "session.h"
+#include "zr_platform.h"
+#include "zr_rtsp/zr_rtsp.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
+constexpr ZR_ULONG id = 1; // the media port's and the object's
+
 /// Hands a notification on to the host's own thread: inside of one no object can be made or deleted.
 class Ending : public CIMediaCtrlObserver
 {
 public:
-    ZR_ULONG getObserverID() override { return 1; }
-
-    void notify(ZR_ULONG *code, uintptr_t) override
+    /// @return what ended the session, or 0: nothing within that time
+    ZR_ULONG await(std::chrono::seconds time)
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_code = *code;
-        m_changed.notify_one();
-    }
-
-    /// @return the notification, or 0 when the time has passed without
-    ZR_ULONG wait(std::chrono::seconds time)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait_for(lock, time, [this] { return m_code != 0; });
-        return m_code;
+        std::future<ZR_ULONG> ended = m_ended.get_future();
+        return ended.wait_for(time) == std::future_status::ready ? ended.get() : 0;
     }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    ZR_ULONG m_code = 0;
+    ZR_ULONG getObserverID() override { return 1; }
+    void notify(ZR_ULONG *code, uintptr_t) override
+    {
+        if (!m_told.exchange(true)) // it may hear more than one thing
+            m_ended.set_value(*code);
+    }
+
+    std::atomic<bool> m_told{false};
+    std::promise<ZR_ULONG> m_ended;
 };
 
-/// @return whether the session lived as long as it was to
-bool playOnce(const example::Source &source, std::chrono::seconds time)
+/// @return 0 when it plays
+ZR_ULONG begin(CIMediaCtrl &control, const std::string &url)
 {
-    Ending ending; // outlives the session that tells it
-    example::Session session(source, "127.0.0.1", &ending);
-    session.setUp(PROTOCOL_TCP);
-    example::Library::require("play", session.control().play("", ""));
-    std::printf("playing\n");
-    std::fflush(stdout);
-    const ZR_ULONG code = ending.wait(time);
-    if (code != 0)
-        std::printf("the session has ended: %u\n", code);
-    return code == 0;
+    control.setDecoderDesc("onvif");
+    ZR_ULONG code = control.describe(url);
+    CMediaAbility ability;
+    control.getMediaAbility(ability);
+    if (code == 0)
+        code = ZR_MediaPortSetDescription(id, ability.getDescribeRspSdp().c_str());
+    if (code == 0)
+        code = control.setup(ability.getOnvifInfo().m_strVideoControl, PROTOCOL_TCP);
+    return code == 0 ? control.play("", "") : code;
 }
 
-void keepPlaying(const example::Source &source, std::chrono::seconds time)
+/// @return 0 when it played so long, else what failed or ended it
+ZR_ULONG playOnce(const std::string &host, ZR_USHORT port, const std::string &path, std::chrono::seconds time)
 {
-    constexpr auto longestPause = 30s;
-    for (auto pause = 1s;; pause = std::min(pause * 2, longestPause))
+    Ending ending; // outlives the object that tells it
+    ZR_USHORT localPort = 0;
+    ZR_ULONG code = ZR_MediaPortOpen(id, id, "127.0.0.1", &localPort);
+    CIMediaCtrl *control = createMediaCtrlInter(id, "viewer", host, "127.0.0.1", localPort, host, port, id);
+    control->attachObserver(&ending);
+    if (code == 0)
+        code = begin(*control, "rtsp://" + host + ":" + std::to_string(port) + path);
+    if (code == 0)
     {
-        try
-        {
-            if (playOnce(source, time))
-                return;
-            pause = 1s; // it had worked
-        }
-        catch (const std::exception &failed)
-        {
-            std::printf("%s\n", failed.what());
-        }
-        std::printf("once more in %lld s\n", static_cast<long long>(pause.count()));
-        std::fflush(stdout);
-        std::this_thread::sleep_for(pause);
+        std::printf("playing\n");
+        code = ending.await(time);
     }
+    deleteMediaCtrlInter(&control); // waits for a notification that runs
+    ZR_MediaPortClose(id);
+    return code;
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc != 5)
+    if (argc != 5 || init(0, 0, nullptr, nullptr) != 0)
     {
         std::fprintf(stderr, "usage: %s HOST PORT PATH SECONDS\n", argv[0]);
         return 2;
     }
-    return example::run(
-        [&] { keepPlaying(example::Source::fromArguments(argv), std::chrono::seconds(std::stoul(argv[4]))); });
+    setvbuf(stdout, nullptr, _IOLBF, 0); // each line at once
+    const auto port = static_cast<ZR_USHORT>(std::stoul(argv[2]));
+    auto pause = 1s;
+    auto begun = std::chrono::steady_clock::now();
+    while (const ZR_ULONG code = playOnce(argv[1], port, argv[3], std::chrono::seconds(std::stoul(argv[4]))))
+    {
+        std::printf("failed, or ended: %u; once more in %lld s\n", code, static_cast<long long>(pause.count()));
+        std::this_thread::sleep_for(pause);
+        pause = std::chrono::steady_clock::now() - begun > 1min ? 1s : std::min(pause * 2, 30s);
+        begun = std::chrono::steady_clock::now();
+    }
+    destroy();
 }

@@ -1,5 +1,6 @@
 /// @file
-/// What the examples share: a media port and the object that drives its session, made and deleted together.
+/// What the programs that drive sessions share: a media port and the object that drives its session, made and deleted
+/// together.
 #pragma once
 
 #include <atomic>
@@ -12,9 +13,9 @@
 #include "zr_platform.h"
 #include "zr_rtsp/zr_rtsp.h"
 
-namespace example {
+namespace bench {
 
-/// Where the examples play from; the command line's three arguments.
+/// Where they play from; the command line's three arguments.
 struct Source
 {
     std::string host;
@@ -79,8 +80,8 @@ public:
         ZR_USHORT localPort = 0;
         if (m_media == Media::Received) // before the object is made
             Library::require("opening a media port", ZR_MediaPortOpen(m_id, m_id, localAddress.c_str(), &localPort));
-        m_control = createMediaCtrlInter(m_id, "example-" + std::to_string(m_id), m_source.host, localAddress,
-                                         localPort, m_source.host, m_source.port, m_id);
+        m_control = createMediaCtrlInter(m_id, "bench-" + std::to_string(m_id), m_source.host, localAddress, localPort,
+                                         m_source.host, m_source.port, m_id);
         m_control->setDecoderDesc("onvif");
         if (m_observer != nullptr)
             m_control->attachObserver(m_observer);
@@ -143,4 +144,4 @@ private:
     const Media m_media;
 };
 
-} // namespace example
+} // namespace bench
