@@ -45,4 +45,9 @@ ZR_ULONG getValue(const tagAOIMsg *message, ZR_ULONG id, Value &value)
 /// @param lead  the bytes in front of the text
 ZR_ULONG getText(const tagAOIMsg *message, ZR_ULONG id, size_t lead, std::string &text);
 
+/// @return empty where the message has no such text
+std::string textOf(const tagAOIMsg &message, ZR_ULONG id);
+
+void addText(tagAOIMsg *message, ZR_ULONG id, size_t lead, const std::string &text);
+
 } // namespace own

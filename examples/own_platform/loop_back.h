@@ -56,6 +56,7 @@ private:
     ZR_ULONG pause(const tagAOIMsg &request, tagAOIMsg *answer);
     ZR_ULONG tearDown(const tagAOIMsg &request, tagAOIMsg *answer);
     ZR_ULONG keepAlive(const tagAOIMsg &request, tagAOIMsg *answer);
+    static constexpr ZR_ULONG noSession = 454; ///< RTSP's "Session Not Found"
     Session *sessionOf(const tagAOIMsg &request);
 
     std::map<ZR_ULONG, Session> m_sessions; ///< by the identifier of who asked for them

@@ -7,28 +7,13 @@
 #include <string>
 #include <thread>
 
+#include "expect.h"
 #include "zr_rtsp/zr_rtsp.h"
 
 namespace {
 
 const std::string base = "rtsp://127.0.0.1:554";
 const std::string credentials = "?auth&username=demo&password=";
-
-bool allRight = true;
-
-void expect(const char *step, ZR_ULONG result, ZR_ULONG expected = ZR_RTSP_OK)
-{
-    const bool right = result == expected;
-    std::printf("%-32s %5u  %s\n", step, result, right ? "right" : "WRONG");
-    allRight = allRight && right;
-}
-
-void expect(const char *step, const std::string &result, const std::string &beginning)
-{
-    const bool right = result.compare(0, beginning.size(), beginning) == 0;
-    std::printf("%-32s %s  %s\n", step, result.c_str(), right ? "right" : "WRONG");
-    allRight = allRight && right;
-}
 
 class Session
 {
@@ -68,27 +53,27 @@ void play()
     auto &playback = dynamic_cast<CIMediaCtrlEx &>(*session.control);
     constexpr ZR_ULONG twiceAsFast = 12; // a speed code
 
-    expect("describe", session.control->describe(base + "/protected" + credentials + "demo&"));
+    own::expect("describe", session.control->describe(base + "/protected" + credentials + "demo&"));
     const COnvifInfo info = session.ability().getOnvifInfo();
-    expect("  the video's control", info.m_strVideoControl, base + "/protected/track1");
-    expect("setup of the video", session.control->setup(info.m_strVideoControl, PROTOCOL_TCP));
-    expect("setup of the audio", session.control->setup(info.m_strAudioControl, PROTOCOL_TCP));
-    expect("  the session", session.ability().getSessionID(), "loop-back-");
-    expect("play", session.control->play("", ""));
-    expect("  the position", awaitRange(playback), "npt=");
-    expect("pause", playback.pause());
-    expect("dragPlay", playback.dragPlay("30", "", twiceAsFast));
+    own::expect("  the video's control", info.m_strVideoControl, base + "/protected/track1");
+    own::expect("setup of the video", session.control->setup(info.m_strVideoControl, PROTOCOL_TCP));
+    own::expect("setup of the audio", session.control->setup(info.m_strAudioControl, PROTOCOL_TCP));
+    own::expect("  the session", session.ability().getSessionID(), "loop-back-");
+    own::expect("play", session.control->play("", ""));
+    own::expect("  the position", awaitRange(playback), "npt=");
+    own::expect("pause", playback.pause());
+    own::expect("dragPlay", playback.dragPlay("30", "", twiceAsFast));
     session.control->tearDown();
-    expect("play after tearDown", session.control->play("", ""), ZR_RTSP_PLAY_FAILED);
+    own::expect("play after tearDown", session.control->play("", ""), ZR_RTSP_PLAY_FAILED);
 }
 
 void refusals()
 {
     Session missing(2);
-    expect("describe what is not there", missing.control->describe(base + "/missing"), 404);
+    own::expect("describe what is not there", missing.control->describe(base + "/missing"), 404);
     Session stranger(3);
-    expect("describe, wrong password", stranger.control->describe(base + "/protected" + credentials + "guess&"),
-           ZR_RTSP_INVALID_PARAMETER);
+    own::expect("describe, wrong password", stranger.control->describe(base + "/protected" + credentials + "guess&"),
+                ZR_RTSP_INVALID_PARAMETER);
 }
 
 } // namespace
@@ -97,8 +82,8 @@ int main()
 {
     try
     {
-        expect("init", init(0, 0, nullptr, nullptr));
-        if (!allRight)
+        own::expect("init", init(0, 0, nullptr, nullptr));
+        if (!own::allRight)
             return 1;
         play();
         refusals();
@@ -109,6 +94,6 @@ int main()
         std::fprintf(stderr, "%s\n", error.what());
         return 1;
     }
-    std::puts(allRight ? "all right" : "NOT all right");
-    return allRight ? 0 : 1;
+    std::puts(own::allRight ? "all right" : "NOT all right");
+    return own::allRight ? 0 : 1;
 }
