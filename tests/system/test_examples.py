@@ -35,6 +35,14 @@ class ExamplesTest(HostTest):
         self.device("--port", device.port())
         self.assertIn("playing", self.ended(process))
 
+    def test_readme(self):
+        """The program in README.md."""
+        device = self.device()
+        program = os.path.join(os.path.dirname(HOST), "example_readme")
+        url = f"rtsp://127.0.0.1:{device.port()}/live"
+        out = self.ended(self.start_program([program, url, "127.0.0.1", device.port()], subprocess.STDOUT))
+        self.assertIn("playing: 0\n", out)
+
     def test_host_guide(self):
         """The program that docs/host-guide.md is."""
         device = self.device("--user", "viewer", "--password", "secret")
