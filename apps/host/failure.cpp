@@ -126,7 +126,7 @@ Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG proble
 
 Failure wrongUsage(const std::string &meaning)
 {
-    return {ExitCode::Usage, "reading the command line", 0, meaning, "see --help"};
+    return {ExitCode::Usage, "reading the command line", 0, meaning};
 }
 
 } // namespace zr::host

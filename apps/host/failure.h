@@ -59,7 +59,7 @@ Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string 
 Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text,
                          bool played);
 
-/// A command line that cannot be followed.
+/// A command line that cannot be followed. The program advises to read the help of its command.
 Failure wrongUsage(const std::string &meaning);
 
 } // namespace zr::host

@@ -55,21 +55,23 @@ std::string HelpPage::make_help(const CLI::App *app, std::string name, CLI::AppF
 {
     const bool whole = mode == CLI::AppFormatMode::All;
     std::string page = app->get_description() + ".\n" + make_usage(app, std::move(name)) + make_positionals(app);
-    for (const std::string &group : app->get_groups())
-    {
+    const auto group = [&](const std::string &title) {
         const auto options =
-            app->get_options([&](const CLI::Option *one) { return one->get_group() == group && one->nonpositional(); });
-        if (!options.empty() && (whole || (group != commonGroup && group != recordingGroup)))
-        {
-            page += make_group(group, false, options);
-        }
-    }
-    page += make_subcommands(app, mode);
-    if (whole || *m_help.examples == '\0')
+            app->get_options([&](const CLI::Option *one) { return one->get_group() == title && one->nonpositional(); });
+        return options.empty() ? "" : make_group(title, false, options);
+    };
+    const std::string often = group("Options");
+    page += often.empty() && !whole ? "\nOptions:\n" : often;
+    for (const std::string &title : whole ? app->get_groups() : std::vector<std::string>())
     {
-        page += m_help.notes;
+        page += title == "Options" ? "" : group(title);
     }
-    return page + m_help.examples;
+    if (!whole)
+    {
+        page += make_option(app->get_help_all_ptr(), false);
+    }
+    page += make_subcommands(app, CLI::AppFormatMode::Normal);
+    return page + (whole ? m_help.notes : "") + m_help.examples;
 }
 
 } // namespace zr::host

@@ -1,5 +1,5 @@
 /// @file
-/// How --help looks: a page that fits a terminal of 80 columns and some 24 lines; --help-all has the rest.
+/// How --help looks: a page that fits a terminal of 80 columns and 24 lines; --help-all has the rest.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,7 +8,10 @@
 
 namespace zr::host {
 
-/// The group of the options that every command takes: --help-all lists them.
+/// The group of those that the page has no room for: --help-all lists them.
+inline constexpr const char *moreGroup = "More options";
+
+/// The group of the options that every command takes: likewise.
 inline constexpr const char *commonGroup = "Options of all commands";
 
 /// That of options for recordings: likewise.

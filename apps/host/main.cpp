@@ -61,9 +61,10 @@ void setUpTls(const CommonOptions &options, Report &report)
 
 int run(int argc, char **argv, Report &report)
 {
+    std::string help;
     try
     {
-        const Options options = parseOptions(argc, argv);
+        const Options options = parseOptions(argc, argv, help);
         setUpLog(options);
         setUpTls(options.common, report);
         for (const std::string &text : options.common.warnings)
@@ -106,7 +107,9 @@ int run(int argc, char **argv, Report &report)
     }
     catch (const Failure &failed)
     {
-        report.failure(failed);
+        const bool lost = failed.exit() == ExitCode::Usage && failed.advice().empty();
+        report.failure(lost ? Failure(failed.exit(), failed.step(), failed.code(), failed.meaning(), "see " + help)
+                            : failed);
         return static_cast<int>(failed.exit());
     }
     catch (const std::exception &failed)

@@ -3,22 +3,24 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <filesystem>
 #include <iterator>
-#include <map>
 
 #include <CLI/CLI.hpp>
 
 #include "failure.h"
 #include "help_page.h"
+#include "option_values.h"
 #include "output_file.h"
 #include "replay_options.h"
 #include "secrets.h"
 #include "source_list.h"
 #include "speed.h"
+#include "usage.h"
 
 namespace zr::host {
 namespace {
+
+constexpr double shortest = 0.001, longest = 1e9; // seconds
 
 /// What is on the command line, before it is understood.
 struct Raw
@@ -41,24 +43,6 @@ struct Raw
     ReplayOptions replay;
 };
 
-const CLI::Validator writable(
-    [](std::string &file) {
-        const std::filesystem::path path(file);
-        std::error_code ignored;
-        const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
-        return std::filesystem::is_directory(folder, ignored) ? std::string() : "there is no folder " + folder.string();
-    },
-    "FILE");
-
-// What stands in requests must not end their lines.
-const CLI::Validator plain(
-    [](std::string &text) {
-        const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
-        return std::any_of(text.begin(), text.end(), isControl) ? std::string("it holds a control character")
-                                                                : std::string();
-    },
-    "");
-
 void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
 {
     app.add_option("--user", raw.credentials.user, "User name, instead of one in the URL");
@@ -73,17 +57,18 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
     app.add_option("--ca", common.caFile, "Trust this certificate for rtsps as well (PEM)")->check(CLI::ExistingFile);
     app.add_flag("--insecure", common.insecure, "Take any certificate of an rtsps server for good");
     app.add_flag("--http", raw.http, "Tunnel RTSP and media in HTTP (implies --tcp): port 80, rtsps 443, or the URL's");
-    app.add_option("--tag", raw.tag, "Decoder description, such as onvif (default), guobiao, omz-v1@12")->check(plain);
+    app.add_option("--tag", raw.tag, "Decoder description, such as onvif (default), guobiao, omz-v1@12")
+        ->check(plain());
     app.add_flag("--json", common.json, "Print one event a line, as JSON");
     app.add_flag("--trace", common.trace, "Show the RTSP messages on the wire (stderr), credentials masked");
-    app.add_option("--trace-file", common.traceFile, "Append them to a file instead")->check(writable);
+    app.add_option("--trace-file", common.traceFile, "Append them to a file instead")->check(writable());
     app.add_option("--log-level", common.logLevel,
                    "What the libraries log: debug, info, warning or error (default: nothing)")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, tagZrLogLevel>{
-            {"debug", ZR_LOG_DEBUG}, {"info", ZR_LOG_INFO}, {"warning", ZR_LOG_WARNING}, {"error", ZR_LOG_ERROR}}))
+        ->transform(oneOf(
+            {{"debug", ZR_LOG_DEBUG}, {"info", ZR_LOG_INFO}, {"warning", ZR_LOG_WARNING}, {"error", ZR_LOG_ERROR}}))
         ->option_text("LEVEL");
     app.add_option("--log-file", common.logFile, "Where they log it (then info by default), instead of stderr")
-        ->check(writable);
+        ->check(writable());
     app.add_option("--plugin", common.plugin, "The plug-in's file, instead of the one beside the program")
         ->check(CLI::ExistingFile);
 }
@@ -106,19 +91,22 @@ void addTransport(CLI::App &app, Raw &raw, bool tcpIsDefault)
     {
         app.add_flag("--multicast", raw.multicast, "Receive media from a multicast group")
             ->excludes(tcp)
-            ->excludes(udp);
+            ->excludes(udp)
+            ->group(moreGroup);
     }
 }
 
 void addRange(CLI::App &app, Playback &playback)
 {
-    app.add_option("--from", playback.from, "Begin: seconds, hh:mm:ss, or YYYYMMDDThhmmssZ")->check(plain);
-    app.add_option("--to", playback.to, "End, likewise")->check(plain);
+    app.add_option("--from", playback.from, "Begin: seconds, hh:mm:ss, or YYYYMMDDThhmmssZ")
+        ->transform(place())
+        ->option_text("TIME");
+    app.add_option("--to", playback.to, "End, likewise")->transform(place())->option_text("TIME");
 }
 
-void addForce(CLI::App &app, CommonOptions &common)
+CLI::Option *addForce(CLI::App &app, CommonOptions &common)
 {
-    app.add_flag("--force", common.force, "Write over files that are there");
+    return app.add_flag("--force", common.force, "Write over files that are there");
 }
 
 /// @param excluded  option; empty: none
@@ -127,10 +115,10 @@ void addRecording(CLI::App &app, CourseOptions &course, const std::string &exclu
     CLI::Option *const options[] = {
         app.add_option("--segment-length", course.segments.seconds,
                        "Seconds after which the next file begins, at a key frame: a-002.mkv behind a.mkv")
-            ->check(CLI::Range(1.0, 4000000.0))
+            ->check(numberFrom(1, 4e6, "seconds"))
             ->option_text("S"),
         app.add_option("--segment-size", course.segments.megabytes, "Megabytes after which it does")
-            ->check(CLI::Range(0.1, 1e9))
+            ->check(numberFrom(0.1, 1e9, "megabytes"))
             ->option_text("MB"),
         app.add_flag("--metadata", course.metadata, "Write the ONVIF metadata beside it, into a.metadata.jsonl")};
     for (CLI::Option *option : options)
@@ -147,27 +135,29 @@ void addRecording(CLI::App &app, CourseOptions &course, const std::string &exclu
     }
 }
 
-void addSilence(CLI::App &app, CourseOptions &course)
+CLI::Option *addSilence(CLI::App &app, CourseOptions &course)
 {
-    app.add_option("--silence", course.silence, "Seconds without media after which that is said")
-        ->check(CLI::Range(1.0, 3600.0))
+    return app.add_option("--silence", course.silence, "Seconds without media after which that is said")
+        ->check(numberFrom(1, 3600, "seconds"))
         ->option_text("S [5]");
 }
 
 void addDuration(CLI::App &app, std::optional<double> &duration, const char *text)
 {
-    app.add_option("--duration", duration, text)->check(CLI::PositiveNumber)->option_text("S");
+    app.add_option("--duration", duration, text)->check(numberFrom(shortest, longest, "seconds"))->option_text("S");
 }
 
 void addSpeed(CLI::App &app, PlayOptions &play)
 {
-    app.add_option("--speed", play.course.speed, "Factor 0.125 to 16, negative: backwards; or code:0...19");
+    app.add_option("--speed", play.course.speed, "Factor 0.125 to 16, negative: backwards; or code:0...19")
+        ->check(speed())
+        ->option_text("X");
     addDuration(app, play.duration, "Seconds of media; without it until its end or Ctrl-C");
 }
 
 void addRecord(CLI::App &app, PlayOptions &play)
 {
-    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable);
+    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable());
 }
 
 void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
@@ -178,29 +168,31 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
     addSpeed(app, play);
     auto *pauseAt =
         app.add_option("--pause-at", play.pauseAt, "Pause once after so many seconds of media, then play on")
-            ->check(CLI::NonNegativeNumber)
-            ->option_text("S");
+            ->check(numberFrom(0, longest, "seconds"))
+            ->option_text("S")
+            ->group(moreGroup);
     app.add_option("--pause-for", play.pauseFor, "Seconds of that pause")
-        ->check(CLI::NonNegativeNumber)
+        ->check(numberFrom(0, longest, "seconds"))
         ->needs(pauseAt)
-        ->option_text("S [2]");
-    app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(writable);
+        ->option_text("S [2]")
+        ->group(moreGroup);
+    app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(writable());
     addRecord(app, play);
     auto *preview = app.add_flag("--preview", play.preview, "Draw the picture in the terminal");
     app.add_flag("--window", play.window, "Show the picture in a window")->excludes(preview);
     app.add_flag("--reconnect", play.reconnect, "Begin a new session when one was ended or lost");
-    addSilence(app, play.course);
+    addSilence(app, play.course)->group(moreGroup);
     addRecording(app, play.course, "");
 }
 
 void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
 {
     addUrl(app, raw);
-    app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(writable);
+    app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(writable());
     addTransport(app, raw, true);
     addRange(app, download.course.playback);
     auto *speed = app.add_option("--speed", raw.downloadTimes, "Ask for a download at 1, 2, 4 or 8 times the speed")
-                      ->check(CLI::IsMember({1, 2, 4, 8}))
+                      ->transform(oneOf({{"1", 1}, {"2", 2}, {"4", 4}, {"8", 8}}))
                       ->option_text("N");
     auto *sampled = app.add_flag("--sampled", raw.sampled, "Ask for sampled frames")->needs(speed);
     app.add_flag("--full-frame", "Ask for every frame (default)")->needs(speed)->excludes(sampled);
@@ -211,7 +203,10 @@ void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
 void addTv(CLI::App &app, Raw &raw, TvOptions &tv)
 {
     addUrl(app, raw);
-    app.add_option("--to", raw.wall, "The wall's receiver, IP:PORT")->required();
+    app.add_option("--to", raw.wall, "The wall's receiver, IP:PORT")
+        ->required()
+        ->check(receiverAddress())
+        ->option_text("ADDRESS");
     app.add_flag("--tcp", raw.tcp, "Over TCP, here and to the wall, instead of UDP");
     addDuration(app, tv.duration, "Seconds of the relation; without it until Ctrl-C");
 }
@@ -224,6 +219,7 @@ void addWatch(CLI::App &app, Raw &raw, WatchOptions &watch)
     addDuration(app, watch.duration, "Seconds; without it until Ctrl-C");
     app.add_flag("--reconnect", watch.reconnect, "Begin a new session where the server ended one, was lost or refuses");
     app.add_option("--metrics", watch.metrics, "Serve Prometheus metrics (on 127.0.0.1 only, unless IP:PORT)")
+        ->transform(listenAddress())
         ->option_text("PORT");
     addSilence(app, watch.course);
 }
@@ -303,41 +299,6 @@ std::vector<Source> completeSources(const Raw &raw, const std::string &tag, cons
         throw wrongUsage("there is neither a FILE nor a cameras file to watch");
     }
     return sources;
-}
-
-/// @param meaning  what is said of a text that is none
-tagTransportAddr addressAndPort(const std::string &text, const char *meaning)
-{
-    const size_t colon = text.find(':');
-    const std::string ip = text.substr(0, colon);
-    const std::string digits = colon == std::string::npos ? "" : text.substr(colon + 1);
-    const bool number =
-        !digits.empty() && digits.size() <= 5 && digits.find_first_not_of("0123456789") == std::string::npos;
-    const int port = number ? std::stoi(digits) : 0;
-    if (!CLI::ValidIPV4(ip).empty() || port < 1 || port > 65535)
-    {
-        throw wrongUsage(meaning);
-    }
-    return {static_cast<ZR_USHORT>(port), ip};
-}
-
-std::string listenAddress(const std::string &text)
-{
-    const bool withIp = text.find(':') != std::string::npos;
-    const tagTransportAddr address = addressAndPort((withIp ? "" : "127.0.0.1:") + text,
-                                                    "--metrics is a port, such as 9554, or IPv4 address and port");
-    return address.strIP + ":" + std::to_string(address.usPort);
-}
-
-// Without the words themselves, which may be a password's that has a blank or follows a mistyped option.
-std::string unexpected(const std::vector<std::string> &words)
-{
-    std::string options;
-    for (const std::string &word : words)
-    {
-        options += word.rfind("--", 0) == 0 ? " " + word.substr(0, word.find('=')) : "";
-    }
-    return options.empty() ? "there is more than the command takes" : "the command does not know" + options;
 }
 
 /// What a camera's name stands for takes the URL's place.
@@ -437,14 +398,13 @@ void understand(Raw &raw, Options &options)
         common.source = source(tagOr("plain"));
         options.tv.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
         options.tv.course.fallBack = !raw.tcp;
-        options.tv.wall = addressAndPort(raw.wall, "--to is an IPv4 address and a port, such as 192.0.2.40:5000");
+        options.tv.wall = addressAndPort(raw.wall).value_or(tagTransportAddr{});
         if (common.source.tag.substr(0, common.source.tag.find('@')) == "onvif")
         {
             throw wrongUsage("an onvif source has no relation to a TV wall: leave --tag away");
         }
         break;
     case Command::Watch:
-        options.watch.metrics = options.watch.metrics.empty() ? "" : listenAddress(options.watch.metrics);
         options.watch.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
         options.watch.course.fallBack = !raw.tcp && !raw.udp;
         options.watch.sources = completeSources(raw, tagOr("onvif"), *cameras);
@@ -458,19 +418,22 @@ void understand(Raw &raw, Options &options)
 
 } // namespace
 
-Options parseOptions(int argc, char **argv)
+Options parseOptions(int argc, char **argv, std::string &help)
 {
     Options options;
     Raw raw;
     CLI::App app("Plays RTSP sessions through the zr_rtsp plug-in", "zr_rtsp_host");
     app.formatter(std::make_shared<HelpPage>(generalHelp));
-    app.set_help_flag("-h,--help", "Print this page");
+    app.set_help_flag("-h,--help", "Print this page")->group(moreGroup);
+    app.set_help_all_flag("--help-all", "The exit codes as well")->group(moreGroup);
     app.set_version_flag("--version", "zr_rtsp_host " ZR_VERSION, "Print the version");
     app.require_subcommand(1);
-    const auto add = [&](Command command, const char *name, const char *text, const CommandHelp &help) {
+    const auto add = [&](Command command, const char *name, const char *text, const CommandHelp &page) {
         CLI::App *added = app.add_subcommand(name, text);
-        added->formatter(std::make_shared<HelpPage>(help));
-        added->set_help_all_flag("--help-all", "More: notes, and what all commands take (--user ...)");
+        added->formatter(std::make_shared<HelpPage>(page));
+        added->get_help_ptr()->group(moreGroup);
+        added->set_help_all_flag("--help-all", "More, such as --user, --password-file, --json, --trace")
+            ->group(moreGroup);
         added->callback([&options, command] { options.command = command; });
         return added;
     };
@@ -489,14 +452,15 @@ Options parseOptions(int argc, char **argv)
     check->add_flag("--multicast", options.check.multicast, "Try multicast as well");
     addForce(*check, options.common);
     check->add_option("--report", options.check.html, "Write a page with the table and a picture (HTML)")
-        ->check(writable);
+        ->check(writable());
     addPlay(*play, raw, options.play);
-    addForce(*play, options.common);
+    addForce(*play, options.common)->group(moreGroup);
     addUrl(*replay, raw);
     addTransport(*replay, raw, false);
     raw.replay.add(*replay, options.play.course.playback);
     addSpeed(*replay, options.play);
     addRecord(*replay, options.play);
+    addForce(*replay, options.common)->group(moreGroup);
     addForce(*download, options.common);
     addDownload(*download, raw, options.download);
     addTv(*tv, raw, options.tv);
@@ -504,10 +468,6 @@ Options parseOptions(int argc, char **argv)
     for (CLI::App *command : {describe, check, play, replay, download, tv, watch, cameras})
     {
         command->option_defaults()->group(commonGroup);
-        if (command == replay) // on the other page there is no room for it
-        {
-            addForce(*command, options.common);
-        }
         addCommon(*command, raw, options.common);
     }
     try
@@ -520,14 +480,12 @@ Options parseOptions(int argc, char **argv)
         options.command = Command::Help;
         return options;
     }
-    catch (const CLI::ExtrasError &)
-    {
-        throw wrongUsage(unexpected(app.remaining(true)));
-    }
     catch (const CLI::ParseError &wrong)
     {
-        throw wrongUsage(withoutCredentials(wrong.what()));
+        help = helpFor(app);
+        throw misunderstood(app, wrong, argc > 1 ? argv[1] : "");
     }
+    help = helpFor(app);
     understand(raw, options);
     return options;
 }

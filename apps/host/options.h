@@ -103,7 +103,8 @@ struct Options
     CamerasOptions cameras;
 };
 
+/// @param help  becomes how the page is asked for that tells of the command; also where this throws
 /// @throws Failure  of wrong usage
-Options parseOptions(int argc, char **argv);
+Options parseOptions(int argc, char **argv, std::string &help);
 
 } // namespace zr::host

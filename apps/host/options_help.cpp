@@ -3,9 +3,6 @@
 namespace zr::host {
 
 const CommandHelp generalHelp = {R"(
-COMMAND --help tells a command's options, with examples; COMMAND --help-all
-adds those that all commands take (credentials, TLS, logs).
-
 Exit codes:
   0    done: described, media arrived, the recording is whole, all are alive
   1    internal error
@@ -18,7 +15,14 @@ Exit codes:
   8    the server ended the session or died; not all are alive (watch)
   130  ended by Ctrl-C before media arrived or a download was whole
 )",
-                                 ""};
+                                 R"(
+COMMAND --help tells a command's options, with examples; COMMAND --help-all
+adds what all take: --user, --password-file, --json, --trace, TLS, logs ...
+
+Examples:
+  zr_rtsp_host check rtsp://192.0.2.10/live --user admin
+  zr_rtsp_host play rtsp://192.0.2.10/live --record door.mkv --duration 60
+)"};
 
 const CommandHelp describeHelp = {"", R"(
 Examples:
@@ -30,7 +34,7 @@ const CommandHelp checkHelp = {R"(
 Each step is ok, failed or skipped; steps that do not need a failed one go on. It
 takes about 15 s. The exit code is 0 when media arrives over UDP or TCP: what only
 some can (multicast, pause, seek, speed, keep-alive) does not change it. Else it is
-that of the first failed step, by the list of zr_rtsp_host --help.
+that of the first failed step, by the list of zr_rtsp_host --help-all.
 )",
                                R"(
 Examples:

@@ -7,8 +7,8 @@ namespace zr::host {
 /// Each begins with an empty line.
 struct CommandHelp
 {
-    const char *notes;    ///< in --help-all only; also in --help where there are no examples
-    const char *examples; ///< with the line about --help-all
+    const char *notes; ///< in --help-all only
+    const char *examples;
 };
 
 extern const CommandHelp generalHelp;

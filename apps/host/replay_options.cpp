@@ -1,23 +1,14 @@
 #include "replay_options.h"
 
-#include <map>
 #include <utility>
 
 #include "failure.h"
+#include "option_values.h"
 #include "position.h"
 #include "speed.h"
 
 namespace zr::host {
 namespace {
-
-// Made what a request carries.
-const CLI::Validator clockTime(
-    [](std::string &text) {
-        const auto asked = clockText(text);
-        text = asked.value_or(text);
-        return asked ? std::string() : "it is no time such as 2026-11-20T10:00:00Z";
-    },
-    "TIME");
 
 // RFC 2326, 12.34
 void orderRange(Playback &playback)
@@ -40,24 +31,23 @@ void orderRange(Playback &playback)
 
 void ReplayOptions::add(CLI::App &app, Playback &playback)
 {
-    const std::map<std::string, ZR_ULONG> frames = {
-        {"all", ZR_FRAMES_ALL}, {"intra", ZR_FRAMES_INTRA}, {"predicted", ZR_FRAMES_PREDICTED}};
-    const std::map<std::string, ZR_ULONG> rates = {{"yes", ZR_RATE_CONTROL_YES}, {"no", ZR_RATE_CONTROL_NO}};
     app.add_option("--from", playback.from, "Begin (required), such as 2026-11-20T10:00:00Z (UTC)")
         ->required()
-        ->transform(clockTime)
+        ->transform(clockTime())
         ->option_text("TIME");
     app.add_option("--to", playback.to, "End, likewise; without it that of the recording")
-        ->transform(clockTime)
+        ->transform(clockTime())
         ->option_text("TIME");
-    auto *which = app.add_option("--frames", m_replay.ulFrames, "Which: all (default), intra or predicted")
-                      ->transform(CLI::CheckedTransformer(frames))
-                      ->option_text("WHICH");
+    auto *which =
+        app.add_option("--frames", m_replay.ulFrames, "Which: all (default), intra or predicted")
+            ->transform(oneOf({{"all", ZR_FRAMES_ALL}, {"intra", ZR_FRAMES_INTRA}, {"predicted", ZR_FRAMES_PREDICTED}}))
+            ->option_text("WHICH");
     app.add_option("--interval", m_replay.ulIntervalMs, "Milliseconds between two of them, at least")
         ->needs(which)
+        ->check(wholeNumberFrom(1, 1e9, "milliseconds"))
         ->option_text("MS");
     app.add_option("--rate-control", m_replay.ulRateControl, "yes: sent as fast as they play; no: as fast as they can")
-        ->transform(CLI::CheckedTransformer(rates))
+        ->transform(oneOf({{"yes", ZR_RATE_CONTROL_YES}, {"no", ZR_RATE_CONTROL_NO}}))
         ->option_text("WORD");
     app.add_flag_callback(
         "--immediate", [this] { m_replay.ulImmediate = 1; }, "Seek at once, without playing out what was sent for");

@@ -13,15 +13,15 @@ _zr_rtsp_host() {
         --user | --password | --tag | --from | --to | --speed | --duration | --pause-at | --pause-for | --silence | --segment-length | --segment-size | --interval | --metrics) return ;;
     esac
     case $command in
-        describe) options='--help --help-all --sdp --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        check) options='--help --help-all --multicast --force --report --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        play) options='--help --help-all --tcp --udp --multicast --from --to --speed --duration --pause-at --pause-for --snapshot --record --preview --window --reconnect --silence --force --segment-length --segment-size --metadata --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        replay) options='--help --help-all --tcp --udp --multicast --from --to --frames --interval --rate-control --immediate --speed --duration --record --force --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        download) options='--help --help-all --force --tcp --udp --from --to --speed --sampled --full-frame --continue --segment-length --segment-size --metadata --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        tv) options='--help --help-all --to --tcp --duration --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        watch) options='--help --help-all --tcp --udp --duration --reconnect --metrics --silence --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        describe) options='--sdp --help --help-all --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        check) options='--multicast --force --report --help --help-all --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        play) options='--tcp --udp --from --to --speed --duration --snapshot --record --preview --window --reconnect --help --help-all --multicast --pause-at --pause-for --silence --force --segment-length --segment-size --metadata --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        replay) options='--tcp --udp --from --to --frames --interval --rate-control --immediate --speed --duration --record --help --help-all --multicast --force --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        download) options='--force --tcp --udp --from --to --speed --sampled --full-frame --continue --help --help-all --segment-length --segment-size --metadata --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        tv) options='--to --tcp --duration --help --help-all --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        watch) options='--tcp --udp --duration --reconnect --metrics --silence --help --help-all --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         cameras) options='--help --help-all --user --password --password-file --cameras --ca --insecure --http --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        '') options='describe check play replay download tv watch cameras --help --version' ;;
+        '') options='describe check play replay download tv watch cameras --version --help --help-all' ;;
     esac
     if [[ $word == -* || -z $command ]]; then
         COMPREPLY=($(compgen -W "$options" -- "$word"))

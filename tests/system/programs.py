@@ -18,7 +18,7 @@ PLUGIN = os.environ["ZR_RTSP_PLUGIN"]
 USER = "viewer"
 PASSWORD = "pass-w0rd&word="
 
-# exit codes, as zr_rtsp_host --help tells them
+# exit codes, as zr_rtsp_host --help-all tells them
 OK, INTERNAL, USAGE, UNREACHABLE, CREDENTIALS, REFUSED, NO_MEDIA, OUTPUT, LOST, INTERRUPTED = 0, 1, 2, 3, 4, 5, 6, 7, 8, 130
 
 # The bars of the device's picture from left to right, in its upper half.
