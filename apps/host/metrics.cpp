@@ -75,8 +75,7 @@ MetricFamily statesOf(const std::vector<StreamFacts> &streams)
     family.type = MetricType::Gauge;
     for (const StreamFacts &stream : streams)
     {
-        for (const StreamState state :
-             {StreamState::Connecting, StreamState::Alive, StreamState::Silent, StreamState::Lost})
+        for (const StreamState state : allStates)
         {
             ClientMetric metric;
             metric.label = {

@@ -18,10 +18,31 @@ constexpr std::chrono::seconds shownWhole{8};
 
 std::string row(size_t number, const std::string &text)
 {
-    return "\033[" + std::to_string(number) + ";1H" + text + "\033[0m\033[K";
+    // cleared first: behind the last column it would take that away
+    return "\033[" + std::to_string(number) + ";1H\033[K" + text + "\033[0m";
 }
 
 } // namespace
+
+std::vector<std::string> wrapped(const std::string &line, size_t columns)
+{
+    const auto widthOf = [](const std::string &text) { // in UTF-8 a character's bytes but the first begin with 10
+        return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+    };
+    std::vector<std::string> lines;
+    std::string rest = line;
+    while (widthOf(rest) > columns && columns > 0)
+    {
+        const std::string most = cut(rest, columns + 1);
+        const size_t blank = most.rfind(' ');
+        const bool words = blank != std::string::npos && most.find_first_not_of(' ') < blank;
+        const std::string one = words ? most.substr(0, blank) : cut(rest, columns);
+        lines.push_back(one);
+        rest.erase(0, one.size() + (words ? 1 : 0));
+    }
+    lines.push_back(rest);
+    return lines;
+}
 
 bool Screen::possible()
 {
@@ -90,7 +111,7 @@ void Screen::failure(const Failure &what)
     event("failed", what.what(), nullptr);
 }
 
-TerminalSize Screen::bodySize() const
+TerminalSize Screen::bodySize()
 {
     const TerminalSize size = terminalSize();
     return {size.columns, size.rows > linesSaid + 2 ? size.rows - linesSaid - 1 : 1};
@@ -103,31 +124,48 @@ void Screen::body(std::vector<std::string> rows)
     draw();
 }
 
+/// @param free  rows above the last one that the body does without
+std::string Screen::drawnMessages(const TerminalSize &size, size_t free) const
+{
+    const auto rowsOf = [&](const std::string &said) {
+        std::vector<std::string> rows;
+        for (const std::string &line : linesOf(said))
+        {
+            const std::vector<std::string> more = wrapped(line, size.columns);
+            rows.insert(rows.end(), more.begin(), more.end());
+        }
+        return rows;
+    };
+    // what was said last is shown whole, over the body if it takes more
+    const size_t last = m_said.empty() || Clock::now() > m_lastSaid + shownWhole ? 0 : rowsOf(m_said.back()).size();
+    const size_t room = std::min(std::max({last, linesSaid, free}), size.rows - 1);
+    std::vector<std::string> lines;
+    for (auto said = m_said.rbegin(); said != m_said.rend() && lines.size() < room; ++said)
+    {
+        const std::vector<std::string> more = rowsOf(*said);
+        lines.insert(lines.begin(), more.begin(), more.end());
+    }
+    const size_t from = lines.size() > room ? lines.size() - room : 0;
+    std::string text;
+    for (size_t i = 0; i < room; ++i)
+    {
+        text += row(size.rows - room + i, from + i < lines.size() ? lines[from + i] : "");
+    }
+    return text;
+}
+
 std::string Screen::drawn(const TerminalSize &size) const
 {
     std::string text;
     const size_t bodyRows = size.rows > linesSaid + 1 ? size.rows - linesSaid - 1 : 0;
     const bool image = m_body.size() == 1;
-    for (size_t i = 0; i < bodyRows && !image; ++i)
+    const size_t used = image ? bodyRows : std::min(m_body.size() + 1, bodyRows); // with an empty one below
+    for (size_t i = 0; i < used && !image; ++i)
     {
         text += row(i + 1, i < m_body.size() ? m_body[i] : "");
     }
     text += image && bodyRows > 0 ? "\033[1;1H" + m_body.front() : "";
-    // what was said last is shown whole, over the body if it takes more
-    std::vector<std::string> lines;
-    for (auto said = m_said.rbegin(); said != m_said.rend() && lines.size() < linesSaid; ++said)
-    {
-        const std::vector<std::string> more = linesOf(*said);
-        lines.insert(lines.begin(), more.begin(), more.end());
-    }
-    const size_t last = m_said.empty() || Clock::now() > m_lastSaid + shownWhole ? 0 : linesOf(m_said.back()).size();
-    const size_t room = std::min(std::max(last, linesSaid), size.rows - 1);
-    const size_t from = lines.size() > room ? lines.size() - room : 0;
-    for (size_t i = 0; i < room; ++i)
-    {
-        text += row(size.rows - room + i, from + i < lines.size() ? cut(lines[from + i], size.columns) : "");
-    }
-    return text + row(size.rows, "\033[7m" + cut(m_status, size.columns));
+    return text + drawnMessages(size, size.rows - 1 - used) + row(size.rows, "\033[7m" + cut(m_status, size.columns));
 }
 
 void Screen::draw()

@@ -12,9 +12,13 @@
 
 namespace zr::host {
 
-/// A body, such as a picture or a table, below it what was said last and where things stand. What was said meanwhile is
-/// handed on when it is destroyed, as the terminal's usual screen shows none of it. Draws while a TerminalMode with
-/// screen is taken, and fits what is there then: that the terminal's size changed needs no telling. Any thread.
+/// A line broken between its words into lines of so many columns.
+std::vector<std::string> wrapped(const std::string &line, size_t columns);
+
+/// A body, such as a picture or a table, below it what was said last, in all the rows that the body leaves, and where
+/// things stand. What was said meanwhile is handed on when it is destroyed, as the terminal's usual screen shows none
+/// of it. Draws while a TerminalMode with screen is taken, and fits what is there then: that the terminal's size
+/// changed needs no telling. Any thread.
 class Screen : public Report
 {
 public:
@@ -37,7 +41,7 @@ public:
     /// Hands on what was said so far, and from now on at once. When the TerminalMode is gone.
     void leave();
     /// What there is room for.
-    TerminalSize bodySize() const;
+    static TerminalSize bodySize();
     /// @param rows  drawn as they are: they fit and steer the terminal on purpose only. One that is no row of text but
     ///              draws an image stands alone
     void body(std::vector<std::string> rows);
@@ -47,6 +51,7 @@ private:
 
     void draw();
     std::string drawn(const TerminalSize &size) const;
+    std::string drawnMessages(const TerminalSize &size, size_t free) const;
 
     Report &m_report;
     mutable std::mutex m_mutex;     ///< guards the terminal and what follows

@@ -91,7 +91,7 @@ void Show::serve()
             lock.unlock();
             return end(begun);
         }
-        const TerminalSize room = m_screen != nullptr ? m_screen->bodySize() : TerminalSize{};
+        const TerminalSize room = m_screen != nullptr ? Screen::bodySize() : TerminalSize{};
         const bool resized = room.columns != m_drawnFor.columns || room.rows != m_drawnFor.rows;
         if (m_screen == nullptr || m_rgb.empty() || (!m_fresh && !resized))
         {

@@ -102,6 +102,16 @@ size_t countOf(const std::vector<StreamFacts> &streams, StreamState state)
         std::count_if(streams.begin(), streams.end(), [state](const StreamFacts &one) { return one.state == state; }));
 }
 
+/// A footer: whatever is too long, it tells how to leave.
+std::string withKeys(const std::string &text, size_t streams)
+{
+    const TerminalSize room = Screen::bodySize();
+    const std::string keys = streams >= room.rows ? "  up/down, page keys, q quit" : "  q quit";
+    const size_t left = room.columns - std::min(room.columns, keys.size());
+    std::string line = cut(text, left);
+    return line.append(left - std::min(left, line.size()), ' ') + keys;
+}
+
 size_t Watch::alive() const
 {
     return countOf(facts(), StreamState::Alive);
@@ -153,35 +163,30 @@ void Watch::tellSummary()
     }
     if (m_screen != nullptr)
     {
-        const TerminalSize room = m_screen->bodySize();
+        const TerminalSize room = Screen::bodySize();
         m_first = std::min(m_first, streams.size() - std::min(streams.size(), room.rows - 1));
         m_screen->body(streamTable(streams, m_first, room));
     }
     const long packetRate = std::lround(static_cast<double>(packets - m_packetsBefore) / std::max(seconds, 1e-3));
     m_packetsBefore = packets;
     m_lastSummary = now;
-    const size_t connecting = countOf(streams, StreamState::Connecting);
-    const size_t alive = countOf(streams, StreamState::Alive);
-    const size_t silent = countOf(streams, StreamState::Silent);
-    const size_t gone = countOf(streams, StreamState::Lost);
-    m_report.status({"summary",
-                     std::to_string(alive) + " alive, " + std::to_string(silent) + " silent, " + std::to_string(gone) +
-                         " lost, " + (connecting == 0 ? "" : std::to_string(connecting) + " connecting, ") +
-                         std::to_string(packetRate) + " packets/s, " + std::to_string(lost) + " packets lost" +
-                         (m_screen != nullptr ? "  up, down, page keys, q quit" : ""),
-                     {{"alive", alive},
-                      {"silent", silent},
-                      {"lost", gone},
-                      {"connecting", connecting},
-                      {"packets_per_s", packetRate},
-                      {"kbit_per_s", rate},
-                      {"packets_lost", lost}},
-                     true});
+    std::string text;
+    Fields fields;
+    for (const StreamState state :
+         {StreamState::Alive, StreamState::Silent, StreamState::Lost, StreamState::Failed, StreamState::Connecting})
+    {
+        const size_t count = countOf(streams, state);
+        text += count > 0 || state == StreamState::Alive ? std::to_string(count) + " " + word(state) + ", " : "";
+        fields[word(state)] = count;
+    }
+    text += std::to_string(packetRate) + " packets/s, " + std::to_string(lost) + " packets lost";
+    fields.update({{"packets_per_s", packetRate}, {"kbit_per_s", rate}, {"packets_lost", lost}});
+    m_report.status({"summary", m_screen != nullptr ? withKeys(text, streams.size()) : text, fields, true});
 }
 
 void Watch::act(Key key)
 {
-    const size_t page = m_screen != nullptr ? std::max<size_t>(m_screen->bodySize().rows, 2) - 1 : 1;
+    const size_t page = m_screen != nullptr ? std::max<size_t>(Screen::bodySize().rows, 2) - 1 : 1;
     const size_t step = key == Key::Up || key == Key::Down ? 1 : page;
     switch (key)
     {

@@ -22,6 +22,8 @@ const char *word(StreamState state)
         return "silent";
     case StreamState::Lost:
         return "lost";
+    case StreamState::Failed:
+        return "failed";
     }
     return "";
 }
@@ -52,7 +54,8 @@ void Stream::event(const std::string &name, const std::string &text, const Field
     {
         return;
     }
-    enter(change->state, text);
+    m_wasAlive = m_wasAlive || change->state == StreamState::Alive;
+    enter(change->state == StreamState::Lost && !m_wasAlive ? StreamState::Failed : change->state, text);
     m_told = m_told || change->state == StreamState::Lost;
     // a device that is away is not told anew with each attempt
     const std::string loss = change->state == StreamState::Lost ? text : "";

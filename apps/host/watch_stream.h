@@ -2,6 +2,7 @@
 /// One of the streams that watch looks after.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -17,8 +18,12 @@ enum class StreamState
     Connecting,
     Alive,
     Silent,
-    Lost
+    Lost,  ///< after it was alive
+    Failed ///< and never was alive
 };
+
+constexpr std::array<StreamState, 5> allStates = {StreamState::Connecting, StreamState::Alive, StreamState::Silent,
+                                                  StreamState::Lost, StreamState::Failed};
 
 const char *word(StreamState state);
 
@@ -29,7 +34,7 @@ struct StreamFacts
     std::string url;
     StreamState state = StreamState::Connecting;
     std::chrono::system_clock::time_point since; ///< it is so
-    std::string reason;                          ///< why it is lost or silent
+    std::string reason;                          ///< why it is lost, failed or silent
     double kilobitsPerSecond = 0;
     double jitterMs = 0;
     // of all its sessions
@@ -66,7 +71,8 @@ private:
 
     const Source &m_source;
     Report &m_report;
-    std::string m_toldLoss;     ///< why it was lost, as it was told; empty: it is not lost
+    std::string m_toldLoss; ///< why it was lost, as it was told; empty: it is not lost
+    bool m_wasAlive = false;
     bool m_told = false;        ///< what ended the latest session was told when it happened
     mutable std::mutex m_mutex; ///< guards m_facts; held for a moment only
     StreamFacts m_facts;

@@ -5,7 +5,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+
+#include "screen.h"
 
 namespace zr::host {
 namespace {
@@ -17,6 +20,7 @@ const char *colourOf(StreamState state)
     case StreamState::Alive:
         return "\033[32m";
     case StreamState::Lost:
+    case StreamState::Failed:
         return "\033[31m";
     case StreamState::Silent:
     case StreamState::Connecting:
@@ -30,19 +34,63 @@ std::string timeText(std::chrono::system_clock::time_point time, bool utc)
     const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
     std::tm day{};
     utc ? gmtime_r(&seconds, &day) : localtime_r(&seconds, &day);
-    const bool old = std::chrono::system_clock::now() - time > std::chrono::hours(20);
+    const auto age = std::chrono::system_clock::now() - time;
+    const char *format = utc                             ? "%Y-%m-%dT%H:%M:%SZ"
+                         : age < std::chrono::hours(20)  ? "%H:%M:%S"
+                         : age < std::chrono::hours(150) ? "%a %H:%M" // within a week
+                                                         : "%d %b %y";
     std::array<char, 32> text{};
-    std::strftime(text.data(), text.size(), utc ? "%Y-%m-%dT%H:%M:%SZ" : old ? "%d %b %H:%M" : "%H:%M:%S", &day);
+    std::strftime(text.data(), text.size(), format, &day);
     return text.data();
 }
 
-std::string rowOf(const StreamFacts &stream)
+std::string oneLine(std::string text)
+{
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return harmless(text);
+}
+
+std::string numbersOf(const StreamFacts &stream)
 {
     std::array<char, 80> text{};
-    std::snprintf(text.data(), text.size(), "%4zu  %-10s  %-12s  %7ld  %7llu  ", stream.number, word(stream.state),
+    std::snprintf(text.data(), text.size(), "%4zu %-10s  %-9s %7ld %6llu  ", stream.number, word(stream.state),
                   timeText(stream.since, false).c_str(), std::lround(stream.kilobitsPerSecond),
                   static_cast<unsigned long long>(stream.lost));
-    return text.data() + harmless(stream.url + (stream.reason.empty() ? "" : "  " + stream.reason));
+    return text.data();
+}
+
+/// With the reason below the URL, as long as there is room for all.
+/// @return nothing else
+std::vector<std::string> roomyRows(const StreamFacts &stream, TerminalSize room)
+{
+    const std::string indent(5, ' ');
+    std::vector<std::string> rows = {cut(numbersOf(stream) + oneLine(stream.url), room.columns)};
+    const bool narrow = room.columns < 2 * indent.size();
+    for (const std::string &line :
+         wrapped(oneLine(stream.reason), narrow ? room.columns : room.columns - indent.size()))
+    {
+        if (!line.empty())
+        {
+            rows.push_back(indent + line);
+        }
+    }
+    return rows;
+}
+
+/// A reason without room is worth more than the URL, whose stream its number tells; and it than its step.
+std::string shortRow(const StreamFacts &stream, TerminalSize room)
+{
+    const std::string numbers = numbersOf(stream);
+    const std::string url = oneLine(stream.url);
+    std::string reason = oneLine(stream.reason);
+    if (reason.empty() || numbers.size() + url.size() + 2 + reason.size() <= room.columns)
+    {
+        return cut(numbers + url + (reason.empty() ? "" : "  " + reason), room.columns);
+    }
+    constexpr const char *failed = " failed: "; // as the state tells
+    const size_t step = reason.find(failed);
+    reason.erase(0, step == std::string::npos ? 0 : step + std::strlen(failed));
+    return cut(numbers + reason + "  " + url, room.columns);
 }
 
 } // namespace
@@ -50,13 +98,24 @@ std::string rowOf(const StreamFacts &stream)
 std::vector<std::string> streamTable(const std::vector<StreamFacts> &streams, size_t from, TerminalSize room)
 {
     static const bool coloured = std::getenv("NO_COLOR") == nullptr; // NOLINT(concurrency-mt-unsafe): nobody sets it
-    std::vector<std::string> rows = {"\033[1m" +
-                                     cut("   #  STATE       SINCE          KBIT/S     LOST  URL", room.columns)};
+    const std::string head = "\033[1m" + cut("   # STATE       SINCE      KBIT/S   LOST  URL", room.columns);
+    const auto colour = [&](const StreamFacts &stream) { return coloured ? colourOf(stream.state) : ""; };
+    std::vector<std::string> rows = {head};
+    for (size_t i = 0; i < streams.size() && rows.size() <= room.rows; ++i)
+    {
+        for (const std::string &text : roomyRows(streams[i], room))
+        {
+            rows.push_back(colour(streams[i]) + text);
+        }
+    }
+    if (rows.size() <= room.rows)
+    {
+        return rows;
+    }
+    rows = {head};
     for (size_t i = from; i < streams.size() && rows.size() < room.rows; ++i)
     {
-        std::string row = rowOf(streams[i]);
-        std::replace(row.begin(), row.end(), '\n', ' ');
-        rows.push_back((coloured ? colourOf(streams[i].state) : "") + cut(row, room.columns));
+        rows.push_back(colour(streams[i]) + shortRow(streams[i], room));
     }
     return rows;
 }

@@ -10,7 +10,7 @@
 
 namespace zr::host {
 
-/// @param from  the first stream to be shown, from 0
+/// @param from  the first stream to be shown, from 0, where there is no room for all
 /// @return rows that fit, coloured by state unless NO_COLOR is in the environment
 std::vector<std::string> streamTable(const std::vector<StreamFacts> &streams, size_t from, TerminalSize room);
 

@@ -93,7 +93,7 @@ class TerminalTest(HostTest):
         terminal.after(ENTERS)
         self.assertFalse(terminal.is_usual())
         terminal.resize(10, 40)
-        terminal.after("\x1b[10;1H\x1b[7mplaying")  # the status line stands below
+        terminal.after("\x1b[10;1H\x1b[K\x1b[7mplaying")  # the status line stands below
         terminal.after("playing  0:08")
         terminal.type("r")
         terminal.after("recorded zr_rtsp-")
@@ -119,19 +119,32 @@ class TerminalTest(HostTest):
         with open(self.file("list"), "w", encoding="utf-8") as urls:
             urls.write("".join(f"{device.url(mount)}\n" for mount in ("live", "video", "missing")))
         terminal = self.run_in_terminal("watch", self.file("list"), "--reconnect", "--metrics", "0")
-        terminal.after("--metrics is a port")
+        terminal.after("--metrics: it takes a port")
         terminal.after(PROMPT)
         with socket.create_server(("127.0.0.1", 0)) as free:
             port = free.getsockname()[1]
+        terminal.resize(24, 80)
         terminal.type(shlex.join(command("watch", self.file("list"), "--reconnect", "--metrics", str(port))) + "\n")
         terminal.after(ENTERS)
-        terminal.after("2 alive, 0 silent, 1 lost")
-        row = terminal.after("/missing")
-        self.assertRegex(row[-80:], r"   3  lost        \d\d:\d\d:\d\d            0        0  rtsp://")
+        terminal.after("2 alive, 1 failed, ")
+        terminal.after("\x1b[4;1H")  # the third below the head
+        row = terminal.after("rtsp://")
+        self.assertRegex(row, r"   3 failed      \d\d:\d\d:\d\d        0      0  $")
+        self.assertIn("\x1b[5;1H\x1b[K\x1b[31m     describe failed: the server has no such stream", terminal.after("\x1b[6;1H"))
+        terminal.after("media arrives")
+        self.assertRegex(terminal.after("\x1b[0m\x1b[1;1H"), r"\x1b\[24;1H.* packets lost +q quit$")
+        terminal.resize(7, 40)  # no room for that, and none for the URL
+        terminal.after("\x1b[3;1H\x1b[K\x1b[32m   2 alive ")
+        terminal.after("page keys, q quit")
+        terminal.type("\x1b[B")
+        terminal.after("\x1b[3;1H\x1b[K\x1b[31m   3 failed ")
         with urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=20) as answer:
             told = answer.read().decode()
         for number, mount, up in ((1, "live", 1), (3, "missing", 0)):
             self.assertIn(f'zr_rtsp_stream_up{{stream="{number}",url="{device.url(mount)}"}} {up}\n', told)
+            for state in ("alive", "lost", "failed"):
+                self.assertIn(f'url="{device.url(mount)}",state="{state}"}} {int(state == ("alive" if up else "failed"))}\n',
+                              told)
         self.assertRegex(told, r'zr_rtsp_stream_packets_total\{stream="2",url="[^"]*"\} [1-9]')
         terminal.type("q")
         terminal.after(LEAVES)
