@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include <unistd.h>
@@ -209,18 +210,18 @@ void Controls::tellInformation()
 {
     const Media &media = m_course.media();
     const Description &description = m_course.description();
-    say(m_course.source().url.text + ": " + summary(description) + " over " +
-        (m_course.options().protocol == PROTOCOL_TCP ? "TCP" : "UDP"));
-    for (const std::string &line : {description.name, description.tool, description.range})
-    {
-        if (!line.empty())
-        {
-            say("  " + line);
-        }
-    }
-    say("  received " + std::to_string(media.packets) + " packets, " + amount(media.bytes) + ", lost " +
-        std::to_string(media.lost) + ", jitter " + milliseconds(media.jitterMs) +
-        (m_course.recording().empty() ? "" : ", recording into " + m_course.recording()));
+    std::string text = m_course.source().url.text;
+    const auto add = [&](const char *label, const std::string &value) {
+        text += value.empty() ? "" : "\n  " + std::string(label).append(11 - std::strlen(label), ' ') + value;
+    };
+    add("tracks", summary(description) + ", over " + m_course.transport());
+    add("name", description.name);
+    add("made by", description.tool);
+    add("range", description.range);
+    add("received", counted(media.packets, "packet", "packets") + ", " + amount(media.bytes) + ", lost " +
+                        std::to_string(media.lost) + ", jitter " + milliseconds(media.jitterMs));
+    add("recording", m_course.recording());
+    say(text);
 }
 
 } // namespace zr::host

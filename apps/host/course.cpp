@@ -291,9 +291,10 @@ void Course::measure()
     m_media.frames = statistics.ullFrames;
     m_media.covered = static_cast<double>(statistics.ullMediaMs) / 1000;
     const double sinceRate = inSeconds(now - m_lastRate);
-    if (sinceRate >= rateOver)
+    if (m_paused || sinceRate >= rateOver)
     {
-        m_media.kilobitsPerSecond = static_cast<double>(m_media.bytes - m_rateBytes) * 8 / 1000 / sinceRate;
+        const auto bits = static_cast<double>(m_media.bytes - m_rateBytes) * 8;
+        m_media.kilobitsPerSecond = m_paused ? 0 : bits / 1000 / sinceRate;
         m_rateBytes = m_media.bytes;
         m_lastRate = now;
     }
@@ -437,8 +438,8 @@ void Course::end()
     }
     m_session->end();
     m_report.event("received",
-                   "received " + std::to_string(statistics.ullPackets) + " packets, " + amount(statistics.ullBytes) +
-                       ", lost " + std::to_string(statistics.ullLost),
+                   "received " + counted(statistics.ullPackets, "packet", "packets") + ", " +
+                       amount(statistics.ullBytes) + ", lost " + std::to_string(statistics.ullLost),
                    {{"packets", statistics.ullPackets},
                     {"bytes", statistics.ullBytes},
                     {"lost", statistics.ullLost},

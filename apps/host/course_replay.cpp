@@ -79,8 +79,9 @@ void Course::tellReplay()
     const Position latest = placeOf(told->llUnixUs);
     m_report.event("replayed",
                    "replayed " + positionShown(first) + " to " + positionShown(latest) + ", " +
-                       std::to_string(told->ullFrames) + " frames, " + std::to_string(told->ullDiscontinuities) +
-                       " discontinuities, " + std::to_string(told->ullSectionEnds) + " ends of sections",
+                       counted(told->ullFrames, "frame", "frames") + ", " +
+                       counted(told->ullDiscontinuities, "discontinuity", "discontinuities") + ", " +
+                       counted(told->ullSectionEnds, "end of a section", "ends of sections"),
                    {{"first", isoText(first)},
                     {"time", isoText(latest)},
                     {"frames", told->ullFrames},

@@ -191,13 +191,14 @@ void Play::tellStatus()
     const char *state = m_course.paused() ? "paused" : media.silent >= m_options.course.silence ? "silent" : "playing";
     const auto position = m_course.position();
     const Span span = m_course.span();
+    const double rate = m_course.paused() ? 0 : media.kilobitsPerSecond; // also before the next look
     const auto speed = m_course.playback().speedCode;
     const std::string place = !position ? positionShown({media.seconds, false})
                                         : positionShown(*position) + (span.end ? "/" + positionShown(*span.end) : "");
     char text[200];
     const bool pictures = m_course.description().first("video") != nullptr;
     std::snprintf(text, sizeof text, "%s  %s  %s  %.0f kbit/s  %llu %s  lost %llu  jitter %.1f ms%s%s", state,
-                  place.c_str(), speedText(speed).c_str(), media.kilobitsPerSecond,
+                  place.c_str(), speedText(speed).c_str(), rate,
                   static_cast<unsigned long long>(pictures ? media.frames : media.packets),
                   pictures ? "frames" : "packets", static_cast<unsigned long long>(media.lost), media.jitterMs,
                   m_course.recording().empty() ? "" : "  rec", steered ? "  ? keys" : "");
@@ -206,7 +207,7 @@ void Play::tellStatus()
                                         {"state", state},
                                         {"position", position ? Fields(position->seconds) : Fields(nullptr)},
                                         {"speed", speedFactor(speed)},
-                                        {"kbit_per_s", media.kilobitsPerSecond},
+                                        {"kbit_per_s", rate},
                                         {"frames", media.frames},
                                         {"packets", media.packets},
                                         {"lost", media.lost},

@@ -222,6 +222,11 @@ std::string cut(const std::string &text, size_t columns)
     return text;
 }
 
+std::string counted(uint64_t number, const std::string &one, const std::string &many)
+{
+    return std::to_string(number) + " " + (number == 1 ? one : many);
+}
+
 std::string bar(double done)
 {
     constexpr size_t width = 24;

@@ -44,6 +44,9 @@ std::vector<std::string> linesOf(const std::string &text);
 /// So much of a text in UTF-8 as fits into so many columns of one character each.
 std::string cut(const std::string &text, size_t columns);
 
+/// Such as "1 packet" or "2 packets".
+std::string counted(uint64_t number, const std::string &one, const std::string &many);
+
 /// From 0 to 1.
 std::string bar(double done);
 

@@ -71,7 +71,7 @@ void Screen::leave()
     }
     if (m_forgotten > 0)
     {
-        m_report.event("told", "(" + std::to_string(m_forgotten) + " earlier lines are left out)", nullptr);
+        m_report.event("told", "(left out: " + counted(m_forgotten, "earlier line", "earlier lines") + ")", nullptr);
     }
     for (const std::string &text : m_said)
     {

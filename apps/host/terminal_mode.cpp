@@ -21,6 +21,7 @@ termios g_wanted;
 std::atomic<bool> g_exists{false};
 std::atomic<bool> g_taken{false};
 std::atomic<bool> g_screen{false};
+std::atomic<bool> g_deaf{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 std::array<struct sigaction, ending.size()> g_before;
 std::array<bool, ending.size()> g_replaced;
@@ -151,6 +152,7 @@ TerminalMode::TerminalMode(Kind kind, bool screen)
         g_wanted.c_cc[VTIME] = 0;
     }
     g_screen = screen;
+    g_deaf = kind == Kind::Deaf;
     g_exists = true;
     listen();
     take();
@@ -182,6 +184,10 @@ void TerminalMode::restore()
     {
         // what is half written ends with CAN, an image by sixels with ST
         write("\030\033\\\033[0m\033[?7h\033[?25h\033[?1049l");
+        if (g_deaf)
+        {
+            tcflush(STDIN_FILENO, TCIFLUSH);
+        }
         tcsetattr(STDIN_FILENO, TCSANOW, &g_usual);
     }
 }

@@ -13,7 +13,8 @@ public:
     enum class Kind
     {
         Hidden, ///< a line is read, and what is typed is not shown
-        Keys    ///< each key is read at once, and none is shown; Ctrl-C and Ctrl-Z mean what they always do
+        Keys,   ///< each key is read at once, and none is shown; Ctrl-C and Ctrl-Z mean what they always do
+        Deaf ///< nothing is read, and what is typed is neither shown nor left to the shell; Ctrl-C and so on as above
     };
 
     /// Without effect when stdin is no terminal. To be made after an Interrupt, which looks after SIGINT and SIGTERM.

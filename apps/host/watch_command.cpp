@@ -179,7 +179,7 @@ void Watch::tellSummary()
         text += count > 0 || state == StreamState::Alive ? std::to_string(count) + " " + word(state) + ", " : "";
         fields[word(state)] = count;
     }
-    text += std::to_string(packetRate) + " packets/s, " + std::to_string(lost) + " packets lost";
+    text += std::to_string(packetRate) + " packets/s, " + counted(lost, "packet", "packets") + " lost";
     fields.update({{"packets_per_s", packetRate}, {"kbit_per_s", rate}, {"packets_lost", lost}});
     m_report.status({"summary", m_screen != nullptr ? withKeys(text, streams.size()) : text, fields, true});
 }
@@ -239,7 +239,9 @@ void Watch::run(TypedKeys *keys)
         }
     }
     const size_t atEnd = alive();
-    m_report.event("watched", std::to_string(atEnd) + " of " + std::to_string(m_streams.size()) + " streams are alive",
+    m_report.event("watched",
+                   std::to_string(atEnd) + " of " + counted(m_streams.size(), "stream", "streams") +
+                       (atEnd == 1 ? " is" : " are") + " alive",
                    {{"alive", atEnd}, {"streams", m_streams.size()}});
     if (atEnd != m_streams.size())
     {

@@ -114,6 +114,22 @@ class TerminalTest(HostTest):
         terminal.after(PROMPT)
         self.assertTrue(terminal.is_usual())
 
+    def test_keys_at_a_download_are_for_nobody(self):
+        terminal = self.run_in_terminal("download", self.device().url("vod"), self.file("day.mkv"))
+        terminal.after(" 0:02 of 0:09 ")
+        terminal.type("zyx\nzyx")
+        seen = terminal.after(" 0:04 of 0:09 ")
+        terminal.type("\x1a")
+        seen += terminal.after("Stopped") + terminal.after(PROMPT)
+        self.assertTrue(terminal.is_usual())
+        terminal.type("fg\n")
+        terminal.after(" 0:06 of 0:09 ")
+        self.assertFalse(terminal.is_usual())
+        seen += terminal.after("downloaded 9.") + terminal.after(PROMPT)
+        terminal.type("echo end\n")
+        self.assertNotIn("zyx", seen + terminal.after("\nend"))
+        self.assertTrue(terminal.is_usual())
+
     def test_watch_table_and_metrics(self):
         device = self.device()
         with open(self.file("list"), "w", encoding="utf-8") as urls:
