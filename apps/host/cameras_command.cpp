@@ -6,6 +6,14 @@ namespace zr::host {
 
 void camerasCommand(const CamerasOptions &options, Report &report)
 {
+    if (options.names)
+    {
+        for (const Camera &camera : options.cameras)
+        {
+            report.event("camera", camera.name, {{"name", camera.name}});
+        }
+        return;
+    }
     size_t nameWidth = 0;
     size_t urlWidth = 0;
     for (const Camera &camera : options.cameras)

@@ -410,7 +410,8 @@ void understand(Raw &raw, Options &options)
         options.watch.sources = completeSources(raw, tagOr("onvif"), *cameras);
         break;
     case Command::Cameras:
-        options.cameras = {cameras->file(), cameras->all()};
+        options.cameras.file = cameras->file();
+        options.cameras.cameras = cameras->all();
         break;
     }
     understandTunnel(raw, options);
@@ -465,6 +466,7 @@ Options parseOptions(int argc, char **argv, std::string &help)
     addDownload(*download, raw, options.download);
     addTv(*tv, raw, options.tv);
     addWatch(*watch, raw, options.watch);
+    cameras->add_flag("--names", options.cameras.names)->group(""); // for the shells' completions
     for (CLI::App *command : {describe, check, play, replay, download, tv, watch, cameras})
     {
         command->option_defaults()->group(commonGroup);

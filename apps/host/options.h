@@ -75,6 +75,7 @@ struct CamerasOptions
 {
     std::string file; ///< empty: there is none
     std::vector<Camera> cameras;
+    bool names = false; ///< and nothing else
 };
 
 enum class Command

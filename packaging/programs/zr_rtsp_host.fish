@@ -1,4 +1,12 @@
 # made by packaging/generate from the program's --help
+function __zr_rtsp_host_names
+    set -l words (commandline -opc)
+    set -l file
+    for i in (seq 3 (count $words))
+        test "$words[$(math $i - 1)]" = --cameras; and set file --cameras $words[$i]
+    end
+    $words[1] cameras --names $file 2>/dev/null
+end
 complete -c zr_rtsp_host -f
 complete -c zr_rtsp_host -n __fish_use_subcommand -l version -d 'Print the version'
 complete -c zr_rtsp_host -n __fish_use_subcommand -s h -l help -d 'Print this page'
@@ -11,6 +19,7 @@ complete -c zr_rtsp_host -n __fish_use_subcommand -a download -d 'Fetch a record
 complete -c zr_rtsp_host -n __fish_use_subcommand -a tv -d 'Play a recording, sent to a TV wall as well'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a watch -d 'Play many streams at once, and say how they are'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a cameras -d 'List the cameras that have names'
+complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv' -a '(__zr_rtsp_host_names)'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe' -l sdp -d 'Print the description (SDP) as it came, and nothing else'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -s h -l help -d 'Print this page'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l help-all -d 'More, such as --user, --password-file, --json, --trace'

@@ -8,13 +8,15 @@ import shlex
 import signal
 import socket
 import struct
+import subprocess
 import termios
 import time
 import unittest
 import urllib.request
 
-from programs import HostTest, command, frames
+from programs import HOST, HostTest, command, frames
 
+PROGRAMS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging/programs")
 ENTERS, LEAVES = "\x1b[?1049h", "\x1b[?1049l"
 PROMPT = "prompt> "
 
@@ -129,6 +131,36 @@ class TerminalTest(HostTest):
         terminal.type("echo end\n")
         self.assertNotIn("zyx", seen + terminal.after("\nend"))
         self.assertTrue(terminal.is_usual())
+
+    def test_shells_complete_names_of_cameras(self):
+        os.mkdir(self.file("zr_rtsp"))
+        other = self.file("site.toml")
+        for file, names in ((self.file("zr_rtsp/cameras.toml"), ("door", "yard", '"$(touch${IFS}run)"')), (other, ("site",))):
+            with open(file, "w", encoding="utf-8") as written:
+                written.write("".join(f'[{name}]\nurl = "rtsp://127.0.0.1/"\n' for name in names))
+        path = f"{os.path.dirname(HOST)}:{os.environ['PATH']}"
+        environment = {**os.environ, "XDG_CONFIG_HOME": self.folder, "PATH": path}
+        for line, offered in (("play ya", ["yard"]), ("download --tcp d", ["door"]), ("wat", ["watch"]),
+                              ("play ", ["$(touch${IFS}run)", "door", "yard"]), (f"check --cameras {other} ", ["site"]),
+                              (f"tv --cameras {other}.none ", []), ("replay door --frames i", ["intra"])):
+            bash = (f"source {PROGRAMS}/zr_rtsp_host.bash; COMP_WORDS=(zr_rtsp_host \"$@\"); COMP_CWORD=$#;"
+                    '_zr_rtsp_host zr_rtsp_host; eval "printf \'%s\\n\' ${COMPREPLY[*]}"')
+            fish = f"source {PROGRAMS}/zr_rtsp_host.fish; complete -C $argv[1]"
+            for shell in (["bash", "-c", bash, "bash", *line.split(" ")],
+                          ["fish", "--no-config", "-c", fish, "zr_rtsp_host " + line]):
+                with self.subTest(line=line, shell=shell[0]):
+                    run = subprocess.run(shell, env=environment, cwd=self.folder, capture_output=True, text=True, timeout=60)
+                    told = [one.partition("\t")[0] for one in run.stdout.splitlines() if one]
+                    self.assertEqual(told, offered, run.stderr)
+        terminal = Terminal(self.folder)
+        self.addCleanup(terminal.close)
+        terminal.type(f"XDG_CONFIG_HOME={self.folder} PATH={shlex.quote(path)} zsh -f\n")
+        terminal.type(f"fpath=({PROGRAMS} $fpath); autoload -U compinit; compinit -u -D; PROMPT='zsh''> '\n")
+        terminal.after("zsh> ")
+        terminal.type("zr_rtsp_host play \t")
+        terminal.after("door ")
+        terminal.after("yard")
+        self.assertFalse(os.path.exists(self.file("run")))
 
     def test_watch_table_and_metrics(self):
         device = self.device()
