@@ -1,6 +1,7 @@
 #include "cameras.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <system_error>
 
 #include <toml++/toml.h>
 
@@ -16,6 +18,7 @@
 
 #include "failure.h"
 #include "secrets.h"
+#include "usage.h"
 
 namespace zr::host {
 namespace {
@@ -23,9 +26,10 @@ namespace {
 constexpr size_t mostBytes = size_t{1024} * 1024;
 constexpr size_t longestName = 64;
 
-Failure wrongFile(const std::string &file, const std::string &meaning)
+Failure wrongFile(const std::string &file, const std::string &meaning,
+                  const std::string &advice = "zr_rtsp_host cameras --help-all shows how it looks")
 {
-    return {ExitCode::Usage, "reading " + file, 0, meaning, "zr_rtsp_host cameras --help-all shows how it looks"};
+    return {ExitCode::Usage, "reading " + file, 0, meaning, advice};
 }
 
 /// One camera's table, whose every key must be known.
@@ -69,7 +73,9 @@ public:
         }
         catch (const Failure &bad)
         {
-            throw bad.step() == "reading " + m_file ? bad : wrong(m_node.source(), m_name + ": " + bad.meaning());
+            throw bad.step() == "reading " + m_file
+                ? bad
+                : wrong(m_node.as_table()->get("url")->source(), m_name + ": " + bad.meaning());
         }
         if (!made.passwordFile.empty())
         {
@@ -101,9 +107,12 @@ private:
     {
         for (const auto &[key, value] : *m_node.as_table())
         {
-            if (m_known.count(std::string(key.str())) == 0)
+            const std::string name(key.str());
+            if (m_known.count(name) == 0)
             {
-                throw wrong(key.source(), m_name + ": there is no key " + std::string(key.str()) +
+                const std::string meant = nearest(name, {m_known.begin(), m_known.end()});
+                throw wrong(key.source(), m_name + ": there is no key " + name +
+                                              (meant.empty() ? "" : " (" + meant + "?)") +
                                               "; there are url, user, password-file, password-command and tag");
             }
         }
@@ -128,12 +137,18 @@ std::optional<std::string> contentOf(const std::string &file)
     {
         return std::nullopt;
     }
+    if (std::filesystem::exists(file, unknown) && !std::filesystem::is_regular_file(file, unknown))
+    {
+        throw wrongFile(file, "it is no file");
+    }
+    errno = 0;
     std::ifstream in(file, std::ios::binary);
     std::string text(mostBytes + 1, '\0');
     in.read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (in.bad() || (!in && !in.eof()) || !std::filesystem::is_regular_file(file, unknown))
+    if (in.bad() || (!in && !in.eof()))
     {
-        throw wrongFile(file, "it cannot be read");
+        throw wrongFile(file, "it cannot be read: " + std::generic_category().message(errno),
+                        "let yourself read it: chmod u+r " + file);
     }
     text.resize(static_cast<size_t>(in.gcount()));
     if (text.size() > mostBytes)
@@ -144,11 +159,17 @@ std::optional<std::string> contentOf(const std::string &file)
 }
 
 /// Whoever may write it may have commands run.
-bool isOurs(const std::string &file)
+void requireOurs(const std::string &file)
 {
     struct stat status = {};
-    return stat(file.c_str(), &status) == 0 && (status.st_uid == geteuid() || status.st_uid == 0) &&
-           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    if (stat(file.c_str(), &status) != 0 || (status.st_uid != geteuid() && status.st_uid != 0))
+    {
+        throw wrongFile(file, "it has commands run, and belongs to another user", "a copy of your own, with --cameras");
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    {
+        throw wrongFile(file, "it has commands run, and others than you may write it", "chmod go-w " + file);
+    }
 }
 
 } // namespace
@@ -204,9 +225,9 @@ void Cameras::parse(const std::string &text)
                         "line " + std::to_string(wrong.source().begin.line) + ": " + std::string(wrong.description()));
     }
     const auto any = [this](auto &&isIt) { return std::any_of(m_cameras.begin(), m_cameras.end(), isIt); };
-    if (any([](const Camera &one) { return !one.passwordCommand.empty(); }) && !isOurs(m_file))
+    if (any([](const Camera &one) { return !one.passwordCommand.empty(); }))
     {
-        throw wrongFile(m_file, "it has commands run, and others than you may write it: chmod go-w it");
+        requireOurs(m_file);
     }
     if (any([](const Camera &one) { return parseUrl(one.url).credentials.complete; }) && isReadByOthers(m_file))
     {
@@ -230,17 +251,21 @@ const Camera &Cameras::named(const std::string &name) const
         return *found;
     }
     constexpr size_t mostNames = 12;
+    std::vector<std::string> all;
+    std::transform(m_cameras.begin(), m_cameras.end(), std::back_inserter(all),
+                   [](const Camera &one) { return one.name; });
     std::string names;
-    for (size_t i = 0; i < std::min(m_cameras.size(), mostNames); ++i)
+    for (size_t i = 0; i < std::min(all.size(), mostNames); ++i)
     {
-        names += (i == 0 ? "" : ", ") + m_cameras[i].name;
+        names += (i == 0 ? "" : ", ") + all[i];
     }
-    names += m_cameras.size() > mostNames ? " ..." : "";
-    const std::string where = m_file.empty() ? "for there is no cameras file" : "in " + m_file;
-    throw Failure(ExitCode::Usage, "reading the command line", 0, name + " is no camera " + where + ", and no URL",
+    names += all.size() > mostNames ? " ..." : "";
+    const std::string meant = nearest(name, all);
+    const std::string where = m_file.empty() ? ", for there is no cameras file" : " in " + m_file;
+    throw Failure(ExitCode::Usage, "reading the command line", 0, name + " is no URL, and no camera" + where,
                   names.empty()
                       ? "a URL begins with rtsp:// or rtsps://; zr_rtsp_host cameras --help-all tells of names"
-                      : "one of " + names);
+                      : (meant.empty() ? "" : meant + "; ") + "there are " + names);
 }
 
 Credentials credentialsOf(const Camera &camera)
@@ -249,7 +274,7 @@ Credentials credentialsOf(const Camera &camera)
     made.user = camera.user;
     if (!camera.passwordFile.empty())
     {
-        made.password = readPassword(camera.passwordFile);
+        made.password = readPassword(camera.passwordFile, camera.name);
     }
     else if (!camera.passwordCommand.empty())
     {

@@ -59,12 +59,21 @@ void setUpTls(const CommonOptions &options, Report &report)
     }
 }
 
+Failure withAdvice(const Failure &failed, const Hints &hints)
+{
+    const bool usage = failed.exit() == ExitCode::Usage && failed.advice().empty();
+    const bool refused = failed.exit() == ExitCode::Credentials && failed.code() != 0 && !hints.credentials.empty();
+    return usage || refused ? Failure(failed.exit(), failed.step(), failed.code(), failed.meaning(),
+                                      usage ? hints.usage : hints.credentials)
+                            : failed;
+}
+
 int run(int argc, char **argv, Report &report)
 {
-    std::string help;
+    Hints hints;
     try
     {
-        const Options options = parseOptions(argc, argv, help);
+        const Options options = parseOptions(argc, argv, hints);
         setUpLog(options);
         setUpTls(options.common, report);
         for (const std::string &text : options.common.warnings)
@@ -107,9 +116,7 @@ int run(int argc, char **argv, Report &report)
     }
     catch (const Failure &failed)
     {
-        const bool lost = failed.exit() == ExitCode::Usage && failed.advice().empty();
-        report.failure(lost ? Failure(failed.exit(), failed.step(), failed.code(), failed.meaning(), "see " + help)
-                            : failed);
+        report.failure(withAdvice(failed, hints));
         return static_cast<int>(failed.exit());
     }
     catch (const std::exception &failed)

@@ -305,6 +305,7 @@ std::vector<Source> completeSources(const Raw &raw, const std::string &tag, cons
 void nameCamera(Raw &raw, const Cameras &cameras)
 {
     raw.camera = cameras.named(raw.url);
+    raw.camerasFile = cameras.file();
     raw.url = raw.camera->url;
     raw.tag = raw.tag.empty() ? raw.camera->tag : raw.tag;
 }
@@ -419,7 +420,7 @@ void understand(Raw &raw, Options &options)
 
 } // namespace
 
-Options parseOptions(int argc, char **argv, std::string &help)
+Options parseOptions(int argc, char **argv, Hints &hints)
 {
     Options options;
     Raw raw;
@@ -484,11 +485,15 @@ Options parseOptions(int argc, char **argv, std::string &help)
     }
     catch (const CLI::ParseError &wrong)
     {
-        help = helpFor(app);
+        hints.usage = "see " + helpFor(app);
         throw misunderstood(app, wrong, argc > 1 ? argv[1] : "");
     }
-    help = helpFor(app);
+    hints.usage = "see " + helpFor(app);
     understand(raw, options);
+    if (raw.camera && raw.credentials.user.empty())
+    {
+        hints.credentials = "check user and password of " + raw.camera->name + " in " + raw.camerasFile;
+    }
     return options;
 }
 

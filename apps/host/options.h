@@ -104,8 +104,15 @@ struct Options
     CamerasOptions cameras;
 };
 
-/// @param help  becomes how the page is asked for that tells of the command; also where this throws
+/// What to try where a failure cannot know it.
+struct Hints
+{
+    std::string usage;       ///< the page that tells of the command
+    std::string credentials; ///< where those come from; empty: the command line
+};
+
+/// @param hints  become known also where this throws
 /// @throws Failure  of wrong usage
-Options parseOptions(int argc, char **argv, std::string &help);
+Options parseOptions(int argc, char **argv, Hints &hints);
 
 } // namespace zr::host

@@ -1,11 +1,13 @@
 #include "secrets.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <limits>
 #include <sstream>
+#include <system_error>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -40,14 +42,25 @@ bool readLine(std::istream &in, std::string &line)
 
 } // namespace
 
-std::string readPassword(const std::string &file)
+std::string readPassword(const std::string &file, const std::string &whose)
 {
+    const std::string step = "reading the password" + (whose.empty() ? "" : " of " + whose);
+    errno = 0;
     std::ifstream in(file);
+    if (!in || in.peek() == std::ifstream::traits_type::eof())
+    {
+        const int why = errno;
+        throw Failure(ExitCode::Usage, step, 0,
+                      file + (why != 0 ? " cannot be read: " + std::generic_category().message(why) : " is empty"),
+                      "a file that you may read, with the password as its first line");
+    }
     std::string line;
     if (!readLine(in, line))
     {
-        throw wrongUsage(file + " cannot be read, or its first line is no password of 1 to " +
-                         std::to_string(longestPassword) + " characters");
+        throw Failure(ExitCode::Usage, step, 0,
+                      "the first line of " + file + " is no password of 1 to " + std::to_string(longestPassword) +
+                          " characters",
+                      "the password alone, as the first line");
     }
     return line;
 }

@@ -7,8 +7,9 @@
 namespace zr::host {
 
 /// The first line of a file.
-/// @throws Failure  of wrong usage, when it cannot be read or holds none
-std::string readPassword(const std::string &file);
+/// @param whose  a camera's name; empty: the command line names the file
+/// @throws Failure  Usage, when it cannot be read or holds none
+std::string readPassword(const std::string &file, const std::string &whose = {});
 
 /// The first line that a command prints, by the shell, with the terminal as it is.
 /// @param whose  a camera's name

@@ -113,11 +113,11 @@ class SecureTest(HostTest):
                     'password-file = "yard.secret"\ntag = "plain"\n[none]\nurl = "rtsp://a:b@127.0.0.1:9/"\n', 0o600)
         play = ("play", "door", "--duration", "0.2")
         self.assertEqual(self.run_host(OK, *play).err, "")
-        self.run_host(CREDENTIALS, *play, "--user", USER, "--password", "another")
+        self.assertIn("check --user", self.run_host(CREDENTIALS, *play, "--user", USER, "--password", "another").err)
         listed = self.file("listed")
         write(listed, "yard\n", 0o600)
         self.run_host(OK, "watch", listed, "--duration", "1")
-        self.assertIn("one of door, none, yard", self.run_host(USAGE, "play", "yrd").err)
+        self.assertIn("try: yard; there are door, none, yard", self.run_host(USAGE, "play", "yrd").err)
         os.chmod(secret, 0o644)
         events = self.run_host(OK, "cameras", "--json").events()
         self.assertEqual([(event["event"], event.get("url")) for event in events],
@@ -125,7 +125,12 @@ class SecureTest(HostTest):
         for code, told, text, mode in (
                 (USAGE, "others than you may write it", head + 'password-command = "true"', 0o622),
                 (CREDENTIALS, "fails with exit code 3", head + 'password-command = "echo no; exit 3"', 0o600),
-                (USAGE, "line 4: door: there is no key pasword", head + 'pasword = "x"', 0o600),
+                (CREDENTIALS, f"check user and password of door in {file}", head + 'password-command = "echo no"', 0o600),
+                (CREDENTIALS, "prints no password", head + 'password-command = "true"', 0o600),
+                (USAGE, "reading the password of door failed: " + self.file("zr_rtsp/none cannot be read: No such file"),
+                 head + 'password-file = "none"', 0o600),
+                (USAGE, "line 4: door: there is no key usr (user?)", head + 'usr = "x"', 0o600),
+                (USAGE, "line 3: door: the URL does not begin", '[door]\n\nurl = "http://h/"', 0o600),
                 (USAGE, "line 4: door: tag is no text", head + "tag = 4", 0o600),
                 (USAGE, "line 4: ", head + 'tag = "open\n', 0o600),
                 (USAGE, "line 1: door has a password, but no user",
