@@ -5,6 +5,7 @@
 
 #include "addresses.h"
 #include "check_page.h"
+#include "terminal_mode.h"
 
 namespace zr::host {
 namespace {
@@ -293,7 +294,9 @@ void Check::run()
 
 void checkCommand(const CommonOptions &common, const CheckOptions &options, Report &report, Trace &trace)
 {
-    Check(common, options, report, trace).run();
+    Check check(common, options, report, trace);
+    const TerminalMode deaf(TerminalMode::Kind::Deaf);
+    check.run();
 }
 
 } // namespace zr::host

@@ -5,7 +5,7 @@
 
 #include "commands.h"
 #include "continuation.h"
-#include "controls.h"
+#include "terminal_mode.h"
 
 namespace zr::host {
 namespace {
@@ -172,11 +172,7 @@ void Download::tellStatus()
 void downloadCommand(const CommonOptions &common, const DownloadOptions &options, Report &report)
 {
     const Interrupt interrupt;
-    std::optional<TerminalMode> terminal;
-    if (Controls::wanted(common.json))
-    {
-        terminal.emplace(TerminalMode::Kind::Deaf); // what is typed would smear the progress bar
-    }
+    const TerminalMode deaf(TerminalMode::Kind::Deaf); // what is typed would smear the progress bar
     std::optional<Continuation> continuation;
     std::error_code ignored;
     if (options.resume && std::filesystem::exists(options.course.record, ignored))

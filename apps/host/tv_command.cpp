@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "commands.h"
+#include "terminal_mode.h"
 
 namespace zr::host {
 namespace {
@@ -42,6 +43,7 @@ void run(Course &course, const TvOptions &options, Report &report)
 void tvCommand(const CommonOptions &common, const TvOptions &options, Report &report)
 {
     const Interrupt interrupt;
+    const TerminalMode deaf(TerminalMode::Kind::Deaf);
     Plugin plugin(common.plugin);
     Course course(plugin, interrupt, common.source, options.course, report);
     run(course, options, report);
