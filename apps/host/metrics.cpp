@@ -58,10 +58,20 @@ std::string label(std::string text)
     return text;
 }
 
+std::vector<ClientMetric::Label> labelsOf(const StreamFacts &stream)
+{
+    std::vector<ClientMetric::Label> labels = {{"stream", std::to_string(stream.number)}, {"url", label(stream.url)}};
+    if (!stream.name.empty())
+    {
+        labels.push_back({"name", label(stream.name)});
+    }
+    return labels;
+}
+
 ClientMetric metricOf(const StreamFacts &stream, const Kind &kind)
 {
     ClientMetric metric;
-    metric.label = {{"stream", std::to_string(stream.number)}, {"url", label(stream.url)}};
+    metric.label = labelsOf(stream);
     (kind.type == MetricType::Counter ? metric.counter.value : metric.gauge.value) = kind.value(stream);
     return metric;
 }
@@ -78,8 +88,8 @@ MetricFamily statesOf(const std::vector<StreamFacts> &streams)
         for (const StreamState state : allStates)
         {
             ClientMetric metric;
-            metric.label = {
-                {"stream", std::to_string(stream.number)}, {"url", label(stream.url)}, {"state", word(state)}};
+            metric.label = labelsOf(stream);
+            metric.label.push_back({"state", word(state)});
             metric.gauge.value = stream.state == state ? 1 : 0;
             family.metric.push_back(metric);
         }

@@ -285,7 +285,10 @@ std::vector<Source> completeSources(const Raw &raw, const std::string &tag, cons
     const auto sourceOf = [&](const Camera &camera) {
         const Credentials own = credentialsOf(camera);
         const bool has = own.complete || !own.user.empty() || !parseUrl(camera.url).credentials.user.empty();
-        return makeSource(camera.url, has ? own : given, raw.tag.empty() && !camera.tag.empty() ? camera.tag : tag);
+        Source made =
+            makeSource(camera.url, has ? own : given, raw.tag.empty() && !camera.tag.empty() ? camera.tag : tag);
+        made.name = camera.name;
+        return made;
     };
     std::vector<Source> sources;
     if (!raw.file.empty())

@@ -22,6 +22,7 @@ struct Source
     Credentials credentials;
     std::string tag = "onvif"; ///< decoder description
     bool tunnelled = false;    ///< in HTTP, on the URL's port
+    std::string name;          ///< a camera's; empty: it has none
 };
 
 /// How a recording is asked for when it is to be kept, not looked at.

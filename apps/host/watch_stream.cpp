@@ -28,12 +28,18 @@ const char *word(StreamState state)
     return "";
 }
 
+const std::string &knownAs(const StreamFacts &stream)
+{
+    return stream.name.empty() ? stream.url : stream.name;
+}
+
 Stream::Stream(size_t number, const Source &source, Report &report)
     : m_source(source)
     , m_report(report)
 {
     m_facts.number = number;
     m_facts.url = source.url.text;
+    m_facts.name = source.name;
     m_facts.since = std::chrono::system_clock::now();
 }
 
@@ -61,12 +67,12 @@ void Stream::event(const std::string &name, const std::string &text, const Field
     const std::string loss = change->state == StreamState::Lost ? text : "";
     if (loss.empty() || loss != m_toldLoss)
     {
-        Fields told{{"stream", m_facts.number}, {"url", m_source.url.text}};
+        Fields told{{"stream", m_facts.number}, {"url", m_source.url.text}, {"name", m_source.name}};
         if (fields.is_object())
         {
             told.update(fields);
         }
-        m_report.event(name, "[" + std::to_string(m_facts.number) + "] " + m_source.url.text + ": " + text, told);
+        m_report.event(name, "[" + std::to_string(m_facts.number) + "] " + knownAs(m_facts) + ": " + text, told);
     }
     m_toldLoss = loss;
 }

@@ -27,11 +27,16 @@ constexpr std::array<StreamState, 5> allStates = {StreamState::Connecting, Strea
 
 const char *word(StreamState state);
 
+struct StreamFacts;
+/// What it is known by: its camera's name, else its URL.
+const std::string &knownAs(const StreamFacts &stream);
+
 /// How a stream is.
 struct StreamFacts
 {
     size_t number = 0; ///< from 1, for a URL may come more than once
     std::string url;
+    std::string name; ///< of its camera; empty: none
     StreamState state = StreamState::Connecting;
     std::chrono::system_clock::time_point since; ///< it is so
     std::string reason;                          ///< why it is lost, failed or silent

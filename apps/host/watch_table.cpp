@@ -59,12 +59,17 @@ std::string numbersOf(const StreamFacts &stream)
     return text.data();
 }
 
+std::string titleOf(const StreamFacts &stream)
+{
+    return oneLine(stream.name + (stream.name.empty() ? "" : "  ") + stream.url);
+}
+
 /// With the reason below the URL, as long as there is room for all.
 /// @return nothing else
 std::vector<std::string> roomyRows(const StreamFacts &stream, TerminalSize room)
 {
     const std::string indent(5, ' ');
-    std::vector<std::string> rows = {cut(numbersOf(stream) + oneLine(stream.url), room.columns)};
+    std::vector<std::string> rows = {cut(numbersOf(stream) + titleOf(stream), room.columns)};
     const bool narrow = room.columns < 2 * indent.size();
     for (const std::string &line :
          wrapped(oneLine(stream.reason), narrow ? room.columns : room.columns - indent.size()))
@@ -81,16 +86,17 @@ std::vector<std::string> roomyRows(const StreamFacts &stream, TerminalSize room)
 std::string shortRow(const StreamFacts &stream, TerminalSize room)
 {
     const std::string numbers = numbersOf(stream);
-    const std::string url = oneLine(stream.url);
+    const std::string title = titleOf(stream);
     std::string reason = oneLine(stream.reason);
-    if (reason.empty() || numbers.size() + url.size() + 2 + reason.size() <= room.columns)
+    if (reason.empty() || numbers.size() + title.size() + 2 + reason.size() <= room.columns)
     {
-        return cut(numbers + url + (reason.empty() ? "" : "  " + reason), room.columns);
+        return cut(numbers + title + (reason.empty() ? "" : "  " + reason), room.columns);
     }
     constexpr const char *failed = " failed: "; // as the state tells
     const size_t step = reason.find(failed);
     reason.erase(0, step == std::string::npos ? 0 : step + std::strlen(failed));
-    return cut(numbers + reason + "  " + url, room.columns);
+    const std::string name = stream.name.empty() ? "" : oneLine(stream.name) + ": ";
+    return cut(numbers + name + reason + "  " + oneLine(stream.url), room.columns);
 }
 
 } // namespace
@@ -98,7 +104,7 @@ std::string shortRow(const StreamFacts &stream, TerminalSize room)
 std::vector<std::string> streamTable(const std::vector<StreamFacts> &streams, size_t from, TerminalSize room)
 {
     static const bool coloured = std::getenv("NO_COLOR") == nullptr; // NOLINT(concurrency-mt-unsafe): nobody sets it
-    const std::string head = "\033[1m" + cut("   # STATE       SINCE      KBIT/S   LOST  URL", room.columns);
+    const std::string head = "\033[1m" + cut("   # STATE       SINCE      KBIT/S   LOST  STREAM", room.columns);
     const auto colour = [&](const StreamFacts &stream) { return coloured ? colourOf(stream.state) : ""; };
     std::vector<std::string> rows = {head};
     for (size_t i = 0; i < streams.size() && rows.size() <= room.rows; ++i)
@@ -122,11 +128,17 @@ std::vector<std::string> streamTable(const std::vector<StreamFacts> &streams, si
 
 Fields streamFields(const StreamFacts &stream)
 {
-    return {{"stream", stream.number},     {"url", stream.url},
-            {"state", word(stream.state)}, {"since", timeText(stream.since, true)},
-            {"reason", stream.reason},     {"kbit_per_s", stream.kilobitsPerSecond},
-            {"packets", stream.packets},   {"bytes", stream.bytes},
-            {"lost", stream.lost},         {"jitter_ms", stream.jitterMs},
+    return {{"stream", stream.number},
+            {"url", stream.url},
+            {"name", stream.name},
+            {"state", word(stream.state)},
+            {"since", timeText(stream.since, true)},
+            {"reason", stream.reason},
+            {"kbit_per_s", stream.kilobitsPerSecond},
+            {"packets", stream.packets},
+            {"bytes", stream.bytes},
+            {"lost", stream.lost},
+            {"jitter_ms", stream.jitterMs},
             {"sessions", stream.sessions}};
 }
 

@@ -116,7 +116,9 @@ class SecureTest(HostTest):
         self.assertIn("check --user", self.run_host(CREDENTIALS, *play, "--user", USER, "--password", "another").err)
         listed = self.file("listed")
         write(listed, "yard\n", 0o600)
-        self.run_host(OK, "watch", listed, "--duration", "1")
+        told = self.run_host(OK, "watch", listed, "--duration", "1", "--json").events()
+        self.assertIn(("media", "yard", "[1] yard: media arrives"),
+                      [(one["event"], one.get("name"), one["text"]) for one in told])
         self.assertIn("try: yard; there are door, none, yard", self.run_host(USAGE, "play", "yrd").err)
         os.chmod(secret, 0o644)
         events = self.run_host(OK, "cameras", "--json").events()
