@@ -21,6 +21,19 @@ constexpr ZR_ULONG pictureWithinMs = 10000;
 constexpr milliseconds atLeisure{1000};
 constexpr milliseconds betweenPictures{80};
 
+/// As many of a line's parts, which stand two blanks apart, as the terminal has room for beside its tail.
+std::string fitted(std::string line, const std::string &tail)
+{
+    constexpr const char *apart = "  ";
+    const size_t columns = terminalSize().columns - 1;
+    for (size_t end = line.rfind(apart); line.size() + tail.size() > columns && end != std::string::npos;
+         end = line.rfind(apart))
+    {
+        line.erase(end);
+    }
+    return line + tail;
+}
+
 /// What a session is seen and steered by.
 struct Stage
 {
@@ -197,12 +210,12 @@ void Play::tellStatus()
                                         : positionShown(*position) + (span.end ? "/" + positionShown(*span.end) : "");
     char text[200];
     const bool pictures = m_course.description().first("video") != nullptr;
-    std::snprintf(text, sizeof text, "%s  %s  %s  %.0f kbit/s  %llu %s  lost %llu  jitter %.1f ms%s%s", state,
+    std::snprintf(text, sizeof text, "%s  %s  %s  %.0f kbit/s  %llu %s  lost %llu  jitter %.1f ms", state,
                   place.c_str(), speedText(speed).c_str(), rate,
                   static_cast<unsigned long long>(pictures ? media.frames : media.packets),
-                  pictures ? "frames" : "packets", static_cast<unsigned long long>(media.lost), media.jitterMs,
-                  m_course.recording().empty() ? "" : "  rec", steered ? "  ? keys" : "");
-    m_report.status({"progress", text,
+                  pictures ? "frames" : "packets", static_cast<unsigned long long>(media.lost), media.jitterMs);
+    const std::string tail = std::string(m_course.recording().empty() ? "" : "  rec") + (steered ? "  ? keys" : "");
+    m_report.status({"progress", steered ? fitted(text, tail) : text + tail,
                      m_course.withTime({{"seconds", media.seconds},
                                         {"state", state},
                                         {"position", position ? Fields(position->seconds) : Fields(nullptr)},
