@@ -1,8 +1,11 @@
 #include "addresses.h"
 
 #include <cerrno>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <system_error>
+#include <thread>
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -12,6 +15,7 @@
 #include <unistd.h>
 
 #include "failure.h"
+#include "interrupt.h"
 
 namespace zr::host {
 namespace {
@@ -46,21 +50,66 @@ Failure noWay(const std::string &host, const std::string &why)
 
 using Addresses = std::unique_ptr<addrinfo, void (*)(addrinfo *)>;
 
-Addresses resolve(const std::string &host, uint16_t port, int &unresolved)
+Addresses lookUp(const std::string &host, uint16_t port, int flags, int &unresolved)
 {
     addrinfo wanted{};
     wanted.ai_family = AF_INET;
     wanted.ai_socktype = SOCK_DGRAM;
+    wanted.ai_flags = flags;
     addrinfo *raw = nullptr;
     unresolved = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &wanted, &raw);
     return {unresolved == 0 ? raw : nullptr, freeaddrinfo};
 }
 
+/// What a look-up comes to. Nothing ends one that has begun: its thread is left alone.
+struct LookUp
+{
+    std::mutex mutex; ///< guards what follows
+    std::condition_variable changed;
+    Addresses found{nullptr, freeaddrinfo};
+    int unresolved = 0;
+    bool over = false;
+    bool givenUp = false;
+};
+
+Addresses resolve(const std::string &host, uint16_t port, int &unresolved, const Interrupt &interrupt)
+{
+    constexpr std::chrono::seconds longest{30}; // three name servers, asked twice for 5 s
+    Addresses numeric = lookUp(host, port, AI_NUMERICHOST, unresolved);
+    if (numeric)
+    {
+        return numeric;
+    }
+    const auto look = std::make_shared<LookUp>();
+    std::thread([look, host, port] {
+        int why = 0;
+        Addresses found = lookUp(host, port, 0, why);
+        const std::scoped_lock lock(look->mutex);
+        look->found = std::move(found);
+        look->unresolved = why;
+        look->over = true;
+        look->changed.notify_all();
+    }).detach();
+    const Interrupt::Wait wait(interrupt, "the address of " + host, longest, [look] {
+        const std::scoped_lock lock(look->mutex);
+        look->givenUp = true;
+        look->changed.notify_all();
+    });
+    std::unique_lock lock(look->mutex);
+    look->changed.wait(lock, [&] { return look->over || look->givenUp; });
+    unresolved = look->over ? look->unresolved : EAI_INTR;
+    return std::move(look->found);
+}
+
 /// @throws Failure  for a name that cannot be resolved
-Addresses resolved(const std::string &host, uint16_t port)
+Addresses resolved(const std::string &host, uint16_t port, const Interrupt &interrupt)
 {
     int unresolved = 0;
-    Addresses found = resolve(host, port, unresolved);
+    Addresses found = resolve(host, port, unresolved, interrupt);
+    if (unresolved == EAI_INTR)
+    {
+        throw interrupt.failure("finding " + host, "interrupted before it was found");
+    }
     if (!found)
     {
         throw noWay(host, gai_strerror(unresolved));
@@ -68,8 +117,8 @@ Addresses resolved(const std::string &host, uint16_t port)
     return found;
 }
 
-/// Connects over TCP. @return 0; else why not, as errno
-int connectError(const addrinfo &server, std::chrono::milliseconds longest)
+/// Connects over TCP. @return 0; else why not, as errno: ECANCELED when the program is to end
+int connectError(const addrinfo &server, std::chrono::milliseconds longest, const Interrupt &interrupt)
 {
     const Socket probe(SOCK_STREAM | SOCK_NONBLOCK);
     if (connect(probe.handle(), server.ai_addr, server.ai_addrlen) == 0)
@@ -77,11 +126,15 @@ int connectError(const addrinfo &server, std::chrono::milliseconds longest)
         return 0;
     }
     int error = errno;
-    pollfd ready{probe.handle(), POLLOUT, 0};
+    pollfd ready[] = {{probe.handle(), POLLOUT, 0}, {interrupt.handle(), POLLIN, 0}};
     if (error == EINPROGRESS)
     {
         error = ETIMEDOUT;
-        if (poll(&ready, 1, static_cast<int>(longest.count())) > 0)
+        if (poll(ready, 2, static_cast<int>(longest.count())) != 0 && interrupt.asked())
+        {
+            error = ECANCELED;
+        }
+        else if (ready[0].revents != 0)
         {
             socklen_t length = sizeof error;
             getsockopt(probe.handle(), SOL_SOCKET, SO_ERROR, &error, &length);
@@ -92,9 +145,9 @@ int connectError(const addrinfo &server, std::chrono::milliseconds longest)
 
 } // namespace
 
-std::string localAddressTowards(const std::string &host, uint16_t port)
+std::string localAddressTowards(const std::string &host, uint16_t port, const Interrupt &interrupt)
 {
-    const Addresses server = resolved(host, port);
+    const Addresses server = resolved(host, port, interrupt);
     // connecting a datagram socket sends nothing: it only asks the system for the way
     const Socket probe(SOCK_DGRAM);
     sockaddr_in local{};
@@ -129,9 +182,9 @@ std::string interfaceOf(const std::string &address)
     return "";
 }
 
-std::vector<std::string> addressesOf(const std::string &host)
+std::vector<std::string> addressesOf(const std::string &host, const Interrupt &interrupt)
 {
-    const Addresses server = resolved(host, 0);
+    const Addresses server = resolved(host, 0, interrupt);
     std::vector<std::string> found;
     for (const addrinfo *one = server.get(); one != nullptr; one = one->ai_next)
     {
@@ -142,30 +195,36 @@ std::vector<std::string> addressesOf(const std::string &host)
     return found;
 }
 
-double timeToConnect(const std::string &host, uint16_t port, std::chrono::milliseconds longest)
+double timeToConnect(const std::string &host, uint16_t port, std::chrono::seconds longest, const Interrupt &interrupt)
 {
-    const Addresses server = resolved(host, port);
-    const auto begin = std::chrono::steady_clock::now();
-    const int error = connectError(*server, longest);
+    const Addresses server = resolved(host, port, interrupt);
+    const std::string step = "connecting to port " + std::to_string(port);
+    const Interrupt::Wait wait(interrupt, "a connection to port " + std::to_string(port), longest, [] {});
+    const int error = connectError(*server, longest, interrupt);
+    const double seconds = wait.sinceBegin().count();
+    if (error == ECANCELED)
+    {
+        throw interrupt.failure(step, "interrupted before there was a connection");
+    }
     if (error != 0)
     {
         const bool refused = error == ECONNREFUSED;
         const std::string advice = refused ? "check the port, and that RTSP is enabled on the device"
                                            : "check that the device is on, and firewalls and routes on the way";
-        throw Failure(ExitCode::Unreachable, "connecting to port " + std::to_string(port), 0,
+        throw Failure(ExitCode::Unreachable, step, 0,
                       refused ? "nobody listens there: the connection is refused"
                               : std::system_category().message(error),
                       advice);
     }
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    return seconds;
 }
 
-bool refusesConnections(const std::string &host, uint16_t port)
+bool refusesConnections(const std::string &host, uint16_t port, const Interrupt &interrupt)
 {
     constexpr std::chrono::milliseconds moment{300};
     int unresolved = 0;
-    const Addresses server = resolve(host, port, unresolved);
-    return server && connectError(*server, moment) == ECONNREFUSED;
+    const Addresses server = resolve(host, port, unresolved, interrupt);
+    return server && connectError(*server, moment, interrupt) == ECONNREFUSED;
 }
 
 } // namespace zr::host

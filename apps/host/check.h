@@ -68,6 +68,7 @@ public:
         : m_common(common)
         , m_options(options)
         , m_source(common.source)
+        , m_interrupt(&report)
         , m_plugin(common.plugin)
         , m_table(report)
         , m_report(report)

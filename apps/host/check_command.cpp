@@ -13,7 +13,7 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = Course::Clock;
 
-constexpr milliseconds connectWithin{5000};
+constexpr std::chrono::seconds connectWithin{5};
 
 } // namespace
 
@@ -38,7 +38,7 @@ void Check::stopIfAsked() const
 {
     if (m_interrupt.asked())
     {
-        throw Failure(ExitCode::Interrupted, "checking", 0, "interrupted");
+        throw m_interrupt.failure("checking", "interrupted");
     }
 }
 
@@ -63,18 +63,18 @@ bool Check::reachable()
     try
     {
         std::string found;
-        for (const std::string &address : addressesOf(url.host))
+        for (const std::string &address : addressesOf(url.host, m_interrupt))
         {
             found += (found.empty() ? "" : ", ") + address;
         }
         m_table.ok(step, url.host + (found == url.host ? "" : " is " + found), {{"addresses", found}});
         step = "route";
-        const std::string local = localAddressTowards(url.host, url.port);
+        const std::string local = localAddressTowards(url.host, url.port, m_interrupt);
         const std::string interface = interfaceOf(local);
         m_table.ok(step, "from " + local + (interface.empty() ? "" : " by " + interface),
                    {{"local", local}, {"interface", interface}});
         step = "TCP";
-        const double seconds = timeToConnect(url.host, url.port, connectWithin);
+        const double seconds = timeToConnect(url.host, url.port, connectWithin, m_interrupt);
         m_table.ok(step, "port " + std::to_string(url.port) + " answers in " + inMs(seconds), took(seconds));
     }
     catch (const Failure &failed)
@@ -154,6 +154,7 @@ bool Check::describedBy(Session &session, const std::string &step, bool given, s
         failure.emplace(failed);
     }
     const double seconds = since(begin);
+    stopIfAsked();
     if (!given)
     {
         tellTls(session, failure);

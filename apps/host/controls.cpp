@@ -72,6 +72,10 @@ void Controls::serve()
         }
         catch (const Failure &failed)
         {
+            if (m_interrupt.asked())
+            {
+                throw;
+            }
             say(failed.what());
         }
     }

@@ -120,7 +120,7 @@ void Course::stopIfInterrupted()
 {
     if (m_interrupt.asked())
     {
-        throw Failure(ExitCode::Interrupted, "playing", 0, "interrupted before media arrived");
+        throw m_interrupt.failure("playing", "interrupted before media arrived");
     }
 }
 
@@ -325,7 +325,7 @@ void Course::lookForSilence()
     else if (m_media.silent >= m_nextProbe && m_protocol == PROTOCOL_UDP)
     {
         m_nextProbe = m_media.silent + probeAgainAfter;
-        if (refusesConnections(m_source.url.host, m_source.url.port))
+        if (refusesConnections(m_source.url.host, m_source.url.port, m_interrupt))
         {
             stop(Failure(ExitCode::Lost, "playing", 0,
                          "the server is gone: media stopped, and connections are refused"));

@@ -66,7 +66,7 @@ Fields trackFields(const Track &track, const std::string &url)
 
 void describeCommand(const CommonOptions &options, const DescribeOptions &own, Report &report)
 {
-    const Interrupt interrupt;
+    const Interrupt interrupt(&report);
     Mailbox mailbox(interrupt);
     Plugin plugin(options.plugin);
     Session session(plugin, options.source, mailbox);

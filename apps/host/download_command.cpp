@@ -104,8 +104,8 @@ void Download::fetch(const Interrupt &interrupt)
     }
     if (interrupt.asked())
     {
-        m_course.stop(Failure(ExitCode::Interrupted, "downloading", 0, "interrupted, " + soFar(),
-                              "the same command with --continue, for the rest"));
+        m_course.stop(interrupt.failure("downloading", "interrupted, " + soFar(),
+                                        "the same command with --continue, for the rest"));
     }
     m_course.end();
 }
@@ -171,7 +171,7 @@ void Download::tellStatus()
 
 void downloadCommand(const CommonOptions &common, const DownloadOptions &options, Report &report)
 {
-    const Interrupt interrupt;
+    const Interrupt interrupt(&report);
     const TerminalMode deaf(TerminalMode::Kind::Deaf); // what is typed would smear the progress bar
     std::optional<Continuation> continuation;
     std::error_code ignored;

@@ -106,6 +106,13 @@ Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string 
             (status ? "the server refused the request" : "it could not be done") + because, readTheLog};
 }
 
+Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited)
+{
+    return {ExitCode::Unreachable, step, code,
+            "the server took the connection, but gave no answer within " + std::to_string(waited.count()) + " s",
+            "check that this port is that of its RTSP server, then restart the device: it may hang"};
+}
+
 Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text, bool played)
 {
     for (const Problem &row : problems)

@@ -2,6 +2,7 @@
 /// What went wrong, as data; its words are made in one place.
 #pragma once
 
+#include <chrono>
 #include <stdexcept>
 #include <string>
 
@@ -12,16 +13,17 @@ namespace zr::host {
 /// The program's exit codes. They are told in options_help.cpp: keep both together.
 enum class ExitCode
 {
-    Ok = 0,          ///< what was asked for was done
-    Internal = 1,    ///< none of the others
-    Usage = 2,       ///< wrong options
-    Unreachable = 3, ///< no connection, no trust in who answers, or no answer
-    Credentials = 4, ///< the server wants credentials, or other ones
-    Refused = 5,     ///< the server refused a request, or its description cannot be used
-    NoMedia = 6,     ///< nothing arrived, or it stopped
-    Output = 7,      ///< a picture or a recording could not be written
-    Lost = 8,        ///< the server ended the session or died; not every stream was alive at the end (watch)
-    Interrupted = 130
+    Ok = 0,            ///< what was asked for was done
+    Internal = 1,      ///< none of the others
+    Usage = 2,         ///< wrong options
+    Unreachable = 3,   ///< no connection, no trust in who answers, or no answer
+    Credentials = 4,   ///< the server wants credentials, or other ones
+    Refused = 5,       ///< the server refused a request, or its description cannot be used
+    NoMedia = 6,       ///< nothing arrived, or it stopped
+    Output = 7,        ///< a picture or a recording could not be written
+    Lost = 8,          ///< the server ended the session or died; not every stream was alive at the end (watch)
+    Interrupted = 130, ///< by Ctrl-C (128 and SIGINT)
+    Terminated = 143   ///< by SIGTERM, likewise
 };
 
 /// The program cannot go on.
@@ -51,6 +53,11 @@ private:
 /// @param code  what an operation of the plug-in or the platform returned, or the server's status
 /// @param text  what the server or the platform says of it; may be empty
 Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string &text = {});
+
+/// A request that nothing came back to, although there is a connection.
+/// @param code    what the plug-in's operation returned
+/// @param waited  how long
+Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited);
 
 /// A request that failed with its connection.
 /// @param problem  a tagZrConnectionProblem

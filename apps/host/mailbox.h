@@ -24,6 +24,8 @@ public:
     /// Any thread; returns at once.
     void post(ZR_ULONG notice);
 
+    const Interrupt &interrupt() const { return m_interrupt; }
+
     /// From now on wait returns early as well when this descriptor is readable; the caller then reads it. -1: none.
     void alsoWakeFor(int handle) { m_other = handle; }
 

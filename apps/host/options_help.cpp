@@ -13,7 +13,7 @@ Exit codes:
   6    no media arrived, or it stopped
   7    a picture, recording or page could not be written
   8    the server ended the session or died; not all are alive (watch)
-  130  ended by Ctrl-C before media arrived or a download was whole
+  130  ended by Ctrl-C (143: SIGTERM) before media arrived or all was downloaded
 )",
                                  R"(
 COMMAND --help tells a command's options, with examples; COMMAND --help-all

@@ -61,7 +61,14 @@ public:
     {
         m_course.begin();
         takePicture();
-        playToEnd();
+        try
+        {
+            playToEnd();
+        }
+        catch (const Failure &failed) // what arrived is kept all the same
+        {
+            m_course.stop(failed);
+        }
         if (m_pictureFailure)
         {
             m_course.stop(m_pictureFailure);
@@ -249,7 +256,7 @@ void playCommand(const CommonOptions &common, const PlayOptions &options, Report
         screen.emplace(printed);
     }
     Report &report = screen ? static_cast<Report &>(*screen) : printed;
-    Interrupt interrupt;
+    Interrupt interrupt(&report);
     Plugin plugin(common.plugin);
     std::optional<TerminalMode> terminal;
     if (steered)

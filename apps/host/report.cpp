@@ -109,6 +109,14 @@ public:
         }
     }
 
+    void waiting(const std::string &text) override
+    {
+        if (m_terminal)
+        {
+            status({"waiting", text, nullptr});
+        }
+    }
+
     void failure(const Failure &what) override
     {
         const std::scoped_lock lock(m_mutex);

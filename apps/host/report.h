@@ -87,6 +87,8 @@ public:
     /// Lines that are no part of what the command says, on stderr.
     virtual void aside(const std::string &) {}
     virtual void status(const Status &now) = 0;
+    /// What is waited for, said again and again: for people at a terminal.
+    virtual void waiting(const std::string &) {}
     /// Throws nothing where the others do: that stdout cannot be written is a Failure of theirs.
     virtual void failure(const Failure &what) = 0;
 };

@@ -36,6 +36,7 @@ public:
 
     void event(const std::string &name, const std::string &text, const Fields &fields) override;
     void status(const Status &now) override;
+    void waiting(const std::string &text) override { status({"waiting", text, nullptr}); }
     void failure(const Failure &what) override;
 
     /// Hands on what was said so far, and from now on at once. When the TerminalMode is gone.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <thread>
 #include <utility>
 
 #include <unistd.h>
@@ -15,6 +14,7 @@ namespace zr::host {
 namespace {
 
 constexpr ZR_ULONG unauthorized = 401, forbidden = 403;
+constexpr std::chrono::seconds answerWithin{25}; // the plug-in's
 
 ZR_ULONG nextId()
 {
@@ -41,7 +41,7 @@ Session::Session(Plugin &plugin, const Source &source, Mailbox &mailbox)
     , m_mailbox(mailbox)
     , m_id(nextId())
 {
-    const std::string local = localAddressTowards(source.url.host, source.url.port);
+    const std::string local = localAddressTowards(source.url.host, source.url.port, mailbox.interrupt());
     ZR_USHORT port = 0;
     const ZR_ULONG opened = ZR_MediaPortOpen(m_id, m_id, local.c_str(), &port);
     if (opened != 0)
@@ -151,8 +151,22 @@ bool Session::onvif() const
     return ability().isOnvif() == 1;
 }
 
+ZR_ULONG Session::request(const std::string &what, const std::function<ZR_ULONG()> &call)
+{
+    const Interrupt::Wait wait(m_mailbox.interrupt(), "the answer to " + what, answerWithin,
+                               [this] { ZR_SessionGiveUp(m_id); });
+    const ZR_ULONG result = call();
+    m_waited = wait.sinceBegin();
+    return result;
+}
+
 Failure Session::failed(const std::string &step, ZR_ULONG result) const
 {
+    const Interrupt &interrupt = m_mailbox.interrupt();
+    if (interrupt.asked())
+    {
+        return interrupt.failure(step, "interrupted before the server answered");
+    }
     char text[400] = "";
     const ZR_ULONG status = ZR_RequestRefusal(m_id, text, sizeof text);
     if (status == unauthorized && m_handedOver)
@@ -164,6 +178,10 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
         return requestFailed(step, status, text);
     }
     const ZR_ULONG problem = ZR_ConnectionProblem(m_id, text, sizeof text);
+    if (problem == ZR_CONNECTION_NONE && m_waited > answerWithin - std::chrono::seconds(1))
+    {
+        return notAnswered(step, result, answerWithin);
+    }
     return problem == ZR_CONNECTION_NONE ? requestFailed(step, result)
                                          : connectionFailed(step, result, problem, text, m_played);
 }
@@ -210,11 +228,12 @@ void Session::throwDescribeFailed(ZR_ULONG result) const
 const Description &Session::describe()
 {
     const std::string url = urlForDescribe(m_source.url.text, m_source.credentials);
-    ZR_ULONG result = m_control->describe(url);
+    const auto ask = [&] { return request("describe", [&] { return m_control->describe(url); }); };
+    ZR_ULONG result = ask();
     if (result != 0 && asksForMore())
     {
         handOverCredentials();
-        result = m_control->describe(url);
+        result = ask();
     }
     if (result != 0)
     {
@@ -241,6 +260,7 @@ ZrSessionFacts Session::facts() const
 std::optional<ZrSessionFacts> Session::ask(std::chrono::milliseconds longest) const
 {
     constexpr std::chrono::milliseconds pollEvery{10};
+    const Interrupt &interrupt = m_mailbox.interrupt();
     const ZR_ULONG before = facts().ulChecksAnswered;
     const auto end = std::chrono::steady_clock::now() + longest;
     ZR_SessionCheck(m_id);
@@ -251,7 +271,10 @@ std::optional<ZrSessionFacts> Session::ask(std::chrono::milliseconds longest) co
         {
             return now;
         }
-        std::this_thread::sleep_for(pollEvery);
+        if (!interrupt.sleep(pollEvery))
+        {
+            break;
+        }
     }
     return std::nullopt;
 }
@@ -298,9 +321,11 @@ void Session::setUp(const TrackUrl &track, tagProtocol protocol, const Playback 
 {
     const std::string url = urlForSetup(track.url);
     const auto &download = playback.download;
-    check("setup of " + track.media,
-          download ? m_controlEx2->setup(url, protocol, download->code, download->fullFrame ? 1 : 0)
-                   : m_control->setup(url, protocol));
+    const std::string what = "setup of " + track.media;
+    check(what, request(what, [&] {
+              return download ? m_controlEx2->setup(url, protocol, download->code, download->fullFrame ? 1 : 0)
+                              : m_control->setup(url, protocol);
+          }));
 }
 
 void Session::play(const Playback &playback)
@@ -309,13 +334,17 @@ void Session::play(const Playback &playback)
     const std::string from = playback.from.empty() && !playback.to.empty() ? "0" : playback.from;
     if (const auto &download = playback.download)
     {
-        check("download", m_controlEx->download(from, playback.to, download->code, download->fullFrame ? 1 : 0));
+        check("download", request("play", [&] {
+                  return m_controlEx->download(from, playback.to, download->code, download->fullFrame ? 1 : 0);
+              }));
         m_played = true;
         return;
     }
     // only dragPlay sends an ONVIF source its Scale whether or not it authenticates
-    const ZR_ULONG result = playback.speedCode ? m_controlEx->dragPlay(from, playback.to, *playback.speedCode)
-                                               : m_control->play(from, playback.to);
+    const ZR_ULONG result = request("play", [&] {
+        return playback.speedCode ? m_controlEx->dragPlay(from, playback.to, *playback.speedCode)
+                                  : m_control->play(from, playback.to);
+    });
     // the media port's answer to what the plug-in hands to it in front of the request
     if (result == ZR_MEDIA_INVALID && unexplained())
     {
@@ -329,23 +358,24 @@ void Session::play(const Playback &playback)
 
 void Session::pause()
 {
-    check("pause", m_controlEx->pause());
+    check("pause", request("pause", [this] { return m_controlEx->pause(); }));
 }
 
 void Session::seek(const Playback &playback)
 {
     constexpr ZR_ULONG normalSpeed = 11;
-    check("seeking", m_controlEx->dragPlay(playback.from, playback.to, playback.speedCode.value_or(normalSpeed)));
+    check("seeking", request("play", [&] {
+              return m_controlEx->dragPlay(playback.from, playback.to, playback.speedCode.value_or(normalSpeed));
+          }));
 }
 
 void Session::setUpToTv(tagProtocol protocol, const tagTransportAddr &wall)
 {
+    const ZR_ULONG result = request("setup to the wall", [&] { return m_control->setupToTV(protocol, wall); });
     // the code for "none offered" and for "no answer" is one, and neither leaves another trace: only the latter takes
     // its time
-    constexpr std::chrono::seconds answerWithin{20};
-    const auto begin = std::chrono::steady_clock::now();
-    const ZR_ULONG result = m_control->setupToTV(protocol, wall);
-    if (result == ZR_RTSP_SETUP_FAILED && unexplained() && std::chrono::steady_clock::now() - begin < answerWithin)
+    constexpr std::chrono::seconds offersNone{20};
+    if (result == ZR_RTSP_SETUP_FAILED && unexplained() && m_waited < offersNone)
     {
         throw Failure(ExitCode::Refused, "setting up the relation", result,
                       "the server offers no relation to a TV wall: its description names no Content-Location",
@@ -404,6 +434,7 @@ void Session::endRecording()
 
 void Session::snapshot(const std::string &file, ZR_ULONG timeoutMs)
 {
+    const Interrupt::Wait wait(m_mailbox.interrupt(), "a picture", std::chrono::seconds(timeoutMs / 1000));
     const ZR_ULONG result = ZR_MediaPortSnapshot(m_id, file.c_str(), timeoutMs);
     if (result != 0)
     {

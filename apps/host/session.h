@@ -2,6 +2,8 @@
 /// One RTSP session: the plug-in's object and its media port, opened together and closed together.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -133,6 +135,9 @@ private:
     bool asksForMore() const;
     void close();
     static void takeFile(const ZrRecordingFile *file, void *session);
+    /// Calls an operation that waits for the server's answer; ends that when the program is interrupted.
+    /// @param what  is asked, such as "setup of video"
+    ZR_ULONG request(const std::string &what, const std::function<ZR_ULONG()> &call);
     ZR_ULONG getObserverID() override;
     void notify(ZR_ULONG *code, uintptr_t argument) override;
     Failure failed(const std::string &step, ZR_ULONG result) const;
@@ -152,8 +157,9 @@ private:
     CIMediaCtrlEx2 *m_controlEx2 = nullptr;
     std::string m_sdp;
     Description m_description;
-    bool m_handedOver = false; ///< the credentials
-    bool m_played = false;     ///< the server agreed to
+    bool m_handedOver = false;                 ///< the credentials
+    bool m_played = false;                     ///< the server agreed to
+    std::chrono::duration<double> m_waited{0}; ///< for the answer to the latest request
 
     std::mutex m_filesMutex; ///< guards m_files
     std::vector<RecordedFile> m_files;

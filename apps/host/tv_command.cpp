@@ -42,7 +42,7 @@ void run(Course &course, const TvOptions &options, Report &report)
 
 void tvCommand(const CommonOptions &common, const TvOptions &options, Report &report)
 {
-    const Interrupt interrupt;
+    const Interrupt interrupt(&report);
     const TerminalMode deaf(TerminalMode::Kind::Deaf);
     Plugin plugin(common.plugin);
     Course course(plugin, interrupt, common.source, options.course, report);

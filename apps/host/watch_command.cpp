@@ -243,6 +243,12 @@ void Watch::run(TypedKeys *keys)
                    std::to_string(atEnd) + " of " + counted(m_streams.size(), "stream", "streams") +
                        (atEnd == 1 ? " is" : " are") + " alive",
                    {{"alive", atEnd}, {"streams", m_streams.size()}});
+    const size_t connecting = countOf(facts(), StreamState::Connecting);
+    if (connecting > 0 && m_interrupt.asked())
+    {
+        throw m_interrupt.failure("watching",
+                                  "interrupted while " + std::to_string(connecting) + " streams were connecting");
+    }
     if (atEnd != m_streams.size())
     {
         throw Failure(ExitCode::Lost, "watching", 0, "not every stream was alive at the end");

@@ -235,6 +235,14 @@ extern "C"
     /// @return 0; 1: no such session
     ZR_PLATFORM_API ZR_ULONG ZR_SessionCheck(ZR_ULONG ulAOIPortID);
 
+    /// Lets nobody wait for a session's server any longer, as when a host is to end: its requests that are outstanding
+    /// fail at once with 503, and so does each that follows, but for TEARDOWN, which goes out as ever. So a request
+    /// that waits ends without the object being deleted under it. What the server answers later is dropped. Cannot be
+    /// taken back: a new session needs a new object. Does not wait. Any thread.
+    /// @param ulAOIPortID  as for ZR_ConnectionProblem
+    /// @return 0; 1: no such session
+    ZR_PLATFORM_API ZR_ULONG ZR_SessionGiveUp(ZR_ULONG ulAOIPortID);
+
     /// Something on the wire, in the order in which it came there.
     struct ZrTraceEvent
     {

@@ -149,6 +149,12 @@ bool Dispatcher::check(ZR_ULONG id) const
     return running && running->check(id);
 }
 
+bool Dispatcher::giveUp(ZR_ULONG id) const
+{
+    const auto running = engine();
+    return running && running->giveUp(id);
+}
+
 ZR_ULONG Dispatcher::sendAOIMsg(tagMDPMsg *pstMDPMsg)
 {
     return guarded("sendAOIMsg", [this, pstMDPMsg] {
@@ -275,4 +281,10 @@ ZR_ULONG ZR_SessionCheck(ZR_ULONG ulAOIPortID)
 {
     return zr::dispatch::guarded(
         "ZR_SessionCheck", [&]() -> ZR_ULONG { return Dispatcher::instance().check(ulAOIPortID) ? 0 : 1; }, 1);
+}
+
+ZR_ULONG ZR_SessionGiveUp(ZR_ULONG ulAOIPortID)
+{
+    return zr::dispatch::guarded(
+        "ZR_SessionGiveUp", [&]() -> ZR_ULONG { return Dispatcher::instance().giveUp(ulAOIPortID) ? 0 : 1; }, 1);
 }

@@ -25,6 +25,7 @@ public:
     ZR_ULONG tell(ZR_ULONG id, Registration::Note Registration::*which, char *text, ZR_ULONG size) const;
     std::optional<Facts> facts(ZR_ULONG id) const;
     bool check(ZR_ULONG id) const;
+    bool giveUp(ZR_ULONG id) const;
     void destroy();
     bool everStarted() const;
     /// The process ends. @see Engine::abandon

@@ -129,6 +129,16 @@ bool Engine::check(ZR_ULONG id)
     });
 }
 
+bool Engine::giveUp(ZR_ULONG id)
+{
+    const RegistrationPtr registration = m_delivery.find(id);
+    return registration && m_loop.post([registration] {
+        registration->givenUp = true;
+        if (registration->channel)
+            registration->channel->giveUp();
+    });
+}
+
 ZR_ULONG Engine::accept(aoi::Request &&request, const RegistrationPtr &registration)
 {
     if (registration->requests >= m_settings.maxRequests)

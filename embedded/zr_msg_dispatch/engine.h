@@ -47,6 +47,7 @@ public:
     std::optional<Facts> facts(ZR_ULONG id);
     /// Has its session send a keep-alive. @return false when it has none
     bool check(ZR_ULONG id);
+    bool giveUp(ZR_ULONG id);
 
 private:
     ZR_ULONG accept(aoi::Request &&request, const RegistrationPtr &registration);

@@ -1,6 +1,7 @@
 #include "exchange_queue.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "mapping.h"
 #include "rtsp_text.h"
@@ -137,6 +138,22 @@ std::vector<AcceptedPtr> ExchangeQueue::takeAll()
     std::move(m_waiting.begin(), m_waiting.end(), std::back_inserter(all));
     m_onWire.clear();
     m_waiting.clear();
+    return all;
+}
+
+std::vector<AcceptedPtr> ExchangeQueue::giveUp()
+{
+    std::vector<AcceptedPtr> all;
+    for (Exchange &exchange : m_onWire)
+    {
+        if (exchange.accepted && !isTeardown(exchange.messageId))
+            all.push_back(std::move(exchange.accepted));
+    }
+    const auto waiting = std::stable_partition(m_waiting.begin(), m_waiting.end(), [](const AcceptedPtr &accepted) {
+        return isTeardown(accepted->request.messageId);
+    });
+    std::move(waiting, m_waiting.end(), std::back_inserter(all));
+    m_waiting.erase(waiting, m_waiting.end());
     return all;
 }
 

@@ -103,6 +103,8 @@ public:
 
     /// Takes all that is awaited, in order, and forgets the rest.
     std::vector<AcceptedPtr> takeAll();
+    /// Takes all that is awaited but TEARDOWNs, in order; answers to what is on the wire will be dropped.
+    std::vector<AcceptedPtr> giveUp();
     /// Takes the TEARDOWNs that wait, drops what else waits.
     std::vector<AcceptedPtr> takeTeardowns();
 

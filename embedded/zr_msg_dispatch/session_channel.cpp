@@ -57,6 +57,11 @@ void SessionChannel::submit(AcceptedPtr accepted)
 {
     if (m_life != Life::Open)
         return;
+    if (m_registration->givenUp && !isDroppable(accepted->request.messageId))
+    {
+        refuse(*accepted, statusServiceUnavailable, givenUp);
+        return;
+    }
     if (isKeepAlive(accepted->request.messageId) && m_exchanges.hasKeepAlive(accepted->own))
         return;
     if (!prepareConnection(*accepted))

@@ -41,6 +41,8 @@ public:
     void submit(AcceptedPtr accepted);
     /// Sends a keep-alive now, unless one is outstanding.
     void check() { keepAlive(); }
+    /// The host waits no longer: what is outstanding has failed.
+    void giveUp();
     /// The registration is over: a TEARDOWN that was accepted is written at once, the rest dropped; the connection
     /// lingers until it is answered.
     void end();
@@ -114,6 +116,8 @@ private:
     void flushTeardowns();
     void closePort();
     void finish();
+
+    static constexpr const char *givenUp = "the host waits no longer";
 
     std::string name() const;
     std::string farSide() const;

@@ -1,4 +1,4 @@
-// What the host orders for a session: answers to challenges, and headers of its own.
+// What the host orders for a session: answers to challenges, headers of its own, and that nobody waits any longer.
 
 #include <string_view>
 
@@ -70,6 +70,15 @@ SessionChannel::Authentication SessionChannel::authenticate(const Exchange &exch
         ZR_PLATFORM_LOG(WARNING, statusUnauthorized, Dispatch, "%s: the host's credentials are of no use for %s",
                         name().c_str(), problem.c_str());
     return Authentication::None;
+}
+
+void SessionChannel::giveUp()
+{
+    if (m_life != Life::Open)
+        return;
+    for (const AcceptedPtr &accepted : m_exchanges.giveUp())
+        refuse(*accepted, statusServiceUnavailable, givenUp);
+    pump(); // a TEARDOWN may have waited behind
 }
 
 } // namespace zr::dispatch

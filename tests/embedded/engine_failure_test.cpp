@@ -143,4 +143,32 @@ TEST_F(EngineFailure, ReconnectsOrReportsTheLoss)
     EXPECT_THAT(tornDown.recorder.messages(4, 30ms), SizeIs(3)); // no notice of what was asked for
 }
 
+/// A host that gives a session up waits for nothing more, and its server is told of the end all the same.
+TEST_F(EngineFailure, GivesUp)
+{
+    EXPECT_FALSE(engine().giveUp(9));
+    // the connection is not there yet, and is there
+    for (const uint16_t silent : {silentPort(true), silentPort(false)})
+    {
+        Client waits(engine(), 9, "127.0.0.1", silent);
+        ASSERT_EQ(waits.send(AOI_MSG_RTSP_DESCRIBE), 0U);
+        EXPECT_TRUE(engine().giveUp(9));
+        EXPECT_THAT(waits.recorder.messages(1), SizeIs(1));
+        EXPECT_EQ(waits.ask(AOI_MSG_RTSP_DESCRIBE).error, 503U); // for good
+    }
+    ScriptedServer server({{{"SETUP", {setupAnswer}}, {"PLAY", {}}}});
+    Client client(engine(), 9, server);
+    client.ask(AOI_MSG_RTSP_SETUP);
+    for (const ZR_ULONG request : {AOI_MSG_RTSP_PLAY, AOI_MSG_RTSP_PAUSE, AOI_MSG_RTSP_TEARDOWN})
+        ASSERT_EQ(client.send(request), 0U); // one after the other
+    ASSERT_THAT(server.requests(2), SizeIs(2));
+    EXPECT_TRUE(engine().giveUp(9));
+    const auto answers = client.recorder.messages(3);
+    ASSERT_THAT(answers, SizeIs(3));
+    EXPECT_EQ(answers[1].messageId, AOI_MSG_RTSP_PLAY);
+    EXPECT_EQ(answers[2].messageId, AOI_MSG_RTSP_PAUSE);
+    EXPECT_TRUE(answers[1].error == 503 && answers[2].error == 503);
+    EXPECT_THAT(server.requests(3).back(), HasSubstr("TEARDOWN "));
+}
+
 } // namespace zr::test
