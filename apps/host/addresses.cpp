@@ -42,10 +42,32 @@ private:
     int m_handle;
 };
 
+Failure notFound(const std::string &host, const std::string &why)
+{
+    return {ExitCode::Unreachable, "finding " + host, 0, "no address for " + host + ": " + why,
+            "check the name and this machine's name server, or give the device's address"};
+}
+
 Failure noWay(const std::string &host, const std::string &why)
 {
-    return {ExitCode::Unreachable, "finding " + host, 0, why,
-            "check the host's name, and that this machine is connected"};
+    return {ExitCode::Unreachable, "finding a way to " + host, 0, "there is none: " + why,
+            "check that this machine is connected, and its gateway"};
+}
+
+/// Why nobody was reached.
+Failure notConnected(const std::string &step, int error, std::chrono::seconds waited)
+{
+    if (error == ECONNREFUSED)
+    {
+        return {ExitCode::Unreachable, step, 0, "nobody listens there: the connection is refused",
+                "check the port, and that RTSP is enabled on the device"};
+    }
+    const std::string why = std::system_category().message(error);
+    return {ExitCode::Unreachable, step, 0,
+            error == ETIMEDOUT      ? "nothing came back within " + std::to_string(waited.count()) + " s"
+            : error == EHOSTUNREACH ? "nobody has this address: " + why
+                                    : why,
+            "check that the device is on, its address, and firewalls and routes on the way"};
 }
 
 using Addresses = std::unique_ptr<addrinfo, void (*)(addrinfo *)>;
@@ -112,7 +134,7 @@ Addresses resolved(const std::string &host, uint16_t port, const Interrupt &inte
     }
     if (!found)
     {
-        throw noWay(host, gai_strerror(unresolved));
+        throw notFound(host, gai_strerror(unresolved));
     }
     return found;
 }
@@ -208,13 +230,7 @@ double timeToConnect(const std::string &host, uint16_t port, std::chrono::second
     }
     if (error != 0)
     {
-        const bool refused = error == ECONNREFUSED;
-        const std::string advice = refused ? "check the port, and that RTSP is enabled on the device"
-                                           : "check that the device is on, and firewalls and routes on the way";
-        throw Failure(ExitCode::Unreachable, step, 0,
-                      refused ? "nobody listens there: the connection is refused"
-                              : std::system_category().message(error),
-                      advice);
+        throw notConnected(step, error, longest);
     }
     return seconds;
 }

@@ -24,6 +24,9 @@ inline constexpr const char *deviceLog = "look for other clients of the device, 
 double since(Course::Clock::time_point begin);
 /// Such as "3.1 ms".
 std::string inMs(double seconds);
+/// The failure of a step, with what came instead of an answer, where that was waited for.
+/// @param messages  that came from the server meanwhile
+Failure withHeard(const Failure &failed, double seconds, size_t messages);
 /// What a row's event says of its time.
 Fields took(double seconds);
 
@@ -85,8 +88,9 @@ private:
     bool described();
     bool describedBy(Session &session, const std::string &step, bool given, std::optional<Failure> &failure);
     void tellTls(const Session &session, const std::optional<Failure> &failure);
-    std::optional<ZrSessionFacts> ask(const Session &session, const std::string &step, const std::string &unanswered);
-    void tellOptions(const Session &session);
+    std::optional<ZrSessionFacts> ask(const Session &session, const std::string &step, const std::string &unanswered,
+                                      bool more);
+    void tellOptions(const Session &session, bool more);
     void tellTracks(const Description &description);
     bool tryTransport(const CourseOptions &options, bool more);
     bool tellStart(const std::string &name, const Progress &progress, const std::optional<Failure> &failure,

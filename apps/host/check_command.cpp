@@ -34,6 +34,20 @@ Fields took(double seconds)
     return {{"seconds", seconds}};
 }
 
+Failure withHeard(const Failure &failed, double seconds, size_t messages)
+{
+    constexpr double waitedFor = 20;
+    if (failed.exit() != ExitCode::Unreachable || seconds < waitedFor)
+    {
+        return failed;
+    }
+    return {failed.exit(), failed.step(), failed.code(),
+            failed.meaning() + (messages == 0 ? "; nothing at all came from it"
+                                              : "; " + std::to_string(messages) +
+                                                    " messages came from it that are no answer (--trace shows them)"),
+            failed.advice()};
+}
+
 void Check::stopIfAsked() const
 {
     if (m_interrupt.asked())
@@ -107,15 +121,22 @@ void Check::tellTls(const Session &session, const std::optional<Failure> &failur
 
 /// Asks the server for a sign of life. A row tells what is wrong with it.
 /// @param unanswered  what else there is to say of no answer; may be empty
+/// @param more        credentials are tried next
 /// @return what is known then; nothing when it failed
-std::optional<ZrSessionFacts> Check::ask(const Session &session, const std::string &step, const std::string &unanswered)
+std::optional<ZrSessionFacts> Check::ask(const Session &session, const std::string &step, const std::string &unanswered,
+                                         bool more)
 {
+    constexpr ZR_ULONG unauthorized = 401;
     const auto facts = session.ask(answerWithin);
     stopIfAsked();
     if (!facts)
     {
         m_table.failed(
             step, Failure(ExitCode::Unreachable, step, 0, "no answer came within 3 s" + unanswered, deviceLog), false);
+    }
+    else if (facts->ulCheckStatus == unauthorized && more)
+    {
+        m_table.ok(step, "the server asks for credentials");
     }
     else if (facts->ulCheckStatus >= 300)
     {
@@ -128,10 +149,10 @@ std::optional<ZrSessionFacts> Check::ask(const Session &session, const std::stri
     return std::nullopt;
 }
 
-void Check::tellOptions(const Session &session)
+void Check::tellOptions(const Session &session, bool more)
 {
     const auto begin = Clock::now();
-    if (const auto facts = ask(session, "OPTIONS", ""))
+    if (const auto facts = ask(session, "OPTIONS", "", more))
     {
         const std::string methods = facts->szMethods;
         m_table.ok("OPTIONS", methods.empty() ? "answered, without a list of methods" : methods,
@@ -144,6 +165,7 @@ void Check::tellOptions(const Session &session)
 bool Check::describedBy(Session &session, const std::string &step, bool given, std::optional<Failure> &failure)
 {
     const auto begin = Clock::now();
+    const size_t before = m_trace.received();
     const bool more = !given && !m_source.credentials.user.empty(); // they are tried next
     try
     {
@@ -151,7 +173,7 @@ bool Check::describedBy(Session &session, const std::string &step, bool given, s
     }
     catch (const Failure &failed)
     {
-        failure.emplace(failed);
+        failure.emplace(withHeard(failed, since(begin), m_trace.received() - before));
     }
     const double seconds = since(begin);
     stopIfAsked();
@@ -165,7 +187,11 @@ bool Check::describedBy(Session &session, const std::string &step, bool given, s
         }
         if (!failure || failure->exit() != ExitCode::Unreachable)
         {
-            tellOptions(session);
+            tellOptions(session, more);
+        }
+        else
+        {
+            m_table.skipped("OPTIONS", "nothing is asked before DESCRIBE is answered");
         }
     }
     if (!failure)

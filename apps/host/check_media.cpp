@@ -222,7 +222,7 @@ void Check::tryKeepAlive(const Session &session)
 {
     const auto begin = Clock::now();
     const std::string ends = "a silent session ends after " + std::to_string(session.facts().ulTimeout) + " s";
-    if (const auto facts = ask(session, "keep-alive", ", and " + ends))
+    if (const auto facts = ask(session, "keep-alive", ", and " + ends, false))
     {
         m_table.ok("keep-alive", "answered in " + inMs(since(begin)) + "; " + ends,
                    {{"session_timeout", facts->ulTimeout}});

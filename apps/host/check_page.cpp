@@ -78,7 +78,7 @@ void writePage(const std::string &file, const CheckPage &told)
     std::string page = head;
     page += "<h1>" + shown(told.source.url.text) + "</h1>\n<p>" + nowText() + ": <b>" + shown(told.verdict) +
             "</b></p>\n<table>\n";
-    for (const CheckTable::Row &row : told.table.rows())
+    for (const Row &row : told.table.rows())
     {
         const std::string name = word(row.verdict);
         page.append("<tr><td class=\"").append(name).append("\">").append(name).append("</td><td>");

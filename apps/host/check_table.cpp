@@ -1,14 +1,6 @@
 #include "check_table.h"
 
-#include <algorithm>
-
 namespace zr::host {
-namespace {
-
-constexpr size_t stepWidth = 20;
-
-} // namespace
-
 void CheckTable::add(const Row &row, const Fields &fields)
 {
     m_rows.push_back(row);
@@ -17,9 +9,7 @@ void CheckTable::add(const Row &row, const Fields &fields)
     {
         told.update(fields);
     }
-    const std::string padding(stepWidth - std::min(stepWidth - 1, row.step.size()), ' ');
-    const std::string next = row.advice.empty() ? "" : "\n" + std::string(8 + stepWidth, ' ') + "try: " + row.advice;
-    m_report.judged("step", row.verdict, row.step + padding + row.text + next, told);
+    m_report.judged("step", row, told);
 }
 
 void CheckTable::ok(const std::string &step, const std::string &text, const Fields &fields)

@@ -14,14 +14,6 @@ namespace zr::host {
 class CheckTable
 {
 public:
-    struct Row
-    {
-        std::string step;
-        Verdict verdict;
-        std::string text;   ///< what was found, or the cause
-        std::string advice; ///< of a failed step
-    };
-
     explicit CheckTable(Report &report)
         : m_report(report)
     {

@@ -1,5 +1,8 @@
 #include "failure.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "zr_platform.h"
 #include "zr_rtsp/codes.h"
 
@@ -28,7 +31,8 @@ constexpr Words words[] = {
     {415, ExitCode::Refused, "the server's answer holds no description (SDP) that can be used",
      "check that the URL names a stream"},
     {453, ExitCode::Refused, "the server has not enough bandwidth left", "end other sessions of this device"},
-    {454, ExitCode::Refused, "the server does not know the session", readTheLog},
+    {454, ExitCode::Refused, "the server does not know the session",
+     "begin anew: the device may have ended it, by its time-out or a restart; --trace shows what was said"},
     {457, ExitCode::Refused, "the server cannot play this range",
      "check --from and --to against the recording's length; a live stream takes neither"},
     {461, ExitCode::Refused, "the server does not offer this transport", "try the other one: --tcp or --udp"},
@@ -48,6 +52,14 @@ constexpr Words words[] = {
     {ZR_RTSP_PAUSE_FAILED, ExitCode::Unreachable, "the server did not answer", readTheLog},
 };
 
+/// Whether what was wrong with an answer is that it is one of HTTP, or a page.
+bool speaksHttp(const std::string &text)
+{
+    constexpr const char *beginnings[] = {"\"HTTP/1.", "\"<!DOCTYPE", "\"<!doctype", "\"<html", "\"<HTML"};
+    return std::any_of(std::begin(beginnings), std::end(beginnings),
+                       [&](const char *one) { return text.find(one) != std::string::npos; });
+}
+
 constexpr const char *unverified = "; --insecure goes on without verifying, for a network that is trusted";
 
 struct Problem
@@ -59,8 +71,9 @@ struct Problem
 };
 
 constexpr Problem problems[] = {
-    {"no TLS with the server", "check that this port serves rtsps, with TLS 1.2 or newer", ZR_CONNECTION_TLS_FAILED,
-     false},
+    {"no TLS with the server",
+     "check that this port serves rtsps, with TLS 1.2 or newer; where it does not, rtsp:// goes without",
+     ZR_CONNECTION_TLS_FAILED, false},
     {"the server's certificate comes from an issuer that is not known here",
      "give the issuer's certificate, or the server's own, with --ca FILE", ZR_CONNECTION_FOREIGN_ISSUER, true},
     {"the server's certificate is for another host name", "use the name or address that the certificate was made for",
@@ -71,7 +84,8 @@ constexpr Problem problems[] = {
     {"the server's certificate is not accepted", "replace it on the device", ZR_CONNECTION_NOT_TRUSTED, true},
     {"the server cannot be reached", checkAddress, ZR_CONNECTION_FAILED, false},
     {"the connection to the server broke off",
-     "check that the port is that of the RTSP server, and the device's own log", ZR_CONNECTION_BROKEN, false},
+     "check that the port is that of the RTSP server (with TLS: rtsps://), and the device's own log",
+     ZR_CONNECTION_BROKEN, false},
     {"the session cannot be tunnelled",
      "name the port in the URL where the device takes HTTP, or try without --http; --trace shows what it answers",
      ZR_CONNECTION_NO_TUNNEL, false},
@@ -106,15 +120,22 @@ Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string 
             (status ? "the server refused the request" : "it could not be done") + because, readTheLog};
 }
 
-Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited)
+Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited, bool everAnswered)
 {
     return {ExitCode::Unreachable, step, code,
-            "the server took the connection, but gave no answer within " + std::to_string(waited.count()) + " s",
-            "check that this port is that of its RTSP server, then restart the device: it may hang"};
+            "the server did not answer within " + std::to_string(waited.count()) + " s" +
+                (everAnswered ? ", though it did before" : ", though it took the connection"),
+            everAnswered ? "look for other clients of the device, and into its own log; restart it: it may hang"
+                         : "check that the device speaks RTSP on this port; restart it: it may hang"};
 }
 
 Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG problem, const std::string &text, bool played)
 {
+    if (problem == ZR_CONNECTION_BROKEN && !played && speaksHttp(text))
+    {
+        return {ExitCode::Unreachable, step, code, "a web server answers on this port: " + text,
+                "name the port of the RTSP server, 554 unless the device says otherwise; --http for a tunnel"};
+    }
     for (const Problem &row : problems)
     {
         if (row.problem == problem)

@@ -57,7 +57,8 @@ Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string 
 /// A request that nothing came back to, although there is a connection.
 /// @param code    what the plug-in's operation returned
 /// @param waited  how long
-Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited);
+/// @param everAnswered  the server answered an earlier one
+Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited, bool everAnswered);
 
 /// A request that failed with its connection.
 /// @param problem  a tagZrConnectionProblem

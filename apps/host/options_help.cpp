@@ -13,7 +13,8 @@ Exit codes:
   6    no media arrived, or it stopped
   7    a picture, recording or page could not be written
   8    the server ended the session or died; not all are alive (watch)
-  130  ended by Ctrl-C (143: SIGTERM) before media arrived or all was downloaded
+  130  ended by Ctrl-C before media arrived or a download was whole
+  143  the same, by SIGTERM
 )",
                                  R"(
 COMMAND --help tells a command's options, with examples; COMMAND --help-all

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
 #include <sstream>
 
@@ -14,6 +15,40 @@
 
 namespace zr::host {
 namespace {
+
+constexpr size_t anyWidth = std::numeric_limits<size_t>::max();
+constexpr size_t verdictWidth = 8;
+constexpr size_t stepWidth = 20;
+
+/// A text behind another one, on lines of so many columns; those from the second on begin further in.
+std::string hanging(const std::string &before, const std::string &text, size_t columns, size_t indent)
+{
+    constexpr size_t least = 20;
+    const auto room = [columns](size_t used) { return columns < used + least ? least : columns - used; };
+    const size_t used = std::max(before.size(), indent);
+    std::string out = before;
+    std::string between;
+    for (const std::string &line : wrapped(text, room(used)))
+    {
+        out += between + line;
+        between = "\n" + std::string(indent, ' ');
+    }
+    return out;
+}
+
+/// Behind the verdict.
+std::string rowText(const Row &row, size_t columns)
+{
+    constexpr size_t indent = verdictWidth + stepWidth;
+    const std::string padding(stepWidth - std::min(stepWidth - 1, row.step.size()), ' ');
+    const std::string before = std::string(verdictWidth, ' ') + row.step + padding;
+    std::string text = hanging(before, row.text, columns, indent).substr(verdictWidth);
+    if (!row.advice.empty())
+    {
+        text += "\n" + hanging(std::string(indent, ' ') + "try: ", row.advice, columns, indent);
+    }
+    return text;
+}
 
 /// What is printed on stdout. One thread at a time.
 class Output
@@ -46,14 +81,20 @@ public:
         {
             return;
         }
-        std::fprintf(stderr, "zr_rtsp_host: %s\n", harmless(what.what()).c_str());
+        const size_t columns = isatty(STDERR_FILENO) == 1 ? terminalSize(STDERR_FILENO).columns - 1 : anyWidth;
+        tell("zr_rtsp_host: ", what.what(), columns);
         if (!what.advice().empty())
         {
-            std::fprintf(stderr, "  try: %s\n", harmless(what.advice()).c_str());
+            tell("  try: ", what.advice(), columns);
         }
     }
 
 private:
+    static void tell(const std::string &before, const std::string &text, size_t columns)
+    {
+        std::fprintf(stderr, "%s\n", harmless(hanging(before, text, columns, 7)).c_str());
+    }
+
     bool m_abandoned = false; ///< whoever read it is gone
 };
 
@@ -77,16 +118,16 @@ public:
         std::fprintf(stderr, "%s\n", harmless(text).c_str());
     }
 
-    void judged(const std::string &, Verdict verdict, const std::string &text, const Fields &) override
+    void judged(const std::string &, const Row &row, const Fields &) override
     {
         const std::scoped_lock lock(m_mutex);
         clearStatus();
-        const char *colour = !m_coloured                  ? ""
-                             : verdict == Verdict::Ok     ? "\033[32m"
-                             : verdict == Verdict::Failed ? "\033[31m"
-                                                          : "\033[33m";
-        std::printf("%s%-7s%s ", colour, word(verdict), m_coloured ? "\033[0m" : "");
-        m_out.line(harmless(text));
+        const char *colour = !m_coloured                      ? ""
+                             : row.verdict == Verdict::Ok     ? "\033[32m"
+                             : row.verdict == Verdict::Failed ? "\033[31m"
+                                                              : "\033[33m";
+        std::printf("%s%-7s%s ", colour, word(row.verdict), m_coloured ? "\033[0m" : "");
+        m_out.line(harmless(rowText(row, m_terminal ? terminalSize().columns - 1 : anyWidth)));
     }
 
     void status(const Status &now) override
@@ -216,6 +257,27 @@ std::vector<std::string> linesOf(const std::string &text)
     return lines;
 }
 
+std::vector<std::string> wrapped(const std::string &text, size_t columns)
+{
+    std::vector<std::string> lines;
+    for (std::string rest : linesOf(text))
+    {
+        for (std::string fits = cut(rest, columns); fits.size() < rest.size(); fits = cut(rest, columns))
+        {
+            const size_t blank = rest[fits.size()] == ' ' ? fits.size() : fits.rfind(' ');
+            const bool words = blank != std::string::npos && rest.find_first_not_of(' ') < blank;
+            const size_t end = words ? blank : std::max<size_t>(fits.size(), 1);
+            lines.push_back(rest.substr(0, end));
+            rest.erase(0, std::min(rest.find_first_not_of(' ', end), rest.size()));
+        }
+        if (!rest.empty())
+        {
+            lines.push_back(rest);
+        }
+    }
+    return lines.empty() ? std::vector<std::string>{""} : lines;
+}
+
 std::string cut(const std::string &text, size_t columns)
 {
     size_t used = 0;
@@ -242,10 +304,10 @@ std::string bar(double done)
     return "[" + std::string(full, '#') + std::string(width - full, '.') + "] ";
 }
 
-TerminalSize terminalSize()
+TerminalSize terminalSize(int terminal)
 {
     winsize size{};
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 && size.ws_row > 1
+    return ioctl(terminal, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 && size.ws_row > 1
                ? TerminalSize{size.ws_col, size.ws_row}
                : TerminalSize{};
 }
@@ -261,6 +323,11 @@ void flushOutput()
 const char *word(Verdict verdict)
 {
     return verdict == Verdict::Ok ? "ok" : verdict == Verdict::Failed ? "failed" : "skipped";
+}
+
+void Report::judged(const std::string &name, const Row &row, const Fields &fields)
+{
+    event(name, word(row.verdict) + (" " + rowText(row, anyWidth)), fields);
 }
 
 std::unique_ptr<Report> makeReport(bool json)

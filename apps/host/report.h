@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include "failure.h"
 
@@ -36,10 +37,22 @@ enum class Verdict
 
 const char *word(Verdict verdict);
 
+/// A row of a table of what was tried.
+struct Row
+{
+    std::string step;
+    Verdict verdict;
+    std::string text;   ///< what was found, or the cause
+    std::string advice; ///< of a failed step
+};
+
 /// The text without what could steer a terminal, but for ends of lines.
 std::string harmless(std::string text);
 
 std::vector<std::string> linesOf(const std::string &text);
+
+/// The text as lines of at most so many columns, broken between words where that can be; one at least.
+std::vector<std::string> wrapped(const std::string &text, size_t columns);
 
 /// So much of a text in UTF-8 as fits into so many columns of one character each.
 std::string cut(const std::string &text, size_t columns);
@@ -50,13 +63,13 @@ std::string counted(uint64_t number, const std::string &one, const std::string &
 /// From 0 to 1.
 std::string bar(double done);
 
-/// Of the terminal on stdout, in characters; what is unknown is 80 and 24.
+/// Of a terminal, in characters; what is unknown is 80 and 24.
 struct TerminalSize
 {
     size_t columns = 80;
     size_t rows = 24;
 };
-TerminalSize terminalSize();
+TerminalSize terminalSize(int terminal = STDOUT_FILENO);
 
 /// @throws Failure  when what was written to stdout does not arrive: nobody is left to play for then
 void flushOutput();
@@ -73,12 +86,9 @@ public:
     /// @param text    for people
     /// @param fields  for programs; an object or null
     virtual void event(const std::string &name, const std::string &text, const Fields &fields) = 0;
-    /// Something was tried: an event whose text begins with a word for it, coloured on a terminal (unless NO_COLOR is
-    /// in the environment).
-    virtual void judged(const std::string &name, Verdict verdict, const std::string &text, const Fields &fields)
-    {
-        event(name, word(verdict) + (" " + text), fields);
-    }
+    /// Something was tried: an event whose text is a row of a table; on a terminal it fits into its columns, and begins
+    /// with a coloured word (unless NO_COLOR is in the environment).
+    virtual void judged(const std::string &name, const Row &row, const Fields &fields);
     /// Something to beware of: for people on stderr.
     virtual void warning(const std::string &name, const std::string &text, const Fields &fields)
     {

@@ -24,26 +24,6 @@ std::string row(size_t number, const std::string &text)
 
 } // namespace
 
-std::vector<std::string> wrapped(const std::string &line, size_t columns)
-{
-    const auto widthOf = [](const std::string &text) { // in UTF-8 a character's bytes but the first begin with 10
-        return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
-    };
-    std::vector<std::string> lines;
-    std::string rest = line;
-    while (widthOf(rest) > columns && columns > 0)
-    {
-        const std::string most = cut(rest, columns + 1);
-        const size_t blank = most.rfind(' ');
-        const bool words = blank != std::string::npos && most.find_first_not_of(' ') < blank;
-        const std::string one = words ? most.substr(0, blank) : cut(rest, columns);
-        lines.push_back(one);
-        rest.erase(0, one.size() + (words ? 1 : 0));
-    }
-    lines.push_back(rest);
-    return lines;
-}
-
 bool Screen::possible()
 {
     const char *name = std::getenv("TERM"); // NOLINT(concurrency-mt-unsafe): there is one thread yet

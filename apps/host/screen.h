@@ -12,9 +12,6 @@
 
 namespace zr::host {
 
-/// A line broken between its words into lines of so many columns.
-std::vector<std::string> wrapped(const std::string &line, size_t columns);
-
 /// A body, such as a picture or a table, below it what was said last, in all the rows that the body leaves, and where
 /// things stand. What was said meanwhile is handed on when it is destroyed, as the terminal's usual screen shows none
 /// of it. Draws while a TerminalMode with screen is taken, and fits what is there then: that the terminal's size

@@ -180,7 +180,7 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
     const ZR_ULONG problem = ZR_ConnectionProblem(m_id, text, sizeof text);
     if (problem == ZR_CONNECTION_NONE && m_waited > answerWithin - std::chrono::seconds(1))
     {
-        return notAnswered(step, result, answerWithin);
+        return notAnswered(step, result, answerWithin, !m_sdp.empty());
     }
     return problem == ZR_CONNECTION_NONE ? requestFailed(step, result)
                                          : connectionFailed(step, result, problem, text, m_played);

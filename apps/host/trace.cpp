@@ -84,6 +84,12 @@ Trace::~Trace()
     }
 }
 
+size_t Trace::received() const
+{
+    const std::scoped_lock lock(m_mutex);
+    return m_received;
+}
+
 void Trace::begin()
 {
     const auto callback = [](const ZrTraceEvent *event, void *self) { static_cast<Trace *>(self)->tell(*event); };
@@ -139,6 +145,7 @@ void Trace::tell(const ZrTraceEvent &event)
     {
         const std::scoped_lock lock(m_mutex);
         aside = m_shown && !m_file.is_open();
+        m_received += event.ulKind == ZR_TRACE_RECEIVED || event.ulKind == ZR_TRACE_BROKEN ? 1 : 0;
         if (m_file.is_open())
         {
             m_file << lines << std::flush;

@@ -46,6 +46,8 @@ public:
     std::vector<Lines> kept() const;
     /// The status that the latest TEARDOWN was answered with; 0: not yet; none: none was kept.
     std::optional<int> tornDown() const;
+    /// Messages of servers so far, also those that could not be read.
+    size_t received() const;
 
 private:
     void begin();
@@ -61,6 +63,7 @@ private:
     std::ofstream m_file;
     std::vector<Lines> m_kept;
     size_t m_keptBytes = 0;
+    size_t m_received = 0;
     std::pair<ZR_ULONG, std::string> m_teardown; ///< session and CSeq
     std::optional<int> m_tornDown;
 };
