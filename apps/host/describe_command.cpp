@@ -15,10 +15,65 @@ std::string serverLine(const Url &url, const Description &description, const ZrS
     return line;
 }
 
+constexpr std::chrono::milliseconds answerWithin{2000};
+
+/// Whether an ONVIF recorder replays this; nothing where that cannot be told.
+struct Replayed
+{
+    std::optional<bool> is;
+    std::string reason;
+};
+
+// Servers that do not look at Require answer well, whatever it says: so what nobody knows is required once, too.
+Replayed askForReplay(const Session &session)
+{
+    constexpr ZR_ULONG unsupported = 551; // RFC 2326, 12.32
+    const auto answer = session.ask(answerWithin, "onvif-replay");
+    if (!answer)
+    {
+        return {std::nullopt, "the server does not answer when it is asked"};
+    }
+    if (answer->ulCheckStatus == unsupported)
+    {
+        return {false, "the server refuses Require: onvif-replay"};
+    }
+    if (answer->ulCheckStatus / 100 != 2)
+    {
+        return {std::nullopt, "asked for it, the server answers " + std::to_string(answer->ulCheckStatus)};
+    }
+    const auto other = session.ask(answerWithin, "org.example.nothing");
+    return other && other->ulCheckStatus == unsupported
+               ? Replayed{true, "the server takes Require: onvif-replay"}
+               : Replayed{std::nullopt,
+                          "the server takes Require: onvif-replay, but whatever else is required as well"};
+}
+
+/// Asks for the server's methods in the same turn.
+Replayed learnOfReplay(const Session &session, const Description &description)
+{
+    const auto isRecorded = [](const Track &track) { return !track.recorded.empty(); };
+    const bool recorded = std::any_of(description.tracks.begin(), description.tracks.end(), isRecorded);
+    const Replayed replayed =
+        recorded ? Replayed{true, "its tracks are a recording's (x-onvif-track)"} : askForReplay(session);
+    if (*session.facts().szMethods == '\0') // where that was refused
+    {
+        session.ask(answerWithin);
+    }
+    return replayed;
+}
+
+void tellReplay(const Replayed &replayed, Report &report)
+{
+    const char *const known = replayed.is.value_or(false) ? "yes" : "no";
+    report.event("onvif_replay",
+                 std::string("ONVIF replay: ") + (replayed.is ? known : "unknown") + " (" + replayed.reason + ")",
+                 {{"replay", replayed.is ? Fields(*replayed.is) : Fields(nullptr)}, {"reason", replayed.reason}});
+}
+
 void tellServer(const Url &url, const Session &session, const Description &description, Report &report)
 {
-    constexpr std::chrono::milliseconds methodsWithin{2000};
-    const ZrSessionFacts facts = session.ask(methodsWithin).value_or(session.facts());
+    const Replayed replayed = learnOfReplay(session, description);
+    const ZrSessionFacts facts = session.facts();
     const auto length = description.length();
     report.event("server", serverLine(url, description, facts),
                  {{"host", url.host},
@@ -35,6 +90,7 @@ void tellServer(const Url &url, const Session &session, const Description &descr
     {
         report.event("methods", std::string("methods ") + facts.szMethods, nullptr);
     }
+    tellReplay(replayed, report);
 }
 
 Fields trackFields(const Track &track, const std::string &url)
@@ -59,6 +115,10 @@ Fields trackFields(const Track &track, const std::string &url)
     {
         fields["channels"] = track.channels;
     }
+    if (!track.recorded.empty())
+    {
+        fields["onvif_track"] = track.recorded;
+    }
     return fields;
 }
 
@@ -70,12 +130,7 @@ void describeCommand(const CommonOptions &options, const DescribeOptions &own, R
     Mailbox mailbox(interrupt);
     Plugin plugin(options.plugin);
     Session session(plugin, options.source, mailbox);
-    const auto tellSdp = [&] {
-        std::string text = session.sdp();
-        text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
-        text.erase(text.find_last_not_of('\n') + 1);
-        report.event("sdp", text, {{"sdp", session.sdp()}});
-    };
+    const auto tellSdp = [&] { report.verbatim("sdp", session.sdp(), {{"sdp", session.sdp()}}); };
     try
     {
         session.describe();

@@ -108,6 +108,20 @@ public:
         m_out.line(harmless(text));
     }
 
+    void verbatim(const std::string &name, const std::string &bytes, const Fields &fields) override
+    {
+        if (m_terminal)
+        {
+            std::string text = bytes;
+            text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+            text.erase(text.find_last_not_of('\n') + 1);
+            return event(name, text, fields);
+        }
+        const std::scoped_lock lock(m_mutex);
+        std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+        m_out.flush();
+    }
+
     void warning(const std::string &, const std::string &text, const Fields &) override { aside("warning: " + text); }
 
     void aside(const std::string &text) override

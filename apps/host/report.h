@@ -81,6 +81,12 @@ class Report
 public:
     virtual ~Report() = default;
 
+    /// What a server sent is wanted as it came: byte for byte, where no terminal would be steered by it.
+    /// @param fields  for programs
+    virtual void verbatim(const std::string &name, const std::string &bytes, const Fields &fields)
+    {
+        event(name, bytes, fields);
+    }
     /// Something happened.
     /// @param name    for programs, such as "set_up"
     /// @param text    for people

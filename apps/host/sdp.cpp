@@ -165,7 +165,8 @@ Description parseDescription(const std::string &sdp)
         }
         else
         {
-            takePrefix(line, "a=control:", description.tracks.back().control);
+            takePrefix(line, "a=control:", description.tracks.back().control) ||
+                takePrefix(line, "a=x-onvif-track:", description.tracks.back().recorded);
         }
     }
     return description;

@@ -18,6 +18,7 @@ struct Track
     int clockRate = 0;                     ///< Hz; 0 without an rtpmap
     int channels = 0;                      ///< of sound; 0: not said
     std::string control;                   ///< as it stands; may be empty or relative
+    std::string recorded;                  ///< a=x-onvif-track, of an ONVIF recording; empty: none
     std::optional<PictureFormat> picture;  ///< of H.264 (RFC 6184, 8.1) and H.265 (RFC 7798, 7.1), when it is told
     std::optional<double> framesPerSecond; ///< a=framerate, or else the picture's
 };

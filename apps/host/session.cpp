@@ -180,7 +180,7 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
     const ZR_ULONG problem = ZR_ConnectionProblem(m_id, text, sizeof text);
     if (problem == ZR_CONNECTION_NONE && m_waited > answerWithin - std::chrono::seconds(1))
     {
-        return notAnswered(step, result, answerWithin, !m_sdp.empty());
+        return notAnswered(step, result, answerWithin, !m_description.tracks.empty());
     }
     return problem == ZR_CONNECTION_NONE ? requestFailed(step, result)
                                          : connectionFailed(step, result, problem, text, m_played);
@@ -240,14 +240,21 @@ const Description &Session::describe()
         throwDescribeFailed(result);
     }
     handOverCredentials(); // for challenges to what the plug-in sends without them, and for nonces that end
-    m_sdp = ability().getDescribeRspSdp();
-    m_description = parseDescription(m_sdp);
-    if (ZR_MediaPortSetDescription(m_id, m_sdp.c_str()) != 0)
+    const std::string sdp = ability().getDescribeRspSdp();
+    m_description = parseDescription(sdp);
+    if (ZR_MediaPortSetDescription(m_id, sdp.c_str()) != 0)
     {
         throw Failure(ExitCode::Refused, "describe", 0, "the description names no track that is understood here",
                       "zr_rtsp_host describe shows what there is");
     }
     return m_description;
+}
+
+std::string Session::sdp() const
+{
+    std::string bytes(ZR_SessionDescription(m_id, nullptr, 0), '\0');
+    ZR_SessionDescription(m_id, bytes.data(), static_cast<ZR_ULONG>(bytes.size()));
+    return bytes;
 }
 
 ZrSessionFacts Session::facts() const
@@ -257,26 +264,35 @@ ZrSessionFacts Session::facts() const
     return now;
 }
 
-std::optional<ZrSessionFacts> Session::ask(std::chrono::milliseconds longest) const
+std::optional<ZrSessionFacts> Session::ask(std::chrono::milliseconds longest, const std::string &required) const
 {
     constexpr std::chrono::milliseconds pollEvery{10};
     const Interrupt &interrupt = m_mailbox.interrupt();
     const ZR_ULONG before = facts().ulChecksAnswered;
     const auto end = std::chrono::steady_clock::now() + longest;
+    std::optional<ZrSessionFacts> answered;
+    if (!required.empty())
+    {
+        ZR_SessionSetHeader(m_id, nullptr, "Require", required.c_str());
+    }
     ZR_SessionCheck(m_id);
-    while (std::chrono::steady_clock::now() < end)
+    while (!answered && std::chrono::steady_clock::now() < end)
     {
         const ZrSessionFacts now = facts();
         if (now.ulChecksAnswered != before)
         {
-            return now;
+            answered = now;
         }
-        if (!interrupt.sleep(pollEvery))
+        else if (!interrupt.sleep(pollEvery))
         {
             break;
         }
     }
-    return std::nullopt;
+    if (!required.empty())
+    {
+        ZR_SessionSetHeader(m_id, nullptr, "Require", nullptr);
+    }
+    return answered;
 }
 
 std::vector<TrackUrl> Session::tracks(bool metadata) const

@@ -79,13 +79,14 @@ public:
     const Description &describe();
     /// What describe returned.
     const Description &description() const { return m_description; }
-    /// As it came; empty before.
-    const std::string &sdp() const { return m_sdp; }
+    /// As it came, also where describe failed for what it holds; empty before, and once a track is set up.
+    std::string sdp() const;
     /// What the server told of itself so far.
     ZrSessionFacts facts() const;
     /// Asks the server for a sign of life, as a keep-alive does, and waits for it.
+    /// @param required  an option that it must know to answer well (RFC 2326, 12.32); empty: none
     /// @return what is known then; nothing when no answer came in time
-    std::optional<ZrSessionFacts> ask(std::chrono::milliseconds longest) const;
+    std::optional<ZrSessionFacts> ask(std::chrono::milliseconds longest, const std::string &required = "") const;
     /// @param metadata  of ONVIF (application/vnd.onvif.metadata) as well
     /// @return the first video and the first audio track, video first
     std::vector<TrackUrl> tracks(bool metadata = false) const;
@@ -155,7 +156,6 @@ private:
     CIMediaCtrl *m_control = nullptr;
     CIMediaCtrlEx *m_controlEx = nullptr;
     CIMediaCtrlEx2 *m_controlEx2 = nullptr;
-    std::string m_sdp;
     Description m_description;
     bool m_handedOver = false;                 ///< the credentials
     bool m_played = false;                     ///< the server agreed to

@@ -229,6 +229,16 @@ extern "C"
     /// @return 0; 1: no such session
     ZR_PLATFORM_API ZR_ULONG ZR_SessionFacts(ZR_ULONG ulAOIPortID, ZrSessionFacts *pstOut);
 
+    /// The description (SDP, RFC 4566) of a session as its server sent it, byte for byte, also one that is of no use.
+    /// The plug-in has it with lines that the platform adds: rtpmaps of static payload types (RFC 3551), control URLs.
+    /// It is kept from the answer to a DESCRIBE until that to a SETUP, or until the session's object is torn down. Any
+    /// thread.
+    /// @param ulAOIPortID  as for ZR_ConnectionProblem
+    /// @param pszText      receives it, cut to fit, without a zero behind it; it may hold anything; may be NULL
+    /// @param ulSize       bytes that there is room for
+    /// @return the description's bytes; 0: there is none, or no such session
+    ZR_PLATFORM_API ZR_ULONG ZR_SessionDescription(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize);
+
     /// Sends what keeps a session alive now: GET_PARAMETER where the server lists it, else OPTIONS. From the first
     /// answered DESCRIBE on. Its answer reaches nobody but the facts; while one is outstanding nothing is sent. Does
     /// not wait. Any thread.

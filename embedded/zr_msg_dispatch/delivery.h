@@ -83,9 +83,10 @@ public:
         Value m_value;
     };
     using Note = Noted<Problem>;
-    Noted<Facts> facts;                ///< what its server told so far, also when the connection is gone
-    Note connection;                   ///< why it failed last, until there is one again
-    Note refusal;                      ///< of the latest request, until the next one
+    Noted<Facts> facts; ///< what its server told so far, also when the connection is gone
+    Noted<std::shared_ptr<const std::string>> description; ///< as it came; null: none, or a track is set up by now
+    Note connection;                                       ///< why it failed last, until there is one again
+    Note refusal;                                          ///< of the latest request, until the next one
     bool givenUp = false;              ///< by the host: nobody waits for its server any more; on the loop's turn
     SessionChannel *channel = nullptr; ///< the engine's, on the loop's turn; null: none yet, or no more
 

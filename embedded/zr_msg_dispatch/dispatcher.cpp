@@ -143,6 +143,17 @@ std::optional<Facts> Dispatcher::facts(ZR_ULONG id) const
     return running ? running->facts(id) : std::nullopt;
 }
 
+ZR_ULONG Dispatcher::description(ZR_ULONG id, char *text, ZR_ULONG size) const
+{
+    const auto running = engine();
+    const auto description = running ? running->description(id) : nullptr;
+    if (!description)
+        return 0;
+    if (text)
+        description->copy(text, size);
+    return static_cast<ZR_ULONG>(description->size());
+}
+
 bool Dispatcher::check(ZR_ULONG id) const
 {
     const auto running = engine();
@@ -275,6 +286,12 @@ ZR_ULONG ZR_SessionFacts(ZR_ULONG ulAOIPortID, ZrSessionFacts *pstOut)
             return 0;
         },
         1);
+}
+
+ZR_ULONG ZR_SessionDescription(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize)
+{
+    const auto read = [&] { return Dispatcher::instance().description(ulAOIPortID, pszText, ulSize); };
+    return zr::dispatch::guarded("ZR_SessionDescription", read, ZR_ULONG{0});
 }
 
 ZR_ULONG ZR_SessionCheck(ZR_ULONG ulAOIPortID)

@@ -24,6 +24,8 @@ public:
     /// Copies out what a registration notes, the text cut to fit. @return its code
     ZR_ULONG tell(ZR_ULONG id, Registration::Note Registration::*which, char *text, ZR_ULONG size) const;
     std::optional<Facts> facts(ZR_ULONG id) const;
+    /// Copies out what a server's description is as it came, cut to fit. @return its bytes
+    ZR_ULONG description(ZR_ULONG id, char *text, ZR_ULONG size) const;
     bool check(ZR_ULONG id) const;
     bool giveUp(ZR_ULONG id) const;
     void destroy();

@@ -120,6 +120,12 @@ std::optional<Facts> Engine::facts(ZR_ULONG id)
     return registration ? std::optional<Facts>(registration->facts.get()) : std::nullopt;
 }
 
+std::shared_ptr<const std::string> Engine::description(ZR_ULONG id)
+{
+    const RegistrationPtr registration = m_delivery.find(id);
+    return registration ? registration->description.get() : nullptr;
+}
+
 bool Engine::check(ZR_ULONG id)
 {
     const RegistrationPtr registration = m_delivery.find(id);

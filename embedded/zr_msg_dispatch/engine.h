@@ -45,6 +45,8 @@ public:
     Problem note(ZR_ULONG id, Registration::Note Registration::*which);
     /// What its server told. @return nothing for an identifier that is not registered
     std::optional<Facts> facts(ZR_ULONG id);
+    /// Null: none.
+    std::shared_ptr<const std::string> description(ZR_ULONG id);
     /// Has its session send a keep-alive. @return false when it has none
     bool check(ZR_ULONG id);
     bool giveUp(ZR_ULONG id);

@@ -264,7 +264,17 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
         m_registration->refusal.set(
             {*mapped.answer.errorCode, mapped.problem.empty() ? response.reason : mapped.problem});
     noteFacts(exchange, response); // before whoever waits is told
+    noteDescription(request.messageId, response);
     deliver(mapped.answer);
+}
+
+/// Who wants it as it came asks before there is something to play: no session carries it on.
+void SessionChannel::noteDescription(ZR_ULONG messageId, const rtsp::Message &response)
+{
+    if (messageId == AOI_MSG_RTSP_DESCRIBE && isSuccess(response))
+        m_registration->description.set(std::make_shared<const std::string>(response.body));
+    else if (messageId == AOI_MSG_RTSP_SETUP && isSuccess(response))
+        m_registration->description.set(nullptr);
 }
 
 void SessionChannel::setUpTrack(const Mapped &mapped)

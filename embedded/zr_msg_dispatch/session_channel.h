@@ -99,6 +99,7 @@ private:
     void keepAlive();
     void takeOwnAnswer(const Exchange &exchange, const rtsp::Message &response);
     void answer(const Exchange &exchange, const rtsp::Message &response);
+    void noteDescription(ZR_ULONG messageId, const rtsp::Message &response);
     void setUpTrack(const Mapped &mapped);
     void answerServer(const rtsp::Message &request);
 

@@ -42,9 +42,11 @@ TEST_F(EngineSession, RunsWholeOverTcp)
         EXPECT_EQ(described.kind, 1U);
         EXPECT_EQ(described.destination, 7U);
         EXPECT_THAT(described.sdp, SizeIs(200005));
+        EXPECT_EQ(*engine().description(7), described.sdp);
 
         client.url = "rtsp://192.0.2.1/inner/"; // as a server that knows nothing of its TLS describes itself
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_SETUP).session, "S1");
+        EXPECT_EQ(engine().description(7), nullptr);
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_PLAY).kind, 1U);
         EXPECT_TRUE(port->writers(1).at(0)(1, "xy", 2));
         EXPECT_THAT(server.frames(1), ElementsAre(std::string("$\1\0\2xy", 6)));

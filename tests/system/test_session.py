@@ -5,12 +5,14 @@ import pty
 import select
 import shlex
 import signal
+import subprocess
 import termios
 import unittest
 
 from PIL import Image, ImageChops
 
-from programs import OK, HostTest, command
+from faulty_device import SDP, Device as FaultyDevice
+from programs import OK, REFUSED, HostTest, command
 
 
 class SessionTest(HostTest):
@@ -94,6 +96,40 @@ class SessionTest(HostTest):
         rest = process.stdout.read()
         self.assertEqual(process.wait(20), OK)
         self.assertIn("ended the session", rest)
+
+
+class DescribeTest(HostTest):
+    def device_with(self, fault):
+        device = FaultyDevice(fault)
+        self.addCleanup(device.close)
+        return device, f"rtsp://127.0.0.1:{device.port}/stream"
+
+    def test_whether_it_is_a_replay(self):
+        unsupported = {"status": "551 Option not supported", "lines": ["Unsupported: onvif-replay"]}
+        for known, requests, fault in (
+                (False, 2, {"OPTIONS": [unsupported, {}]}),  # the second one for its methods
+                (True, 2, {"GET_PARAMETER": unsupported}),
+                (None, 2, {}),  # it takes all that is required
+                (None, 2, {"OPTIONS": [{"status": "403 Forbidden"}, {}]}),
+                (None, 1, {"OPTIONS": {"answer": "", "end": "close"}}),
+                (True, 1, {"DESCRIBE": {"body": SDP + "a=x-onvif-track:VIDEO001\r\n"}})):
+            with self.subTest(fault=fault):
+                device, url = self.device_with(fault)
+                told = {event["event"]: event for event in self.run_host(OK, "describe", url, "--json").events()}
+                self.assertIs(told["onvif_replay"]["replay"], known)
+                self.assertTrue(told["onvif_replay"]["reason"])
+                self.assertEqual("end" not in fault.get("OPTIONS", {}), "methods" in told)
+                self.assertEqual(len(device.asked), 1 + requests, device.asked)
+        result = self.run_host(OK, "describe", self.device("--replay-from", "20261120T100000Z").url("live"))
+        self.assertIn("ONVIF replay: no (", result.out)
+
+    def test_description_as_it_came(self):
+        for sdp, tag, code in ((SDP, "onvif", OK), ("\n" + SDP + "m=audio 0 RTP/AVP 0\ns=\x1b\xfc\0rest\n\n", "plain", OK),
+                               (SDP.replace("video", "audio"), "onvif", REFUSED)):  # who asks is to see why
+            _, url = self.device_with({"DESCRIBE": {"body": sdp}})
+            run = subprocess.run(command("describe", url, "--sdp", "--tag", tag), capture_output=True, timeout=60)
+            with self.subTest(sdp=sdp):
+                self.assertEqual((run.returncode, run.stdout), (code, sdp.encode("latin-1")), run.stderr)
 
 
 if __name__ == "__main__":
