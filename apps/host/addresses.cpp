@@ -44,7 +44,7 @@ private:
 
 Failure notFound(const std::string &host, const std::string &why)
 {
-    return {ExitCode::Unreachable, "finding " + host, 0, "no address for " + host + ": " + why,
+    return {ExitCode::Unreachable, "finding " + host, 0, "no address for it: " + why,
             "check the name and this machine's name server, or give the device's address"};
 }
 
