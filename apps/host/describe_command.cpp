@@ -53,7 +53,7 @@ Replayed learnOfReplay(const Session &session, const Description &description)
 {
     const auto isRecorded = [](const Track &track) { return !track.recorded.empty(); };
     const bool recorded = std::any_of(description.tracks.begin(), description.tracks.end(), isRecorded);
-    const Replayed replayed =
+    Replayed replayed =
         recorded ? Replayed{true, "its tracks are a recording's (x-onvif-track)"} : askForReplay(session);
     if (*session.facts().szMethods == '\0') // where that was refused
     {
