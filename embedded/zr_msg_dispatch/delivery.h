@@ -55,7 +55,8 @@ public:
     /// Requests that were accepted and are neither answered nor dropped. Any thread.
     std::atomic<size_t> requests{0};
 
-    /// Any thread; a mutex is held for the copy alone.
+    /// Any thread; a mutex is held for the copy alone. It is one for all sessions: who writes has the loop's turn, so
+    /// that only hosts that read meet there.
     template <typename Value>
     class Noted
     {
@@ -79,7 +80,7 @@ public:
         }
 
     private:
-        mutable std::mutex m_mutex;
+        static inline std::mutex m_mutex;
         Value m_value;
     };
     using Note = Noted<Problem>;
