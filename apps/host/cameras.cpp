@@ -53,7 +53,8 @@ public:
 
     Camera camera() const
     {
-        Camera made{m_name, text("url"), text("user"), text("password-file"), text("password-command"), text("tag")};
+        Camera made{m_name,      text("url"), text("user"), text("password-file"), text("password-command"),
+                    text("tag"), flag("http")};
         refuseUnknown();
         if (made.url.empty())
         {
@@ -103,6 +104,17 @@ private:
         return *found;
     }
 
+    bool flag(const char *key) const
+    {
+        m_known.insert(key);
+        const toml::node *value = m_node.as_table()->get(key);
+        if (value != nullptr && !value->is_boolean())
+        {
+            throw wrong(value->source(), m_name + ": " + key + " is neither true nor false");
+        }
+        return value != nullptr && **value->as_boolean();
+    }
+
     void refuseUnknown() const
     {
         for (const auto &[key, value] : *m_node.as_table())
@@ -113,7 +125,7 @@ private:
                 const std::string meant = nearest(name, {m_known.begin(), m_known.end()});
                 throw wrong(key.source(), m_name + ": there is no key " + name +
                                               (meant.empty() ? "" : " (" + meant + "?)") +
-                                              "; there are url, user, password-file, password-command and tag");
+                                              "; there are url, user, password-file, password-command, tag and http");
             }
         }
     }

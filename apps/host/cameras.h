@@ -17,6 +17,7 @@ struct Camera
     std::string passwordFile;    ///< whose first line is the password; empty: none
     std::string passwordCommand; ///< that prints it, for the shell; empty: none
     std::string tag;             ///< decoder description; empty: the command's own
+    bool http = false;           ///< tunnelled, unless the command line asks for UDP
 };
 
 /// What the file holds (TOML), checked. One thread.

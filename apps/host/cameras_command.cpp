@@ -40,10 +40,15 @@ void camerasCommand(const CamerasOptions &options, Report &report)
         {
             line.append("  tag ").append(camera.tag);
         }
+        line += camera.http ? "  in HTTP" : "";
         line.erase(line.find_last_not_of(' ') + 1);
-        report.event(
-            "camera", line,
-            {{"name", camera.name}, {"url", url.text}, {"user", user}, {"password", password}, {"tag", camera.tag}});
+        report.event("camera", line,
+                     {{"name", camera.name},
+                      {"url", url.text},
+                      {"user", user},
+                      {"password", password},
+                      {"tag", camera.tag},
+                      {"http", camera.http}});
     }
     if (options.cameras.empty())
     {

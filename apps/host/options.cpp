@@ -288,6 +288,10 @@ std::vector<Source> completeSources(const Raw &raw, const std::string &tag, cons
         Source made =
             makeSource(camera.url, has ? own : given, raw.tag.empty() && !camera.tag.empty() ? camera.tag : tag);
         made.name = camera.name;
+        if (camera.http && !raw.udp)
+        {
+            tunnel(made);
+        }
         return made;
     };
     std::vector<Source> sources;
@@ -352,8 +356,9 @@ void understandTunnel(const Raw &raw, Options &options)
 
 void understand(Raw &raw, Options &options)
 {
-    raw.tcp = raw.tcp || raw.http;
     const auto cameras = findCameras(raw, options);
+    raw.http = raw.http || (raw.camera && raw.camera->http && !raw.udp && !raw.multicast && !options.check.multicast);
+    raw.tcp = raw.tcp || raw.http;
     const auto tagOr = [&](const char *own) { return raw.tag.empty() ? std::string(own) : raw.tag; };
     const auto source = [&](const std::string &tag) { return completeSource(raw, tag); };
     CommonOptions &common = options.common;

@@ -135,10 +135,12 @@ of --cameras. It has a table a camera:
   user = "admin"
   password-file = "yard.secret"
   tag = "onvif"
+  http = true
 
 The password is the first line of the file, which is sought beside the cameras file,
 or of what the command prints; the shell runs it when the camera is used. What the
-command line says of user, password and tag goes before.
+command line says of user, password and tag goes before; http = true is --http for
+this camera, unless --udp or --multicast is said.
 )",
                                  R"(
 Examples:

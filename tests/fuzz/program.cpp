@@ -28,8 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     using namespace zr::fuzz;
     static const std::map<std::string, void (*)(Input)> targets = {
-        {"parser", parser}, {"answer", answer},       {"sdp", sdp},          {"elements", elements},
-        {"url", url},       {"challenge", challenge}, {"hand_off", handOff}, {"media", media}};
+        {"parser", parser},       {"answer", answer},    {"sdp", sdp},
+        {"elements", elements},   {"tunnel", tunnel},    {"url", url},
+        {"challenge", challenge}, {"hand_off", handOff}, {"media", media},
+        {"metadata", metadata}};
     static const char *const name = std::getenv("ZR_FUZZ_TARGET");
     static const auto target = targets.find(name == nullptr ? "" : name);
     assert(target != targets.end() && "ZR_FUZZ_TARGET names a target");

@@ -1,5 +1,13 @@
-// Bytes of the far side on their way in: RTSP and interleaved frames, RTP and RTCP, the hand-off packet.
+// Bytes of the far side on their way in: RTSP and interleaved frames, the heads of HTTP tunnels, RTP and RTCP,
+// metadata, the hand-off packet.
+#include <filesystem>
+
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
 #include "fuzz.h"
+#include "http_head.h"
+#include "metadata_file.h"
 #include "port.h"
 #include "rtsp_message.h"
 
@@ -40,6 +48,68 @@ void zr::fuzz::parser(Input input)
     assert(events == eventsOf(input, narrow, true, cut, SIZE_MAX));
     assert(events == eventsOf(input, narrow, true, SIZE_MAX, SIZE_MAX));
     assert(events == eventsOf(input, narrow, cut % 2 == 1, cut % 7 + 1, cut % 5 + 1));
+}
+
+/// What the head of an HTTP answer says, when its bytes come in pieces; and what is left behind it.
+static std::string headOf(zr::fuzz::Input stream, size_t first, size_t others)
+{
+    using zr::dispatch::HttpHead;
+    HttpHead head;
+    HttpHead::State state = HttpHead::State::NeedMore;
+    std::string rest;
+    for (size_t piece = first; !stream.left.empty(); piece = others)
+    {
+        const std::vector<uint8_t> part = stream.bytes(piece);
+        std::string_view bytes(reinterpret_cast<const char *>(part.data()), part.size());
+        if (state == HttpHead::State::NeedMore)
+            state = head.take(bytes);
+        rest.append(state == HttpHead::State::Whole ? bytes : std::string_view());
+    }
+    assert(head.text().size() <= 16384 && (state == HttpHead::State::Broken) != head.problem().empty());
+    std::string told = std::to_string(static_cast<int>(state)) + std::to_string(head.message().status);
+    if (state == HttpHead::State::Whole)
+        told += head.message().reason + head.text() + '|' + rest;
+    for (const zr::rtsp::Header &header : head.message().headers)
+        told += '|' + header.name + ':' + header.value;
+    return state == HttpHead::State::Broken ? head.problem() : told;
+}
+
+/// Two bytes for the place of a cut, and an HTTP answer: where it is cut changes nothing.
+void zr::fuzz::tunnel(Input input)
+{
+    const size_t cut = size_t{input.byte()} * 256 + input.byte() + 1;
+    const std::string told = headOf(input, SIZE_MAX, SIZE_MAX);
+    assert(told == headOf(input, cut, SIZE_MAX) && told == headOf(input, cut % 7 + 1, cut % 5 + 1));
+}
+
+/// Packets: a byte for marker, source and the recording's begin, their number's two bytes, size, and text.
+void zr::fuzz::metadata(Input input)
+{
+    static const std::string recording =
+        (std::filesystem::temp_directory_path() / ("zr_fuzz_" + std::to_string(getpid()))).string();
+    {
+        MetadataFile file(recording, true, 90000, [](bool, const std::string &) {});
+        for (uint32_t timestamp = 0; !input.left.empty(); timestamp += 900000)
+        {
+            const uint8_t flags = input.byte();
+            std::vector<uint8_t> packet = {0x80, static_cast<uint8_t>(96 | (flags & 0x80)), input.byte(), input.byte()};
+            for (const uint32_t word : {timestamp, uint32_t{flags & 3U}})
+                for (const int shift : {24, 16, 8, 0})
+                    packet.push_back(static_cast<uint8_t>(word >> shift));
+            const std::vector<uint8_t> text = input.bytes(input.byte());
+            packet.insert(packet.end(), text.begin(), text.end());
+            if ((flags & 4) != 0)
+                file.setBegin(TimePoint(), flags);
+            if ((flags & 8) != 0)
+                file.setClock({flags & 3U, timestamp, int64_t{flags} << 54});
+            file.take(packet, TimePoint(std::chrono::milliseconds(timestamp)));
+        }
+        file.finish();
+    }
+    std::ifstream written(recording + ".metadata.jsonl");
+    for (std::string line; std::getline(written, line);)
+        assert(nlohmann::json::parse(line).at("xml").get<std::string>().size() <= 3U << 20U);
+    std::filesystem::remove(recording + ".metadata.jsonl");
 }
 
 /// A packet's size in words (0: whole, else the header is made for its text), the packet, and a description.

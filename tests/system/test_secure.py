@@ -110,7 +110,7 @@ class SecureTest(HostTest):
         head = f'[door]\nurl = "{url}"\nuser = "{USER}"\n'
         write(secret, PASSWORD + "\n", 0o600)
         write(file, f"{head}password-command = 'cat {secret}; echo more'\n[yard]\nurl = \"{url}\"\nuser = \"{USER}\"\n"
-                    'password-file = "yard.secret"\ntag = "plain"\n[none]\nurl = "rtsp://a:b@127.0.0.1:9/"\n', 0o600)
+                    'password-file = "yard.secret"\ntag = "plain"\nhttp = true\n[none]\nurl = "rtsp://a:b@127.0.0.1:9/"\n', 0o600)
         play = ("play", "door", "--duration", "0.2")
         self.assertEqual(self.run_host(OK, *play).err, "")
         self.assertIn("check --user", self.run_host(CREDENTIALS, *play, "--user", USER, "--password", "another").err)
@@ -119,6 +119,9 @@ class SecureTest(HostTest):
         told = self.run_host(OK, "watch", listed, "--duration", "1", "--json").events()
         self.assertIn(("media", "yard", "[1] yard: media arrives"),
                       [(one["event"], one.get("name"), one["text"]) for one in told])
+        for told, arguments in ((True, ("watch", listed)), (True, ("play", "yard")), (False, ("play", "yard", "--udp"))):
+            result = self.run_host(OK, *arguments, "--duration", "1", "--trace")
+            self.assertEqual("> GET /video HTTP/1.0" in result.err, told, result.err)
         self.assertIn("try: yard; there are door, none, yard", self.run_host(USAGE, "play", "yrd").err)
         os.chmod(secret, 0o644)
         events = self.run_host(OK, "cameras", "--json").events()
@@ -134,6 +137,7 @@ class SecureTest(HostTest):
                 (USAGE, "line 4: door: there is no key usr (user?)", head + 'usr = "x"', 0o600),
                 (USAGE, "line 3: door: the URL does not begin", '[door]\n\nurl = "http://h/"', 0o600),
                 (USAGE, "line 4: door: tag is no text", head + "tag = 4", 0o600),
+                (USAGE, "line 4: door: http is neither true nor false", head + 'http = "yes"', 0o600),
                 (USAGE, "line 4: ", head + 'tag = "open\n', 0o600),
                 (USAGE, "line 1: door has a password, but no user",
                  head.rsplit("user", 1)[0] + 'password-file = "x"', 0o600)):
