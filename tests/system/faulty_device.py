@@ -29,6 +29,21 @@ def multicast_socket(address):
     return sender
 
 
+def why_no_multicast():
+    """Empty: the loopback interface carries it."""
+    group = socket.inet_aton("239.254.0.1")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as receiver, multicast_socket("127.0.0.1") as sender:
+        try:
+            receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group + LOOPBACK[4:])
+            receiver.bind(("239.254.0.1", 0))
+            receiver.settimeout(5)
+            sender.sendto(b"x", receiver.getsockname())
+            receiver.recv(1)
+        except OSError as failed:
+            return str(failed)
+    return ""
+
+
 def end(stream, how):
     with contextlib.suppress(OSError):  # it is closed
         stream.shutdown(how)

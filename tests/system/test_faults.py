@@ -5,7 +5,6 @@ import json
 import os
 import re
 import signal
-import socket
 import subprocess
 import tempfile
 import threading
@@ -14,7 +13,7 @@ import tomllib
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-from faulty_device import LOOPBACK, PASSWORD, USER, Device, multicast_socket
+from faulty_device import PASSWORD, USER, Device, why_no_multicast
 from programs import CREDENTIALS, LOST, NO_MEDIA, OK, REFUSED, UNREACHABLE, command
 
 AT_ONCE = 16  # most of them wait
@@ -24,21 +23,6 @@ WITHIN = 15  # seconds, unless a fault says otherwise: a program's start on a bu
 MEMORY = 24  # MB, likewise
 EXITS = {"ok": OK, "unreachable": UNREACHABLE, "credentials": CREDENTIALS, "refused": REFUSED, "no media": NO_MEDIA,
          "lost": LOST}
-
-
-def why_no_multicast():
-    """Empty: the loopback interface carries it."""
-    group = socket.inet_aton("239.254.0.1")
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as receiver, multicast_socket("127.0.0.1") as sender:
-        try:
-            receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group + LOOPBACK[4:])
-            receiver.bind(("239.254.0.1", 0))
-            receiver.settimeout(5)
-            sender.sendto(b"x", receiver.getsockname())
-            receiver.recv(1)
-        except OSError as failed:
-            return str(failed)
-    return ""
 
 
 def run(arguments, folder, limit):

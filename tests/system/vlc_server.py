@@ -1,20 +1,34 @@
-"""Serves a file as VLC does: python3 vlc_server.py PORT FILE. In a process of its own, for it ends with a signal."""
+"""Serves a file as VLC does: python3 vlc_server.py PORT FILE, for each client by itself; or, with an address of this
+machine and a group behind it, to that group. In a process of its own, for it ends with a signal."""
 
 import ctypes
 import signal
 import sys
 
+POINTERS = ("libvlc_new", "libvlc_media_new_path", "libvlc_media_player_new_from_media")
 
-def serve(port, file):
+
+def serve(port, file, address="", group=""):
     vlc = ctypes.CDLL("libvlc.so.5")
-    vlc.libvlc_new.restype = ctypes.c_void_p
-    options = [f"--rtsp-port={port}".encode(), b"--ignore-config", b"--quiet"]
-    instance = vlc.libvlc_new(len(options), (ctypes.c_char_p * len(options))(*options))
-    if not instance or vlc.libvlc_vlm_add_vod(ctypes.c_void_p(instance), b"v", f"file://{file}".encode(), 0, None, True, None):
+    for name in POINTERS:
+        getattr(vlc, name).restype = ctypes.c_void_p
+    options = [f"--rtsp-port={port}", "--ignore-config", "--quiet"]
+    if group:
+        options += [f"--rtsp-host={address}", "--miface=lo", "--ttl=1"]
+    instance = ctypes.c_void_p(vlc.libvlc_new(len(options), (ctypes.c_char_p * len(options))(*map(str.encode, options))))
+    if group:
+        media = ctypes.c_void_p(vlc.libvlc_media_new_path(instance, file.encode()))
+        output = f":sout=#rtp{{dst={group},port=5004,sdp=rtsp://{address}:{port}/v}}"
+        for option in (output, ":sout-all"):
+            vlc.libvlc_media_add_option(media, option.encode())
+        failed = vlc.libvlc_media_player_play(ctypes.c_void_p(vlc.libvlc_media_player_new_from_media(media)))
+    else:
+        failed = vlc.libvlc_vlm_add_vod(instance, b"v", f"file://{file}".encode(), 0, None, True, None)
+    if failed:
         sys.exit("VLC does not serve it")
     print("listening", flush=True)
     signal.pause()
 
 
 if __name__ == "__main__":
-    serve(int(sys.argv[1]), sys.argv[2])
+    serve(int(sys.argv[1]), *sys.argv[2:])
