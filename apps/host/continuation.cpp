@@ -42,10 +42,11 @@ Continuation::Continuation(const CourseOptions &options, Report &report)
     }
     m_rest.record = restOf(m_file);
     m_held = static_cast<double>(facts.ullMediaMs) / 1000;
+    m_rest.held = m_held;
     m_rest.skip = std::max(static_cast<double>(facts.ullLastKeyMs) / 1000 - beforeKey, 0.001);
     m_report.event("continuing",
-                   m_file + " ends at " + seconds(m_held) + ": going on from its last key frame, at " +
-                       seconds(m_rest.skip),
+                   m_file + " ends at " + seconds(m_held) +
+                       ": what it lacks is fetched from its last key frame on, at " + seconds(m_rest.skip),
                    {{"file", m_file}, {"seconds", m_held}, {"from", m_rest.skip}});
 }
 

@@ -20,6 +20,8 @@ public:
 
     /// The options that fetch the rest.
     const CourseOptions &options() const { return m_rest; }
+    /// Seconds of the recording that the file has.
+    double held() const { return m_held; }
     /// Seconds of the recording that are there, without what is fetched again for the seam.
     double there() const { return m_rest.skip; }
     /// Makes one file of both, when something came.

@@ -15,7 +15,6 @@ namespace {
 
 constexpr double step = 10; // seconds
 constexpr double farStep = 60;
-constexpr double beforeEnd = 1; // seconds: a server refuses to play from the very end
 constexpr ZR_ULONG pictureWithinMs = 5000;
 
 /// A name that no file has.
@@ -141,13 +140,8 @@ void Controls::move(double seconds)
         say("a live stream plays now: there is nowhere else to go");
         return;
     }
-    Span span = m_course.span();
-    if (span.end)
-    {
-        span.end->seconds -= beforeEnd;
-    }
     position->seconds += seconds;
-    playFrom(clamped(*position, span), m_course.playback().speedCode);
+    playFrom(*position, m_course.playback().speedCode);
 }
 
 void Controls::changeSpeed(bool up)
@@ -170,6 +164,7 @@ void Controls::playFrom(Position position, std::optional<ZR_ULONG> speedCode)
     const Span span = m_course.span();
     const Playback &first = m_course.options().playback;
     const bool backwards = speedFactor(speedCode) < 0;
+    position = m_course.within(position, backwards);
     // backwards a range falls (RFC 2326, 12.34)
     const bool asAtFirst = backwards == (speedFactor(first.speedCode) < 0);
     const auto bound = parsePosition(first.to);

@@ -79,8 +79,11 @@ void Course::begin()
         try
         {
             open();
-            start();
-            awaitMedia();
+            if (!m_whole)
+            {
+                start();
+                awaitMedia();
+            }
             again = false;
         }
         catch (const Failure &failed)
@@ -129,7 +132,12 @@ void Course::open()
     m_description = m_session->describe();
     m_report.event("described", "described: " + summary(m_description), {{"range", m_description.range}});
     stopIfInterrupted();
+    requireWithin();
     passOver();
+    if (m_whole)
+    {
+        return;
+    }
     if (m_options.multicast)
     {
         m_session->askForMulticast();
@@ -149,20 +157,6 @@ void Course::open()
                        {{"media", track.media}, {"transport", transport()}});
         stopIfInterrupted();
     }
-}
-
-void Course::passOver()
-{
-    if (m_options.skip <= 0)
-    {
-        return;
-    }
-    const Playback &asked = m_options.playback;
-    const Span span = parseSpan(m_description.range);
-    Position from = (asked.from.empty() ? span.begin : parsePosition(asked.from)).value_or(Position{});
-    from.seconds += m_options.skip;
-    m_playback.from = positionText(from);
-    m_playback.to = asked.to.empty() && span.end ? positionText(*span.end) : asked.to;
 }
 
 void Course::start()
@@ -211,35 +205,6 @@ void Course::awaitMedia()
     {
         take(*notice);
     }
-}
-
-std::optional<double> Course::length() const
-{
-    const Span span = parseSpan(m_description.range);
-    const auto from = m_playback.from.empty() ? span.begin : parsePosition(m_playback.from);
-    const auto to = m_playback.to.empty() ? span.end : parsePosition(m_playback.to);
-    if (!to || (from && from->clock != to->clock) || (!from && to->clock))
-    {
-        return std::nullopt;
-    }
-    const double seconds = std::fabs(to->seconds - (from ? from->seconds : 0));
-    return seconds > 0 ? std::optional<double>(seconds / std::fabs(speedFactor(m_playback.speedCode))) : std::nullopt;
-}
-
-std::optional<Position> Course::position() const
-{
-    if (const auto told = toldPosition())
-    {
-        return told;
-    }
-    const Span span = this->span();
-    auto position = m_playback.from.empty() ? span.begin : parsePosition(m_playback.from);
-    if (position)
-    {
-        position->seconds += secondsOfPlayback() * speedFactor(m_playback.speedCode);
-        *position = clamped(*position, span);
-    }
-    return position;
 }
 
 void Course::stop(const std::optional<Failure> &failure)

@@ -24,6 +24,7 @@ struct CourseOptions
     Segments segments;                   ///< of that
     bool metadata = false;               ///< of ONVIF is received, for the recording
     double skip = 0;    ///< seconds of the recording that are there already: what is played begins behind them
+    double held = 0;    ///< with those that are fetched again for the seam
     double silence = 5; ///< seconds without media after which that is said
 };
 
@@ -55,6 +56,9 @@ public:
     /// Describes and sets up, starts the recording, plays, and waits for the first packet. Begins once more with a new
     /// session over the other protocol, if the options let it, where the server refuses the one or UDP stays silent.
     void begin();
+    /// Whether all that is asked for is there already, as far as the description tells its length: begin has then only
+    /// described, and there is nothing to end.
+    bool whole() const { return m_whole; }
     /// Waits for what happens, half a second at most, and looks after the media.
     void step(std::chrono::milliseconds longest);
     /// Whether nothing more will come: the session ended or failed, or the program is to end.
@@ -88,6 +92,8 @@ public:
     /// Where it plays: by the frames of a replay, else as far as can be reckoned by what was asked for and the
     /// description. None: live.
     std::optional<Position> position() const;
+    /// The place, or the nearest to it from where there is something to play.
+    Position within(Position place, bool backwards) const;
     /// Where it can play, as far as the description tells that in the unit that it plays by.
     Span span() const;
     /// The fields, with the position's time of the day where the frames of a replay tell it.
@@ -120,6 +126,7 @@ private:
     void start();
     void awaitMedia();
     void measure();
+    void requireWithin();
     void passOver();
     void endRecordingAtEnd();
     void tellFiles();
@@ -154,6 +161,7 @@ private:
     double m_nextProbe = 0; ///< seconds of silence at which the server is looked for
     bool m_silent = false;  ///< and it was said
     bool m_over = false;
+    bool m_whole = false;
     std::optional<ZR_ULONG> m_notice;
     std::optional<Failure> m_failure;
 };

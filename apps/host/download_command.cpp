@@ -80,6 +80,13 @@ void Download::run(const Interrupt &interrupt)
     {
         failed = failure;
     }
+    if (!failed && m_course.whole())
+    {
+        const double there = m_continuation->held();
+        m_report.event("downloaded", m_file + " is already whole, " + length(there) + ": nothing was fetched",
+                       {{"file", m_file}, {"seconds", there}});
+        return;
+    }
     double held = m_course.media().covered;
     if (m_continuation != nullptr) // also of what was cut once more
     {
@@ -95,6 +102,10 @@ void Download::run(const Interrupt &interrupt)
 void Download::fetch(const Interrupt &interrupt)
 {
     m_course.begin();
+    if (m_course.whole())
+    {
+        return;
+    }
     m_length = m_course.length();
     while (!m_course.over())
     {

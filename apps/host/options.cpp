@@ -470,6 +470,7 @@ Options parseOptions(int argc, char **argv, Hints &hints)
     raw.replay.add(*replay, options.play.course.playback);
     addSpeed(*replay, options.play);
     addRecord(*replay, options.play);
+    addRecording(*replay, options.play.course, "");
     addForce(*replay, options.common)->group(moreGroup);
     addForce(*download, options.common);
     addDownload(*download, raw, options.download);

@@ -52,6 +52,20 @@ class DownloadTest(HostTest):
         self.check_recording(file, 9, "video/x-h264", "audio/x-alaw")
         self.assertEqual(sorted(os.listdir(self.folder)), ["r.mkv", "whole.mkv"])
 
+    def test_what_is_whole_stays_as_it_is(self):
+        url, file = self.device().url("vod"), self.file("r.mkv")
+        for asked in (("--from", "2", "--to", "5"), ("--from", "6", "--to", "99")):
+            self.run_host(OK, "download", url, file, "--force", *asked)
+            before = os.stat(file)
+            result = self.run_host(OK, "download", url, file, "--continue", "--json", *asked)
+            told = {event["event"]: event for event in result.events()}
+            with self.subTest(asked=asked):
+                self.assertIn("r.mkv is already whole, 3.0 s", told["downloaded"]["text"])
+                self.assertNotIn("playing", told)
+                self.assertEqual((os.stat(file).st_mtime_ns, os.listdir(self.folder)), (before.st_mtime_ns, ["r.mkv"]))
+        result = self.run_host(OK, "download", url, file, "--continue", "--from", "2")  # of which it holds but a part
+        self.assertIn("playing from ", result.out)
+
     def test_files_of_a_length(self):
         device = self.device("--vod-length", "9")
         whole, file = self.file("whole.mkv"), self.file("r.mkv")

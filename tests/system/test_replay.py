@@ -52,6 +52,15 @@ class ReplayTest(HostTest):
         self.assertRegex(told["progress"]["time"], r"2026-11-20T10:00:0[01]\.\d{3}Z")
         self.assertEqual(int(told["progress"]["position"]) // 10, BEGIN // 10)
 
+    def test_files_of_a_length(self):
+        url = self.device("--replay-from", "20261120T100000Z").url("replay")
+        result = self.run_host(OK, "replay", url, "--tcp", "--from", "2026-11-20T10:00:00Z", "--record", self.file("r.mkv"),
+                               "--segment-length", "4", "--json")
+        files = [event for event in result.events() if event["event"] == "recorded_file"]
+        self.assertEqual([event["end"] for event in files], ["length"] * (len(files) - 1) + ["ended"], str(result))
+        self.assertEqual([event["file"] for event in files][:2], [self.file("r.mkv"), self.file("r-002.mkv")])
+        self.assertAlmostEqual(sum(event["seconds"] for event in files), 9, delta=0.5)
+
     def test_backwards(self):
         device, url = self.recorder(group(5, 10) + group(4, 10, LAST))
         told = self.replay(url, "--udp", "--from", "2026-11-20T10:00:00Z", "--to", "2026-11-20T10:00:06Z", "--speed", "-1")

@@ -47,6 +47,17 @@ class SessionTest(HostTest):
         difference = ImageChops.difference(*parts).getextrema()
         self.assertGreater(max(high for _, high in difference), 100)
 
+    def test_there_is_nothing_behind_the_end(self):
+        url = self.device().url("vod")
+        for asked, where in ((("--from", "99"), "behind 1:39: the recording ends at 0:09"), (("--from", "9"), "behind 0:09"),
+                             (("--from", "0", "--speed=-1"), "before 0:00: the recording begins at 0:00")):
+            with self.subTest(asked=asked):
+                result = self.run_host(REFUSED, "play", url, *asked)
+                self.assertIn("nothing lies " + where, result.err)
+                self.assertNotIn("set up", result.out)
+        # more than there is ends with it, and is no stream that stopped
+        self.assertIn("the recording ended", self.run_host(OK, "play", url, "--tcp", "--from", "8", "--to", "99").out)
+
     def test_keys(self):
         url = self.device("--vod-length", "40").url("vod")
         shell, terminal = pty.fork()
