@@ -1,7 +1,9 @@
 #include "sps.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <stdexcept>
+#include <vector>
 
 namespace zr::host {
 namespace {
@@ -151,8 +153,8 @@ void skipPictureOrder(BitReader &in)
     }
 }
 
-/// Of the usability information (H.264, E.1.1) up to the timing.
-std::optional<double> readRate(BitReader &in)
+/// The usability information's beginning, which H.264 (E.1.1) and H.265 (E.2.1) share.
+void skipUsability(BitReader &in)
 {
     constexpr unsigned extended = 255;
     if (in.bit() == 1 && in.bits(8) == extended) // sample aspect ratio
@@ -173,13 +175,18 @@ std::optional<double> readRate(BitReader &in)
         in.ue();
         in.ue();
     }
+}
+
+/// The timing, where there is one.
+std::optional<double> readRate(BitReader &in, unsigned ticksPerFrame)
+{
     if (in.bit() == 0)
     {
         return std::nullopt;
     }
     const uint32_t units = in.bits(32);
     const uint32_t scale = in.bits(32);
-    const double rate = units == 0 ? 0 : scale / (2.0 * units);
+    const double rate = units == 0 ? 0 : scale / (double{1} * ticksPerFrame * units);
     return rate > 0 && rate <= unusualRate ? std::optional<double>(rate) : std::nullopt;
 }
 
@@ -243,7 +250,8 @@ std::optional<PictureFormat> readH264(BitReader in)
     }
     if (in.bit() == 1)
     {
-        format.framesPerSecond = readRate(in);
+        skipUsability(in);
+        format.framesPerSecond = readRate(in, 2);
     }
     return format;
 }
@@ -263,6 +271,116 @@ void skipProfileTierLevel(BitReader &in, unsigned subLayers)
     {
         in.skip((profilePresent[i] ? 88U : 0U) + (levelPresent[i] ? 8U : 0U));
     }
+}
+
+void skipScalingListsH265(BitReader &in)
+{
+    for (unsigned size = 0; size < 4; ++size)
+    {
+        for (unsigned matrix = 0; matrix < (size == 3 ? 2U : 6U); ++matrix)
+        {
+            if (in.bit() == 0)
+            {
+                in.ue();
+                continue;
+            }
+            const unsigned coefficients = (size == 0 ? 16 : 64) + (size > 1 ? 1 : 0);
+            for (unsigned i = 0; i < coefficients; ++i)
+            {
+                in.se();
+            }
+        }
+    }
+}
+
+/// How far the pictures that one refers to are from it, in their order.
+using References = std::vector<int64_t>;
+
+/// @param former  of the set before; null: it is the first (H.265, 7.3.7 and 7.4.8)
+References readReferences(BitReader &in, const References *former)
+{
+    constexpr uint32_t most = 16;
+    References references;
+    if (former != nullptr && in.bit() == 1)
+    {
+        const bool negative = in.bit() == 1;
+        const int64_t shift = (int64_t{in.ue()} + 1) * (negative ? -1 : 1);
+        References shifted = *former;
+        shifted.push_back(0);
+        for (const int64_t reference : shifted)
+        {
+            const bool used = in.bit() == 1 || in.bit() == 1;
+            if (used && reference + shift != 0)
+            {
+                references.push_back(reference + shift);
+            }
+        }
+        // the earlier ones and then the later ones, each beginning with the nearest
+        std::sort(references.begin(), references.end(),
+                  [](int64_t one, int64_t other) { return one < 0 && other < 0 ? one > other : one < other; });
+        return references;
+    }
+    const uint32_t earlier = in.ue();
+    const uint32_t later = in.ue();
+    if (earlier > most || later > most)
+    {
+        throw std::out_of_range("more references than there can be");
+    }
+    for (uint32_t i = 0; i < earlier + later; ++i)
+    {
+        const bool begins = i == 0 || i == earlier;
+        const int64_t step = int64_t{in.ue()} + 1;
+        in.bit();
+        references.push_back((begins ? 0 : references.back()) + (i < earlier ? -step : step));
+    }
+    return references;
+}
+
+/// From behind the bit depths on.
+std::optional<double> readRateH265(BitReader &in, unsigned subLayers)
+{
+    constexpr uint32_t mostSets = 64;
+    const unsigned orderBits = in.ue() + 4;
+    const unsigned ordered = in.bit() == 1 ? subLayers + 1 : 1;
+    for (unsigned i = 0; i < 3 * ordered + 6; ++i) // and the sizes of blocks
+    {
+        in.ue();
+    }
+    if (in.bit() == 1 && in.bit() == 1)
+    {
+        skipScalingListsH265(in);
+    }
+    in.skip(2);
+    if (in.bit() == 1) // PCM
+    {
+        in.skip(8);
+        in.ue();
+        in.ue();
+        in.skip(1);
+    }
+    References references;
+    const uint32_t sets = in.ue();
+    for (uint32_t i = 0; i < sets && sets <= mostSets; ++i)
+    {
+        references = readReferences(in, i == 0 ? nullptr : &references);
+    }
+    if (in.bit() == 1) // long-term references
+    {
+        const uint32_t longTerm = in.ue();
+        in.skip(size_t{longTerm} * (orderBits + 1));
+    }
+    in.skip(2);
+    if (in.bit() == 0)
+    {
+        return std::nullopt;
+    }
+    skipUsability(in);
+    in.skip(3);
+    for (unsigned i = in.bit() == 1 ? 4 : 0; i > 0; --i) // the window that is displayed
+    {
+        in.ue();
+    }
+    return readRate(in, 1);
 }
 
 std::optional<PictureFormat> readH265(BitReader in)
@@ -289,12 +407,20 @@ std::optional<PictureFormat> readH265(BitReader in)
         cropY = uint64_t{in.ue()} + in.ue();
     }
     format.bitDepth = 8 + in.ue();
+    in.ue();
     const unsigned unitX = !separate && (chroma == 1 || chroma == 2) ? 2 : 1;
     const unsigned unitY = !separate && chroma == 1 ? 2 : 1;
     if (chroma > 3 || format.bitDepth < 8 || format.bitDepth > 16 ||
         !setSize(format, width, height, cropX * unitX, cropY * unitY))
     {
         return std::nullopt;
+    }
+    try
+    {
+        format.framesPerSecond = readRateH265(in, subLayers);
+    }
+    catch (const std::out_of_range &) // the size is known all the same
+    {
     }
     return format;
 }

@@ -20,7 +20,7 @@ struct PictureFormat
 /// @return nothing when it is none, is cut off, or names an impossible size
 std::optional<PictureFormat> parseH264Sps(const std::string &nal);
 
-/// @param nal  an H.265 SPS as a NAL unit (ITU-T H.265, 7.3.2.2.1); its frame rate is not looked for
+/// @param nal  an H.265 SPS as a NAL unit (ITU-T H.265, 7.3.2.2.1)
 std::optional<PictureFormat> parseH265Sps(const std::string &nal);
 
 } // namespace zr::host

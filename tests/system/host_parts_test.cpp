@@ -193,7 +193,12 @@ TEST(HostParameterSet, tellsThePicturesWhateverComes)
         {"Z/QAHpDZsoFoSbAUoMDAyAAAAwAIAAADAZT4oUyw", parseH264Sps, {720, 576, 10, 25}},              // 4:4:4, fields
         {"QgEBBAgAAAMAmAgAAAMAAHiQAHgQAhzuylLKzSSZX/4AAgAC1AQEBBAAAAMAEAAAAwGQgA==",
          parseH265Sps,
-         {1918, 1078, 12, std::nullopt}}};
+         {1918, 1078, 12, 25}},
+        {"QgEBAWAAAAMAkAAAAwAAAwBdoAUCAWllleSRLunTp06ZERFdOnTp06dOnTp06dOnTp06dOnTK6dOnTp06dOnTp06dOnTp06dOmV06dOnTp06dOnTp06d"
+         "OnTp06dMoQdOnTp06dOnTp06dOnTp06dOnTKEHTp06dOnTp06dOnTp06dOnTp0yhB06dOnTp06dOnTp06dOnTp06dMoQdOnTp06dOnTp06dOnTp06dOnT"
+         "Ju/K1quvnT/YPCX/4ACAAHagICA0hTJgAAB9IAAdTAE",
+         parseH265Sps, // scaling lists, references that others tell, and all else that lies before the rate
+         {640, 360, 8, 60000 / 1001.0}}};
     EXPECT_FALSE(parseH264Sps(fromBase64("Z2QAKKAAAAMAH////zLQFAWi").value())); // the luma's 8 and 4294967288 bits
     for (const auto &[text, parse, told] : cases)
     {
