@@ -38,7 +38,8 @@ void addOptions(CLI::App &app, zr::device::DeviceOptions &options)
     password->needs(user);
     app.add_option("--auth", options.authentication, "How they give it: basic or digest (default)")
         ->transform(CLI::CheckedTransformer(std::map<std::string, Authentication>{{"basic", Authentication::Basic},
-                                                                                  {"digest", Authentication::Digest}}))
+                                                                                  {"digest", Authentication::Digest}})
+                        .description("{basic,digest}"))
         ->needs(user);
     app.add_option_function<std::vector<std::string>>(
            "--tls",

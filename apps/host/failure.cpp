@@ -1,6 +1,7 @@
 #include "failure.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 
 #include "zr_platform.h"
@@ -155,6 +156,26 @@ Failure connectionFailed(const std::string &step, ZR_ULONG code, ZR_ULONG proble
 Failure wrongUsage(const std::string &meaning)
 {
     return {ExitCode::Usage, "reading the command line", 0, meaning};
+}
+
+Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG code)
+{
+    if (code == ZR_MEDIA_NO_MEDIA)
+    {
+        return {ExitCode::Output, what, code, "nothing came that " + file + " could begin with",
+                "let it run until the next key frame; `check URL` tells whether media arrives"};
+    }
+    constexpr uintmax_t smallestSpace = 1U << 20U;
+    std::error_code unknown;
+    const std::string folder = std::filesystem::path(file).parent_path().string();
+    const auto space = std::filesystem::space(folder.empty() ? "." : folder, unknown);
+    if (!unknown && space.available < smallestSpace)
+    {
+        return {ExitCode::Output, what, code, file + " could not be written whole: the disk is full",
+                "make room there; what was written stays, and download --continue fetches the rest"};
+    }
+    return {ExitCode::Output, what, code, file + " could not be written",
+            "check the folder, and that the library was built with GStreamer; --log-level info tells more"};
 }
 
 } // namespace zr::host

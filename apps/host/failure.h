@@ -54,6 +54,10 @@ private:
 /// @param text  what the server or the platform says of it; may be empty
 Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string &text = {});
 
+/// A recording or a picture that could not be written.
+/// @param code  what the platform's operation returned
+Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG code);
+
 /// A request that nothing came back to, although there is a connection.
 /// @param code    what the plug-in's operation returned
 /// @param waited  how long

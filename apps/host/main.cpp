@@ -133,6 +133,7 @@ int main(int argc, char **argv)
     try
     {
         std::signal(SIGPIPE, SIG_IGN); // a failed write is told by the write
+        std::signal(SIGXFSZ, SIG_IGN);
         // known before the options are, so that also a wrong one is told in the form that was asked for
         const bool json =
             std::any_of(argv, argv + argc, [](const char *text) { return std::strcmp(text, "--json") == 0; });

@@ -22,17 +22,6 @@ ZR_ULONG nextId()
     return ++last;
 }
 
-Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG code)
-{
-    if (code == ZR_MEDIA_NO_MEDIA)
-    {
-        return {ExitCode::Output, what, code, "nothing came that " + file + " could begin with",
-                "let it run until the next key frame; `check URL` tells whether media arrives"};
-    }
-    return {ExitCode::Output, what, code, file + " could not be written",
-            "check the folder, and that the library was built with GStreamer; --log-level info tells more"};
-}
-
 } // namespace
 
 Session::Session(Plugin &plugin, const Source &source, Mailbox &mailbox)
@@ -423,6 +412,7 @@ void Session::record(const std::string &file, const Segments &segments)
     {
         throw notWritten("recording", file, result);
     }
+    m_recording = file;
 }
 
 void Session::takeFile(const ZrRecordingFile *file, void *session)
@@ -444,7 +434,7 @@ void Session::endRecording()
     const ZR_ULONG result = ZR_MediaPortRecord(m_id, nullptr);
     if (result != 0)
     {
-        throw notWritten("recording", "the file", result);
+        throw notWritten("recording", m_recording, result);
     }
 }
 

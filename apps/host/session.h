@@ -157,6 +157,7 @@ private:
     CIMediaCtrlEx *m_controlEx = nullptr;
     CIMediaCtrlEx2 *m_controlEx2 = nullptr;
     Description m_description;
+    std::string m_recording;                   ///< the file that was begun last
     bool m_handedOver = false;                 ///< the credentials
     bool m_played = false;                     ///< the server agreed to
     std::chrono::duration<double> m_waited{0}; ///< for the answer to the latest request
