@@ -362,15 +362,16 @@ void Course::tellFiles()
         const double seconds = static_cast<double>(facts.ullMediaMs) / 1000;
         char length[32];
         std::snprintf(length, sizeof length, "%.1f s", seconds);
-        m_report.event("recorded_file",
-                       "wrote " + file.name + ", " + length +
-                           (facts.ulEnd == ZR_RECORDING_CHANGED ? "; what came then is coded otherwise" : ""),
-                       {{"file", file.name},
-                        {"number", facts.ulNumber},
-                        {"end", ends.at(facts.ulEnd)},
-                        {"seconds", seconds},
-                        {"begin", static_cast<double>(facts.ullUnixUs) / 1e6},
-                        {"clock", facts.ulSenderClock != 0 ? "sender" : "receiver"}});
+        m_report.event(
+            "recorded_file",
+            "wrote " + file.name + ", " + length +
+                (facts.ulEnd == ZR_RECORDING_CHANGED ? "; what came then is coded otherwise, or of other tracks" : ""),
+            {{"file", file.name},
+             {"number", facts.ulNumber},
+             {"end", ends.at(facts.ulEnd)},
+             {"seconds", seconds},
+             {"begin", static_cast<double>(facts.ullUnixUs) / 1e6},
+             {"clock", facts.ulSenderClock != 0 ? "sender" : "receiver"}});
     }
 }
 

@@ -38,7 +38,8 @@ enum tagZrRecordingEnd : ZR_ULONG
     ZR_RECORDING_ENDED = 0,  ///< the recording did
     ZR_RECORDING_LENGTH = 1, ///< it was long enough
     ZR_RECORDING_SIZE = 2,   ///< it was large enough
-    ZR_RECORDING_CHANGED = 3 ///< what came then is coded otherwise: another resolution, parameter set or encoding
+    ZR_RECORDING_CHANGED = 3 ///< what came then is coded otherwise (another resolution, parameter set or encoding),
+                             ///< or of a track that had been silent
 };
 
 /// What the operations of TLS return besides 0; the log says more.

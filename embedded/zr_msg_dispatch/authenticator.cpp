@@ -150,6 +150,8 @@ Authenticator::Verdict Authenticator::take(const rtsp::Message &response, const 
         reset();
         return Verdict::Refused;
     }
+    if (choice.digest && m_choice.digest && choice.digest->nonce == m_choice.digest->nonce)
+        choice.digest->uses = m_choice.digest->uses; // a count that begins again is taken for a replay
     m_choice = std::move(choice);
     ++m_number;
     return Verdict::Answer;
@@ -165,11 +167,12 @@ void Authenticator::reset()
     m_choice = Choice();
 }
 
-std::string Authenticator::authorization(const Credentials &credentials, std::string_view method, std::string_view uri)
+std::string Authenticator::authorization(const Credentials &credentials, std::string_view method, std::string_view uri,
+                                         bool mayShow)
 {
     if (m_choice.digest)
         return answerDigest(*m_choice.digest, credentials, method, uri);
-    return m_choice.basicRealm ? answerBasic(credentials) : std::string();
+    return m_choice.basicRealm && mayShow ? answerBasic(credentials) : std::string();
 }
 
 std::string Authenticator::answerDigest(Digest &digest, const Credentials &credentials, std::string_view method,

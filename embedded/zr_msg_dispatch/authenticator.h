@@ -40,8 +40,10 @@ public:
     unsigned challenge() const;
     /// The value of an Authorization header.
     /// @param uri  as it stands in the request
+    /// @param mayShow  whether Basic is acceptable, which credentials that were set meanwhile may not allow
     /// @return empty without a challenge, or when the cryptographic library refuses its algorithm; of Basic a secret
-    std::string authorization(const Credentials &credentials, std::string_view method, std::string_view uri);
+    std::string authorization(const Credentials &credentials, std::string_view method, std::string_view uri,
+                              bool mayShow);
     /// The session is over, or with another server.
     void reset();
 

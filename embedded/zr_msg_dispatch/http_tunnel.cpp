@@ -73,11 +73,17 @@ void HttpTunnel::close()
     m_post.reset();
 }
 
+bool HttpTunnel::mayShow() const
+{
+    return m_plan.credentials->mayShow || m_get.secure();
+}
+
 /// A request's head; with the answer to what the server has challenged with.
 std::string HttpTunnel::head(const char *method, std::string_view headers)
 {
     const util::SecretText authorization(
-        m_plan.credentials ? m_authenticator.authorization(*m_plan.credentials, method, m_plan.path) : std::string());
+        m_plan.credentials ? m_authenticator.authorization(*m_plan.credentials, method, m_plan.path, mayShow())
+                           : std::string());
     const std::string &agent = m_get.m_settings.userAgent;
     std::string text;
     text.reserve(m_plan.path.size() + m_plan.host.size() + agent.size() + headers.size() + authorization.text().size() +
@@ -163,8 +169,7 @@ bool HttpTunnel::answerChallenge(std::string &problem)
         problem = "and there are no credentials for it";
         return false;
     }
-    const bool mayShow = m_plan.credentials->mayShow || m_get.secure();
-    const auto verdict = m_authenticator.take(m_getAnswer.message(), {m_challenge, m_answered}, mayShow, problem);
+    const auto verdict = m_authenticator.take(m_getAnswer.message(), {m_challenge, m_answered}, mayShow(), problem);
     if (verdict != Authenticator::Verdict::Answer)
         return false;
     ++m_answered;

@@ -48,6 +48,7 @@ private:
     void arrived(const Connection &on, std::string_view bytes) override;
     void judgeGet(std::string_view rest);
     bool answerChallenge(std::string &problem);
+    bool mayShow() const;
     void judgePost();
     void openPost();
     void endPost();

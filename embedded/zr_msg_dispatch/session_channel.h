@@ -82,6 +82,7 @@ private:
     void dropConnection();
     bool maySeeCredentials() const;
     bool authenticates(const Orders &orders) const;
+    bool mayShow(const Credentials &credentials) const;
     unsigned addOrders(std::string &bytes, const Orders &orders);
     /// What becomes of an answer where the host gave credentials.
     enum class Authentication

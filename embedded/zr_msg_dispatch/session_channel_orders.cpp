@@ -16,6 +16,12 @@ bool SessionChannel::authenticates(const Orders &orders) const
     return orders.credentials && m_authenticator.challenge() != 0 && m_target.address == m_asked.address;
 }
 
+/// Whether a password may go out as it is.
+bool SessionChannel::mayShow(const Credentials &credentials) const
+{
+    return credentials.mayShow || m_connection->secure();
+}
+
 /// Adds to the bytes of a request.
 /// @return the number of the challenge that it answers now
 unsigned SessionChannel::addOrders(std::string &bytes, const Orders &orders)
@@ -26,7 +32,8 @@ unsigned SessionChannel::addOrders(std::string &bytes, const Orders &orders)
     const std::string_view method = line.substr(0, line.find(' '));
     line.remove_prefix(method.size() + 1);
     const std::string_view uri = line.substr(0, line.find(' '));
-    const util::SecretText value(authenticates(orders) ? m_authenticator.authorization(*orders.credentials, method, uri)
+    const util::SecretText value(authenticates(orders) ? m_authenticator.authorization(*orders.credentials, method, uri,
+                                                                                       mayShow(*orders.credentials))
                                                        : std::string());
     const std::string lines = orders.linesFor(method);
     constexpr std::string_view name = "Authorization: ";
@@ -46,9 +53,9 @@ SessionChannel::Authentication SessionChannel::authenticate(const Exchange &exch
     if (response.status != statusUnauthorized || !orders->credentials || !(m_target.address == m_asked.address))
         return Authentication::None;
     const AcceptedPtr &accepted = exchange.accepted;
-    const bool mayShow = orders->credentials->mayShow || m_connection->secure();
     std::string problem;
-    switch (m_authenticator.take(response, {exchange.challenge, accepted->answered}, mayShow, problem))
+    switch (m_authenticator.take(response, {exchange.challenge, accepted->answered}, mayShow(*orders->credentials),
+                                 problem))
     {
     case Authenticator::Verdict::Answer:
         ++accepted->answered;

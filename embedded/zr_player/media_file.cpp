@@ -184,7 +184,7 @@ std::deque<MediaFile::Packet> MediaFile::takePackets(const std::shared_ptr<const
     }
     while (m_packets.front().among == sources)
     {
-        m_queuedBytes -= m_packets.front().bytes.size();
+        m_queuedBytes -= m_packets.front().bytes.size() + sizeof(Packet);
         taken.push_back(std::move(m_packets.front()));
         m_packets.pop_front();
     }
@@ -234,7 +234,7 @@ ZrMediaState MediaFile::writeOf(Lock &lock, const std::shared_ptr<const Sources>
         clock.told = false;
     }
     lock.unlock();
-    const Sink sink(open(*sources), m_library.close);
+    Sink sink(open(*sources), m_library.close);
     ZrMediaState state = sink == nullptr ? ZR_MEDIA_STATE_FAILED : ZR_MEDIA_STATE_RUNNING;
     lock.lock();
     m_begun = sink != nullptr;
@@ -261,6 +261,7 @@ ZrMediaState MediaFile::writeOf(Lock &lock, const std::shared_ptr<const Sources>
     {
         state = m_library.finish(sink.get(), finishMs);
     }
+    sink.reset(); // its threads may need the lock to end
     lock.lock();
     return state;
 }

@@ -23,7 +23,7 @@ const char *reasonOf(ZrMediaPartEnd why)
 {
     return why == ZR_MEDIA_PART_LENGTH ? "it was long enough"
            : why == ZR_MEDIA_PART_SIZE ? "it was large enough"
-                                       : "what comes now is coded otherwise";
+                                       : "what comes now is coded otherwise, or of other tracks";
 }
 
 } // namespace

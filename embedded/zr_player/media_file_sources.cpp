@@ -115,7 +115,7 @@ void MediaFile::offer(unsigned track, unsigned tracks, const Format &format, con
     {
         return;
     }
-    if (m_queuedBytes + size > maxQueuedBytes)
+    if (m_queuedBytes + size + sizeof(Packet) > maxQueuedBytes)
     {
         if (m_dropped++ == 0)
         {
@@ -125,7 +125,7 @@ void MediaFile::offer(unsigned track, unsigned tracks, const Format &format, con
         }
         return;
     }
-    m_queuedBytes += size;
+    m_queuedBytes += size + sizeof(Packet);
     m_packets.push_back({m_sources, *source, arrival, {data, data + size}});
     if (!metadata) // two payload types may mean the same
     {

@@ -146,9 +146,9 @@ void MetadataFile::append(Piece &&piece)
     {
         write(whole);
     }
-    else if (m_waitingBytes + whole.text.size() <= maxWaiting)
+    else if (m_waitingBytes + whole.text.size() + sizeof whole <= maxWaiting)
     {
-        m_waitingBytes += whole.text.size();
+        m_waitingBytes += whole.text.size() + sizeof whole;
         m_waiting.push_back(std::move(whole));
     }
     else

@@ -43,6 +43,7 @@ void Recorder::take(size_t track, GstSample *sample)
         of.caps.reset(gst_caps_ref(gst_sample_get_caps(sample)));
         of.first = GST_CLOCK_TIME_IS_VALID(of.first) ? of.first : GST_BUFFER_PTS(frame);
         of.last = std::max<uint64_t>(of.last, GST_BUFFER_PTS(frame));
+        of.silent = false;
         m_changed.notify_all();
         m_changed.wait(lock, [this] { return m_state != ZR_MEDIA_STATE_RUNNING || !m_parts.empty() || known(); });
         hold(track, GST_BUFFER_PTS(frame), lock);
@@ -103,7 +104,7 @@ std::optional<ZrMediaPartEnd> Recorder::due(const Part &part, size_t track, uint
 {
     const GstCaps *before = part.caps[track].get();
     const GstCaps *now = m_tracks[track].caps.get();
-    if (m_wanted || before == nullptr || (before != now && !codedAlike(before, now)))
+    if (m_wanted || before == nullptr || !part.open[track] || (before != now && !codedAlike(before, now)))
     {
         return ZR_MEDIA_PART_CHANGED;
     }
@@ -119,6 +120,10 @@ std::optional<ZrMediaPartEnd> Recorder::due(const Part &part, size_t track, uint
 Recorder::PartPtr Recorder::partOf(size_t track, GstBuffer *frame, Lock &lock)
 {
     const uint64_t time = GST_BUFFER_PTS(frame);
+    if (m_tracks[track].ended)
+    {
+        return nullptr;
+    }
     if (m_parts.empty() && !begin(ZR_MEDIA_PART_END, time))
     {
         return nullptr;
@@ -127,9 +132,9 @@ Recorder::PartPtr Recorder::partOf(size_t track, GstBuffer *frame, Lock &lock)
     if (const auto why = mayBegin ? due(*m_parts.back(), track, time) : std::nullopt)
     {
         m_changed.wait_for(lock, closedWithin, [this] {
-            return m_state != ZR_MEDIA_STATE_RUNNING || (m_parts.size() < maxOpen && formersEnded());
+            return m_state != ZR_MEDIA_STATE_RUNNING || m_parts.empty() || (m_parts.size() < maxOpen && formersEnded());
         });
-        if (m_state != ZR_MEDIA_STATE_RUNNING || (m_parts.size() < maxOpen && !begin(*why, time)))
+        if (m_state != ZR_MEDIA_STATE_RUNNING || m_parts.empty() || (m_parts.size() < maxOpen && !begin(*why, time)))
         {
             return nullptr;
         }
@@ -143,7 +148,12 @@ Recorder::PartPtr Recorder::partOf(size_t track, GstBuffer *frame, Lock &lock)
         endIn(*m_parts[former], track);
     }
     PartPtr part = m_parts[at];
-    if (part->places[track] == none || !part->open[track] || time < part->begin)
+    if (part->places[track] == none || !part->open[track])
+    {
+        m_wanted = m_wanted || at + 1 == m_parts.size(); // it was silent
+        return nullptr;
+    }
+    if (time < part->begin)
     {
         return nullptr;
     }

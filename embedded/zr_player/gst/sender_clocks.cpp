@@ -53,8 +53,10 @@ SenderClocks::Outcome SenderClocks::follow(size_t track, RtpTimeline &timeline, 
         const int64_t difference = of.start && other.start ? *of.start - *other.start : 0;
         early = difference <= largestDelay ? std::max(early, difference) : early;
     }
-    if (early >= smallestDelay)
+    // reports that contradict each other would put off both in turn
+    if (early >= smallestDelay && of.delayed + early <= largestDelay)
     {
+        of.delayed += early;
         outcome.delay = static_cast<uint64_t>(early);
         timeline.delay(outcome.delay);
         *of.start -= early;

@@ -49,6 +49,7 @@ private:
     struct Track
     {
         bool video = false;
+        int64_t delayed = 0; ///< in all
         unsigned run = 0; ///< of the timeline, that what follows is of
         std::optional<Report> news;
         std::optional<int64_t> start; ///< the wall clock at the recording's time 0; none where that does not hold
