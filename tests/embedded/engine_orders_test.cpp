@@ -32,6 +32,17 @@ TEST_F(EngineOrders, AnswerAsTheChallengeAsks)
     check("Digest qop=\"x, auth\", algorithm=SHA-256-sess" + more, "SHA256", true, true, "qop=auth, nc=00000001");
     check("Basic realm=x, Digest qop=auth" + more + sha, "SHA256", false, false, "algorithm=SHA-256\r\n");
     check("Basic realm=x", "MD5", false, false, "Basic dTpw\r\n");
+
+    // credentials that were set meanwhile may not be shown
+    ScriptedServer server(
+        {{{"", {challenge + "Basic realm=x\r\n\r\n"}}, {"", {describeAnswer}}, {"", {sessionAnswer}}}});
+    ZR_SessionSetCredentials(7, "u", "p", ZR_CREDENTIALS_BASIC_IN_CLEAR);
+    Client client(engine(), 7, server);
+    client.ask(AOI_MSG_RTSP_DESCRIBE);
+    ZR_SessionSetCredentials(7, "u", "other", 0);
+    client.ask(AOI_MSG_RTSP_OPTIONS);
+    EXPECT_THAT(server.requests(3).at(1), testing::HasSubstr("Authorization"));
+    EXPECT_THAT(server.requests(3).at(2), testing::Not(testing::HasSubstr("Authorization")));
 }
 
 /// A nonce for each request, another realm in between; what cannot be answered goes up, and is no end.

@@ -1,10 +1,12 @@
 #include <array>
+#include <deque>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <tuple>
 
 #include "media_tools.h"
+#include "recorder.h"
 #include "sender_clocks.h"
 
 using namespace zr::test;
@@ -258,6 +260,50 @@ TEST_F(RecordedFiles, AreAsLongOrLargeAsIsAskedFor)
         EXPECT_EQ(sounds, heard);
     }
     EXPECT_EQ(files(), 4) << "the second recording went over the first one's files";
+}
+
+/// The first file begins without sound, the second one's picture falls silent.
+TEST_F(RecordedFiles, HaveTheTracksThatAreHeardAgain)
+{
+    gst_init(nullptr, nullptr);
+    std::deque<std::string> names;
+    ZrMediaParts parts{};
+    parts.next = [](void *user, ZrMediaPartEnd, uint64_t) {
+        auto &made = *static_cast<std::deque<std::string> *>(user);
+        const std::string folder = testing::TempDir() + "zr_player_" + std::to_string(getpid());
+        return made.emplace_back(folder + "/" + std::to_string(made.size()) + ".mkv").c_str();
+    };
+    parts.whole = [](void *, const ZrMediaPart *) {};
+    const ZrMediaLog log = [](void *, int error, const char *text) { EXPECT_EQ(error, 0) << text; };
+    Recorder recorder(parts, {true, false}, log, &names);
+    const auto take = [&recorder](size_t track, uint64_t from, uint64_t to) {
+        const GstPtr<GstCaps> caps(gst_caps_from_string(track == 0 ? "image/jpeg,width=16,height=16,framerate=25/1"
+                                                                   : "audio/x-mulaw,rate=8000,channels=1"));
+        for (; from < to; ++from)
+        {
+            GstBuffer *frame = gst_buffer_new_allocate(nullptr, 320, nullptr);
+            GST_BUFFER_PTS(frame) = from * 40 * GST_MSECOND;
+            GST_BUFFER_DURATION(frame) = 40 * GST_MSECOND;
+            const GstPtr<GstSample> sample(gst_sample_new(frame, caps.get(), nullptr, nullptr));
+            gst_buffer_unref(frame);
+            recorder.take(track, sample.get());
+        }
+    };
+    recorder.setSilent(1, true);
+    take(0, 0, 5);
+    take(1, 4, 5);
+    take(0, 5, 10);
+    take(1, 5, 10);
+    recorder.setSilent(0, true);
+    take(1, 10, 20);
+    take(0, 20, 25);
+    take(1, 20, 25);
+    ASSERT_EQ(recorder.finish(20 * GST_SECOND), ZR_MEDIA_STATE_WHOLE);
+    ASSERT_EQ(names.size(), 3U);
+    for (const char *name : {"0.mkv", "1.mkv", "2.mkv"})
+        EXPECT_EQ(framesIn(name, "video_0 ! image/jpeg"), 5U) << name;
+    EXPECT_EQ(framesIn("1.mkv", "audio_0 ! audio/x-mulaw"), 15U);
+    EXPECT_EQ(framesIn("2.mkv", "audio_0 ! audio/x-mulaw"), 5U);
 }
 
 TEST_F(PlayerMedia, BringsPacketsInOrderAndSaysWhatIsMissing)

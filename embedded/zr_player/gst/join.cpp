@@ -162,6 +162,7 @@ private:
 std::vector<Writer::Track> Output::inOrder(const std::map<std::string, GstPtr<GstCaps>> &tracks)
 {
     std::vector<Writer::Track> ordered;
+    ordered.reserve(tracks.size());
     for (const auto &[name, caps] : tracks)
     {
         ordered.push_back({name, GstPtr<GstCaps>(gst_caps_ref(caps.get()))});
