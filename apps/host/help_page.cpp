@@ -64,7 +64,7 @@ std::string HelpPage::make_help(const CLI::App *app, std::string name, CLI::AppF
     page += often.empty() && !whole ? "\nOptions:\n" : often;
     for (const std::string &title : whole ? app->get_groups() : std::vector<std::string>())
     {
-        page += title == "Options" ? "" : group(title);
+        page += title == "Options" || title.empty() ? "" : group(title);
     }
     if (!whole)
     {

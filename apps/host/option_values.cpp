@@ -31,7 +31,8 @@ CLI::Validator numbers(double least, double most, const std::string &allowed, bo
                 char *end = nullptr;
                 const double value = std::strtod(text.c_str(), &end);
                 const bool number = !text.empty() && *end == '\0' && std::isfinite(value);
-                const bool good = number && value >= least && value <= most && (!whole || text.find_first_not_of("0123456789") == std::string::npos);
+                const bool good = number && value >= least && value <= most &&
+                                  (!whole || text.find_first_not_of("0123456789") == std::string::npos);
                 return good ? std::string() : wrong(text, bounds);
             },
             ""};

@@ -11,6 +11,7 @@
 #include "help_page.h"
 #include "option_values.h"
 #include "output_file.h"
+#include "position.h"
 #include "replay_options.h"
 #include "secrets.h"
 #include "source_list.h"
@@ -308,6 +309,17 @@ std::vector<Source> completeSources(const Raw &raw, const std::string &tag, cons
     return sources;
 }
 
+void requireOrder(const Playback &playback)
+{
+    const auto from = parsePosition(playback.from);
+    const auto to = parsePosition(playback.to);
+    const bool known = from && to && from->clock == to->clock && speedFactor(playback.speedCode) > 0;
+    if (known && to->seconds <= from->seconds)
+    {
+        throw wrongUsage("--to is not behind --from: that takes a negative --speed");
+    }
+}
+
 /// What a camera's name stands for takes the URL's place.
 void nameCamera(Raw &raw, const Cameras &cameras)
 {
@@ -389,10 +401,12 @@ void understand(Raw &raw, Options &options)
         {
             raw.replay.apply(options.play.course);
         }
+        requireOrder(options.play.course.playback);
         break;
     case Command::Download:
         options.download.course.segments.overwrite = common.force;
         requireFree(options.download.course.record, common.force || options.download.resume);
+        requireOrder(options.download.course.playback);
         common.source = source(tagOr("onvif"));
         options.download.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
         options.download.course.fallBack = !raw.tcp && !raw.udp;

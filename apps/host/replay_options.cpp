@@ -21,10 +21,6 @@ void orderRange(Playback &playback)
     {
         std::swap(playback.from, playback.to);
     }
-    else if (to && !rises && !backwards)
-    {
-        throw wrongUsage("--to is not behind --from: that takes a negative --speed");
-    }
 }
 
 } // namespace

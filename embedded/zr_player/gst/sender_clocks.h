@@ -50,7 +50,7 @@ private:
     {
         bool video = false;
         int64_t delayed = 0; ///< in all
-        unsigned run = 0; ///< of the timeline, that what follows is of
+        unsigned run = 0;    ///< of the timeline, that what follows is of
         std::optional<Report> news;
         std::optional<int64_t> start; ///< the wall clock at the recording's time 0; none where that does not hold
         /// Of the newest report, in the recording and by the wall clock.
