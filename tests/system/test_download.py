@@ -81,8 +81,9 @@ class DownloadTest(HostTest):
         self.assertEqual(sum(len(frames(name)) for name in files), len(frames(whole)))
         for event in told:
             self.check_recording(event["file"], event["seconds"], "video/x-h264", "audio/x-alaw")
-            self.assertEqual(event["clock"], "sender")
             self.assertAlmostEqual(event["begin"], began + 5, delta=20)
+        clocks = [event["clock"] for event in told]  # the device's first report may come after the first file's end
+        self.assertEqual((clocks, clocks[-1]), (sorted(clocks), "sender"))
         self.run_host(USAGE, "download", device.url("vod"), file, "--segment-length", "3", "--continue")
 
     def test_no_other_file_is_continued(self):
