@@ -144,14 +144,13 @@ private:
     std::string m_target; ///< what is written: the file, or a picture's temporary name beside it
     std::thread m_thread;
 
-    /// Guards what follows; the media library is not called under it, but for accepts().
+    /// Guards what follows. The media thread and the dispatcher's loop wait for it: nothing that may take its time, the
+    /// disk least of all, is done under it. The media library is not called under it, but for accepts().
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::shared_ptr<Sources> m_sources; ///< another one, when a track's coding changes
     unsigned m_changes = 0;
     std::array<ClockNews, maxTracks> m_clocks;
-    std::string m_name; ///< of the file that was begun last
-    ZR_ULONG m_number = 0;
     std::optional<uint64_t> m_begin;           ///< nanoseconds from the first packet to the first file's first frame
     std::map<std::string, ZR_ULONG> m_numbers; ///< of the files that are not whole yet
     unsigned m_heard = 0;                      ///< a bit for each track that was heard of
@@ -167,6 +166,10 @@ private:
     uint32_t m_metadataRate = 0;
     bool m_done = false;
     ZR_ULONG m_result = 0; ///< valid once done
+
+    // of nextFile, of which one call runs at a time: a sink is closed before the next is opened
+    std::string m_name; ///< of the file that was begun last
+    ZR_ULONG m_number = 0;
 
     // of the file's own thread
     bool m_goesOn = false;            ///< with other sources

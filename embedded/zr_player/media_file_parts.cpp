@@ -28,13 +28,14 @@ const char *reasonOf(ZrMediaPartEnd why)
 
 } // namespace
 
-/// Its name is the recording's at first, later a numbered one.
+/// Its name is the recording's at first, later a numbered one. The disk may take its time: meanwhile packets are
+/// offered.
 const char *MediaFile::nextFile(void *user, ZrMediaPartEnd why, uint64_t begin)
 {
     auto &file = *static_cast<MediaFile *>(user);
-    const std::lock_guard<std::mutex> lock(file.m_mutex);
     const std::string before = std::exchange(file.m_name, file.m_file);
-    if (++file.m_number > 1)
+    const bool first = ++file.m_number == 1;
+    if (!first)
     {
         const int error = file.m_number > maxFiles ? EFBIG
                                                    : createNumbered(file.m_file, file.m_plan.overwrite, maxFiles,
@@ -47,10 +48,8 @@ const char *MediaFile::nextFile(void *user, ZrMediaPartEnd why, uint64_t begin)
         ZR_PLATFORM_LOG(INFO, 0, Player, "media port %u: recording: '%s' goes on in '%s': %s", file.m_portId,
                         before.c_str(), file.m_name.c_str(), reasonOf(why));
     }
-    else
-    {
-        file.m_begin = begin;
-    }
+    const std::lock_guard<std::mutex> lock(file.m_mutex);
+    file.m_begin = first ? begin : file.m_begin;
     file.m_numbers[file.m_name] = file.m_number;
     return file.m_name.c_str();
 }

@@ -63,7 +63,8 @@ extern "C"
     {
         uint64_t ullLength; ///< nanoseconds after which the next file begins with a key frame; 0: never
         uint64_t ullBytes;  ///< likewise
-        /// Makes the file that is written next. A thread of the library's.
+        /// Makes the file that is written next, however long the disk takes. A thread of the library's, one at a
+        /// time; push() and clock() may run meanwhile, or wait for it.
         /// @param enWhy  the one before ended; ZR_MEDIA_PART_END: there is none
         /// @param ullBegin  nanoseconds from the sink's first packet
         /// @return its name, valid until the next call; null when there can be none, which ends the recording

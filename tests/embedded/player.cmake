@@ -12,5 +12,6 @@ if(ZR_WITH_GSTREAMER)
     LIBRARIES zr_platform_player zr_platform_common zr_platform_tw_system PkgConfig::GSTREAMER_TEST
     LABELS embedded)
   target_include_directories(player_media_test PRIVATE ${CMAKE_SOURCE_DIR}/embedded/zr_player/gst)
+  target_link_options(player_media_test PRIVATE -Wl,--wrap=open)
   add_dependencies(player_media_test zr_platform_media)
 endif()

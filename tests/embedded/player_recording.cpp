@@ -1,6 +1,8 @@
 #include <array>
+#include <atomic>
 #include <deque>
 #include <fstream>
+#include <future>
 #include <map>
 #include <mutex>
 #include <tuple>
@@ -11,6 +13,30 @@
 
 using namespace zr::test;
 using namespace zr::media;
+
+namespace {
+
+/// Who opens a file of this name waits, as for a network file system whose server is gone.
+struct
+{
+    const char *name = "a-002.mkv";
+    std::atomic<bool> hangs{false};
+    std::atomic<bool> entered{false};
+} disk;
+
+} // namespace
+
+// the linker's --wrap leads the platform's calls here; the names are its own
+extern "C" int __real_open(const char *path, int flags, mode_t mode); // NOLINT
+extern "C" int __wrap_open(const char *path, int flags, mode_t mode)  // NOLINT
+{
+    while (disk.hangs && std::filesystem::path(path).filename() == disk.name)
+    {
+        disk.entered = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return __real_open(path, flags, mode);
+}
 
 namespace {
 
@@ -262,6 +288,24 @@ TEST_F(RecordedFiles, AreAsLongOrLargeAsIsAskedFor)
     EXPECT_EQ(files(), 4) << "the second recording went over the first one's files";
 }
 
+TEST_F(RecordedFiles, LetTheMediaComeWhileTheDiskHangs)
+{
+    const std::vector<Bytes> video = packetsOf(h264);
+    setUpInterleaved();
+    ZrRecordingOptions bySize{};
+    bySize.ullBytes = 1;
+    recordFiles(sdpH264, bySize);
+    disk.hangs = true;
+    const auto half = video.begin() + static_cast<std::ptrdiff_t>(video.size() / 2);
+    feed(std::vector<Bytes>(video.begin(), half));
+    EXPECT_TRUE(eventually([] { return disk.entered.load(); })) << "there is no second file";
+    const auto rest = std::async(std::launch::async, [&] { feed(std::vector<Bytes>(half, video.end())); });
+    EXPECT_EQ(rest.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    disk.hangs = false;
+    ASSERT_EQ(ZR_MediaPortRecord(portId, nullptr), 0U);
+    EXPECT_EQ(m_told.size(), 4U);
+}
+
 /// The first file begins without sound, the second one's picture falls silent.
 TEST_F(RecordedFiles, HaveTheTracksThatAreHeardAgain)
 {
@@ -419,4 +463,20 @@ TEST(SenderClocksOfARecording, PlaceSoundAndPictureTowardsEachOther)
     ASSERT_TRUE(first.start);
     EXPECT_EQ(first.start->unixTime, unixTime - 10000 * ms);
     EXPECT_EQ(clocks.follow(1, sound, 0, 0).delay, 0U);
+
+    // another source dates what is its own, from its first packet on; until it does, nothing does
+    SenderClocks others({true});
+    RtpTimeline jumping(90000);
+    const auto next = [&](uint32_t ssrc, uint32_t timestamp, uint64_t arrival) {
+        return others.follow(0, jumping, jumping.map(ssrc, timestamp, arrival * ms), arrival * ms);
+    };
+    others.report(0, 1, 900000, unixTime);
+    EXPECT_EQ(next(1, 900000, 10).start->since, 0U);
+    EXPECT_FALSE(next(1, 903600, 50).undated);
+    EXPECT_TRUE(next(3, 7200, 30000).undated);
+    others.report(0, 3, 7200, unixTime + 60000 * ms);
+    const auto other = next(3, 10800, 30040);
+    ASSERT_TRUE(other.start && !other.undated);
+    EXPECT_EQ(other.start->since, 1050U * ms);
+    EXPECT_EQ(other.start->unixTime + 1050 * ms, unixTime + 60000 * ms);
 }

@@ -29,7 +29,8 @@ public:
     void take(size_t track, GstSample *sample);
     /// Nothing more comes of a track. Any thread, once or more.
     void end(size_t track);
-    /// What a wall clock shows at the recording's time 0, in nanoseconds since 1970: first the receiver's.
+    /// What a wall clock shows at the recording's time 0, in nanoseconds since 1970: first the receiver's, and again
+    /// where the sender's holds no more.
     /// @param since  what begins before is not dated by it
     void setClock(int64_t unixTime, uint64_t since, bool sender);
 

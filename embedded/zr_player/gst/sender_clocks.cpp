@@ -36,16 +36,20 @@ SenderClocks::Outcome SenderClocks::follow(size_t track, RtpTimeline &timeline, 
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     Track &of = m_tracks[track];
+    Outcome outcome;
     if (of.run != timeline.run())
     {
+        outcome.undated = of.run != 0 && m_dates.value_or(track) == track;
+        m_dates = outcome.undated ? std::nullopt : m_dates;
         of.start.reset();
         of.reported.reset();
+        of.since = of.run == 0 ? 0 : time;
         of.run = timeline.run();
     }
-    Outcome outcome;
     if (const auto news = std::exchange(of.news, std::nullopt))
     {
         outcome.start = lookAt(of, *news, timeline, time, arrival);
+        m_dates = outcome.start ? track : m_dates;
     }
     int64_t early = 0;
     for (const Track &other : m_tracks)
@@ -91,7 +95,7 @@ std::optional<SenderClocks::Start> SenderClocks::lookAt(Track &track, const Repo
     {
         return std::nullopt;
     }
-    return Start{start, track.run > 1 ? time : 0};
+    return Start{start, track.since};
 }
 
 } // namespace zr::media

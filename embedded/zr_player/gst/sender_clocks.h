@@ -34,6 +34,7 @@ public:
     {
         uint64_t delay = 0; ///< by which this packet and all that follow come later; the timeline has it
         std::optional<Start> start;
+        bool undated = false; ///< the timestamps jumped: what a start said does not hold from this packet on
     };
     /// A packet got its time of the track's timeline.
     /// @param arrival  its own, as the timeline has it
@@ -51,6 +52,7 @@ private:
         bool video = false;
         int64_t delayed = 0; ///< in all
         unsigned run = 0;    ///< of the timeline, that what follows is of
+        uint64_t since = 0;  ///< in the recording: the run's begin
         std::optional<Report> news;
         std::optional<int64_t> start; ///< the wall clock at the recording's time 0; none where that does not hold
         /// Of the newest report, in the recording and by the wall clock.
@@ -62,6 +64,7 @@ private:
 
     std::mutex m_mutex; ///< guards what follows
     std::vector<Track> m_tracks;
+    std::optional<size_t> m_dates; ///< the track that told the start; none: it does not hold, or there was none
 };
 
 } // namespace zr::media

@@ -189,6 +189,11 @@ void ZrMediaSink::noteGap(Track &track, uint16_t missing, GstClockTime time) con
 GstClockTime ZrMediaSink::synchronise(Track &track, GstClockTime time, GstClockTime arrival)
 {
     const zr::media::SenderClocks::Outcome outcome = m_clocks->follow(track.index, track.timeline, time, arrival);
+    if (outcome.undated)
+    {
+        const auto apart = static_cast<int64_t>(arrival) - static_cast<int64_t>(time);
+        m_recorder->setClock(m_firstUnix + apart, time, false);
+    }
     if (outcome.start)
     {
         m_recorder->setClock(outcome.start->unixTime, outcome.start->since, true);
@@ -292,7 +297,8 @@ void ZrMediaSink::push(uint32_t index, const uint8_t *packet, uint32_t size, uin
             using namespace std::chrono;
             const auto now = duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count();
             const auto wall = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
-            m_recorder->setClock(wall - now + static_cast<int64_t>(arrival), 0, false);
+            m_firstUnix = wall - now + static_cast<int64_t>(arrival);
+            m_recorder->setClock(m_firstUnix, 0, false);
         }
     }
     if (arrival > m_lastArrival)

@@ -89,7 +89,8 @@ private:
     std::deque<Track> m_tracks; ///< a deque: probes hold their addresses
     ZrMediaState m_state = ZR_MEDIA_STATE_RUNNING;
     bool m_ending = false;
-    uint64_t m_firstArrival = 0; ///< 0: no packet yet
+    uint64_t m_firstArrival = 0;         ///< 0: no packet yet
+    std::atomic<int64_t> m_firstUnix{0}; ///< when that was by the receiver's clock, nanoseconds since 1970
     uint64_t m_lastArrival = 0;
     std::atomic<uint64_t> m_busy{0}; ///< how long packets have been coming, pauses left out, in nanoseconds
 };
