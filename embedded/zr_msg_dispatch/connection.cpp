@@ -5,6 +5,8 @@
 #include <system_error>
 #include <utility>
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "http_tunnel.h"
@@ -349,9 +351,17 @@ void Connection::wantOutput(bool wanted)
     m_loop.change(m_stream.get_handle(), wanted ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 
+/// A far end that has closed acknowledges nothing that comes later.
+bool Connection::hasUnacknowledged() const
+{
+    int bytes = 0;
+    return unsent() > 0 || (ioctl(m_stream.get_handle(), SIOCOUTQ, &bytes) == 0 && bytes > 0);
+}
+
 void Connection::fail(const std::string &reason, bool orderly)
 {
     Owner *const owner = m_owner;
+    m_cutOff = orderly && hasUnacknowledged();
     end(reason);
     if (owner)
         owner->lost(reason, orderly);

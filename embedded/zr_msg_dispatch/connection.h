@@ -70,6 +70,9 @@ public:
     bool tunnelled() const { return m_tunnel != nullptr; }
     /// Why it was lost, as a tagZrConnectionProblem; within lost().
     ZR_ULONG problem() const;
+    /// Whether the far end cannot have acted on all that was sent, for not all had arrived when it closed; within
+    /// lost().
+    bool cutOff() const { return m_cutOff; }
     /// The TLS version, once connected; empty without TLS.
     std::string tlsVersion() const { return m_tls ? m_tls->version() : ""; }
     /// Far end; valid once connected.
@@ -135,6 +138,7 @@ private:
     bool hasSocket() const { return m_state >= State::Securing && m_state <= State::Up; }
     size_t unsent() const { return m_out.size() - m_outSent; }
     bool hasRoom(size_t size, size_t limit) const;
+    bool hasUnacknowledged() const;
     void queue(std::string_view bytes);
     bool queueSecured();
     void sayGoodbye();
@@ -166,6 +170,7 @@ private:
     size_t m_outSent = 0;
     bool m_wantsOutput = false;
     bool m_finishWriting = false;
+    bool m_cutOff = false;
     bool m_resting = false;
     bool m_gathering = false; ///< what was read is being acted on; the answers go out together
 

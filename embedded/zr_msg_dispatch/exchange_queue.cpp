@@ -127,6 +127,17 @@ bool ExchangeQueue::awaited() const
     return has([](const Accepted &accepted) { return !accepted.own; });
 }
 
+/// One that was received: where twice is as good as once (RFC 2616, 8.1.4). A SETUP would leave a stream behind, PLAYs
+/// are queued (RFC 2326, 10.5), and there are servers for which to close is the answer to TEARDOWN.
+bool ExchangeQueue::repeatable(bool received) const
+{
+    return std::all_of(m_onWire.begin(), m_onWire.end(), [received](const Exchange &exchange) {
+        const ZR_ULONG id = exchange.messageId;
+        const bool harmless = isKeepAlive(id) || id == AOI_MSG_RTSP_DESCRIBE || id == AOI_MSG_RTSP_PAUSE;
+        return !exchange.accepted || (!exchange.accepted->repeated && (harmless || !received));
+    });
+}
+
 std::vector<AcceptedPtr> ExchangeQueue::takeAll()
 {
     std::vector<AcceptedPtr> all;

@@ -53,6 +53,7 @@ struct Accepted
     bool own = false;                       ///< a keep-alive of the platform's: nobody is told of its answer
     unsigned redirects = 0;                 ///< that it has followed; on the turn
     unsigned answered = 0;                  ///< challenges for which it was asked again; on the turn
+    bool repeated = false;                  ///< on another connection, within a session; on the turn
 };
 using AcceptedPtr = std::shared_ptr<Accepted>;
 
@@ -100,6 +101,10 @@ public:
     bool hasTeardown() const;
     /// Whether a requester still waits for an answer.
     bool awaited() const;
+
+    /// Whether what is on the wire may be sent once more when its server closes the connection instead of answering.
+    /// @param received  the server may have acted on it
+    bool repeatable(bool received) const;
 
     /// Takes all that is awaited, in order, and forgets the rest.
     std::vector<AcceptedPtr> takeAll();

@@ -322,8 +322,8 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
     // a tunnel shows by the first answer that it is one
     const bool worked = m_wasUp && (m_answered || !m_connection->tunnelled());
     const Problem problem{worked ? ZR_ULONG{ZR_CONNECTION_BROKEN} : m_connection->problem(), reason};
-    m_connection.reset();
-    if (orderly && askAgain())
+    const std::shared_ptr<Connection> closed = std::move(m_connection);
+    if (orderly && askAgain(*closed))
         return;
     if (m_life != Life::Open)
     {

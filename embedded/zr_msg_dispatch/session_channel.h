@@ -75,7 +75,7 @@ private:
     bool leadsElsewhere(const Accepted &accepted, const Target &target) const;
     bool follow(const Exchange &exchange, const rtsp::Message &response);
     void leadTo(const Url &url, const Accepted &accepted);
-    bool askAgain();
+    bool askAgain(const Connection &closed);
     void openConnection(const Accepted &cause);
     uint16_t tunnelPort(const Orders &orders) const;
     std::unique_ptr<TunnelPlan> planTunnel(const Accepted &cause, const Orders &orders, uint16_t port) const;

@@ -106,17 +106,25 @@ void SessionChannel::leadTo(const Url &url, const Accepted &accepted)
 }
 
 /// A server that closes after each answer, as in HTTP, may do so when the next request is under way already: it goes
-/// out again, on a connection of its own.
-/// @return false when it may not, for the server has answered nothing on the connection, or a session is set up
-bool SessionChannel::askAgain()
+/// out again, on a connection of its own. So it does within a session over UDP, which no connection ends (RFC
+/// 2326, 1.1), once, and when it does no harm.
+/// @return false when it may not, or the server has answered nothing on the connection
+bool SessionChannel::askAgain(const Connection &closed)
 {
-    if (m_life != Life::Open || !m_answered || m_session.setups > 0 || !m_exchanges.awaited())
+    const bool within = m_session.setups > 0;
+    const bool wanted = m_life == Life::Open ? m_exchanges.awaited() : closed.cutOff() && m_exchanges.hasTeardown();
+    if (!m_answered || !wanted || (!within && m_life != Life::Open))
+        return false;
+    if (within && (m_interleaved || closed.tunnelled() || m_tornDown || !m_exchanges.repeatable(!closed.cutOff())))
         return false;
     ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: the server closed the connection instead of answering, it is asked again",
                     name().c_str());
     const std::vector<AcceptedPtr> again = m_exchanges.takeAll();
     for (const AcceptedPtr &accepted : again)
+    {
+        accepted->repeated = within;
         m_exchanges.push(accepted);
+    }
     openConnection(*again.front());
     return true;
 }

@@ -1,3 +1,5 @@
+#include <future>
+
 #include "engine_fixture.h"
 #include "zr_cc_rt.h"
 
@@ -120,6 +122,38 @@ TEST_F(EngineFailure, ReconnectsOrReportsTheLoss)
     std::this_thread::sleep_for(20ms); // for the end of the stream to be read
     EXPECT_EQ(client.ask(AOI_MSG_RTSP_PAUSE).kind, 1U);
     EXPECT_THAT(udp.requests(3).back(), HasSubstr("CSeq: 3\r\n"));
+
+    // closed just as the next request goes out: once more, unless it may have been acted on and must not be twice
+    ScriptedServer racing({{{"SETUP", {udpSetupAnswer}}, playAndClose},
+                           {{"PLAY", {sessionAnswer}}, {"PAUSE", {}, After::Close}},
+                           {{"PAUSE", {sessionAnswer}}, {"PLAY", {}, After::Close}},
+                           {{"SETUP", {udpSetupAnswer}}, playAndClose},
+                           {{"TEARDOWN", {sessionAnswer}}}});
+    const auto held = RecordingPort::open(9);
+    Client racer(engine(), 9, racing);
+    racer.protocol = PROTOCOL_UDP;
+    // plays, and sends what else there is while the loop does not see that the server closes
+    const auto race = [&](size_t closings, const std::function<void()> &sendMore) {
+        std::promise<void> sent;
+        const std::shared_future<void> more = sent.get_future().share();
+        held->inside = [&racing, closings, more] { EXPECT_TRUE((more.wait(), racing.ended(closings))); };
+        racer.ask(AOI_MSG_RTSP_SETUP);
+        const size_t events = held->events(0).size();
+        EXPECT_EQ(racer.send(AOI_MSG_RTSP_PLAY), 0U);
+        EXPECT_EQ(held->events(events + 2).back(), "played");
+        sendMore();
+        sent.set_value();
+    };
+    race(1, [&] { racer.send(AOI_MSG_RTSP_PLAY); });
+    ASSERT_THAT(racer.recorder.messages(3), SizeIs(3));
+    EXPECT_EQ(racer.recorder.messages(3)[2].kind, 1U) << "cut off";
+    EXPECT_EQ(racer.ask(AOI_MSG_RTSP_PAUSE).kind, 1U) << "does no harm";
+    ASSERT_EQ(racer.send(AOI_MSG_RTSP_PLAY), 0U);
+    ASSERT_THAT(racer.recorder.messages(6), SizeIs(6));
+    EXPECT_EQ(racer.recorder.messages(6)[4].error, 503U) << "may have been acted on";
+    EXPECT_EQ(racer.recorder.messages(6)[5].messageId, AOI_MSG_INTERNAL_NOTIFY_RTSP);
+    race(4, [&] { racer.send(AOI_MSG_RTSP_TEARDOWN), racer.unregister(); });
+    EXPECT_THAT(racing.requests(9).back(), HasSubstr("TEARDOWN "));
 
     ScriptedServer tcp({{{"SETUP", {setupAnswer}}, playAndClose}});
     const auto port = RecordingPort::open(7);

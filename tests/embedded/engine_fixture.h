@@ -145,11 +145,17 @@ public:
         events.add("frame " + std::to_string(channel) + " " + std::string(data, data + size));
     }
     void playing() override { events.add("playing"); }
-    void played() override { events.add("played"); }
+    void played() override
+    {
+        events.add("played");
+        if (inside)
+            inside();
+    }
     void connectionClosed() override { events.add("closed"); }
 
     std::optional<media::ReplayTimes> replayTimes() override { return times; }
 
+    std::function<void()> inside;            ///< runs inside played(), on the loop's turn
     std::optional<media::ReplayTimes> times; ///< set while nothing is asked
     Notes<media::InterleavedWriter> writers;
     Notes<std::string> events; ///< what happened, in words
