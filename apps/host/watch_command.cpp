@@ -246,8 +246,8 @@ void Watch::run(TypedKeys *keys)
     const size_t connecting = countOf(facts(), StreamState::Connecting);
     if (connecting > 0 && m_interrupt.asked())
     {
-        throw m_interrupt.failure("watching",
-                                  "interrupted while " + std::to_string(connecting) + " streams were connecting");
+        throw m_interrupt.failure("watching", "interrupted while " + counted(connecting, "stream was", "streams were") +
+                                                  " connecting");
     }
     if (atEnd != m_streams.size())
     {
