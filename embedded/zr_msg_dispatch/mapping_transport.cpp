@@ -110,10 +110,17 @@ bool readInterleaved(const Offer &offer, unsigned setups, const Ends &ends, Agre
     return true;
 }
 
+/// The source that an answer names, when it can be one; else empty. Nobody sends from a group.
+std::string sourceOf(const Offer &offer)
+{
+    const std::string address = numericAddress(offer.source);
+    return isGroup(address) ? std::string() : address;
+}
+
 /// Who sends to a group: whom the answer names, else whom the description lets in, best the server itself.
 std::string groupSource(const Offer &offer, const DescribedGroup *described, const std::string &peer)
 {
-    std::string source = numericAddress(offer.source);
+    std::string source = sourceOf(offer);
     if (!source.empty() || described == nullptr || described->sources.empty())
         return source;
     const auto &sources = described->sources;
@@ -152,7 +159,7 @@ bool readUdp(const Offer &offer, const TransportQuestion &asked, const Ends &end
     if (!sender || !receiver)
         return false;
     zr::media::TrackTransport &track = agreed.track;
-    track.peerAddress = numericAddress(offer.source);
+    track.peerAddress = sourceOf(offer);
     if (track.peerAddress.empty())
         track.peerAddress = ends.peerAddress;
     track.peerRtpPort = sender->first;

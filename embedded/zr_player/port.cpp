@@ -364,6 +364,13 @@ void MediaPort::takeDatagram(Track &track, unsigned number, bool rtp, const Pack
     {
         takeRtcp(track, number, packet.data, packet.size, arrival);
     }
+    else if (rtp && track.hearsInstead(packet.from, arrival))
+    {
+        ZR_PLATFORM_LOG(WARNING, 0, Player,
+                        "media port %u: track %u: no sender of its group was named: %s is heard from now on", m_portId,
+                        number, packet.from.text().c_str());
+        takeRtp(track, number, packet.data, packet.size, arrival);
+    }
     else if (rtp || !track.isMulticast()) // to a group all receivers report
     {
         discard("a packet of another sender than was negotiated", packet.from);

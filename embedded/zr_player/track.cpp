@@ -7,6 +7,9 @@ namespace zr::media {
 
 namespace {
 
+/// How long a group's other senders wait for the server, once they are heard.
+constexpr std::chrono::seconds serverFirst{2};
+
 /// Half to one and a half times 5 s, so that many receivers do not report at once (RFC 3550, 6.2 and 6.3.1).
 std::chrono::milliseconds reportInterval()
 {
@@ -20,7 +23,8 @@ bool Track::setUp(const TrackTransport &transport, TrackSockets sockets, Interle
 {
     m_setUp = true;
     m_closed = false;
-    m_heard = false;
+    m_heard = m_peerHeard = false;
+    m_strangerHeard.reset();
     m_transport = transport;
     m_interleaved = transport.interleaved;
     m_sockets = sockets;
@@ -38,7 +42,7 @@ bool Track::setUp(const TrackTransport &transport, TrackSockets sockets, Interle
     {
         return false;
     }
-    m_peer = m_reportTo = *peer;
+    m_peer = m_asked = m_reportTo = *peer;
     m_reportTo.setPort(transport.peerRtcpPort);
     // to a source-specific group nobody but its source may send
     if (const auto group = Endpoint::parse(transport.group, static_cast<uint16_t>(transport.groupPort + 1));
@@ -59,6 +63,28 @@ void Track::connectionClosed()
 bool Track::rtpFromPeer(const Endpoint &from) const
 {
     return from.sameHost(m_peer) && (m_transport.peerRtpPort == 0 || from.port() == m_transport.peerRtpPort);
+}
+
+bool Track::hearsInstead(const Endpoint &from, TimePoint arrival)
+{
+    if (!m_transport.multicast || m_transport.sourceNamed || m_asked.length() == 0)
+    {
+        return false;
+    }
+    m_strangerHeard = m_strangerHeard.value_or(arrival);
+    const bool comesAfterAll = from.sameHost(m_asked) && !m_peer.sameHost(m_asked);
+    if (!comesAfterAll && (m_peerHeard || arrival - *m_strangerHeard < serverFirst))
+    {
+        return false;
+    }
+    if (m_reportTo.sameHost(m_peer)) // not to the group
+    {
+        m_reportTo = from;
+        m_reportTo.setPort(0);
+    }
+    m_peer = from;
+    m_transport.peerRtpPort = m_transport.peerRtcpPort = 0; // they were the server's
+    return true;
 }
 
 bool Track::rtcpFromPeer(const Endpoint &from)
@@ -82,7 +108,7 @@ bool Track::takeRtp(const RtpPacket &packet, size_t size, uint32_t clockRate, Ti
     ++m_packets;
     m_bytes += size;
     m_lastArrival = arrival;
-    m_heard = true;
+    m_heard = m_peerHeard = true;
     if (const auto mark = readReplayMark(packet))
     {
         m_replay.take(*mark, packet.timestamp);

@@ -2,6 +2,7 @@
 /// One track of a media port: which packets are its own, what it has received, what it reports. Guarded by its port.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "media_port.h"
@@ -34,6 +35,10 @@ public:
     bool ownsRtp(int fd) const { return m_setUp && fd == m_sockets.rtp; }
     bool ownsRtcp(int fd) const { return m_setUp && fd == m_sockets.rtcp; }
     bool rtpFromPeer(const Endpoint &from) const;
+    /// Whether another sender to a group is heard as the peer from now on. Who sends to a group need not be who was
+    /// asked (RFC 2326, 12.39: a server MAY name the source); where neither the answer nor the description names one,
+    /// the server itself is preferred: another is heard where nothing of it comes, one alone, and until it does.
+    bool hearsInstead(const Endpoint &from, TimePoint arrival);
     /// Also learns the peer's RTCP port where the answer named none.
     bool rtcpFromPeer(const Endpoint &from);
 
@@ -86,7 +91,10 @@ private:
     TrackSockets m_sockets;
     InterleavedWriter m_writer;
     Endpoint m_peer;
-    Endpoint m_reportTo; ///< port 0: not known yet
+    Endpoint m_asked;                         ///< the server, of a group; else as the peer
+    bool m_peerHeard = false;                 ///< a packet of the peer's was taken
+    std::optional<TimePoint> m_strangerHeard; ///< when a packet of another sender came first
+    Endpoint m_reportTo;                      ///< port 0: not known yet
     Reception m_reception;
     ReplayTrack m_replay;
     std::optional<SenderClock> m_senderClock;

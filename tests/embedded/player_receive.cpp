@@ -309,6 +309,38 @@ TEST_F(OpenPort, TakesAGroupsSenderAndReportsToTheGroup)
                  Endpoint::parse("ff15::1", 0)->isSourceSpecific());
 }
 
+/// Where no sender is named: the server first, then one that sends alone, until the server does.
+TEST(SenderOfAGroup, IsAnotherWhereTheServerIsNotHeard)
+{
+    TrackTransport transport;
+    transport.multicast = true;
+    transport.peerAddress = "192.0.2.1";
+    transport.group = "239.1.2.3";
+    const Endpoint server = *Endpoint::parse("192.0.2.1", 9);
+    const Endpoint gateway = *Endpoint::parse("192.0.2.2", 9);
+    const Endpoint third = *Endpoint::parse("192.0.2.3", 9);
+    const Bytes bytes = rtp(1);
+    const TimePoint begin = Clock::now();
+    for (const bool named : {false, true})
+    {
+        Track track;
+        transport.sourceNamed = named;
+        ASSERT_TRUE(track.setUp(transport, {}, {}));
+        const auto heard = [&](const Endpoint &from, int seconds) {
+            const TimePoint now = begin + std::chrono::seconds(seconds);
+            const bool taken = track.rtpFromPeer(from) || track.hearsInstead(from, now);
+            if (taken)
+                track.takeRtp(*readRtp(bytes.data(), bytes.size()), bytes.size(), 0, now);
+            return taken;
+        };
+        EXPECT_FALSE(heard(gateway, 0) || heard(third, 1));
+        EXPECT_EQ(heard(gateway, 2), !named);
+        EXPECT_FALSE(heard(third, 9)) << "one alone";
+        EXPECT_TRUE(heard(server, 10));
+        EXPECT_FALSE(heard(gateway, 20)) << "the server was heard";
+    }
+}
+
 TEST_F(OpenPort, TakesTheHandOffBeforeTheMediaOnly)
 {
     const Sender local("127.0.0.1");

@@ -92,6 +92,7 @@ TEST_F(WireAnswers, ReadTheTransportOfASetup)
         {udp, "rtp/avp/udp;Client_Port = 5008-5009;server_port=7000;ssrc=1;mode=\"PLAY,RECORD\"",
          "1: 192.0.2.1 7000,7001 to 5008"},
         {udp, "RTP/AVP;unicast;source=0.0.0.0;server_port=0-0", "1: 192.0.2.1 0,0 to 5002"},
+        {udp, "RTP/AVP;unicast;source=239.1.2.3", "1: 192.0.2.1 0,0 to 5002"},
         {udp, "RTP/AVP;source=evil.example", "1: 192.0.2.1 0,0 to 5002"},
         {udp, "RTP/AVP;source=[2001:db8::1]", "1: 2001:db8::1 0,0 to 5002"},
         {udp, "RTP/AVP;unicast;server_port=70000-70001", refused},
