@@ -77,13 +77,15 @@ TEST_F(EngineOrders, AnswerEachChallengeOfASession)
     EXPECT_EQ(sent.at(0).find("Authorization"), std::string::npos);
 }
 
-/// Nonces that end, what the user may not do, a TEARDOWN that is asked twice; and nothing for another server.
+/// Nonces that end, or are called stale and stay, what the user may not do, a TEARDOWN that is asked twice; and nothing
+/// for another server.
 TEST_F(EngineOrders, LastForTheSession)
 {
     const auto digest = [](const char *n) { return challenge + "Digest qop=auth, realm=r, nonce=" + n + "\r\n\r\n"; };
     Script script;
-    for (const std::string &answer : {digest("n1"), setupAnswer, sessionAnswer, digest("n2"), digest("n3, stale=true"),
-                                      digest("n4"), challenge + "Basic\r\n\r\n", digest("n5"), sessionAnswer})
+    for (const std::string &answer :
+         {digest("n1"), setupAnswer, sessionAnswer, digest("n1, stale=true"), digest("n3, stale=true"), digest("n4"),
+          challenge + "Basic\r\n\r\n", digest("n5"), sessionAnswer})
         script.push_back({"", {answer}});
     ScriptedServer other({{{"", {digest("n")}}}});
     ScriptedServer server({script, {{"", {"RTSP/1.0 302 x\r\nCSeq: 1\r\nLocation: " + other.url() + "\r\n\r\n"}}}});
@@ -98,6 +100,7 @@ TEST_F(EngineOrders, LastForTheSession)
     EXPECT_EQ(client.send(AOI_MSG_RTSP_TEARDOWN) + client.unregister(), 0U);
     EXPECT_TRUE(server.ended(1));
     EXPECT_THAT(server.requests(9).at(2), testing::ContainsRegex("^PLAY.*n1.*nc=00000002.*Require: onvif-replay"));
+    EXPECT_THAT(server.requests(9).at(4), testing::ContainsRegex("^PAUSE.*n1.*nc=00000004")) << "taken for a replay";
     ZR_SessionSetCredentials(7, "u", "p", 0);
     EXPECT_EQ(Client(engine(), 7, server).ask(AOI_MSG_RTSP_DESCRIBE).error, 401U);
     EXPECT_EQ(other.requests(1).at(0).find("Authorization"), std::string::npos);

@@ -75,15 +75,18 @@ class PlayTest(HostTest):
         pieces = [struct.pack(">BBHII", 0x80, 98 | last << 7, n, 90000, 9) + text
                   for n, (last, text) in enumerate(((0, b"<tt:MetadataStream>"), (1, b"a\"b</tt:MetadataStream>")))]
         metadata = "".join((struct.pack(">cBH", b"$", 2, len(piece)) + piece).decode("latin-1") for piece in pieces)
-        device = FaultyDevice({"DESCRIBE": {"body": SDP}, "media": [], "PLAY": {"after": sound + metadata}})
-        self.addCleanup(device.close)
-        recording = self.file("r.mkv")
-        self.run_host(OK, "play", f"rtsp://127.0.0.1:{device.port}/a", "--tcp", "--tag", "plain", "--record", recording,
-                      "--metadata", "--duration", "0.5")
-        self.check_recording(recording, 1, "audio/x-mulaw")
-        with open(self.file("r.metadata.jsonl"), encoding="utf-8") as file:
-            documents = [json.loads(line) for line in file]
-        self.assertEqual([document["xml"] for document in documents], ['<tt:MetadataStream>a"b</tt:MetadataStream>'])
+        answer = {"after": sound + metadata}
+        for name, options, plays in (("tcp", ["--tcp"], [answer]), ("from silent UDP to tcp", [], [{}, answer])):
+            with self.subTest(name):
+                device = FaultyDevice({"DESCRIBE": {"body": SDP}, "media": [], "PLAY": plays})
+                self.addCleanup(device.close)
+                recording = self.file(name + ".mkv")
+                self.run_host(OK, "play", f"rtsp://127.0.0.1:{device.port}/a", *options, "--tag", "plain", "--record",
+                              recording, "--metadata", "--duration", "0.5")
+                self.check_recording(recording, 1, "audio/x-mulaw")
+                with open(self.file(name + ".metadata.jsonl"), encoding="utf-8") as file:
+                    documents = [json.loads(line)["xml"] for line in file]
+                self.assertEqual(documents, ['<tt:MetadataStream>a"b</tt:MetadataStream>'])
 
 
 if __name__ == "__main__":
