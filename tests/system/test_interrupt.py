@@ -48,7 +48,7 @@ class InterruptTest(HostTest):
                 process = self.start(command, listed.name if command == "watch" else url, *options)
                 self.wait_for(lambda: method in device.asked)
                 said = self.interrupt(process, INTERRUPTED)
-                self.assertRegex(said, "interrupted while 1 streams were" if command == "watch" else
+                self.assertRegex(said, "interrupted while 1 stream was" if command == "watch" else
                                  "^(.*\n)*interrupted: ending, 2 s at most; Ctrl-C again .*\n(.*\n)*.* failed: interrupted")
                 if method == "PLAY":  # a session that was set up is ended on the device as well
                     self.wait_for(lambda: device.asked[-1] == "TEARDOWN")
