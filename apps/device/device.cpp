@@ -162,6 +162,7 @@ void onClient(GstRTSPServer *, GstRTSPClient *client, gpointer user)
 {
     g_signal_connect(client, "new-session", G_CALLBACK(onNewSession), user);
     keepFromSeeking(client);
+    keepPlace(client);
 }
 
 gboolean endSilentSessions(gpointer pool)

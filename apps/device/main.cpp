@@ -59,7 +59,8 @@ void addOptions(CLI::App &app, zr::device::DeviceOptions &options)
         ->check(CLI::Range(2, 600))
         ->capture_default_str();
     app.add_option("--replay-from", options.replayFrom,
-                   "Also serve /replay, as an ONVIF recorder does: when the recording began, such as 20261120T100000Z");
+                   "Also serve /replay, as an ONVIF recorder does: when the recording began, such as 20261120T100000Z "
+                   "(without rate control only over TCP)");
     app.add_option("--pattern", options.picture.pattern, "The picture")
         ->check(CLI::IsMember({"smpte", "smpte75", "ball", "bar", "pinwheel", "spokes", "zone-plate"}))
         ->capture_default_str();

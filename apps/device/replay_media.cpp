@@ -1,5 +1,8 @@
 #include "replay_media.h"
 
+#include <memory>
+#include <string>
+
 extern "C" // which this header lacks
 {
 #include <gst/rtsp-server/rtsp-onvif-server.h>
@@ -9,6 +12,12 @@ namespace zr::device {
 namespace {
 
 constexpr const char *beginKey = "zr-begin";
+
+struct Free
+{
+    void operator()(gchar *text) const { g_free(text); }
+};
+using Text = std::unique_ptr<gchar, Free>;
 
 void shift(GstRTSPTime &time, double seconds)
 {
@@ -43,9 +52,31 @@ gboolean convertRange(GstRTSPMedia *media, GstRTSPTimeRange *range, GstRTSPRange
     return TRUE;
 }
 
+GstRTSPMediaClass *parentClass = nullptr; // set once, before there is any media
+
+// The library tells every range in seconds, whatever the media understands.
+gboolean describe(GstRTSPMedia *media, GstSDPMessage *description, GstSDPInfo *info)
+{
+    const Text range(gst_rtsp_media_get_range_string(media, FALSE, GST_RTSP_RANGE_CLOCK));
+    const bool described = parentClass->setup_sdp(media, description, info) == TRUE;
+    for (guint i = 0; described && range && i < gst_sdp_message_attributes_len(description); ++i)
+    {
+        if (std::string(gst_sdp_message_get_attribute(description, i)->key) == "range")
+        {
+            GstSDPAttribute attribute{};
+            gst_sdp_attribute_set(&attribute, "range", range.get());
+            gst_sdp_message_replace_attribute(description, i, &attribute); // which takes its texts over
+        }
+    }
+    return described ? TRUE : FALSE;
+}
+
 void initialize(gpointer type, gpointer)
 {
-    static_cast<GstRTSPMediaClass *>(type)->convert_range = convertRange;
+    auto *own = static_cast<GstRTSPMediaClass *>(type);
+    parentClass = static_cast<GstRTSPMediaClass *>(g_type_class_peek_parent(type));
+    own->convert_range = convertRange;
+    own->setup_sdp = describe;
 }
 
 GType replayMediaType()
@@ -61,7 +92,46 @@ void onMedia(GstRTSPMediaFactory *, GstRTSPMedia *media, gpointer begin)
     g_object_set_data(G_OBJECT(media), beginKey, begin);
 }
 
+/// From where it is, as far as it goes in that direction.
+/// @return null: where it is cannot be told
+Text rangeFromNow(GstRTSPMedia *media, bool backwards)
+{
+    gint64 place = 0;
+    if (GST_RTSP_MEDIA_GET_CLASS(media)->query_position(media, &place) == FALSE || place < 0)
+    {
+        return nullptr;
+    }
+    GstRTSPTimeRange range{};
+    range.unit = GST_RTSP_RANGE_NPT;
+    range.min = {GST_RTSP_TIME_SECONDS, static_cast<gdouble>(place) / GST_SECOND};
+    range.max = {backwards ? GST_RTSP_TIME_SECONDS : GST_RTSP_TIME_END, 0}; // backwards a range falls (RFC 2326, 12.34)
+    return Text(convertRange(media, &range, GST_RTSP_RANGE_CLOCK) == TRUE ? gst_rtsp_range_to_string(&range) : nullptr);
+}
+
+// For another speed alone the library seeks to the very place, and what comes first is the key frame before it, whose
+// time cannot be reckoned then: the media ends in an error. To a range's begin it seeks by key frames.
+GstRTSPStatusCode beforePlay(GstRTSPClient *, GstRTSPContext *context, gpointer)
+{
+    gchar *scale = nullptr;
+    gchar *range = nullptr;
+    if (context->media != nullptr && G_TYPE_CHECK_INSTANCE_TYPE(context->media, replayMediaType()) == TRUE &&
+        gst_rtsp_message_get_header(context->request, GST_RTSP_HDR_SCALE, &scale, 0) == GST_RTSP_OK &&
+        gst_rtsp_message_get_header(context->request, GST_RTSP_HDR_RANGE, &range, 0) != GST_RTSP_OK)
+    {
+        if (const Text now = rangeFromNow(context->media, g_ascii_strtod(scale, nullptr) < 0))
+        {
+            gst_rtsp_message_add_header(context->request, GST_RTSP_HDR_RANGE, now.get());
+        }
+    }
+    return GST_RTSP_STS_OK;
+}
+
 } // namespace
+
+void keepPlace(GstRTSPClient *client)
+{
+    g_signal_connect(client, "pre-play-request", G_CALLBACK(beforePlay), nullptr);
+}
 
 GstRTSPServer *makeReplayServer()
 {

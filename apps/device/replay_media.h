@@ -15,6 +15,10 @@ constexpr uint32_t from1900To1970 = 2208988800U;
 /// @return the caller's
 GstRTSPServer *makeReplayServer();
 
+/// Has a client's PLAY with a Scale and without a Range go on where such a factory's media is.
+/// @param client  new, of any mounts
+void keepPlace(GstRTSPClient *client);
+
 /// Makes a factory whose media takes ranges of the clock, and Require, Rate-Control and Frames of a replay.
 /// @param begin  of the recording, in seconds since 1970
 /// @return the caller's

@@ -29,6 +29,12 @@ double inSeconds(Course::Clock::duration duration)
     return std::chrono::duration<double>(duration).count();
 }
 
+std::string shown(const std::string &asked)
+{
+    const auto position = parsePosition(asked);
+    return position && position->clock ? positionShown(*position) : asked;
+}
+
 std::string wholeSeconds(double seconds)
 {
     return std::to_string(std::lround(seconds)) + " s";
@@ -169,8 +175,8 @@ void Course::start()
     m_session->play(m_playback);
     m_resumed = Clock::now();
     std::string text = "playing";
-    text += m_playback.from.empty() ? "" : " from " + m_playback.from;
-    text += m_playback.to.empty() ? "" : " to " + m_playback.to;
+    text += m_playback.from.empty() ? "" : " from " + shown(m_playback.from);
+    text += m_playback.to.empty() ? "" : " to " + shown(m_playback.to);
     text += m_options.speed.empty() ? "" : " at speed " + m_options.speed;
     m_report.event("playing", text, nullptr);
 }

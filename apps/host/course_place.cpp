@@ -8,8 +8,7 @@
 
 namespace zr::host {
 
-// Servers that are asked for what they do not have refuse with a number, play something else, or say nothing. By the
-// time of the day a recorder's range may tell less than it has: it is asked then all the same.
+// Servers that are asked for what they do not have refuse with a number, play something else, or say nothing.
 void Course::requireWithin()
 {
     const Span span = this->span();
@@ -20,19 +19,22 @@ void Course::requireWithin()
         return;
     }
     const bool backwards = speedFactor(m_playback.speedCode) < 0;
-    const bool within = backwards ? from->seconds > span.begin->seconds : from->seconds < span.end->seconds;
-    const std::string meaning =
-        backwards
-            ? "nothing lies before " + positionShown(*from) + ": the recording begins at " + positionShown(*span.begin)
-            : "nothing lies behind " + positionShown(*from) + ": the recording ends at " + positionShown(*span.end);
-    if (!within && from->clock)
+    const bool before = from->seconds < span.begin->seconds || (backwards && from->seconds == span.begin->seconds);
+    const bool behind = from->seconds > span.end->seconds || (!backwards && from->seconds == span.end->seconds);
+    if (!before && !behind)
     {
-        m_report.warning("outside", meaning, {{"from", from->seconds}});
+        return;
     }
-    else if (!within)
+    const std::string begin = positionShown(*span.begin);
+    const std::string end = positionShown(*span.end);
+    const std::string meaning =
+        "nothing lies " + std::string(before ? "before " : "behind ") + positionShown(*from) + ": the recording " +
+        (before ? "begins at " + begin + " and ends at " + end : "ends at " + end + " and begins at " + begin);
+    if (before == backwards)
     {
         throw Failure(ExitCode::Refused, "playing", 0, meaning, "another --from: describe tells what there is");
     }
+    m_report.warning("outside", meaning, {{"from", from->seconds}});
 }
 
 void Course::passOver()

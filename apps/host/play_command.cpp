@@ -34,6 +34,15 @@ std::string fitted(std::string line, const std::string &tail)
     return line + tail;
 }
 
+/// Without the day, where that is the other's, too.
+std::string endShown(const Position &end, const Position &place)
+{
+    constexpr size_t day = 11; // of positionShown, with the blank behind it
+    const std::string text = positionShown(end);
+    const bool sameDay = end.clock && text.compare(0, day, positionShown(place), 0, day) == 0;
+    return sameDay ? text.substr(day) : text;
+}
+
 /// What a session is seen and steered by.
 struct Stage
 {
@@ -213,8 +222,9 @@ void Play::tellStatus()
     const Span span = m_course.span();
     const double rate = m_course.paused() ? 0 : media.kilobitsPerSecond; // also before the next look
     const auto speed = m_course.playback().speedCode;
-    const std::string place = !position ? positionShown({media.seconds, false})
-                                        : positionShown(*position) + (span.end ? "/" + positionShown(*span.end) : "");
+    const std::string place = !position
+                                  ? positionShown({media.seconds, false})
+                                  : positionShown(*position) + (span.end ? "/" + endShown(*span.end, *position) : "");
     char text[200];
     const bool pictures = m_course.description().first("video") != nullptr;
     std::snprintf(text, sizeof text, "%s  %s  %s  %.0f kbit/s  %llu %s  lost %llu  jitter %.1f ms", state,

@@ -42,7 +42,7 @@ void ReplayOptions::add(CLI::App &app, Playback &playback)
         ->needs(which)
         ->check(wholeNumberFrom(1, 1e9, "milliseconds"))
         ->option_text("MS");
-    app.add_option("--rate-control", m_replay.ulRateControl, "yes: sent as fast as they play; no: as fast as they can")
+    app.add_option("--rate-control", m_replay.ulRateControl, "yes: sent as fast as they play; no: as fast as TCP can")
         ->transform(oneOf({{"yes", ZR_RATE_CONTROL_YES}, {"no", ZR_RATE_CONTROL_NO}}))
         ->option_text("WORD");
     app.add_flag_callback(
@@ -56,6 +56,10 @@ void ReplayOptions::apply(CourseOptions &course) const
         throw wrongUsage("--interval is between intra or predicted frames: --frames intra");
     }
     course.replay = m_replay;
+    if (m_replay.ulRateControl == ZR_RATE_CONTROL_NO && course.fallBack && !course.multicast)
+    {
+        course.protocol = PROTOCOL_TCP; // which holds a sender back that nothing else does
+    }
     orderRange(course.playback);
 }
 

@@ -10,5 +10,5 @@ complete -c zr_rtsp_device -l auth -x -a 'basic digest' -d 'How they give it: ba
 complete -c zr_rtsp_device -l tls -r -F -d 'Serve rtsps with this certificate and its private key, PEM files'
 complete -c zr_rtsp_device -l session-timeout -x -d 'Seconds until a silent client\'s session ends (over TCP only a paused one) (default: 60)'
 complete -c zr_rtsp_device -l vod-length -x -d 'Seconds of the recording at /vod (default: 24)'
-complete -c zr_rtsp_device -l replay-from -x -d 'Also serve /replay, as an ONVIF recorder does: when the recording began, such as 20261120T100000Z'
+complete -c zr_rtsp_device -l replay-from -x -d 'Also serve /replay, as an ONVIF recorder does: when the recording began, such as 20261120T100000Z (without rate control only over TCP)'
 complete -c zr_rtsp_device -l pattern -x -a 'smpte smpte75 ball bar pinwheel spokes zone-plate' -d 'The picture (default: smpte)'

@@ -62,7 +62,7 @@ complete -c zr_rtsp_host -n '__fish_seen_subcommand_from replay' -l from -x -d '
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from replay' -l to -x -d 'End, likewise; without it that of the recording'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from replay' -l frames -x -a 'all intra predicted' -d 'Which: all (default), intra or predicted'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from replay' -l interval -x -d 'Milliseconds between two of them, at least'
-complete -c zr_rtsp_host -n '__fish_seen_subcommand_from replay' -l rate-control -x -a 'yes no' -d 'yes: sent as fast as they play; no: as fast as they can'
+complete -c zr_rtsp_host -n '__fish_seen_subcommand_from replay' -l rate-control -x -a 'yes no' -d 'yes: sent as fast as they play; no: as fast as TCP can'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from replay' -l immediate -d 'Seek at once, without playing out what was sent for'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download watch' -F
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from download watch' -l tcp -d 'Receive media over TCP alone (default: TCP, else UDP)'

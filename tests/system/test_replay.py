@@ -5,7 +5,7 @@ import shlex
 import unittest
 
 import faulty_device
-from programs import OK, USAGE, HostTest, command
+from programs import OK, REFUSED, USAGE, HostTest, command
 from test_terminal import Terminal
 
 BEGIN = 1795168800  # 2026-11-20T10:00:00Z
@@ -36,6 +36,12 @@ class ReplayTest(HostTest):
     def check_head(self, head, *lines):
         for line in lines:
             self.assertRegex(head + "\r\n", f"\r\n{line}\r\n")
+
+    def terminal(self, url, begin):
+        terminal = Terminal(self.folder)
+        self.addCleanup(terminal.close)
+        terminal.type(shlex.join(command("replay", url, "--tcp", "--from", begin)) + "\n")
+        return terminal
 
     def test_requests(self):
         device, url = self.recorder(group(0, 60, LAST | TERMINAL))
@@ -77,9 +83,7 @@ class ReplayTest(HostTest):
 
     def test_keys(self):
         device, url = self.recorder(group(0, 3)[:2] + [{}])
-        terminal = Terminal(self.folder)
-        self.addCleanup(terminal.close)
-        terminal.type(shlex.join(command("replay", url, "--tcp", "--from", "2026-11-20T10:00:00Z")) + "\n")
+        terminal = self.terminal(url, "2026-11-20T10:00:00Z")
         terminal.after("playing  2026-11-20 10:00:0")
         terminal.type("\x1b[D")
         terminal.after("playing from 2026-11-20 09:59:5")
@@ -111,9 +115,22 @@ class ReplayTest(HostTest):
         self.check_recording(recording, 3, "video/x-h264", "width=(int)640")
         told = self.replay(url, "--udp", "--from", "2026-11-20T10:00:06Z", "--to", "2026-11-20T10:00:03Z", "--speed", "-2")
         self.check(told["replayed"], "05.000", "03.960", 75, 3, 3)
-        told = self.replay(url, "--tcp", "--from", "2026-11-20T10:00:01Z", "--to", "2026-11-20T10:00:05Z", "--frames",
-                           "intra", "--rate-control", "no")["replayed"]
-        self.assertEqual(told["frames"], told["clean_points"], told)
+        events = self.replay(url, "--from", "2026-11-20T10:00:01Z", "--to", "2026-11-20T10:00:05Z", "--frames", "intra",
+                             "--rate-control", "no")
+        self.assertEqual(events["set_up"]["transport"], "TCP")
+        self.assertEqual(events["replayed"]["frames"], events["replayed"]["clean_points"])
+
+    def test_keys_at_another_recorder(self):
+        url = self.device("--replay-from", "20261120T100000Z").url("replay")
+        terminal = self.terminal(url, "2026-11-20T09:59:00Z")
+        terminal.after("nothing lies before 2026-11-20 09:59:00: the recording begins at 2026-11-20 10:00:00")
+        terminal.after("playing  2026-11-20 10:00:0")
+        for key, said in (("+", "at speed x2"), (" ", "paused"), (" ", "playing on"), ("\x1b[D", "10:00:00 at speed x2"),
+                          ("\x1b[5~", "10:00:08 at speed x2"), ("q", "replayed 2026-11-20 10:00:00 to ")):
+            terminal.type(key)
+            terminal.after(said)
+        result = self.run_host(REFUSED, "replay", url, "--from", "2026-11-20T10:00:09Z")
+        self.assertIn("nothing lies behind 2026-11-20 10:00:09: the recording ends at 2026-11-20 10:00:09", result.err)
 
 
 if __name__ == "__main__":
