@@ -8,6 +8,8 @@ extern "C" // which this header lacks
 #include <gst/rtsp-server/rtsp-onvif-server.h>
 }
 
+#include "backwards.h"
+
 namespace zr::device {
 namespace {
 
@@ -90,6 +92,7 @@ GType replayMediaType()
 void onMedia(GstRTSPMediaFactory *, GstRTSPMedia *media, gpointer begin)
 {
     g_object_set_data(G_OBJECT(media), beginKey, begin);
+    paceBackwards(media);
 }
 
 /// From where it is, as far as it goes in that direction.
