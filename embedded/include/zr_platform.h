@@ -357,6 +357,12 @@ extern "C"
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortRecordFiles(ZR_ULONG ulPortID, const char *pszFile,
                                                      const ZrRecordingOptions *pstOptions);
 
+    /// Whether a recording still goes on: a disk that is full ends it before its host does. Ask it now and then; it does
+    /// not wait. Any thread.
+    /// @return 0 while it does; ZR_MEDIA_BUSY when there is none; else what ended it, such as ZR_MEDIA_FAILED, which
+    ///         ZR_MediaPortRecord will return for its end, which is still to be called
+    ZR_PLATFORM_API ZR_ULONG ZR_MediaPortRecording(ZR_ULONG ulPortID);
+
     /// Writes the next whole picture into a PNG file: into a new one beside it, which then takes its name, also that of
     /// a link or of whatever else has it but a directory. Without a picture that stays as it is.
     /// @param ulTimeoutMs  how long to wait for it, in milliseconds
@@ -402,8 +408,9 @@ extern "C"
 
     /// Continues a recording by another of the same stream that begins before it ends, without coding anything anew:
     /// where the other's first key frame is found in it, that is where the other goes on; else behind its end. What
-    /// comes out is a new file, which then takes the first one's name; the other stays. Until then, and where it fails,
-    /// both are as they were. Takes as long as copying them does. Any thread, one at a time for a file.
+    /// comes out is a new file, which then takes the first one's name; the other stays. Until then, where it fails, and
+    /// where the other ends before it does, both are as they were. Takes as long as copying them does. Any
+    /// thread, one at a time for a file.
     /// @return 0; ZR_MEDIA_INVALID when they cannot be one: they are not read, or coded differently; another code
     ZR_PLATFORM_API ZR_ULONG ZR_RecordingContinue(const char *pszFile, const char *pszRest);
 

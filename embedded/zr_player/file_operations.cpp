@@ -97,12 +97,13 @@ ZR_ULONG ZR_RecordingContinue(const char *pszFile, const char *pszRest)
         {
             return refuse(ZR_MEDIA_UNWRITABLE, (made + ": " + zr::media::errorText(error)).c_str());
         }
-        ZR_ULONG code = library.join(pszFile, pszRest, made.c_str(), &writeLog, nullptr) != 0 ? 0U : ZR_MEDIA_INVALID;
-        if (code == 0 && std::rename(made.c_str(), pszFile) != 0)
+        const int joined = library.join(pszFile, pszRest, made.c_str(), &writeLog, nullptr);
+        ZR_ULONG code = joined != 0 ? 0U : ZR_MEDIA_INVALID;
+        if (joined == 1 && std::rename(made.c_str(), pszFile) != 0)
         {
             code = refuse(ZR_MEDIA_UNWRITABLE, "the new file cannot take its name");
         }
-        if (code != 0)
+        if (code != 0 || joined != 1)
         {
             ::unlink(made.c_str());
         }

@@ -202,6 +202,11 @@ ZR_ULONG ZR_MediaPortRecordFiles(ZR_ULONG ulPortID, const char *pszFile, const Z
     });
 }
 
+ZR_ULONG ZR_MediaPortRecording(ZR_ULONG ulPortID)
+{
+    return withPort("recording", ulPortID, [](MediaPort &port) { return port.recording(); });
+}
+
 ZR_ULONG ZR_MediaPortSnapshot(ZR_ULONG ulPortID, const char *pszFile, ZR_ULONG ulTimeoutMs)
 {
     return withPort("picture", ulPortID, [=](MediaPort &port) {

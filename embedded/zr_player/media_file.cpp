@@ -387,6 +387,12 @@ ZR_ULONG MediaFile::waitForPicture(std::chrono::milliseconds timeout)
     return m_result;
 }
 
+ZR_ULONG MediaFile::result()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_result;
+}
+
 void MediaFile::cancel()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);

@@ -77,6 +77,8 @@ public:
     ZR_ULONG finish();
     /// Waits for the picture. One thread, once.
     ZR_ULONG waitForPicture(std::chrono::milliseconds timeout);
+    /// What finish will return, once it is known; 0 before. Any thread.
+    ZR_ULONG result();
     /// Makes waitForPicture return. Any thread.
     void cancel();
 
@@ -165,7 +167,7 @@ private:
     std::optional<unsigned> m_metadataTrack;
     uint32_t m_metadataRate = 0;
     bool m_done = false;
-    ZR_ULONG m_result = 0; ///< valid once done
+    ZR_ULONG m_result = 0; ///< once done
 
     // of nextFile, of which one call runs at a time: a sink is closed before the next is opened
     std::string m_name; ///< of the file that was begun last

@@ -122,13 +122,13 @@ extern "C"
         /// Writes two recordings of a stream as one: the second goes on where its first key frame is in the first, else
         /// behind its end.
         /// @param pszOut  exists and is overwritten
-        /// @return 1; 0 when they cannot be one
+        /// @return 1; 2 when the second ends before the first does, and nothing was written; 0 when they cannot be one
         int (*join)(const char *pszFirst, const char *pszSecond, const char *pszOut, ZrMediaLog pfnLog, void *pvUser);
     };
 
     enum
     {
-        ZR_MEDIA_LIBRARY_VERSION = 3
+        ZR_MEDIA_LIBRARY_VERSION = 4
     };
 
     /// The library's one entry point; null when it cannot work here.

@@ -43,6 +43,8 @@ public:
     ZR_ULONG handOff(const uint8_t *data, size_t size);
     ZR_ULONG record(const std::string &file, const RecordingPlan &plan);
     ZR_ULONG endRecording();
+    /// @return 0 while one goes on
+    ZR_ULONG recording();
     ZR_ULONG snapshot(const std::string &file, std::chrono::milliseconds timeout);
     ZR_ULONG show(ZrMediaKind kind, Viewer viewer);
     ZR_ULONG endShow();

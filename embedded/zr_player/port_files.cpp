@@ -70,6 +70,12 @@ ZR_ULONG MediaPort::record(const std::string &file, const RecordingPlan &plan)
     return begin(m_recording, ZR_MEDIA_KIND_RECORDING, file, {}, plan);
 }
 
+ZR_ULONG MediaPort::recording()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_recording.file == nullptr ? ZR_ULONG{ZR_MEDIA_BUSY} : m_recording.file->result();
+}
+
 ZR_ULONG MediaPort::endRecording()
 {
     std::shared_ptr<MediaFile> recording;

@@ -108,7 +108,9 @@ TEST_F(PlayerMedia, GoesOnBehindARecordingThatHasNothingInCommon)
         ASSERT_EQ(ZR_MediaPortSetDescription(portId, sdp.c_str()), 0U);
         ASSERT_EQ(ZR_MediaPortRecord(portId, file(name).c_str()), 0U);
         feed(packets);
+        EXPECT_EQ(ZR_MediaPortRecording(portId), 0U);
         ASSERT_EQ(ZR_MediaPortRecord(portId, nullptr), 0U);
+        EXPECT_EQ(ZR_MediaPortRecording(portId), ZR_ULONG{ZR_MEDIA_BUSY});
     };
     setUpInterleaved();
     recordInto("a.mkv", sdpPcmu, packetsOf("mulawenc ! rtppcmupay"));
@@ -123,6 +125,13 @@ TEST_F(PlayerMedia, GoesOnBehindARecordingThatHasNothingInCommon)
         EXPECT_EQ(ZR_RecordingContinue(file("a.mkv").c_str(), file(other).c_str()), ZR_ULONG{ZR_MEDIA_INVALID});
     EXPECT_EQ(recorded("audio_0 ! mulawdec").buffers.size(), 200U) << "it stayed";
     EXPECT_EQ(files(), 3);
+    std::vector<Bytes> video = packetsOf(h264);
+    recordInto("a.mkv", sdpH264, video);
+    const size_t frames = recorded("video_0 ! h264parse").buffers.size();
+    video.resize(video.size() / 2);
+    recordInto("b.mkv", sdpH264, video);
+    EXPECT_EQ(ZR_RecordingContinue(file("a.mkv").c_str(), file("b.mkv").c_str()), 0U);
+    EXPECT_EQ(recorded("video_0 ! h264parse").buffers.size(), frames) << "what lies behind the other is kept";
 }
 
 TEST_F(PlayerMedia, SaysAtOnceWhatCannotBeWritten)

@@ -271,7 +271,7 @@ RecordingLook lookThrough(const std::string &file)
     return look;
 }
 
-std::string joinRecordings(const std::string &first, const std::string &second, const std::string &out)
+std::optional<std::string> joinRecordings(const std::string &first, const std::string &second, const std::string &out)
 {
     const RecordingLook before = lookThrough(first);
     const RecordingLook after = lookThrough(second);
@@ -288,6 +288,10 @@ std::string joinRecordings(const std::string &first, const std::string &second, 
     const Seam seam = seamOf(before, after);
     const uint64_t begin = seam.found ? after.firstKey.time : 0;
     const int64_t move = static_cast<int64_t>(seam.time) - static_cast<int64_t>(begin);
+    if (seam.found && static_cast<int64_t>(after.end) + move < static_cast<int64_t>(before.end))
+    {
+        return std::nullopt;
+    }
     Output writer(out, before);
     Reader([&](const std::string &track, GstCaps *, GstBuffer *frame) {
         if (GST_BUFFER_PTS(frame) < seam.time)

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "pipeline.h"
@@ -37,8 +38,8 @@ RecordingLook lookThrough(const std::string &file);
 
 /// Writes both into a third file: the second goes on at its first key frame, where that is found in the first one, else
 /// behind the first one's end. Takes its time; any thread.
-/// @return what was done, for the log
+/// @return what was done, for the log; none when the second ends before the first one does: nothing is written then
 /// @throws std::runtime_error  what is wrong: they cannot be read, differ in their coding, or out cannot be written
-std::string joinRecordings(const std::string &first, const std::string &second, const std::string &out);
+std::optional<std::string> joinRecordings(const std::string &first, const std::string &second, const std::string &out);
 
 } // namespace zr::media

@@ -78,8 +78,9 @@ int join(const char *first, const char *second, const char *out, ZrMediaLog log,
 {
     try
     {
-        log(user, 0, zr::media::joinRecordings(first, second, out).c_str());
-        return 1;
+        const auto joined = zr::media::joinRecordings(first, second, out);
+        log(user, 0, joined.value_or(std::string(first) + " holds all of " + second).c_str());
+        return joined ? 1 : 2;
     }
     catch (const std::exception &error)
     {
