@@ -8,9 +8,13 @@ namespace {
 std::string serverLine(const Url &url, const Description &description, const ZrSessionFacts &facts)
 {
     std::string line = "server " + url.host + ":" + std::to_string(url.port);
-    for (const std::string &part : {std::string(facts.szServer), description.name, description.tool, description.range})
+    const std::pair<const char *, std::string> parts[] = {{"software ", facts.szServer},
+                                                          {"name ", description.name},
+                                                          {"made by ", description.tool},
+                                                          {"range ", description.range}};
+    for (const auto &[label, part] : parts)
     {
-        line += part.empty() ? "" : ", " + part;
+        line += part.empty() ? "" : ", " + (label + part);
     }
     return line;
 }

@@ -21,17 +21,33 @@ constexpr size_t verdictWidth = 8;
 constexpr size_t stepWidth = 20;
 
 /// A text behind another one, on lines of so many columns; those from the second on begin further in.
-std::string hanging(const std::string &before, const std::string &text, size_t columns, size_t indent)
+std::string hanging(const std::string &before, const std::string &text, size_t columns, size_t indent,
+                    bool whole = false)
 {
     constexpr size_t least = 20;
     const auto room = [columns](size_t used) { return columns < used + least ? least : columns - used; };
     const size_t used = std::max(before.size(), indent);
     std::string out = before;
     std::string between;
-    for (const std::string &line : wrapped(text, room(used)))
+    for (const std::string &line : wrapped(text, room(used), whole))
     {
         out += between + line;
         between = "\n" + std::string(indent, ' ');
+    }
+    return out;
+}
+
+/// Lines that a terminal would break in the midst of words are broken between them.
+std::string folded(const std::string &text, size_t columns)
+{
+    constexpr size_t further = 4;
+    std::string out;
+    for (const std::string &line : linesOf(text))
+    {
+        const size_t indent = std::min(line.find_first_not_of(' '), line.size());
+        const bool fits = cut(line, columns).size() == line.size();
+        out += (out.empty() ? "" : "\n") +
+               (fits ? line : hanging(line.substr(0, indent), line.substr(indent), columns, indent + further, true));
     }
     return out;
 }
@@ -103,19 +119,17 @@ class TextReport : public Report
 public:
     void event(const std::string &, const std::string &text, const Fields &) override
     {
-        const std::scoped_lock lock(m_mutex);
-        clearStatus();
-        m_out.line(harmless(text));
+        print(m_terminal ? folded(text, terminalSize().columns) : text);
     }
 
-    void verbatim(const std::string &name, const std::string &bytes, const Fields &fields) override
+    void verbatim(const std::string &, const std::string &bytes, const Fields &) override
     {
         if (m_terminal)
         {
             std::string text = bytes;
             text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
             text.erase(text.find_last_not_of('\n') + 1);
-            return event(name, text, fields);
+            return print(text);
         }
         const std::scoped_lock lock(m_mutex);
         std::fwrite(bytes.data(), 1, bytes.size(), stdout);
@@ -183,6 +197,13 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     static constexpr std::chrono::milliseconds betweenLines{4500};
+
+    void print(const std::string &text)
+    {
+        const std::scoped_lock lock(m_mutex);
+        clearStatus();
+        m_out.line(harmless(text));
+    }
 
     void clearStatus()
     {
@@ -271,7 +292,7 @@ std::vector<std::string> linesOf(const std::string &text)
     return lines;
 }
 
-std::vector<std::string> wrapped(const std::string &text, size_t columns)
+std::vector<std::string> wrapped(const std::string &text, size_t columns, bool whole)
 {
     std::vector<std::string> lines;
     for (std::string rest : linesOf(text))
@@ -280,7 +301,8 @@ std::vector<std::string> wrapped(const std::string &text, size_t columns)
         {
             const size_t blank = rest[fits.size()] == ' ' ? fits.size() : fits.rfind(' ');
             const bool words = blank != std::string::npos && rest.find_first_not_of(' ') < blank;
-            const size_t end = words ? blank : std::max<size_t>(fits.size(), 1);
+            const size_t next = whole ? std::min(rest.find(' ', fits.size()), rest.size()) : fits.size();
+            const size_t end = words ? blank : std::max<size_t>(next, 1);
             lines.push_back(rest.substr(0, end));
             rest.erase(0, std::min(rest.find_first_not_of(' ', end), rest.size()));
         }

@@ -52,7 +52,8 @@ std::string harmless(std::string text);
 std::vector<std::string> linesOf(const std::string &text);
 
 /// The text as lines of at most so many columns, broken between words where that can be; one at least.
-std::vector<std::string> wrapped(const std::string &text, size_t columns);
+/// @param whole  longer words, such as URLs, are not broken: their lines are longer
+std::vector<std::string> wrapped(const std::string &text, size_t columns, bool whole = false);
 
 /// So much of a text in UTF-8 as fits into so many columns of one character each.
 std::string cut(const std::string &text, size_t columns);

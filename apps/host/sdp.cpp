@@ -130,6 +130,11 @@ std::optional<double> Description::length() const
     return seconds > 0 ? std::optional<double>(seconds) : std::nullopt;
 }
 
+bool Description::live() const
+{
+    return range.rfind("npt=now", 0) == 0;
+}
+
 Description parseDescription(const std::string &sdp)
 {
     Description description;
@@ -189,8 +194,7 @@ std::string details(const Track &track)
     {
         const PictureFormat &picture = *track.picture;
         text += (picture.profile.empty() ? "" : " " + picture.profile) + " " + std::to_string(picture.width) + "x" +
-                std::to_string(picture.height) +
-                (picture.bitDepth == 8 ? "" : " " + std::to_string(picture.bitDepth) + " bit");
+                std::to_string(picture.height) + " " + std::to_string(picture.bitDepth) + " bit";
     }
     text += track.framesPerSecond ? ", " + rateText(*track.framesPerSecond) : "";
     text += track.channels > 0

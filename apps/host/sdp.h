@@ -31,6 +31,7 @@ struct Description
     std::vector<Track> tracks; ///< in their order
     const Track *first(const std::string &media) const;
     std::optional<double> length() const; ///< seconds of a recording, where the range tells them
+    bool live() const;                    ///< whether the range says so: nothing of it can be had again, or has an end
 };
 
 /// Reads what it understands and passes over the rest; never fails.
@@ -39,7 +40,7 @@ Description parseDescription(const std::string &sdp);
 /// The codecs of a description's tracks, such as "H264 video, PCMU audio".
 std::string summary(const Description &description);
 
-/// A track's codec and what its pictures or its sound are like, such as "H264 High 640x360, 25 frames/s".
+/// A track's codec and what its pictures or its sound are like, such as "H264 High 640x360 8 bit, 25 frames/s".
 std::string details(const Track &track);
 
 /// A control URL: absolute as it stands, "*" or none the URL itself, else joined to it.

@@ -180,7 +180,7 @@ TEST(HostDescription, isReadAsFarAsItIsUnderstood)
                                 " sprop-parameter-sets=Z2QAKKzZQHgCJ+XAWoCAgKAAAH0gAB1MEeMGMsA=\r\n")
             .tracks.at(0);
     };
-    EXPECT_EQ(details(pictureOf("96")), "H264 High 1920x1080, 29.97 frames/s");
+    EXPECT_EQ(details(pictureOf("96")), "H264 High 1920x1080 8 bit, 29.97 frames/s");
     EXPECT_EQ(details(pictureOf("97")), "H264");
     EXPECT_TRUE(parseDescription("").tracks.empty());
 }
