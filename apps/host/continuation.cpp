@@ -1,7 +1,9 @@
 #include "continuation.h"
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
+#include <fstream>
 
 #include "output_file.h"
 #include "zr_platform.h"
@@ -12,10 +14,14 @@ namespace {
 /// A file's times are rounded, and a server that takes the request to the letter must not begin behind the key frame.
 constexpr double beforeKey = 0.1; // seconds
 
-std::string restOf(const std::string &file)
+/// Whether a file was begun as a Matroska file, or not even that.
+bool isBegun(const std::string &file)
 {
-    int number = 1;
-    return numbered(std::filesystem::path(file).replace_extension(".rest.mkv").string(), number, false);
+    constexpr std::array<char, 4> ebml = {'\x1a', '\x45', '\xdf', '\xa3'}; // RFC 8794, 11.2.1
+    std::array<char, 4> head{};
+    std::ifstream in(file, std::ios::binary);
+    in.read(head.data(), head.size());
+    return in.gcount() == 0 ? in.eof() : head == ebml;
 }
 
 std::string seconds(double value)
@@ -40,14 +46,52 @@ Continuation::Continuation(const CourseOptions &options, Report &report)
                       result == ZR_MEDIA_UNAVAILABLE ? "a library that was built with GStreamer"
                                                      : "another name, or --force to write over it");
     }
-    m_rest.record = restOf(m_file);
+    takeFormer();
+    ZR_RecordingFacts(m_file.c_str(), &facts); // as it is by now
     m_held = static_cast<double>(facts.ullMediaMs) / 1000;
     m_rest.held = m_held;
     m_rest.skip = std::max(static_cast<double>(facts.ullLastKeyMs) / 1000 - beforeKey, 0.001);
     m_report.event("continuing",
-                   m_file + " ends at " + seconds(m_held) +
-                       ": what it lacks is fetched from its last key frame on, at " + seconds(m_rest.skip),
+                   m_file + " ends at " + seconds(m_held) + "; it can go on from its last key frame, at " +
+                       seconds(m_rest.skip),
                    {{"file", m_file}, {"seconds", m_held}, {"from", m_rest.skip}});
+}
+
+void Continuation::takeFormer(const std::string &rest)
+{
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    const bool ours = fs::is_regular_file(fs::symlink_status(rest, ignored)) &&
+                      fs::last_write_time(rest, ignored) >= fs::last_write_time(m_file, ignored);
+    ZrRecordingFacts facts{};
+    if (ours && isBegun(rest) && ZR_RecordingFacts(rest.c_str(), &facts) != 0)
+    {
+        fs::remove(rest, ignored);
+        m_report.event("removed", "removed " + rest + ", which was left there: it holds no media", {{"file", rest}});
+    }
+    else if (ours && ZR_RecordingContinue(m_file.c_str(), rest.c_str()) == 0)
+    {
+        fs::remove(rest, ignored);
+        m_report.event("joined", "joined " + rest + " to " + m_file + ": an earlier --continue left it",
+                       {{"file", m_file}, {"rest", rest}});
+    }
+    else
+    {
+        m_report.warning("left", rest + " stays as it is: it does not continue " + m_file, {{"file", rest}});
+    }
+}
+
+/// Of continuations that were killed, and takes a free name for what comes.
+void Continuation::takeFormer()
+{
+    const std::string name = std::filesystem::path(m_file).replace_extension(".rest.mkv").string();
+    int number = 1;
+    for (std::string rest = name; wouldBeLost(rest); rest = numbered(name, ++number, true))
+    {
+        takeFormer(rest);
+    }
+    number = 1;
+    m_rest.record = numbered(name, number, false);
 }
 
 double Continuation::join()

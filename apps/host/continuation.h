@@ -13,7 +13,7 @@ namespace zr::host {
 class Continuation
 {
 public:
-    /// Reads the file, which takes a while.
+    /// Reads the file, which takes a while. Joins to it what a continuation fetched that was killed.
     /// @param options  of the whole download; records into the file
     /// @throws Failure  when the file is no recording
     Continuation(const CourseOptions &options, Report &report);
@@ -30,6 +30,9 @@ public:
     double join();
 
 private:
+    void takeFormer();
+    void takeFormer(const std::string &rest);
+
     const std::string m_file;
     CourseOptions m_rest;
     double m_held = 0;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <unistd.h>
 
@@ -83,6 +84,7 @@ void Controls::serve()
 
 void Controls::act(Key key)
 {
+    m_hinted = m_hinted && (key == Key::Unknown || key == Key::Up || key == Key::Down);
     switch (key)
     {
     case Key::Pause:
@@ -105,13 +107,23 @@ void Controls::act(Key key)
         return toggleRecording();
     case Key::Up:
     case Key::Down:
-        return;
+    case Key::Unknown:
+        return hint();
     case Key::Information:
         return tellInformation();
     case Key::Help:
         return say(keyHelp);
     case Key::Quit:
         return m_interrupt.ask();
+    }
+}
+
+/// Once for whatever is typed on and on.
+void Controls::hint()
+{
+    if (!std::exchange(m_hinted, true))
+    {
+        say("that key does nothing here: ? for help");
     }
 }
 

@@ -36,12 +36,14 @@ private:
     void takePicture();
     void toggleRecording();
     void tellInformation();
+    void hint();
     void say(const std::string &text);
 
     Course &m_course;
     Interrupt &m_interrupt;
     Report &m_report;
     TypedKeys m_keys;
+    bool m_hinted = false; ///< at the help, and no known key came since
 };
 
 } // namespace zr::host

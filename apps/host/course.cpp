@@ -253,6 +253,7 @@ double Course::secondsOfMedia() const
 void Course::measure()
 {
     tellFiles();
+    lookAfterRecording();
     const auto now = m_lastLook = Clock::now();
     const ZrMediaStatistics statistics = m_session->statistics();
     m_media.packets = statistics.ullPackets;
@@ -354,6 +355,28 @@ void Course::endRecording()
     m_report.event("recorded", "recorded " + file, {{"file", file}});
 }
 
+/// What cannot be written any more does not wait for the end to be told.
+void Course::lookAfterRecording()
+{
+    const ZR_ULONG code = m_over || m_recording.empty() ? 0 : m_session->recordingProblem();
+    if (code == 0)
+    {
+        return;
+    }
+    if (m_recording == m_options.record)
+    {
+        return stop(notWritten("recording", m_recording, code));
+    }
+    try // one that was asked for meanwhile: the stream plays on
+    {
+        endRecording();
+    }
+    catch (const Failure &failed)
+    {
+        m_report.event("not_recorded", failed.what(), nullptr);
+    }
+}
+
 /// Of a recording in one file nothing is told but its beginning and its end.
 void Course::tellFiles()
 {
@@ -394,7 +417,10 @@ void Course::endRecordingAtEnd()
     }
     catch (const Failure &failed) // a session that was lost at once has nothing to record: that is not the cause
     {
-        m_report.event("not_recorded", failed.what(), {{"file", file}});
+        if (m_failure && m_failure->meaning() != failed.meaning())
+        {
+            m_report.event("not_recorded", failed.what(), {{"file", file}});
+        }
         m_failure.emplace(m_failure.value_or(failed));
     }
 }

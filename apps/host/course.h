@@ -128,6 +128,7 @@ private:
     void measure();
     void requireWithin();
     void passOver();
+    void lookAfterRecording();
     void endRecordingAtEnd();
     void tellFiles();
     void lookForSilence();

@@ -44,6 +44,12 @@ void Course::passOver()
     {
         return;
     }
+    if (m_description.live())
+    {
+        throw Failure(ExitCode::Refused, "continuing", 0,
+                      "the stream is live: what the file lacks has passed and cannot be fetched",
+                      "play URL --record OTHER_FILE --duration SECONDS for what comes now; what is there stays");
+    }
     const Track *video = m_description.first("video");
     const double frame = video != nullptr && video->framesPerSecond ? 1 / *video->framesPerSecond : unknownFrame;
     const auto asked = length();

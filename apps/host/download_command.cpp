@@ -56,7 +56,15 @@ private:
 
     std::string soFar() const
     {
-        return m_file + " holds " + length(held()) + (m_length ? " of " + length(m_before + *m_length) : "");
+        return (m_course.description().live() ? "the stream is live and has no end, " : "") + m_file + " holds " +
+               length(held()) + (m_length ? " of " + length(m_before + *m_length) : "");
+    }
+
+    std::string nextStep() const
+    {
+        return m_course.description().live() ? "play URL --record FILE --duration SECONDS, for so much of a live stream"
+               : m_length                    ? "the same command with --continue, for the rest"
+                                             : "the same command with --continue, if it is a recording: no end is told";
     }
 
     Course &m_course;
@@ -90,7 +98,18 @@ void Download::run(const Interrupt &interrupt)
     double held = m_course.media().covered;
     if (m_continuation != nullptr) // also of what was cut once more
     {
-        held = m_continuation->join();
+        try
+        {
+            held = m_continuation->join();
+        }
+        catch (const Failure &notJoined)
+        {
+            if (!failed)
+            {
+                throw;
+            }
+            m_report.event("not_joined", notJoined.what(), nullptr);
+        }
     }
     if (failed)
     {
@@ -107,6 +126,10 @@ void Download::fetch(const Interrupt &interrupt)
         return;
     }
     m_length = m_course.length();
+    if (m_course.description().live() && !m_length)
+    {
+        m_report.event("endless", "the stream is live and has no end: it is recorded until Ctrl-C", nullptr);
+    }
     while (!m_course.over())
     {
         m_course.step(atLeisure);
@@ -115,8 +138,7 @@ void Download::fetch(const Interrupt &interrupt)
     }
     if (interrupt.asked())
     {
-        m_course.stop(interrupt.failure("downloading", "interrupted, " + soFar(),
-                                        "the same command with --continue, for the rest"));
+        m_course.stop(interrupt.failure("downloading", "interrupted, " + soFar(), nextStep()));
     }
     m_course.end();
 }
@@ -139,8 +161,7 @@ void Download::judge()
     }
     else if (media.silent >= silenceOfFault)
     {
-        m_course.stop(Failure(ExitCode::NoMedia, "downloading", 0, "media stopped: " + soFar(),
-                              "the same command with --continue, for the rest"));
+        m_course.stop(Failure(ExitCode::NoMedia, "downloading", 0, "media stopped: " + soFar(), nextStep()));
     }
 }
 

@@ -175,7 +175,9 @@ Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG co
                 "make room there; what was written stays, and download --continue fetches the rest"};
     }
     return {ExitCode::Output, what, code, file + " could not be written",
-            "check the folder, and that the library was built with GStreamer; --log-level info tells more"};
+            code == ZR_MEDIA_FAILED ? "check quotas and limits (ulimit -f); --log-level info tells more"
+                                    : "check the folder, and that the library was built with GStreamer; --log-level "
+                                      "info tells more"};
 }
 
 } // namespace zr::host

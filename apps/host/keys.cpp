@@ -86,10 +86,7 @@ std::vector<Key> takeKeys(std::string &typed)
         }
         const auto *found = std::find_if(sequences.begin(), sequences.end(),
                                          [&](const Sequence &one) { return typed.compare(0, length, one.bytes) == 0; });
-        if (found != sequences.end())
-        {
-            keys.push_back(found->key);
-        }
+        keys.push_back(found != sequences.end() ? found->key : Key::Unknown);
         typed.erase(0, length);
     }
     return keys;

@@ -22,10 +22,11 @@ enum class Key
     Record,
     Information,
     Help,
-    Quit
+    Quit,
+    Unknown ///< any other
 };
 
-/// Takes whole keys from what a terminal sent (ECMA-48, xterm's sequences); what is none of these keys is passed over.
+/// Takes whole keys from what a terminal sent (ECMA-48, xterm's sequences).
 /// @param typed  keeps the beginning of a sequence whose rest has not come yet
 std::vector<Key> takeKeys(std::string &typed);
 

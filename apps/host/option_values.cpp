@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "failure.h"
+#include "output_file.h"
 #include "position.h"
 #include "speed.h"
 
@@ -75,12 +76,17 @@ CLI::Validator oneOf(std::vector<std::pair<std::string, ZR_ULONG>> words)
 
 CLI::Validator writable()
 {
+    return {[](std::string &file) { return whyUnwritable(file); }, "FILE"};
+}
+
+CLI::Validator media()
+{
     return {[](std::string &file) {
-                const std::filesystem::path path(file);
                 std::error_code ignored;
-                const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
-                return std::filesystem::is_directory(folder, ignored) ? std::string()
-                                                                      : "there is no folder " + folder.string();
+                const bool other =
+                    std::filesystem::exists(file, ignored) && !std::filesystem::is_regular_file(file, ignored);
+                const std::string why = whyUnwritable(file);
+                return why.empty() && other ? file + " is no ordinary file: media is not written into it" : why;
             },
             "FILE"};
 }

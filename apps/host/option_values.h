@@ -21,8 +21,10 @@ CLI::Validator wholeNumberFrom(double least, double most, const char *unit);
 /// One of some words, which becomes the number that it stands for.
 CLI::Validator oneOf(std::vector<std::pair<std::string, ZR_ULONG>> words);
 
-/// A file in a folder that is there.
+/// A file that can be written, as far as that can be told without writing it.
 CLI::Validator writable();
+/// The same for a recording or a picture, which takes the place of whatever has its name.
+CLI::Validator media();
 
 /// What stands in requests and must not end their lines.
 CLI::Validator plain();

@@ -158,7 +158,7 @@ void addSpeed(CLI::App &app, PlayOptions &play)
 
 void addRecord(CLI::App &app, PlayOptions &play)
 {
-    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(writable());
+    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(media());
 }
 
 void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
@@ -177,7 +177,7 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
         ->needs(pauseAt)
         ->option_text("S [2]")
         ->group(moreGroup);
-    app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(writable());
+    app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(media());
     addRecord(app, play);
     auto *preview = app.add_flag("--preview", play.preview, "Draw the picture in the terminal");
     app.add_flag("--window", play.window, "Show the picture in a window")->excludes(preview);
@@ -189,7 +189,7 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
 void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
 {
     addUrl(app, raw);
-    app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(writable());
+    app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(media());
     addTransport(app, raw, true);
     addRange(app, download.course.playback);
     auto *speed = app.add_option("--speed", raw.downloadTimes, "Ask for a download at 1, 2, 4 or 8 times the speed")

@@ -9,6 +9,9 @@ namespace zr::host {
 /// Whether something stands there that would be written over: a device or a pipe is none.
 bool wouldBeLost(const std::string &file);
 
+/// Why a file cannot be written, or be made where there is none; empty: it should do.
+std::string whyUnwritable(const std::string &file);
+
 /// @param force  it may be written over
 /// @throws Failure  when the file is there and may not
 void requireFree(const std::string &file, bool force);

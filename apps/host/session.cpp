@@ -429,6 +429,11 @@ std::vector<RecordedFile> Session::recordedFiles()
     return std::exchange(m_files, {});
 }
 
+ZR_ULONG Session::recordingProblem() const
+{
+    return ZR_MediaPortRecording(m_id);
+}
+
 void Session::endRecording()
 {
     const ZR_ULONG result = ZR_MediaPortRecord(m_id, nullptr);

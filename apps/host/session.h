@@ -111,6 +111,8 @@ public:
     std::vector<RecordedFile> recordedFiles();
     /// Ends it and returns when the file is whole.
     void endRecording();
+    /// What ended a recording before its end, such as a disk that is full: the platform's code; 0: it goes on.
+    ZR_ULONG recordingProblem() const;
     /// Writes the next whole picture.
     void snapshot(const std::string &file, ZR_ULONG timeoutMs);
     /// Shows the video until endShow.

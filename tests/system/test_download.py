@@ -36,12 +36,14 @@ class DownloadTest(HostTest):
         device = self.device("--vod-length", "9")
         whole, file = self.file("whole.mkv"), self.file("r.mkv")
         complete = self.start("download", device.url("vod"), whole)
-        for end, code in ((signal.SIGKILL, -signal.SIGKILL), (signal.SIGINT, INTERRUPTED)):
+        for end, code, until, left in ((signal.SIGKILL, -signal.SIGKILL, 3, False), (signal.SIGKILL, -signal.SIGKILL, 5, False),
+                                       (signal.SIGINT, INTERRUPTED, 6, True)):
             process = self.start("download", device.url("vod"), file, "--continue", "--json")
-            events = (json.loads(line) for line in process.stdout)
-            begin = 0 if code != INTERRUPTED else 1
+            told = []
             # some pictures more than it began with, which a killed one may not have written all
-            self.assertTrue(any(event["event"] == "progress" and event["seconds"] > begin + 3 for event in events))
+            while not told or told[-1]["event"] != "progress" or told[-1]["seconds"] < until:
+                told.append(json.loads(process.stdout.readline()))
+            self.assertEqual("joined" in [event["event"] for event in told], left)  # what a killed one had fetched
             process.send_signal(end)
             process.stdout.read()
             self.assertEqual(process.wait(20), code)
@@ -51,6 +53,21 @@ class DownloadTest(HostTest):
         self.assertEqual(frames(file), frames(whole))
         self.check_recording(file, 9, "video/x-h264", "audio/x-alaw")
         self.assertEqual(sorted(os.listdir(self.folder)), ["r.mkv", "whole.mkv"])
+
+    def test_what_is_live_has_no_rest(self):
+        url, file = self.device().url("live"), self.file("r.mkv")
+        process = self.start("download", url, file)
+        self.assertTrue(any("live and has no end" in line for line in process.stdout))
+        process.stdout.readline()  # where it is after some seconds
+        process.send_signal(signal.SIGINT)
+        _, said = process.communicate(timeout=30)
+        self.assertEqual(process.returncode, INTERRUPTED)
+        self.assertRegex(said, "the stream is live and has no end, .* holds [1-9].*\n.*play URL --record")
+        size = os.path.getsize(file)
+        result = self.run_host(REFUSED, "download", url, file, "--continue")
+        self.assertIn("continuing failed: the stream is live", result.err)
+        self.assertNotIn("set up", result.out)
+        self.assertEqual((os.listdir(self.folder), os.path.getsize(file)), (["r.mkv"], size))
 
     def test_what_is_whole_stays_as_it_is(self):
         url, file = self.device().url("vod"), self.file("r.mkv")

@@ -7,6 +7,7 @@ import subprocess
 import time
 import unittest
 
+from faulty_device import Device as FaultyDevice
 from programs import CREDENTIALS, OK, OUTPUT, PASSWORD, REFUSED, UNREACHABLE, USAGE, USER, Device, HostTest, command
 
 
@@ -79,6 +80,10 @@ class FailuresTest(HostTest):
                 ('--interval: it takes whole milliseconds from 1 to 1000000000, not "1.5"', "see zr_rtsp_host replay --help",
                  ("replay", url, "--from", "2026-11-20T10:00:00Z", "--frames", "intra", "--interval", "1.5")),
                 ("there is no folder", help_of_play, (*play, "--record", self.file("no/such/folder/x.mkv"))),
+                ("names a folder", help_of_play, (*play, "--record", self.file("new/"))),
+                ("names a folder", help_of_play, (*play, "--snapshot", self.folder)),
+                ("names a folder", "see zr_rtsp_host check --help", ("check", url, "--report", self.folder)),
+                ("is no ordinary file", "see zr_rtsp_host download --help", ("download", url, "/dev/null")),
                 ("play does not know --pasword (--password?)", help_of_play, (*play, "--pasword", PASSWORD)),
                 ("there is more than play takes", help_of_play, (*play, PASSWORD)),
                 ("a colon in the user name", help_of_play,
@@ -87,8 +92,18 @@ class FailuresTest(HostTest):
                 result = self.failure(USAGE, "reading the command line failed: ", *arguments)
                 self.assertIn(said, result.err)
                 self.assertIn("try: " + advice, result.err)
-        self.failure(OUTPUT, "could not be written", "play", self.device().url("video"), "--duration", "1",
-                     "--snapshot", self.folder)
+
+    def test_what_cannot_be_written_is_told_once_and_at_once(self):
+        silent = FaultyDevice({"PLAY": {"after": "<<rtp seq=0>>"}})
+        self.addCleanup(silent.close)
+        empty = self.run_host(OUTPUT, "play", f"rtsp://127.0.0.1:{silent.port}/a", "--tcp", "--tag", "plain", "--duration",
+                              "0.3", "--record", self.file("e.mkv"))
+        limited = ["bash", "-c", 'ulimit -f 200; exec "$@"', "bash"]  # what is live has no other end
+        run = subprocess.run(limited + command("play", self.device().url("live"), "--record", self.file("r.mkv")),
+                             capture_output=True, text=True, timeout=60)
+        self.assertEqual(run.returncode, OUTPUT, run.stdout + run.stderr)
+        for said, told in (("nothing came that ", empty.out + empty.err), ("r.mkv could not be written", run.stdout + run.stderr)):
+            self.assertEqual(told.count(said), 1, told)
 
     def test_nobody_reads(self):
         url = self.device().url("live")
@@ -108,7 +123,7 @@ class FailuresTest(HostTest):
         url = self.device().url("video")
         os.environ["TMPDIR"] = self.file("none")
         self.addCleanup(os.environ.pop, "TMPDIR")
-        result = self.run_host(OUTPUT, "check", url, "--report", "/proc/page.html")
+        result = self.run_host(OUTPUT, "check", url, "--report", "/dev/full")
         self.assertIn("the stream plays; failed: picture", result.out)
         result = self.run_host(USAGE, "check", url, "--tag", "plain", "--user", "a:b", "--password", PASSWORD)
         self.assertIn("the stream does not play; failed: session", result.out)

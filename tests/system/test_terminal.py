@@ -106,6 +106,8 @@ class TerminalTest(HostTest):
 
     def test_status_line_in_a_terminal_that_becomes_narrow(self):
         terminal = self.run_in_terminal("play", self.device().url("vod"), "--tcp")
+        terminal.type("xyx")
+        terminal.after("that key does nothing here: ? for help\r\n")
         terminal.after("  ? keys")
         terminal.resize(30, 30)
         terminal.after("\x1b[2A\x1b[J")  # it had become three lines, which are gone
@@ -115,6 +117,11 @@ class TerminalTest(HostTest):
         terminal.type("q")
         terminal.after(PROMPT)
         self.assertTrue(terminal.is_usual())
+
+    def test_lines_break_between_words(self):
+        terminal = self.run_in_terminal("describe", self.device().url("vod"))
+        terminal.after("PAUSE, PLAY, RECORD, SETUP, SET_PARAMETER,\r\n    TEARDOWN\r\n")
+        self.assertNotIn("8 b\r\n", terminal.after("/vod/stream=1\r\n"))
 
     def test_keys_at_a_download_are_for_nobody(self):
         terminal = self.run_in_terminal("download", self.device().url("vod"), self.file("day.mkv"))
