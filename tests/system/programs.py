@@ -80,9 +80,9 @@ def host(*arguments, timeout=60):
     return Result(run.returncode, run.stdout, run.stderr)
 
 
-def frames(file):
-    """The sizes of a recording's video frames, and their times in ms after the first, as its reader finds them."""
-    line = ["gst-launch-1.0", "-v", "filesrc", f"location={file}", "!", "matroskademux", "!", "video/x-h264", "!",
+def frames(file, format="video/x-h264"):
+    """The sizes of a recording's frames of a format, and their times in ms after the first, as its reader finds them."""
+    line = ["gst-launch-1.0", "-v", "filesrc", f"location={file}", "!", "matroskademux", "!", format, "!",
             "fakesink", "silent=false"]
     told = subprocess.run(line, capture_output=True, text=True, timeout=60, check=True).stdout
     found = [(int(size), (int(minutes) * 60 + float(seconds)) * 1000)

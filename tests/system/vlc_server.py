@@ -1,5 +1,5 @@
 """Serves a file as VLC does: python3 vlc_server.py PORT FILE, for each client by itself; or, with an address of this
-machine and a group behind it, to that group. In a process of its own, for it ends with a signal."""
+machine and a chain of VLC's outputs behind it, by that. In a process of its own, for it ends with a signal."""
 
 import ctypes
 import signal
@@ -8,18 +8,17 @@ import sys
 POINTERS = ("libvlc_new", "libvlc_media_new_path", "libvlc_media_player_new_from_media")
 
 
-def serve(port, file, address="", group=""):
+def serve(port, file, address="", output=""):
     vlc = ctypes.CDLL("libvlc.so.5")
     for name in POINTERS:
         getattr(vlc, name).restype = ctypes.c_void_p
     options = [f"--rtsp-port={port}", "--ignore-config", "--quiet"]
-    if group:
+    if output:
         options += [f"--rtsp-host={address}", "--miface=lo", "--ttl=1"]
     instance = ctypes.c_void_p(vlc.libvlc_new(len(options), (ctypes.c_char_p * len(options))(*map(str.encode, options))))
-    if group:
+    if output:
         media = ctypes.c_void_p(vlc.libvlc_media_new_path(instance, file.encode()))
-        output = f":sout=#rtp{{dst={group},port=5004,sdp=rtsp://{address}:{port}/v}}"
-        for option in (output, ":sout-all"):
+        for option in (f":sout=#{output}", ":sout-all"):
             vlc.libvlc_media_add_option(media, option.encode())
         failed = vlc.libvlc_media_player_play(ctypes.c_void_p(vlc.libvlc_media_player_new_from_media(media)))
     else:
