@@ -311,6 +311,7 @@ void Check::end(Course &course)
     try
     {
         const auto begin = Clock::now();
+        m_trace.forgetTeardown();
         course.end();
         while (m_trace.tornDown().value_or(0) == 0 && since(begin) < answerSeconds)
         {

@@ -138,6 +138,12 @@ std::optional<int> Trace::tornDown() const
     return m_tornDown;
 }
 
+void Trace::forgetTeardown()
+{
+    const std::scoped_lock lock(m_mutex);
+    m_tornDown.reset();
+}
+
 void Trace::tell(const ZrTraceEvent &event)
 {
     const std::string lines = linesOf(event);

@@ -46,6 +46,8 @@ public:
     std::vector<Lines> kept() const;
     /// The status that the latest TEARDOWN was answered with; 0: not yet; none: none was kept.
     std::optional<int> tornDown() const;
+    /// In front of the next session's end: tornDown() tells of that then, not of a session before.
+    void forgetTeardown();
     /// Messages of servers so far, also those that could not be read.
     size_t received() const;
 
