@@ -174,15 +174,11 @@ Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG co
         return {ExitCode::Output, what, code, file + " could not be written whole: the disk is full",
                 "make room there; what was written stays, and download --continue fetches the rest"};
     }
-    if (code == ZR_MEDIA_FAILED)
-    {
-        return {ExitCode::Output, what, code, file + " could not be made",
-                "--log-level error says why; a picture needs a decoder, such as gstreamer1.0-libav's for H.265"};
-    }
     return {ExitCode::Output, what, code, file + " could not be written",
-            code == ZR_MEDIA_FAILED ? "check quotas and limits (ulimit -f); --log-level info tells more"
-                                    : "check the folder, and that the library was built with GStreamer; --log-level "
-                                      "info tells more"};
+            code == ZR_MEDIA_FAILED
+                ? "check quotas and limits (ulimit -f); a picture needs a decoder, such as gstreamer1.0-libav's for "
+                  "H.265; --log-level error says why"
+                : "check the folder, and that the library was built with GStreamer; --log-level info tells more"};
 }
 
 } // namespace zr::host
