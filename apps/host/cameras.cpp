@@ -53,8 +53,9 @@ public:
 
     Camera camera() const
     {
-        Camera made{m_name,      text("url"), text("user"), text("password-file"), text("password-command"),
-                    text("tag"), flag("http")};
+        Camera made{m_name, text("url"), text("user"), text("password-file"), text("password-command"), text("tag")};
+        const bool http = flag("http");
+        made.tunnel = flag("http-one") ? ZR_TUNNEL_HTTP_ONE : http ? ZR_TUNNEL_HTTP : ZR_TUNNEL_NONE;
         refuseUnknown();
         if (made.url.empty())
         {
@@ -123,9 +124,9 @@ private:
             if (m_known.count(name) == 0)
             {
                 const std::string meant = nearest(name, {m_known.begin(), m_known.end()});
-                throw wrong(key.source(), m_name + ": there is no key " + name +
-                                              (meant.empty() ? "" : " (" + meant + "?)") +
-                                              "; there are url, user, password-file, password-command, tag and http");
+                throw wrong(key.source(),
+                            m_name + ": there is no key " + name + (meant.empty() ? "" : " (" + meant + "?)") +
+                                "; there are url, user, password-file, password-command, tag, http and http-one");
             }
         }
     }

@@ -6,18 +6,19 @@
 #include <vector>
 
 #include "session.h"
+#include "zr_platform.h"
 
 namespace zr::host {
 
 struct Camera
 {
     std::string name;
-    std::string url;             ///< as it stands there, with credentials if it has some
-    std::string user;            ///< empty: the URL's, if any
-    std::string passwordFile;    ///< whose first line is the password; empty: none
-    std::string passwordCommand; ///< that prints it, for the shell; empty: none
-    std::string tag;             ///< decoder description; empty: the command's own
-    bool http = false;           ///< tunnelled, unless the command line asks for UDP
+    std::string url;                     ///< as it stands there, with credentials if it has some
+    std::string user;                    ///< empty: the URL's, if any
+    std::string passwordFile;            ///< whose first line is the password; empty: none
+    std::string passwordCommand;         ///< that prints it, for the shell; empty: none
+    std::string tag;                     ///< decoder description; empty: the command's own
+    tagZrTunnel tunnel = ZR_TUNNEL_NONE; ///< unless the command line asks for another, or for UDP
 };
 
 /// What the file holds (TOML), checked. One thread.

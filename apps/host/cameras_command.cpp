@@ -40,7 +40,8 @@ void camerasCommand(const CamerasOptions &options, Report &report)
         {
             line.append("  tag ").append(camera.tag);
         }
-        line += camera.http ? "  in HTTP" : "";
+        const bool overOne = camera.tunnel == ZR_TUNNEL_HTTP_ONE;
+        line += overOne ? "  in HTTP, over one connection" : camera.tunnel == ZR_TUNNEL_HTTP ? "  in HTTP" : "";
         line.erase(line.find_last_not_of(' ') + 1);
         report.event("camera", line,
                      {{"name", camera.name},
@@ -48,7 +49,8 @@ void camerasCommand(const CamerasOptions &options, Report &report)
                       {"user", user},
                       {"password", password},
                       {"tag", camera.tag},
-                      {"http", camera.http}});
+                      {"http", camera.tunnel != ZR_TUNNEL_NONE},
+                      {"http_one", overOne}});
     }
     if (options.cameras.empty())
     {

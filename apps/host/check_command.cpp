@@ -281,11 +281,11 @@ void Check::tryAll()
     else
     {
         CourseOptions options;
-        if (m_source.tunnelled)
+        if (m_source.tunnelled())
         {
             skip({"UDP: SETUP", "UDP: PLAY", "UDP: media"}, "a tunnel in HTTP carries the media, too");
         }
-        m_plays = !m_source.tunnelled && tryTransport(options, true);
+        m_plays = !m_source.tunnelled() && tryTransport(options, true);
         options.protocol = PROTOCOL_TCP;
         m_plays = tryTransport(options, !m_plays) || m_plays;
         if (!m_plays)

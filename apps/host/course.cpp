@@ -106,7 +106,7 @@ const char *Course::transport() const
 
 bool Course::mayFallBack() const
 {
-    return m_options.fallBack && !m_options.multicast && !m_source.tunnelled && m_protocol == m_options.protocol;
+    return m_options.fallBack && !m_options.multicast && !m_source.tunnelled() && m_protocol == m_options.protocol;
 }
 
 // An object has one session: what only another one can avoid takes a new object.

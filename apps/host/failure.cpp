@@ -61,6 +61,8 @@ bool speaksHttp(const std::string &text)
                        [&](const char *one) { return text.find(one) != std::string::npos; });
 }
 
+constexpr const char *otherTunnel =
+    "try the other kind of tunnel: --http-one (one connection) where it was --http, --http where it was --http-one";
 constexpr const char *unverified = "; --insecure goes on without verifying, for a network that is trusted";
 
 struct Problem
@@ -90,6 +92,7 @@ constexpr Problem problems[] = {
     {"the session cannot be tunnelled",
      "name the port in the URL where the device takes HTTP, or try without --http; --trace shows what it answers",
      ZR_CONNECTION_NO_TUNNEL, false},
+    {"the session cannot be tunnelled", otherTunnel, ZR_CONNECTION_TUNNEL_CONNECTIONS, false},
     {"the tunnel needs credentials", "check --user and --password", ZR_CONNECTION_TUNNEL_CREDENTIALS, false},
 };
 
@@ -121,12 +124,14 @@ Failure requestFailed(const std::string &step, ZR_ULONG code, const std::string 
             (status ? "the server refused the request" : "it could not be done") + because, readTheLog};
 }
 
-Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited, bool everAnswered)
+Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited, bool everAnswered,
+                    bool tunnelled)
 {
     return {ExitCode::Unreachable, step, code,
             "the server did not answer within " + std::to_string(waited.count()) + " s" +
                 (everAnswered ? ", though it did before" : ", though it took the connection"),
             everAnswered ? "look for other clients of the device, and into its own log; restart it: it may hang"
+            : tunnelled  ? otherTunnel
                          : "check that the device speaks RTSP on this port; restart it: it may hang"};
 }
 

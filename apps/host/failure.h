@@ -62,7 +62,9 @@ Failure notWritten(const std::string &what, const std::string &file, ZR_ULONG co
 /// @param code    what the plug-in's operation returned
 /// @param waited  how long
 /// @param everAnswered  the server answered an earlier one
-Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited, bool everAnswered);
+/// @param tunnelled     it went by a tunnel in HTTP
+Failure notAnswered(const std::string &step, ZR_ULONG code, std::chrono::seconds waited, bool everAnswered,
+                    bool tunnelled);
 
 /// A request that failed with its connection.
 /// @param problem  a tagZrConnectionProblem

@@ -39,6 +39,8 @@ struct Raw
     bool udp = false;
     bool multicast = false;
     bool http = false;
+    bool httpOne = false;
+    tagZrTunnel tunnel = ZR_TUNNEL_NONE; ///< what comes of both, and of the camera's
     std::optional<int> downloadTimes;
     bool sampled = false;
     ReplayOptions replay;
@@ -58,6 +60,8 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
     app.add_option("--ca", common.caFile, "Trust this certificate for rtsps as well (PEM)")->check(CLI::ExistingFile);
     app.add_flag("--insecure", common.insecure, "Take any certificate of an rtsps server for good");
     app.add_flag("--http", raw.http, "Tunnel RTSP and media in HTTP (implies --tcp): port 80, rtsps 443, or the URL's");
+    app.add_flag("--http-one", raw.httpOne,
+                 "The same over one connection, where no second one comes through; few servers take it");
     app.add_option("--tag", raw.tag, "Decoder description, such as onvif (default), guobiao, omz-v1@12")
         ->check(plain());
     app.add_flag("--json", common.json, "Print one event a line, as JSON");
@@ -263,10 +267,10 @@ void complete(Credentials &credentials, const std::string &where)
 }
 
 /// Devices take tunnels where their web pages are; a server of its own where it takes RTSP, which the URL then names.
-void tunnel(Source &source)
+void tunnel(Source &source, tagZrTunnel kind)
 {
     const bool tls = source.url.text.rfind("rtsps:", 0) == 0;
-    source.tunnelled = true;
+    source.tunnel = kind;
     source.url.port = source.url.portNamed ? source.url.port : static_cast<uint16_t>(tls ? 443 : 80);
 }
 
@@ -289,9 +293,9 @@ std::vector<Source> completeSources(const Raw &raw, const std::string &tag, cons
         Source made =
             makeSource(camera.url, has ? own : given, raw.tag.empty() && !camera.tag.empty() ? camera.tag : tag);
         made.name = camera.name;
-        if (camera.http && !raw.udp)
+        if (camera.tunnel != ZR_TUNNEL_NONE && !raw.udp)
         {
-            tunnel(made);
+            tunnel(made, camera.tunnel);
         }
         return made;
     };
@@ -354,7 +358,7 @@ std::optional<Cameras> findCameras(Raw &raw, Options &options)
 /// The URLs' sources are known.
 void understandTunnel(const Raw &raw, Options &options)
 {
-    if (!raw.http)
+    if (raw.tunnel == ZR_TUNNEL_NONE)
     {
         return;
     }
@@ -362,15 +366,25 @@ void understandTunnel(const Raw &raw, Options &options)
     {
         throw wrongUsage("--http carries the media, too: leave --udp and --multicast away");
     }
-    tunnel(options.common.source);
-    std::for_each(options.watch.sources.begin(), options.watch.sources.end(), tunnel);
+    tunnel(options.common.source, raw.tunnel);
+    for (Source &source : options.watch.sources)
+    {
+        tunnel(source, raw.tunnel);
+    }
 }
 
 void understand(Raw &raw, Options &options)
 {
     const auto cameras = findCameras(raw, options);
-    raw.http = raw.http || (raw.camera && raw.camera->http && !raw.udp && !raw.multicast && !options.check.multicast);
-    raw.tcp = raw.tcp || raw.http;
+    if (raw.http || raw.httpOne)
+    {
+        raw.tunnel = raw.httpOne ? ZR_TUNNEL_HTTP_ONE : ZR_TUNNEL_HTTP;
+    }
+    else if (raw.camera && !raw.udp && !raw.multicast && !options.check.multicast)
+    {
+        raw.tunnel = raw.camera->tunnel;
+    }
+    raw.tcp = raw.tcp || raw.tunnel != ZR_TUNNEL_NONE;
     const auto tagOr = [&](const char *own) { return raw.tag.empty() ? std::string(own) : raw.tag; };
     const auto source = [&](const std::string &tag) { return completeSource(raw, tag); };
     CommonOptions &common = options.common;

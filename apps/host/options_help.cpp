@@ -140,7 +140,7 @@ of --cameras. It has a table a camera:
 The password is the first line of the file, which is sought beside the cameras file,
 or of what the command prints; the shell runs it when the camera is used. What the
 command line says of user, password and tag goes before; http = true is --http for
-this camera, unless --udp or --multicast is said.
+this camera, http-one = true is --http-one, unless --udp or --multicast is said.
 )",
                                  R"(
 Examples:

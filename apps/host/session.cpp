@@ -61,12 +61,12 @@ void Session::make(const std::string &local, ZR_USHORT port)
         throw Failure(ExitCode::Internal, "creating the session", 0, "the plug-in gave no object");
     }
     m_control->setDecoderDesc(m_source.tag);
-    if (m_source.tunnelled && ZR_SessionSetTunnel(m_id, ZR_TUNNEL_HTTP, url.port) != 0)
+    if (m_source.tunnelled() && ZR_SessionSetTunnel(m_id, m_source.tunnel, url.port) != 0)
     {
         throw Failure(ExitCode::Internal, "creating the session", 0, "it cannot be tunnelled");
     }
     // else the plug-in has them, with the URL, and answers to the description's challenge; of a tunnel's it never hears
-    if (!onvif() || m_source.tunnelled)
+    if (!onvif() || m_source.tunnelled())
     {
         handOverCredentials();
     }
@@ -169,7 +169,7 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
     const ZR_ULONG problem = ZR_ConnectionProblem(m_id, text, sizeof text);
     if (problem == ZR_CONNECTION_NONE && m_waited > answerWithin - std::chrono::seconds(1))
     {
-        return notAnswered(step, result, answerWithin, !m_description.tracks.empty());
+        return notAnswered(step, result, answerWithin, !m_description.tracks.empty(), m_source.tunnelled());
     }
     return problem == ZR_CONNECTION_NONE ? requestFailed(step, result)
                                          : connectionFailed(step, result, problem, text, m_played);

@@ -22,9 +22,11 @@ struct Source
 {
     Url url;
     Credentials credentials;
-    std::string tag = "onvif"; ///< decoder description
-    bool tunnelled = false;    ///< in HTTP, on the URL's port
-    std::string name;          ///< a camera's; empty: it has none
+    std::string tag = "onvif";           ///< decoder description
+    tagZrTunnel tunnel = ZR_TUNNEL_NONE; ///< on the URL's port
+    std::string name;                    ///< a camera's; empty: it has none
+
+    bool tunnelled() const { return tunnel != ZR_TUNNEL_NONE; }
 };
 
 /// How a recording is asked for when it is to be kept, not looked at.

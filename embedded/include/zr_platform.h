@@ -54,16 +54,18 @@ enum tagZrTlsCode : ZR_ULONG
 enum tagZrConnectionProblem : ZR_ULONG
 {
     ZR_CONNECTION_NONE = 0,
-    ZR_CONNECTION_FAILED = 1,             ///< there was none: refused, unreachable, unresolved, or too slow
-    ZR_CONNECTION_TLS_FAILED = 2,         ///< no TLS with the server: it speaks none, or only versions before 1.2
-    ZR_CONNECTION_NOT_TRUSTED = 3,        ///< its certificate is not accepted, for a reason that is none of these
-    ZR_CONNECTION_FOREIGN_ISSUER = 4,     ///< nobody who is trusted vouches for its certificate
-    ZR_CONNECTION_WRONG_NAME = 5,         ///< its certificate is for another host
-    ZR_CONNECTION_EXPIRED = 6,            ///< its certificate has expired
-    ZR_CONNECTION_NOT_YET_VALID = 7,      ///< its certificate will be valid, or this machine's clock is wrong
-    ZR_CONNECTION_BROKEN = 8,             ///< it was there, and was reset, closed, or cut for what the server sent
-    ZR_CONNECTION_NO_TUNNEL = 9,          ///< there is none (ZR_SessionSetTunnel), or it was closed before any answer
-    ZR_CONNECTION_TUNNEL_CREDENTIALS = 10 ///< it opens none without credentials, or refuses those of the session
+    ZR_CONNECTION_FAILED = 1,              ///< there was none: refused, unreachable, unresolved, or too slow
+    ZR_CONNECTION_TLS_FAILED = 2,          ///< no TLS with the server: it speaks none, or only versions before 1.2
+    ZR_CONNECTION_NOT_TRUSTED = 3,         ///< its certificate is not accepted, for a reason that is none of these
+    ZR_CONNECTION_FOREIGN_ISSUER = 4,      ///< nobody who is trusted vouches for its certificate
+    ZR_CONNECTION_WRONG_NAME = 5,          ///< its certificate is for another host
+    ZR_CONNECTION_EXPIRED = 6,             ///< its certificate has expired
+    ZR_CONNECTION_NOT_YET_VALID = 7,       ///< its certificate will be valid, or this machine's clock is wrong
+    ZR_CONNECTION_BROKEN = 8,              ///< it was there, and was reset, closed, or cut for what the server sent
+    ZR_CONNECTION_NO_TUNNEL = 9,           ///< there is none (ZR_SessionSetTunnel), or it was closed before any answer
+    ZR_CONNECTION_TUNNEL_CREDENTIALS = 10, ///< it opens none without credentials, or refuses those of the session
+    ZR_CONNECTION_TUNNEL_CONNECTIONS = 11  ///< it was closed before any answer, and the tunnel with the other number of
+                                           ///< connections (tagZrTunnel) may work
 };
 
 /// What the operations of sessions return besides 0; the log says more.
@@ -94,7 +96,8 @@ enum tagZrCredentialsFlag : ZR_ULONG
 enum tagZrTunnel : ZR_ULONG
 {
     ZR_TUNNEL_NONE = 0,
-    ZR_TUNNEL_HTTP = 1 ///< in HTTP; in HTTPS where the URL is one of rtsps
+    ZR_TUNNEL_HTTP = 1,    ///< in HTTP; in HTTPS where the URL is one of rtsps
+    ZR_TUNNEL_HTTP_ONE = 2 ///< the same over one connection, where no second one comes through
 };
 
 /// Whether a server sends as fast as the media plays, for ZrOnvifReplay.
@@ -154,10 +157,12 @@ extern "C"
 
     /// Has a session's RTSP connection tunnelled in HTTP, as cameras, recorders and media servers know it
     /// (RTP/RTSP/HTTP/TCP of the ONVIF Streaming Specification): a GET, whose answer carries what the server says, and
-    /// a POST, whose body tells it the requests in Base64, on a connection of its own. Media goes the same way where
-    /// the session is set up over TCP. For rtsps URLs both are encrypted and verified as without a tunnel. Where HTTP
-    /// itself asks for credentials (401), those of ZR_SessionSetCredentials answer. Where there is no tunnel the
-    /// requests fail with 503, and ZR_ConnectionProblem says why; it is never gone without.
+    /// a POST, whose body tells it the requests in Base64, on a connection of its own. ZR_TUNNEL_HTTP_ONE sends the
+    /// POST on the GET's connection, behind its answer, where no second one comes through; few servers take that. Media
+    /// goes the same way where the session is set up over TCP. For rtsps URLs all is encrypted and verified as without
+    /// a tunnel. Where HTTP itself asks for credentials (401 to the GET, or to the POST), those of
+    /// ZR_SessionSetCredentials answer, once. Where there is no tunnel the requests fail with 503, and
+    /// ZR_ConnectionProblem says why; it is never gone without.
     ///
     /// Before the session's object is created, or later: counts for the next connection, where a redirect leads, too.
     /// Forgotten when the object is torn down. Any thread.
@@ -357,8 +362,8 @@ extern "C"
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortRecordFiles(ZR_ULONG ulPortID, const char *pszFile,
                                                      const ZrRecordingOptions *pstOptions);
 
-    /// Whether a recording still goes on: a disk that is full ends it before its host does. Ask it now and then; it does
-    /// not wait. Any thread.
+    /// Whether a recording still goes on: a disk that is full ends it before its host does. Ask it now and then; it
+    /// does not wait. Any thread.
     /// @return 0 while it does; ZR_MEDIA_BUSY when there is none; else what ended it, such as ZR_MEDIA_FAILED, which
     ///         ZR_MediaPortRecord will return for its end, which is still to be called
     ZR_PLATFORM_API ZR_ULONG ZR_MediaPortRecording(ZR_ULONG ulPortID);

@@ -119,7 +119,7 @@ void Connection::take(std::string_view bytes)
         const Raised gathering(m_gathering);
         watchMessageTime(parse());
     }
-    if (m_state == State::Up)
+    if (hasSocket()) // a new one, it may be
         flush();
     if (std::exchange(m_resting, false) && m_state == State::Up)
     {
@@ -172,7 +172,12 @@ bool Connection::parse()
             return progressed;
         case rtsp::Parser::Event::Message:
             m_tap.received();
-            m_owner->received(m_parser.message());
+            if (!m_tunnel || m_tunnel->carries(m_parser.message()))
+                m_owner->received(m_parser.message());
+            break;
+        case rtsp::Parser::Event::HttpAnswer:
+            m_tap.received();
+            m_tunnel->judgePost(m_parser.message());
             break;
         case rtsp::Parser::Event::Frame:
             m_tap.frameReceived(m_parser.frame().size);
@@ -361,10 +366,11 @@ bool Connection::hasUnacknowledged() const
 void Connection::fail(const std::string &reason, bool orderly)
 {
     Owner *const owner = m_owner;
+    const std::string told = m_tunnel ? m_tunnel->explained(reason) : reason;
     m_cutOff = orderly && hasUnacknowledged();
-    end(reason);
+    end(told);
     if (owner)
-        owner->lost(reason, orderly);
+        owner->lost(told, orderly);
 }
 
 ZR_ULONG Connection::problem() const

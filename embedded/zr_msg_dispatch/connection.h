@@ -27,6 +27,7 @@ struct TunnelPlan
 {
     std::string path;                               ///< of the URL, with its query
     std::string host;                               ///< with its port, as in a URL
+    bool oneConnection = false;                     ///< the GET's carries the POST, too
     std::shared_ptr<const Credentials> credentials; ///< for HTTP's own challenges; null: none
 };
 
@@ -40,6 +41,8 @@ public:
     class Owner
     {
     public:
+        /// Once more, where a tunnel had to be opened anew: nothing that was written is lost, but it was not up
+        /// meanwhile.
         virtual void connected() = 0;
         virtual void received(rtsp::Message &message) = 0;
         virtual void received(const rtsp::Frame &frame) = 0;

@@ -187,15 +187,19 @@ void Connection::tunnelOpened(std::string_view rest)
         return;
     m_timer.stop();
     m_reader = nullptr;
+    if (m_tunnel->overOne())
+        m_parser.takeHttp();
     m_state = State::Up;
     m_owner->connected();
     if (m_state == State::Up && !rest.empty())
         take(rest);
 }
 
-/// Begins anew with the server that it is connected to, within the same time.
+/// Begins anew with the server that it is connected to; within the same time, unless it was up.
 void Connection::reconnect()
 {
+    if (m_state == State::Up)
+        m_connectDeadline = SteadyClock::now() + m_settings.connectTimeout;
     ACE_INET_Addr address;
     const bool known = m_stream.get_remote_addr(address) == 0;
     m_tap.closed("to ask again, with credentials");
@@ -205,6 +209,8 @@ void Connection::reconnect()
     m_out.clear();
     m_outSent = 0;
     m_wantsOutput = false;
+    m_parser.restart();
+    m_midMessage = false;
     m_lastFailure = "the connection is lost";
     m_state = State::Connecting;
     if (known)

@@ -257,10 +257,10 @@ ZR_ULONG ZR_SessionSetTunnel(ZR_ULONG ulAOIPortID, ZR_ULONG ulTunnel, ZR_ULONG u
     namespace zd = zr::dispatch;
     constexpr const char *name = "ZR_SessionSetTunnel";
     return zd::guarded(name, ulAOIPortID, [&]() -> ZR_ULONG {
-        if (ulTunnel > ZR_TUNNEL_HTTP || ulPort > UINT16_MAX)
+        if (ulTunnel > ZR_TUNNEL_HTTP_ONE || ulPort > UINT16_MAX)
             return zd::refused(name, ulAOIPortID, ZR_SESSION_INVALID, "an unknown tunnel, or a port above 65535");
         HostOrders::change(ulAOIPortID, [&](Orders &orders) {
-            orders.tunnelled = ulTunnel == ZR_TUNNEL_HTTP;
+            orders.tunnel = ulTunnel;
             orders.tunnelPort = static_cast<uint16_t>(ulPort);
             return true;
         });

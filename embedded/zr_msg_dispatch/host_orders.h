@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "rtsp_message.h"
+#include "zr_platform.h"
 #include "zr_types.h"
 
 namespace zr::dispatch {
@@ -38,10 +39,11 @@ struct Orders
 {
     std::shared_ptr<const Credentials> credentials; ///< null: none
     std::vector<HostHeader> headers;
-    bool tunnelled = false;  ///< in HTTP
-    uint16_t tunnelPort = 0; ///< where the session's own server takes it; 0: by its RTSP port
+    ZR_ULONG tunnel = ZR_TUNNEL_NONE; ///< a tagZrTunnel
+    uint16_t tunnelPort = 0;          ///< where the session's own server takes it; 0: by its RTSP port
 
-    bool none() const { return !credentials && headers.empty() && !tunnelled; }
+    bool none() const { return !credentials && headers.empty() && !tunnelled(); }
+    bool tunnelled() const { return tunnel != ZR_TUNNEL_NONE; }
     /// The lines of the headers that a request of the method has; one of the method's own stands for one of all.
     std::string linesFor(std::string_view method) const;
 };

@@ -47,6 +47,12 @@ std::string problemOf(const rtsp::Message &answer)
     return {};
 }
 
+/// RTSP's answer to what has no CSeq, by a server that knows no POST.
+bool refusesPost(const rtsp::Message &answer)
+{
+    return (answer.status == 400 || answer.status == 405 || answer.status == 501) && !answer.find("CSeq");
+}
+
 } // namespace
 
 HttpTunnel::HttpTunnel(Connection &get, TunnelPlan plan)
@@ -68,6 +74,7 @@ HttpTunnel::~HttpTunnel()
 void HttpTunnel::close()
 {
     m_pause.stop();
+    m_posting = m_started = false;
     if (m_post)
         m_post->close();
     m_post.reset();
@@ -110,7 +117,7 @@ void HttpTunnel::begin()
         return;
     }
     m_getAnswer = HttpHead();
-    m_challenge = m_authenticator.challenge();
+    m_getAttempt.challenge = m_authenticator.challenge();
     m_get.readBy(this);
     m_get.sendHead(head("GET", std::string("Accept: ").append(tunnelledType).append("\r\n")));
 }
@@ -133,7 +140,7 @@ void HttpTunnel::arrived(const Connection &on, std::string_view bytes)
     else if (ofGet)
         judgeGet(bytes);
     else
-        judgePost();
+        judgePost(answer.message());
 }
 
 /// @param rest  what came behind its head
@@ -143,8 +150,11 @@ void HttpTunnel::judgeGet(std::string_view rest)
     std::string problem;
     if (answer.status == statusUnauthorized)
     {
-        if (answerChallenge(problem))
+        if (takeChallenge(answer, m_getAttempt, problem))
+        {
+            m_get.reconnect(); // many servers end this one
             return;
+        }
         m_problem = ZR_CONNECTION_TUNNEL_CREDENTIALS;
     }
     if (answer.status != statusOk)
@@ -160,20 +170,17 @@ void HttpTunnel::judgeGet(std::string_view rest)
     m_get.tunnelOpened(rest);
 }
 
-/// Asks again, on another connection, for many servers end this one.
-/// @param problem  receives why not
-bool HttpTunnel::answerChallenge(std::string &problem)
+/// @param problem  receives why not to ask again
+bool HttpTunnel::takeChallenge(const rtsp::Message &answer, Authenticator::Attempt &attempt, std::string &problem)
 {
     if (!m_plan.credentials)
     {
         problem = "and there are no credentials for it";
         return false;
     }
-    const auto verdict = m_authenticator.take(m_getAnswer.message(), {m_challenge, m_answered}, mayShow(), problem);
-    if (verdict != Authenticator::Verdict::Answer)
+    if (m_authenticator.take(answer, attempt, mayShow(), problem) != Authenticator::Verdict::Answer)
         return false;
-    ++m_answered;
-    m_get.reconnect();
+    ++attempt.answered;
     return true;
 }
 
@@ -181,16 +188,24 @@ bool HttpTunnel::answerChallenge(std::string &problem)
 
 void HttpTunnel::openPost()
 {
+    m_posting = true;
+    m_postAnswer = HttpHead();
+    m_postAnswered = false;
+    m_accepted = false;
+    m_sent = 0;
+    m_bodyLeft = bodyLength;
+    m_mayGoOn = false;
+    if (overOne())
+    {
+        startPost();
+        return;
+    }
     ACE_INET_Addr address;
     if (m_get.m_stream.get_remote_addr(address) != 0)
     {
         m_get.failLater("the HTTP tunnel's server is gone");
         return;
     }
-    m_postAnswer = HttpHead();
-    m_postAnswered = false;
-    m_bodyLeft = bodyLength;
-    m_mayGoOn = false;
     Connection::Owner &owner = *this;
     m_post = std::make_shared<Connection>(m_get.m_loop, m_get.m_settings, owner, m_get.m_security,
                                           m_get.m_tap.session(), nullptr);
@@ -200,20 +215,27 @@ void HttpTunnel::openPost()
 
 void HttpTunnel::connected()
 {
-    m_post->sendHead(head("POST", "Content-Type: " + std::string(tunnelledType) + "\r\nContent-Length: " +
-                                      std::to_string(bodyLength) + "\r\nExpires: Sun, 9 Jan 1972 00:00:00 GMT\r\n"));
+    startPost();
+}
+
+void HttpTunnel::startPost()
+{
+    m_postAttempt.challenge = m_authenticator.challenge();
+    m_started = true;
+    carrier()->sendHead(head("POST", "Content-Type: " + std::string(tunnelledType) + "\r\nContent-Length: " +
+                                         std::to_string(bodyLength) + "\r\nExpires: Sun, 9 Jan 1972 00:00:00 GMT\r\n"));
     sendBody();
 }
 
 size_t HttpTunnel::unsent() const
 {
-    return m_body.size() + (m_post ? m_post->unsent() : 0);
+    return m_body.size() - m_sent + (carrier() ? carrier()->unsent() : 0);
 }
 
 void HttpTunnel::send(std::string_view bytes)
 {
     appendBase64(m_body, bytes);
-    if (m_post)
+    if (m_posting)
         sendBody();
     else
         openPost();
@@ -221,14 +243,17 @@ void HttpTunnel::send(std::string_view bytes)
 
 void HttpTunnel::sendBody()
 {
-    if (!m_post || !m_post->up())
+    if (!m_started || !carrier()->hasSocket())
         return;
-    m_endless = m_endless || (m_mayGoOn && !m_body.empty());
-    const size_t size = m_endless ? m_body.size() : std::min(m_bodyLeft, m_body.size());
+    const size_t waiting = m_body.size() - m_sent;
+    m_endless = m_endless || (m_mayGoOn && waiting > 0);
+    const size_t size = m_endless ? waiting : std::min(m_bodyLeft, waiting);
     if (size == 0)
         return;
-    m_post->sendPlain(std::string_view(m_body).substr(0, size));
-    m_body.erase(0, size);
+    carrier()->sendPlain(std::string_view(m_body).substr(m_sent, size));
+    m_sent += size;
+    if (m_accepted || !m_plan.credentials || m_endless)
+        forgetSent();
     if (m_endless)
         return;
     m_bodyLeft -= size;
@@ -236,32 +261,95 @@ void HttpTunnel::sendBody()
         m_pause.start(m_get.m_settings.tunnelPause);
 }
 
-void HttpTunnel::judgePost()
+void HttpTunnel::judgePost(const rtsp::Message &answer)
 {
-    const int status = m_postAnswer.message().status;
+    if (answer.status < 200) // it takes its time
+        return;
     m_postAnswered = true;
-    if (status == statusUnauthorized)
+    std::string problem;
+    if (answer.status == statusUnauthorized)
+    {
+        if (!m_accepted && !m_endless && takeChallenge(answer, m_postAttempt, problem))
+        {
+            repeatPost();
+            return;
+        }
         m_problem = ZR_CONNECTION_TUNNEL_CREDENTIALS;
-    if (status < 200 || status >= 300)
-        m_get.failLater("the server refuses the HTTP tunnel's POST: " + statusOf(m_postAnswer.message()));
-    else if (m_bodyLeft == 0 && !m_endless)
+    }
+    if (answer.status >= 300)
+        m_get.failLater("the server refuses the HTTP tunnel's POST: " + statusOf(answer) +
+                        (problem.empty() ? "" : ", " + problem));
+    else if (m_posting)
+        acceptPost();
+}
+
+void HttpTunnel::acceptPost()
+{
+    m_accepted = true;
+    forgetSent();
+    if (m_bodyLeft == 0 && !m_endless)
         endPost();
+}
+
+void HttpTunnel::forgetSent()
+{
+    m_body.erase(0, std::exchange(m_sent, 0));
 }
 
 /// It was all that was announced: what is left goes with the next one.
 void HttpTunnel::endPost()
 {
+    forgetSent();
     close();
     if (!m_body.empty())
+        openPost();
+}
+
+/// With the answer to its challenge, and all of its body.
+void HttpTunnel::repeatPost()
+{
+    close();
+    if (overOne())
+        m_get.reconnect();
+    else
         openPost();
 }
 
 void HttpTunnel::lost(const std::string &reason, bool)
 {
     if (m_bodyLeft == 0 && !m_endless && m_post->unsent() == 0)
+    {
         endPost();
-    else
-        m_get.failLater("the HTTP tunnel's POST: " + reason);
+        return;
+    }
+    std::string told = "the HTTP tunnel's POST: " + reason;
+    if (!m_talks)
+    {
+        m_problem = ZR_CONNECTION_TUNNEL_CONNECTIONS;
+        told += "; where no second connection comes through, the tunnel may do with one";
+    }
+    m_get.failLater(told);
+}
+
+bool HttpTunnel::carries(const rtsp::Message &message)
+{
+    if (overOne() && !m_talks && refusesPost(message))
+    {
+        m_get.failLater("the server refuses the HTTP tunnel's POST on the GET's connection: " + statusOf(message));
+        return false;
+    }
+    m_talks = true;
+    m_accepted = m_posting;
+    forgetSent();
+    return true;
+}
+
+std::string HttpTunnel::explained(const std::string &reason)
+{
+    if (!overOne() || !m_posting || m_talks || m_problem != ZR_CONNECTION_NO_TUNNEL)
+        return reason;
+    m_problem = ZR_CONNECTION_TUNNEL_CONNECTIONS;
+    return reason + "; perhaps it takes the tunnel's POST on a second connection only";
 }
 
 } // namespace zr::dispatch

@@ -35,14 +35,15 @@ std::string versionProblem(std::string_view version)
 }
 
 /// Reads a start line (RFC 2326, 6.1 and 7.1) into a message.
+/// @param http  it is the status line of an answer of HTTP (RFC 9112, 4)
 /// @return what is wrong; empty when nothing is
-std::string readStartLine(std::string_view line, Message &message)
+std::string readStartLine(std::string_view line, bool http, Message &message)
 {
     std::string_view rest = line;
     const std::string_view first = takeWord(rest);
     const std::string_view second = takeWord(rest);
-    message.response = hasPrefix(first, "RTSP/");
-    const std::string problem = versionProblem(message.response ? first : rest);
+    message.response = http || hasPrefix(first, "RTSP/");
+    const std::string problem = http ? std::string() : versionProblem(message.response ? first : rest);
     if (!problem.empty())
         return problem + quoted(line);
     if (!message.response)
@@ -53,7 +54,7 @@ std::string readStartLine(std::string_view line, Message &message)
     }
     const auto status = second.size() == 3 ? parseNumber(second, 999) : std::nullopt;
     if (!status || *status < 100)
-        return "not an RTSP status: " + quoted(line);
+        return (http ? "not an HTTP status: " : "not an RTSP status: ") + quoted(line);
     message.status = static_cast<int>(*status);
     message.reason = rest;
     return {};
@@ -237,6 +238,13 @@ void Parser::rest()
     std::swap(m_message, none);
 }
 
+void Parser::restart()
+{
+    m_state = State::Between;
+    m_delivered = true; // the message is no more than what is left of it
+    lookAtNothing();
+}
+
 bool Parser::midMessage() const
 {
     return m_state != State::Failed && (m_state != State::Between || pending() > 0);
@@ -300,7 +308,8 @@ std::optional<Parser::Event> Parser::headLine()
         return fail("a control character in the line " + quoted(line));
     if (m_state == State::Headers)
         return line.empty() ? endOfHead() : headerLine(line);
-    std::string problem = readStartLine(line, m_message);
+    m_isHttp = m_takesHttp && hasPrefix(line, "HTTP/1.");
+    std::string problem = readStartLine(line, m_isHttp, m_message);
     if (!problem.empty())
         return fail(std::move(problem));
     m_state = State::Headers;
@@ -384,7 +393,7 @@ Parser::Event Parser::deliver()
 {
     m_state = State::Between;
     m_delivered = true;
-    return Event::Message;
+    return m_isHttp ? Event::HttpAnswer : Event::Message;
 }
 
 Parser::Event Parser::fail(std::string problem)

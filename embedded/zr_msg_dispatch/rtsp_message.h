@@ -61,6 +61,7 @@ public:
     {
         NeedMore,
         Message,
+        HttpAnswer, ///< read as a message; where takeHttp allows it
         Frame,
         Error
     };
@@ -71,10 +72,13 @@ public:
     /// The same without a copy where that can be: the bytes are to stay where they are until NeedMore or Error. What is
     /// left of them then, the parser keeps itself.
     void lend(const char *data, size_t size);
+    /// Takes answers of HTTP (RFC 9112, 4) between messages as well, as a tunnel over one connection has them.
+    void takeHttp() { m_takesHttp = true; }
     /// The next thing that the bytes hold. Blank lines between messages are passed over.
     Event next();
 
-    /// The message of the last Event::Message; may be moved from, and is gone with the following call of next.
+    /// The message of the last Event::Message or HttpAnswer; may be moved from, and is gone with the following call of
+    /// next.
     Message &message() { return m_message; }
     /// The frame of the last Event::Frame.
     const Frame &frame() const { return m_frame; }
@@ -84,6 +88,8 @@ public:
     /// what had come behind them. Whoever reads the text empties it after each event.
     /// @param into  null: no more; else it is to stay until then
     void keepRaw(std::string *into) { m_raw = into; }
+    /// Forgets what has come, for another connection. Limits and choices stay.
+    void restart();
     /// Gives back the memory of what is used up, the last message's too. Asked after Event::NeedMore.
     void rest();
     /// Whether the first byte of a message or frame has come, but not its last; asked after Event::NeedMore.
@@ -129,6 +135,8 @@ private:
     size_t m_headBytes = 0;   ///< of the message's head so far
     size_t m_bodyLeft = 0;    ///< of the message's body
     bool m_delivered = false;
+    bool m_takesHttp = false;
+    bool m_isHttp = false; ///< the message
     std::string *m_raw = nullptr;
     Message m_message;
     Frame m_frame;

@@ -149,6 +149,7 @@ std::unique_ptr<TunnelPlan> SessionChannel::planTunnel(const Accepted &cause, co
     if (plan->path.front() == '?')
         plan->path.insert(0, 1, '/');
     plan->host = hostAndPort({m_target.address.host, port});
+    plan->oneConnection = orders.tunnel == ZR_TUNNEL_HTTP_ONE;
     if (m_target.address == m_asked.address)
         plan->credentials = orders.credentials;
     return plan;
@@ -164,11 +165,11 @@ void SessionChannel::openConnection(const Accepted &cause)
     m_answered = false;
     Connection::Owner &owner = *this;
     const auto orders = m_registration->orders->current();
-    const uint16_t port = orders->tunnelled ? tunnelPort(*orders) : m_target.address.port;
+    const uint16_t port = orders->tunnelled() ? tunnelPort(*orders) : m_target.address.port;
     m_connection = std::make_shared<Connection>(
         m_services.loop, m_services.settings, owner,
         m_target.secure ? Security{m_services.tls, m_target.certificateHost} : Security(), m_registration->id,
-        orders->tunnelled ? planTunnel(cause, *orders, port) : nullptr);
+        orders->tunnelled() ? planTunnel(cause, *orders, port) : nullptr);
     Resolved numeric = resolveNumeric(m_target.address.host, port);
     const bool known = !numeric.addresses.empty();
     m_connection->open(std::move(numeric.addresses));

@@ -30,6 +30,7 @@ complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play rep
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l ca -r -F -d 'Trust this certificate for rtsps as well (PEM)'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l insecure -d 'Take any certificate of an rtsps server for good'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l http -d 'Tunnel RTSP and media in HTTP (implies --tcp): port 80, rtsps 443, or the URL\'s'
+complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l http-one -d 'The same over one connection, where no second one comes through; few servers take it'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l tag -x -d 'Decoder description, such as onvif (default), guobiao, omz-v1@12'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l json -d 'Print one event a line, as JSON'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l trace -d 'Show the RTSP messages on the wire (stderr), credentials masked'

@@ -190,7 +190,10 @@ void ScriptedServer::serve(BIO *stream, const Script &script)
             {
                 const size_t length = std::stoul(request.substr(request.find("\r\nContent-Length: ") + 18));
                 body = {true, after == After::ClosePost, length, {}};
-                body.take(std::exchange(head, {}), buffer);
+                if (after == After::NextPost)
+                    body.open = false;
+                else
+                    body.take(std::exchange(post ? head : buffer, {}), buffer);
             }
             else if (after == After::ClosePost)
             {
@@ -198,8 +201,10 @@ void ScriptedServer::serve(BIO *stream, const Script &script)
                 body = {};
                 in = stream;
             }
-            else if (begins(request, "GET ") && after == After::Stay)
+            if (after == After::NextPost || (begins(request, "GET ") && after == After::Stay))
             {
+                head.clear();
+                post.reset();
                 post = accept();
                 in = post.get();
             }

@@ -53,8 +53,10 @@ enum class After
     Stay,
     Close,
     Reset,
-    CloseGet, ///< of a tunnel, the POST stays
-    ClosePost ///< the GET stays; of a POST itself: at the end of the body that it announces
+    CloseGet,  ///< of a tunnel, the POST stays
+    ClosePost, ///< the GET stays; of a POST itself: at the end of the body that it announces
+    NextPost,  ///< of a POST: it is closed at once, another one comes
+    Share      ///< of a GET: the POST comes on its connection
 };
 
 /// What the server does with one request of a connection.

@@ -35,23 +35,28 @@ protected:
     const Authority authority;
 };
 
-/// From the opening to the TEARDOWN, in clear and in TLS: answers and frames come raw, cut anywhere; requests and
-/// receiver reports go coded, each by itself.
+/// From the opening to the TEARDOWN, in clear and in TLS, over two connections and one: answers and frames come raw,
+/// cut anywhere; requests and receiver reports go coded, each by itself.
 TEST_F(EngineTunnel, CarriesASession)
 {
     const std::string frame("$\0\0\3abc", 7);
-    for (const bool secure : {false, true})
+    for (const auto &[secure, tunnel] : std::initializer_list<std::pair<bool, ZR_ULONG>>{
+             {false, ZR_TUNNEL_HTTP}, {true, ZR_TUNNEL_HTTP}, {false, ZR_TUNNEL_HTTP_ONE}, {true, ZR_TUNNEL_HTTP_ONE}})
     {
-        const Script script = {{"GET", {"HTTP/1.1 100 Continue\r\n\r", "\nHTTP/1.", tunnelled("A: b\r\n").substr(7)}},
+        const bool one = tunnel == ZR_TUNNEL_HTTP_ONE;
+        const std::string late = one ? "HTTP/1.1 100 a\r\n\r\nHTTP/1.0 200 b\r\nContent-Length: 1\r\n\r\n$" : "";
+        const Script script = {{"GET",
+                                {"HTTP/1.1 100 Continue\r\n\r", "\nHTTP/1.", tunnelled("A: b\r\n").substr(7)},
+                                one ? After::Share : After::Stay},
                                {"POST", {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n", "\r\n<a>\r\n"}},
                                {"DESCRIBE", {describeAnswer}},
                                {"SETUP", {setupAnswer}},
-                               {"PLAY", {frame.substr(0, 2), frame.substr(2) + frame, sessionAnswer}},
+                               {"PLAY", {frame.substr(0, 2), frame.substr(2) + late + frame, sessionAnswer}},
                                {"TEARDOWN", {sessionAnswer}}};
         ScriptedServer server({script}, secure ? authority.issue({}) : nullptr);
         const auto port = RecordingPort::open(7);
         Client client(engine(), 7, server);
-        ASSERT_EQ(ZR_SessionSetTunnel(7, ZR_TUNNEL_HTTP, server.port()), 0U);
+        ASSERT_EQ(ZR_SessionSetTunnel(7, tunnel, server.port()), 0U);
         client.url = server.url(secure ? "rtsps" : "rtsp") + "?a=b";
         for (const ZR_ULONG request : {AOI_MSG_RTSP_DESCRIBE, AOI_MSG_RTSP_SETUP, AOI_MSG_RTSP_PLAY})
             EXPECT_EQ(client.ask(request).kind, 1U) << reason(7, 0);
@@ -102,7 +107,7 @@ TEST_F(EngineTunnel, SaysWhyThereIsNone)
         EXPECT_THAT(reason(8, code), HasSubstr(why));
         EXPECT_THAT(server.requests(0), SizeIs(1));
     }
-    EXPECT_EQ(ZR_SessionSetTunnel(8, 2, 0), ZR_ULONG{ZR_SESSION_INVALID});
+    EXPECT_EQ(ZR_SessionSetTunnel(8, 3, 0), ZR_ULONG{ZR_SESSION_INVALID});
     EXPECT_EQ(ZR_SessionSetTunnel(8, ZR_TUNNEL_HTTP, 65536), ZR_ULONG{ZR_SESSION_INVALID});
 }
 
@@ -110,14 +115,29 @@ TEST_F(EngineTunnel, SaysWhyThereIsNone)
 TEST_F(EngineTunnel, EndsWithEitherConnection)
 {
     const Step get = {"GET", {tunnelled()}};
+    const Step shared = {"GET", {tunnelled()}, After::Share};
     const Step describe = {"DESCRIBE", {describeAnswer}};
+    const char *const other = "; perhaps it takes the tunnel's POST on a second connection only";
     const std::tuple<const char *, ZR_ULONG, Script> cases[] = {
         {"POST: 404 \"Not Found\"", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {"HTTP/1.0 404 Not Found\r\n\r\n"}}}},
         {"POST: 401", ZR_CONNECTION_TUNNEL_CREDENTIALS, {get, {"POST", {"HTTP/1.0 401 x\r\n\r\n"}}}},
         {"POST cannot be read: not an HTTP", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {"SSH-2.0\r\n"}}}},
         {"HTTP tunnel's POST: the server closed",
-         ZR_CONNECTION_NO_TUNNEL,
+         ZR_CONNECTION_TUNNEL_CONNECTIONS,
          {get, {"POST", {}}, {"", {}, After::ClosePost}}},
+        {"the tunnel may do with one",
+         ZR_CONNECTION_TUNNEL_CONNECTIONS,
+         {get, {"POST", {}}, {"", {}, After::ClosePost}}},
+        {"on the GET's connection: 400",
+         ZR_CONNECTION_TUNNEL_CONNECTIONS,
+         {shared, {"POST", {"RTSP/1.0 400 x\r\n\r\n"}}}},
+        {"POST: 405", ZR_CONNECTION_TUNNEL_CONNECTIONS, {shared, {"POST", {"HTTP/1.0 405 x\r\n\r\n"}}}},
+        {other, ZR_CONNECTION_TUNNEL_CONNECTIONS, {{"GET", {tunnelled()}, After::Close}}},
+        {other, ZR_CONNECTION_TUNNEL_CONNECTIONS, {shared, {"POST", {}, After::Close}}},
+        {"not an RTSP start line", ZR_CONNECTION_TUNNEL_CONNECTIONS, {shared, {"POST", {"SSH-2.0\r\n"}}}},
+        {"not an HTTP status", ZR_CONNECTION_TUNNEL_CONNECTIONS, {shared, {"POST", {"HTTP/1.0 20\r\n"}}}},
+        {"POST: 401", ZR_CONNECTION_TUNNEL_CREDENTIALS, {shared, {"POST", {"HTTP/1.0 401 x\r\n\r\n"}}}},
+        {"POST: 401", ZR_CONNECTION_BROKEN, {shared, {"POST", {}}, describe, {"", {"HTTP/1.0 401 x\r\n\r\n"}}}},
         {"the server closed the connection", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {}}, {"", {}, After::CloseGet}}},
         {"not an RTSP start line", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {}}, {"", {"HTTP/1.0 200 OK\r\n\r\n"}}}},
         {"HTTP tunnel's POST: the server closed",
@@ -132,7 +152,8 @@ TEST_F(EngineTunnel, EndsWithEitherConnection)
         SCOPED_TRACE(why);
         ScriptedServer server({script});
         Client client(engine(), 9, server);
-        ZR_SessionSetTunnel(9, ZR_TUNNEL_HTTP, 0);
+        const bool two = script[0].after == After::Stay;
+        ZR_SessionSetTunnel(9, two ? ZR_TUNNEL_HTTP : ZR_TUNNEL_HTTP_ONE, 0);
         EXPECT_TRUE(code != ZR_CONNECTION_BROKEN || client.ask(AOI_MSG_RTSP_DESCRIBE).error != 503);
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_DESCRIBE).error, 503U);
         EXPECT_THAT(reason(9, code), HasSubstr(why));
@@ -175,6 +196,41 @@ TEST_F(EngineTunnel, AnswersAChallengeOfHttp)
         EXPECT_THAT(events, testing::Contains(StartsWith(line)));
     EXPECT_THAT(events, testing::Contains(HasSubstr("Authorization: Basic ***\r\n")));
     EXPECT_THAT(events, testing::Each(Not(HasSubstr("dTpw"))));
+}
+
+/// A POST that alone is challenged goes out once more with all of its body, behind its GET where they share a
+/// connection.
+TEST_F(EngineTunnel, AnswersAChallengeOfThePost)
+{
+    const Step describe = {"DESCRIBE", {describeAnswer}};
+    const std::string asks =
+        "HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Digest realm=x, nonce=n\r\nContent-Length: 3\r\n\r\n<a>";
+    const Script refused = {{"GET", {tunnelled()}, After::Share},
+                            {"POST", {asks.substr(0, 30), asks.substr(30)}, After::Close}};
+    const Step get = {"GET", {tunnelled()}};
+    const std::tuple<ZR_ULONG, std::vector<Script>, size_t, ZR_ULONG> cases[] = {
+        {ZR_TUNNEL_HTTP, {{get, {"POST", {asks}, After::NextPost}, {"POST", {}}, describe}}, 4, 0},
+        {ZR_TUNNEL_HTTP, {{get, {"POST", {asks}, After::NextPost}, {"POST", {asks}, After::Close}}}, 3, 503},
+        {ZR_TUNNEL_HTTP_ONE, {refused, {refused[0], {"POST", {}}, describe}}, 5, 0},
+        {ZR_TUNNEL_HTTP_ONE, {refused, refused}, 4, 503},
+    };
+    for (const auto &[tunnel, scripts, expected, error] : cases)
+    {
+        SCOPED_TRACE(expected);
+        ScriptedServer server(scripts);
+        Client client(engine(), 7, server);
+        ZR_SessionSetTunnel(7, tunnel, 0);
+        ZR_SessionSetCredentials(7, "u", "p", 0);
+        EXPECT_EQ(client.ask(AOI_MSG_RTSP_DESCRIBE).error, error);
+        EXPECT_THAT(reason(7, error == 0 ? ZR_CONNECTION_NONE : ZR_CONNECTION_TUNNEL_CREDENTIALS),
+                    HasSubstr(error == 0 ? "" : "refuses the host's user"));
+        const auto requests = server.requests(expected);
+        ASSERT_THAT(requests, SizeIs(expected));
+        EXPECT_THAT(requests[1], AllOf(StartsWith("POST "), Not(HasSubstr("Authorization"))));
+        const std::string &again = requests[error == 0 ? expected - 2 : expected - 1];
+        EXPECT_THAT(again, AllOf(StartsWith("POST "), HasSubstr("Authorization: Digest username=\"u\"")));
+        EXPECT_EQ(cookieOf(again), cookieOf(requests[tunnel == ZR_TUNNEL_HTTP ? 0 : 2]));
+    }
 }
 
 /// Where the server ends the POST as announced another one goes on within a frame; where it does not, the same one.

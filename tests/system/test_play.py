@@ -5,7 +5,7 @@ import struct
 import unittest
 
 from faulty_device import Device as FaultyDevice
-from programs import OK, PASSWORD, USER, HostTest
+from programs import OK, PASSWORD, UNREACHABLE, USER, HostTest
 
 SDP = """v=0
 m=audio 0 RTP/AVP 0
@@ -60,6 +60,8 @@ class PlayTest(HostTest):
             self.assertRegex(traced.read(), r"(?s) > GET /live HTTP/1.0\n.* < HTTP/1.0 200 .*closed: from here\n"
                                             r".* > POST /vod HTTP/1.0\n.* > DESCRIBE rtsp:.*interleaved frames received.*"
                                             r" > TEARDOWN .* < RTSP/1.0 200 ")
+        self.assertRegex(self.run_host(UNREACHABLE, "play", device.url("live"), "--http-one").err,
+                         r"POST on the GET's connection: 400 .*\n.*try: .* --http where it was --http-one")
 
     def test_recording(self):
         device = self.device()

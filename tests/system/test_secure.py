@@ -110,7 +110,7 @@ class SecureTest(HostTest):
         head = f'[door]\nurl = "{url}"\nuser = "{USER}"\n'
         write(secret, PASSWORD + "\n", 0o600)
         write(file, f"{head}password-command = 'cat {secret}; echo more'\n[yard]\nurl = \"{url}\"\nuser = \"{USER}\"\n"
-                    'password-file = "yard.secret"\ntag = "plain"\nhttp = true\n[none]\nurl = "rtsp://a:b@127.0.0.1:9/"\n', 0o600)
+                    'password-file = "yard.secret"\ntag = "plain"\nhttp = true\n[none]\nhttp-one = true\nurl = "rtsp://a:b@127.0.0.1:9/"\n', 0o600)
         play = ("play", "door", "--duration", "0.2")
         self.assertEqual(self.run_host(OK, *play).err, "")
         self.assertIn("check --user", self.run_host(CREDENTIALS, *play, "--user", USER, "--password", "another").err)
@@ -125,8 +125,9 @@ class SecureTest(HostTest):
         self.assertIn("try: yard; there are door, none, yard", self.run_host(USAGE, "play", "yrd").err)
         os.chmod(secret, 0o644)
         events = self.run_host(OK, "cameras", "--json").events()
-        self.assertEqual([(event["event"], event.get("url")) for event in events],
-                         [("open_secret", None), ("camera", url), ("camera", "rtsp://127.0.0.1:9/"), ("camera", url)])
+        self.assertEqual([(event["event"], event.get("url"), event.get("http_one")) for event in events],
+                         [("open_secret", None, None), ("camera", url, False), ("camera", "rtsp://127.0.0.1:9/", True),
+                          ("camera", url, False)])
         for code, told, text, mode in (
                 (USAGE, "others than you may write it", head + 'password-command = "true"', 0o622),
                 (CREDENTIALS, "fails with exit code 3", head + 'password-command = "echo no; exit 3"', 0o600),
