@@ -117,6 +117,7 @@ TEST_F(EngineTunnel, EndsWithEitherConnection)
     const Step get = {"GET", {tunnelled()}};
     const Step shared = {"GET", {tunnelled()}, After::Share};
     const Step describe = {"DESCRIBE", {describeAnswer}};
+    const char *const late = "HTTP/1.0 401 x\r\nWWW-Authenticate: Digest realm=x, nonce=n\r\n\r\n";
     const char *const other = "; perhaps it takes the tunnel's POST on a second connection only";
     const std::tuple<const char *, ZR_ULONG, Script> cases[] = {
         {"POST: 404 \"Not Found\"", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {"HTTP/1.0 404 Not Found\r\n\r\n"}}}},
@@ -137,7 +138,7 @@ TEST_F(EngineTunnel, EndsWithEitherConnection)
         {"not an RTSP start line", ZR_CONNECTION_TUNNEL_CONNECTIONS, {shared, {"POST", {"SSH-2.0\r\n"}}}},
         {"not an HTTP status", ZR_CONNECTION_TUNNEL_CONNECTIONS, {shared, {"POST", {"HTTP/1.0 20\r\n"}}}},
         {"POST: 401", ZR_CONNECTION_TUNNEL_CREDENTIALS, {shared, {"POST", {"HTTP/1.0 401 x\r\n\r\n"}}}},
-        {"POST: 401", ZR_CONNECTION_BROKEN, {shared, {"POST", {}}, describe, {"", {"HTTP/1.0 401 x\r\n\r\n"}}}},
+        {"POST: 401", ZR_CONNECTION_BROKEN, {shared, {"POST", {}}, describe, {"", {late}}}},
         {"the server closed the connection", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {}}, {"", {}, After::CloseGet}}},
         {"not an RTSP start line", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {}}, {"", {"HTTP/1.0 200 OK\r\n\r\n"}}}},
         {"HTTP tunnel's POST: the server closed",
@@ -152,6 +153,7 @@ TEST_F(EngineTunnel, EndsWithEitherConnection)
         SCOPED_TRACE(why);
         ScriptedServer server({script});
         Client client(engine(), 9, server);
+        ZR_SessionSetCredentials(9, "u", "p", 0);
         const bool two = script[0].after == After::Stay;
         ZR_SessionSetTunnel(9, two ? ZR_TUNNEL_HTTP : ZR_TUNNEL_HTTP_ONE, 0);
         EXPECT_TRUE(code != ZR_CONNECTION_BROKEN || client.ask(AOI_MSG_RTSP_DESCRIBE).error != 503);
