@@ -200,8 +200,8 @@ void Connection::reconnect()
 {
     if (m_state == State::Up)
         m_connectDeadline = SteadyClock::now() + m_settings.connectTimeout;
-    ACE_INET_Addr address;
-    const bool known = m_stream.get_remote_addr(address) == 0;
+    ACE_INET_Addr address; // as noted: the socket does not know it any more where the server has reset it
+    const bool known = !m_ends.peerAddress.empty() && address.set(m_ends.peerPort, m_ends.peerAddress.c_str()) == 0;
     m_tap.closed("to ask again, with credentials");
     abandonAttempt();
     m_tls.reset();

@@ -83,7 +83,7 @@ TEST_F(EngineTunnel, CarriesASession)
 /// Each is refused at once, for that reason, and nothing of RTSP goes out.
 TEST_F(EngineTunnel, SaysWhyThereIsNone)
 {
-    settings.connectTimeout = 300ms;
+    settings.connectTimeout = 1500ms;
     const std::string html = "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\n\r\n<html>";
     const std::tuple<const char *, ZR_ULONG, Step> cases[] = {
         {"404 \"Not Found\"", ZR_CONNECTION_NO_TUNNEL, {"", {"HTTP/1.1 404 Not Found\r\n\r\n<html>"}}},
