@@ -1,20 +1,11 @@
 #include "options.h"
 
-#include <algorithm>
-#include <cmath>
-#include <cstdlib>
-#include <iterator>
-
 #include <CLI/CLI.hpp>
 
 #include "failure.h"
 #include "help_page.h"
 #include "option_values.h"
-#include "output_file.h"
-#include "position.h"
-#include "replay_options.h"
-#include "secrets.h"
-#include "source_list.h"
+#include "options_raw.h"
 #include "speed.h"
 #include "usage.h"
 
@@ -23,30 +14,7 @@ namespace {
 
 constexpr double shortest = 0.001, longest = 1e9; // seconds
 
-/// What is on the command line, before it is understood.
-struct Raw
-{
-    std::string url;
-    std::string file; ///< download's, watch's
-    std::string tag;  ///< empty: the command's own
-    std::string wall;
-    Credentials credentials;
-    std::optional<std::string> password;
-    std::string passwordFile;
-    std::string camerasFile;
-    std::optional<Camera> camera; ///< that was meant by its name
-    bool tcp = false;
-    bool udp = false;
-    bool multicast = false;
-    bool http = false;
-    bool httpOne = false;
-    tagZrTunnel tunnel = ZR_TUNNEL_NONE; ///< what comes of both, and of the camera's
-    std::optional<int> downloadTimes;
-    bool sampled = false;
-    ReplayOptions replay;
-};
-
-void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
+void addCommon(CLI::App &app, RawOptions &raw, CommonOptions &common)
 {
     app.add_option("--user", raw.credentials.user, "User name, instead of one in the URL");
     auto *password = app.add_option("--password", raw.password,
@@ -78,12 +46,12 @@ void addCommon(CLI::App &app, Raw &raw, CommonOptions &common)
         ->check(CLI::ExistingFile);
 }
 
-void addUrl(CLI::App &app, Raw &raw)
+void addUrl(CLI::App &app, RawOptions &raw)
 {
     app.add_option("URL", raw.url, "rtsp://[user:password@]host[:port]/path, or a name")->required();
 }
 
-void addTransport(CLI::App &app, Raw &raw, bool tcpIsDefault)
+void addTransport(CLI::App &app, RawOptions &raw, bool tcpIsDefault)
 {
     auto *tcp = app.add_flag("--tcp", raw.tcp,
                              tcpIsDefault ? "Receive media over TCP alone (default: TCP, else UDP)"
@@ -165,7 +133,7 @@ void addRecord(CLI::App &app, PlayOptions &play)
     app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(media());
 }
 
-void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
+void addPlay(CLI::App &app, RawOptions &raw, PlayOptions &play)
 {
     addUrl(app, raw);
     addTransport(app, raw, false);
@@ -190,7 +158,7 @@ void addPlay(CLI::App &app, Raw &raw, PlayOptions &play)
     addRecording(app, play.course, "");
 }
 
-void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
+void addDownload(CLI::App &app, RawOptions &raw, DownloadOptions &download)
 {
     addUrl(app, raw);
     app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(media());
@@ -205,7 +173,7 @@ void addDownload(CLI::App &app, Raw &raw, DownloadOptions &download)
     addRecording(app, download.course, "--continue");
 }
 
-void addTv(CLI::App &app, Raw &raw, TvOptions &tv)
+void addTv(CLI::App &app, RawOptions &raw, TvOptions &tv)
 {
     addUrl(app, raw);
     app.add_option("--to", raw.wall, "The wall's receiver, IP:PORT")
@@ -216,7 +184,7 @@ void addTv(CLI::App &app, Raw &raw, TvOptions &tv)
     addDuration(app, tv.duration, "Seconds of the relation; without it until Ctrl-C");
 }
 
-void addWatch(CLI::App &app, Raw &raw, WatchOptions &watch)
+void addWatch(CLI::App &app, RawOptions &raw, WatchOptions &watch)
 {
     app.add_option("FILE", raw.file, "URLs, or cameras' names, one a line (default: all cameras)")
         ->check(CLI::ExistingFile);
@@ -229,237 +197,12 @@ void addWatch(CLI::App &app, Raw &raw, WatchOptions &watch)
     addSilence(app, watch.course);
 }
 
-Credentials givenCredentials(const Raw &raw)
-{
-    Credentials given = raw.credentials;
-    if (raw.camera && given.user.empty() && !raw.password && raw.passwordFile.empty())
-    {
-        given = credentialsOf(*raw.camera);
-        if (given.complete)
-        {
-            return given;
-        }
-    }
-    const char *inherited = std::getenv("ZR_RTSP_PASSWORD"); // NOLINT(concurrency-mt-unsafe): there is one thread yet
-    if (raw.password)
-    {
-        given.password = *raw.password;
-    }
-    else if (!raw.passwordFile.empty())
-    {
-        given.password = readPassword(raw.passwordFile);
-    }
-    else if (inherited != nullptr)
-    {
-        given.password = inherited;
-    }
-    given.complete = raw.password || !raw.passwordFile.empty() || inherited != nullptr;
-    return given;
-}
-
-void complete(Credentials &credentials, const std::string &where)
-{
-    if (!credentials.user.empty() && !credentials.complete && canAskPassword())
-    {
-        credentials.password = askPassword(credentials.user + where);
-        credentials.complete = true;
-    }
-}
-
-/// Devices take tunnels where their web pages are; a server of its own where it takes RTSP, which the URL then names.
-void tunnel(Source &source, tagZrTunnel kind)
-{
-    const bool tls = source.url.text.rfind("rtsps:", 0) == 0;
-    source.tunnel = kind;
-    source.url.port = source.url.portNamed ? source.url.port : static_cast<uint16_t>(tls ? 443 : 80);
-}
-
-Source completeSource(const Raw &raw, const std::string &tag)
-{
-    Source source = makeSource(raw.url, givenCredentials(raw), tag);
-    complete(source.credentials, " at " + source.url.host);
-    urlForDescribe(source.url.text, source.credentials); // refuses what cannot be handed over
-    return source;
-}
-
-/// Those of a file, or all cameras.
-std::vector<Source> completeSources(const Raw &raw, const std::string &tag, const Cameras &cameras)
-{
-    Credentials given = givenCredentials(raw);
-    complete(given, "");
-    const auto sourceOf = [&](const Camera &camera) {
-        const Credentials own = credentialsOf(camera);
-        const bool has = own.complete || !own.user.empty() || !parseUrl(camera.url).credentials.user.empty();
-        Source made =
-            makeSource(camera.url, has ? own : given, raw.tag.empty() && !camera.tag.empty() ? camera.tag : tag);
-        made.name = camera.name;
-        if (camera.tunnel != ZR_TUNNEL_NONE && !raw.udp)
-        {
-            tunnel(made, camera.tunnel);
-        }
-        return made;
-    };
-    std::vector<Source> sources;
-    if (!raw.file.empty())
-    {
-        return readSources(raw.file, given, tag,
-                           [&](const std::string &name) { return sourceOf(cameras.named(name)); });
-    }
-    std::transform(cameras.all().begin(), cameras.all().end(), std::back_inserter(sources), sourceOf);
-    if (sources.empty())
-    {
-        throw wrongUsage("there is neither a FILE nor a cameras file to watch");
-    }
-    return sources;
-}
-
-void requireOrder(const Playback &playback)
-{
-    const auto from = parsePosition(playback.from);
-    const auto to = parsePosition(playback.to);
-    const bool known = from && to && from->clock == to->clock && speedFactor(playback.speedCode) > 0;
-    if (known && to->seconds <= from->seconds)
-    {
-        throw wrongUsage("--to is not behind --from: that takes a negative --speed");
-    }
-}
-
-/// What a camera's name stands for takes the URL's place.
-void nameCamera(Raw &raw, const Cameras &cameras)
-{
-    raw.camera = cameras.named(raw.url);
-    raw.camerasFile = cameras.file();
-    raw.url = raw.camera->url;
-    raw.tag = raw.tag.empty() ? raw.camera->tag : raw.tag;
-}
-
-/// @return the cameras file, if the command line needs it
-std::optional<Cameras> findCameras(Raw &raw, Options &options)
-{
-    const bool named = Cameras::isName(raw.url);
-    std::vector<std::string> &warnings = options.common.warnings;
-    if (isReadByOthers(raw.passwordFile))
-    {
-        warnings.push_back(openSecret(raw.passwordFile));
-    }
-    if (!named && options.command != Command::Cameras && options.command != Command::Watch)
-    {
-        return std::nullopt;
-    }
-    const Cameras cameras(raw.camerasFile);
-    warnings.insert(warnings.end(), cameras.warnings().begin(), cameras.warnings().end());
-    if (named)
-    {
-        nameCamera(raw, cameras);
-    }
-    return cameras;
-}
-
-/// The URLs' sources are known.
-void understandTunnel(const Raw &raw, Options &options)
-{
-    if (raw.tunnel == ZR_TUNNEL_NONE)
-    {
-        return;
-    }
-    if (raw.udp || raw.multicast || options.check.multicast)
-    {
-        throw wrongUsage("--http carries the media, too: leave --udp and --multicast away");
-    }
-    tunnel(options.common.source, raw.tunnel);
-    for (Source &source : options.watch.sources)
-    {
-        tunnel(source, raw.tunnel);
-    }
-}
-
-void understand(Raw &raw, Options &options)
-{
-    const auto cameras = findCameras(raw, options);
-    if (raw.http || raw.httpOne)
-    {
-        raw.tunnel = raw.httpOne ? ZR_TUNNEL_HTTP_ONE : ZR_TUNNEL_HTTP;
-    }
-    else if (raw.camera && !raw.udp && !raw.multicast && !options.check.multicast)
-    {
-        raw.tunnel = raw.camera->tunnel;
-    }
-    raw.tcp = raw.tcp || raw.tunnel != ZR_TUNNEL_NONE;
-    const auto tagOr = [&](const char *own) { return raw.tag.empty() ? std::string(own) : raw.tag; };
-    const auto source = [&](const std::string &tag) { return completeSource(raw, tag); };
-    CommonOptions &common = options.common;
-    switch (options.command)
-    {
-    case Command::Help:
-    case Command::Describe:
-        common.source = source(tagOr("onvif"));
-        break;
-    case Command::Check:
-        requireFree(options.check.html, common.force);
-        common.source = source(tagOr("onvif"));
-        break;
-    case Command::Play:
-    case Command::Replay:
-        options.play.course.segments.overwrite = common.force;
-        requireFree(options.play.snapshot, common.force);
-        requireFree(options.play.course.record, common.force);
-        common.source = source(tagOr("onvif"));
-        options.play.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
-        options.play.course.multicast = raw.multicast;
-        options.play.course.fallBack = !raw.tcp && !raw.udp;
-        if (!options.play.course.speed.empty())
-        {
-            options.play.course.playback.speedCode = speedCode(options.play.course.speed);
-        }
-        if (options.command == Command::Replay)
-        {
-            raw.replay.apply(options.play.course);
-        }
-        requireOrder(options.play.course.playback);
-        break;
-    case Command::Download:
-        options.download.course.segments.overwrite = common.force;
-        requireFree(options.download.course.record, common.force || options.download.resume);
-        requireOrder(options.download.course.playback);
-        common.source = source(tagOr("onvif"));
-        options.download.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
-        options.download.course.fallBack = !raw.tcp && !raw.udp;
-        if (raw.downloadTimes)
-        {
-            options.download.course.playback.download =
-                DownloadSpeed{static_cast<ZR_ULONG>(std::ilogb(*raw.downloadTimes)), !raw.sampled};
-            common.source.tag = tagOr(common.source.credentials.user.empty() ? "plain" : "onvif");
-        }
-        break;
-    case Command::Tv:
-        common.source = source(tagOr("plain"));
-        options.tv.course.protocol = raw.tcp ? PROTOCOL_TCP : PROTOCOL_UDP;
-        options.tv.course.fallBack = !raw.tcp;
-        options.tv.wall = addressAndPort(raw.wall).value_or(tagTransportAddr{});
-        if (common.source.tag.substr(0, common.source.tag.find('@')) == "onvif")
-        {
-            throw wrongUsage("an onvif source has no relation to a TV wall: leave --tag away");
-        }
-        break;
-    case Command::Watch:
-        options.watch.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
-        options.watch.course.fallBack = !raw.tcp && !raw.udp;
-        options.watch.sources = completeSources(raw, tagOr("onvif"), *cameras);
-        break;
-    case Command::Cameras:
-        options.cameras.file = cameras->file();
-        options.cameras.cameras = cameras->all();
-        break;
-    }
-    understandTunnel(raw, options);
-}
-
 } // namespace
 
 Options parseOptions(int argc, char **argv, Hints &hints)
 {
     Options options;
-    Raw raw;
+    RawOptions raw;
     CLI::App app("Plays RTSP sessions through the zr_rtsp plug-in", "zr_rtsp_host");
     app.formatter(std::make_shared<HelpPage>(generalHelp));
     app.set_help_flag("-h,--help", "Print this page")->group(moreGroup);
