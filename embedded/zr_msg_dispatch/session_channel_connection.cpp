@@ -5,6 +5,7 @@
 #include "platform_log.h"
 #include "rtsp_text.h"
 #include "session_channel.h"
+#include "wire_trace.h"
 
 namespace zr::dispatch {
 
@@ -76,7 +77,8 @@ bool SessionChannel::follow(const Exchange &exchange, const rtsp::Message &respo
                                  : m_session.setups > 0                 ? "a session is set up"
                                                                         : nullptr;
     const std::string *const header = response.find("Location");
-    const std::string location = rtsp::quoted(header ? *header : "");
+    std::string location = rtsp::quoted(header ? *header : "");
+    maskCredentials(location);
     if (obstacle)
     {
         ZR_PLATFORM_LOG(WARNING, static_cast<ZR_ULONG>(response.status), Dispatch,

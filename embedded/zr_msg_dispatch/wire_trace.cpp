@@ -22,7 +22,7 @@ namespace {
 
 /// What waits for a callback that takes its time, in bytes.
 constexpr size_t mostWaiting = size_t{8} * 1024 * 1024;
-/// Of one message. What is sought in it costs more than linear time where a server wants that.
+/// Of one message.
 constexpr size_t mostTold = 65536;
 
 struct Told
@@ -181,38 +181,105 @@ void maskHeaders(std::string &text)
     }
 }
 
-/// A password may hold a slash that should have been escaped: then what looks like the host has more than a port.
+/// A text with stretches of another text masked, from its front to its end.
+class Masked
+{
+public:
+    explicit Masked(std::string_view text)
+        : m_text(text)
+    {
+    }
+    void mask(size_t begin, size_t end)
+    {
+        m_out.append(m_text.substr(m_done, begin - m_done)).append("***");
+        m_done = end;
+    }
+    bool any() const { return m_done > 0; }
+    std::string whole() { return std::move(m_out.append(m_text.substr(m_done))); }
+
+private:
+    const std::string_view m_text;
+    std::string m_out;
+    size_t m_done = 0;
+};
+
+constexpr const char *endsOfUrls = " \t\r\n\"<>";
+
+/// A password may hold a slash that should have been escaped: then what looks like the host has more than a port. The
+/// message is its server's, and may be nothing but schemes: no stretch of it is looked at for each of them.
 void maskUserInformation(std::string &text)
 {
-    for (size_t scheme = text.find("://"); scheme != std::string::npos; scheme = text.find("://", scheme + 3))
+    const std::string_view all = text;
+    Masked masked(all);
+    size_t end = 0; // of the word that holds the URL, and its last @
+    size_t last = std::string_view::npos;
+    size_t next = 0;
+    for (size_t scheme = all.find("://"); scheme != std::string_view::npos; scheme = all.find("://", next))
     {
-        const size_t begin = scheme + 3;
-        const std::string_view url(text.data() + begin,
-                                   std::min(text.find_first_of(" \t\r\n\"<>", begin), text.size()) - begin);
-        const std::string_view authority = url.substr(0, url.find_first_of("/?#"));
+        const size_t begin = next = scheme + 3;
+        if (begin >= end)
+        {
+            end = std::min(all.find_first_of(endsOfUrls, begin), all.size());
+            last = all.substr(begin, end - begin).rfind('@');
+            last = last == std::string_view::npos ? last : begin + last;
+        }
+        const std::string_view authority = all.substr(begin, std::min(all.find_first_of("/?#", begin), end) - begin);
         size_t at = authority.rfind('@');
+        at = at == std::string_view::npos ? at : begin + at;
         const size_t colon = authority.find(':');
         if (at == std::string_view::npos && colon != std::string_view::npos && authority.front() != '[' &&
-            authority.find_first_not_of("0123456789", colon + 1) != std::string_view::npos)
-            at = url.rfind('@');
+            authority.find_first_not_of("0123456789", colon + 1) != std::string_view::npos && last >= begin)
+            at = last;
         if (at != std::string_view::npos)
-            text.replace(begin, at, "***");
+        {
+            masked.mask(begin, at);
+            next = at;
+        }
     }
+    if (masked.any())
+        text = masked.whole();
+}
+
+/// Behind a mark that is a path's, as some recorders have it (user=admin_password=x_channel=1), another such word ends
+/// it, too.
+size_t endOfValue(std::string_view text, char mark, size_t begin)
+{
+    const size_t end = std::min(text.find_first_of(std::string("&;").append(endsOfUrls), begin), text.size());
+    if (mark != '/' && mark != '_')
+        return end;
+    size_t word = end; // its begin, where this may be one
+    for (size_t at = begin; at < end; ++at)
+    {
+        if (text[at] == '=' && word < at)
+            return word;
+        const bool letter = (text[at] | 0x20) >= 'a' && (text[at] | 0x20) <= 'z';
+        word = text[at] == '_' ? at : letter ? word : end;
+    }
+    return end;
 }
 
 void maskQueries(std::string &text)
 {
     static constexpr std::array<std::string_view, 5> keys = {"password=", "passwd=", "pwd=", "pass=", "psw="};
-    for (size_t mark = text.find_first_of("?&;"); mark != std::string::npos; mark = text.find_first_of("?&;", mark + 1))
+    constexpr const char *marks = "?&;/_";
+    const std::string_view all = text;
+    Masked masked(all);
+    for (size_t mark = all.find_first_of(marks); mark != std::string_view::npos;)
     {
-        for (const std::string_view key : keys)
+        const std::string_view rest = all.substr(mark + 1);
+        const auto *const key =
+            std::find_if(keys.begin(), keys.end(), [&](std::string_view one) { return rtsp::beginsWith(rest, one); });
+        size_t next = mark + 1;
+        if (key != keys.end())
         {
-            if (!rtsp::beginsWith(std::string_view(text).substr(mark + 1), key))
-                continue;
-            const size_t begin = mark + 1 + key.size();
-            text.replace(begin, std::min(text.find_first_of("&; \t\r\n\"<>", begin), text.size()) - begin, "***");
+            const size_t begin = next + key->size();
+            next = endOfValue(all, all[mark], begin);
+            masked.mask(begin, next);
         }
+        mark = all.find_first_of(marks, next);
     }
+    if (masked.any())
+        text = masked.whole();
 }
 
 } // namespace

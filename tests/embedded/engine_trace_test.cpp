@@ -23,9 +23,9 @@ static void note(const ZrTraceEvent *event, void *notes)
 TEST_F(EngineTrace, TellsTheWireWithoutCredentials)
 {
     const std::string echo = "Authentication-Info : Basic x,\r\n\tnextnonce=n, rspauth=r\nVia: rtsp://u:p/w@h/a?b@c, "
-                             "rtsp://h:1/a@b?x=1&Password=p1&y=2 from h1dden\r\n";
+                             "rtsp://h:1/a@b?x=1&Password=p1&y=2 from h1dden /u=a_password=t_p_channel=1\r\n";
     const std::string shown = "Authentication-Info : Basic ***\r\n\t***\nVia: rtsp://***@c, "
-                              "rtsp://h:1/a@b?x=1&Password=***&y=2 from ***\r\n";
+                              "rtsp://h:1/a@b?x=1&Password=***&y=2 from *** /u=a_password=***_channel=1\r\n";
     const std::string body(70000, 'b');
     const std::string hello = "RTSP/1.0 200 OK\r\nCSeq: ";
     ScriptedServer server({{{"DESCRIBE", {hello + "{cseq}\r\n" + echo + "Content-Length: 0\r\n\n"}},
