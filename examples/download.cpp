@@ -75,12 +75,14 @@ int main(int argc, char **argv)
     CIMediaCtrl *control = nullptr;
     try
     {
-        const std::string host = argv[1], local = "127.0.0.1";
+        const std::string host = argv[1];
+        const std::string local = "127.0.0.1"; // this machine's address on the way to the server
         const auto port = static_cast<ZR_USHORT>(std::stoul(argv[2]));
         ZR_USHORT localPort = 0;
         require("opening a media port", ZR_MediaPortOpen(id, id, local.c_str(), &localPort));
         control = createMediaCtrlInter(id, "fetcher", host, local, localPort, host, port, id);
         fetch(*control, "rtsp://" + host + ":" + argv[2] + argv[3], std::stoul(argv[4]), std::stoul(argv[5]), argv[6]);
+        std::puts("done");
         exitCode = 0;
     }
     catch (const std::exception &failed)

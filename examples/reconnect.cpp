@@ -59,8 +59,9 @@ ZR_ULONG playOnce(const std::string &host, ZR_USHORT port, const std::string &pa
 {
     Ending ending; // outlives the object that tells it
     ZR_USHORT localPort = 0;
-    ZR_ULONG code = ZR_MediaPortOpen(id, id, "127.0.0.1", &localPort);
-    CIMediaCtrl *control = createMediaCtrlInter(id, "viewer", host, "127.0.0.1", localPort, host, port, id);
+    const char *const local = "127.0.0.1"; // this machine's address on the way to the server
+    ZR_ULONG code = ZR_MediaPortOpen(id, id, local, &localPort);
+    CIMediaCtrl *control = createMediaCtrlInter(id, "viewer", host, local, localPort, host, port, id);
     control->attachObserver(&ending);
     if (code == 0)
         code = begin(*control, "rtsp://" + host + ":" + std::to_string(port) + path);

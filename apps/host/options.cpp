@@ -1,5 +1,8 @@
 #include "options.h"
 
+#include <array>
+#include <vector>
+
 #include <CLI/CLI.hpp>
 
 #include "failure.h"
@@ -187,7 +190,11 @@ void addTv(CLI::App &app, RawOptions &raw, TvOptions &tv)
 void addWatch(CLI::App &app, RawOptions &raw, WatchOptions &watch)
 {
     app.add_option("FILE", raw.file, "URLs, or cameras' names, one a line (default: all cameras)")
-        ->check(CLI::ExistingFile);
+        ->check([](const std::string &file) {
+            return file.find("://") == std::string::npos
+                       ? CLI::ExistingFile(file)
+                       : file + " is one stream: a file is to be named, which lists them, one a line";
+        });
     addTransport(app, raw, true);
     addDuration(app, watch.duration, "Seconds; without it until Ctrl-C");
     app.add_flag("--reconnect", watch.reconnect, "Begin a new session where the server ended one, was lost or refuses");
@@ -253,9 +260,16 @@ Options parseOptions(int argc, char **argv, Hints &hints)
         command->option_defaults()->group(commonGroup);
         addCommon(*command, raw, options.common);
     }
+    std::vector<char *> words(argv, argv + argc);
+    static std::array<char, 7> helpOption = {"--help"};
+    if (argc > 1 && std::string(argv[1]) == "help") // as others have it
+    {
+        words.erase(words.begin() + 1);
+        words.insert(words.begin() + (argc > 2 ? 2 : 1), helpOption.data());
+    }
     try
     {
-        app.parse(argc, argv);
+        app.parse(static_cast<int>(words.size()), words.data());
     }
     catch (const CLI::Success &asked) // help, version
     {

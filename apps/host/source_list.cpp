@@ -64,7 +64,9 @@ std::vector<Source> readSources(const std::string &file, const Credentials &give
         catch (const Failure &wrong)
         {
             throw Failure(wrong.exit(), "reading " + file, wrong.code(),
-                          "line " + std::to_string(number) + ": " + wrong.meaning(), wrong.advice());
+                          "line " + std::to_string(number) + (Cameras::isName(line) ? ", " + line : "") + ": " +
+                              wrong.meaning(),
+                          wrong.advice());
         }
         if (sources.size() > mostSources)
         {
