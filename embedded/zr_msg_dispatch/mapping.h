@@ -2,6 +2,7 @@
 /// AOI requests to RTSP requests, RTSP answers to AOI answers. Nothing here knows sockets or threads.
 #pragma once
 
+#include <bitset>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -25,12 +26,16 @@ struct DescribedGroup
     std::vector<std::string> sources; ///< who alone sends there (RFC 4570), numeric; empty: not said
 };
 
+/// Channels of an interleaved session (RFC 2326, 10.12).
+using ChannelSet = std::bitset<256>;
+
 /// What one RTSP session has agreed on so far. Owned by its connection; one thread at a time.
 struct Session
 {
     std::string id;                     ///< without parameters
     unsigned timeoutSeconds = 60;       ///< of the Session header's "timeout" (RFC 2326, 12.37)
     unsigned setups = 0;                ///< SETUPs of the session itself that were answered 2xx, relations not counted
+    ChannelSet channels;                ///< of the tracks that were set up interleaved
     std::string lastUrl;                ///< of the last answered request of the session itself
     std::string publicMethods;          ///< of the last Public header, in capitals, after commas; empty: unknown
     std::vector<DescribedGroup> groups; ///< of the description's sections in their order; empty: none is multicast

@@ -137,13 +137,15 @@ void mapSetup(const aoi::Request &request, const std::string &requestUrl, const 
     if (!request.transport)
         return;
     std::string problem;
-    const TransportQuestion asked{*request.transport, number, groupFor(session, requestUrl, number)};
+    const TransportQuestion asked{*request.transport, session.channels, number, groupFor(session, requestUrl, number)};
     const auto agreed = readTransport(asked, response, ends, problem);
     if (!agreed)
         return fail(mapped, request, statusUnsupportedTransport, std::move(problem));
     mapped.answer.transport = agreed->plain;
     if (isRelation(request))
         return;
+    if (agreed->track.interleaved)
+        session.channels.set(agreed->track.rtpChannel).set(agreed->track.rtcpChannel);
     mapped.answer.method = request.transport->method;
     mapped.answer.methodTransport = agreed->method;
     mapped.track = agreed->track;

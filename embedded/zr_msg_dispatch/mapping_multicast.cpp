@@ -55,9 +55,7 @@ void readFilter(std::string_view value, DescribedGroup &group)
     while (!value.empty() && group.sources.size() < mostSources)
     {
         std::string source = numericAddress(rtsp::takeWord(value));
-        const bool sameFamily =
-            (source.find(':') == std::string::npos) == (group.address.find(':') == std::string::npos);
-        if (!source.empty() && sameFamily)
+        if (!source.empty() && isSameFamily(source, group.address))
             group.sources.push_back(std::move(source));
     }
 }
@@ -157,6 +155,11 @@ bool isGroup(const std::string &address)
     if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
         return IN_MULTICAST(ntohl(v4.s_addr));
     return inet_pton(AF_INET6, address.c_str(), &v6) == 1 && IN6_IS_ADDR_MULTICAST(&v6);
+}
+
+bool isSameFamily(std::string_view one, std::string_view other)
+{
+    return (one.find(':') == std::string_view::npos) == (other.find(':') == std::string_view::npos);
 }
 
 std::vector<DescribedGroup> readGroups(std::string_view sdp)

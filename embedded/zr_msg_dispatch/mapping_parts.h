@@ -37,6 +37,7 @@ struct AgreedTransport
 struct TransportQuestion
 {
     const aoi::TransportElement &element;
+    const ChannelSet &taken;               ///< by the tracks before it
     unsigned setups = 0;                   ///< n of the request
     const DescribedGroup *group = nullptr; ///< that the description names for its track; null: none
 };
@@ -51,6 +52,9 @@ std::string numericAddress(std::string_view text);
 
 /// Whether it is the numeric address of a multicast group.
 bool isGroup(const std::string &address);
+
+/// Whether two numeric addresses are both of IPv4, or both of IPv6.
+bool isSameFamily(std::string_view one, std::string_view other);
 
 /// Takes a line of a description with its end off the text.
 std::string_view takeLine(std::string_view &text);

@@ -127,7 +127,8 @@ std::string groupSource(const Offer &offer, const DescribedGroup *described, con
     return std::find(sources.begin(), sources.end(), peer) != sources.end() ? peer : sources.front();
 }
 
-/// What the answer does not say of the group, the description does.
+/// What the answer does not say of the group, the description does. Who is reached over IPv4 can join no group of IPv6,
+/// nor let in a sender there, and the other way round.
 bool readMulticast(const Offer &offer, Pair receiver, const DescribedGroup *described, const Ends &ends,
                    zr::media::TrackTransport &track)
 {
@@ -144,6 +145,8 @@ bool readMulticast(const Offer &offer, Pair receiver, const DescribedGroup *desc
     if (!ports || ports->first == 0 || ports->first == UINT16_MAX || !isGroup(track.group))
         return false;
     const std::string source = groupSource(offer, described, ends.peerAddress);
+    if (!isSameFamily(track.group, ends.peerAddress) || (!source.empty() && !isSameFamily(source, track.group)))
+        return false;
     track.multicast = true;
     track.sourceNamed = !source.empty();
     track.peerAddress = track.sourceNamed ? source : ends.peerAddress;
@@ -160,7 +163,7 @@ bool readUdp(const Offer &offer, const TransportQuestion &asked, const Ends &end
         return false;
     zr::media::TrackTransport &track = agreed.track;
     track.peerAddress = sourceOf(offer);
-    if (track.peerAddress.empty())
+    if (track.peerAddress.empty() || !isSameFamily(track.peerAddress, ends.peerAddress))
         track.peerAddress = ends.peerAddress;
     track.peerRtpPort = sender->first;
     track.peerRtcpPort = sender->second;
@@ -200,6 +203,12 @@ std::optional<AgreedTransport> readTransport(const TransportQuestion &asked, con
     if (!(interleaved ? readInterleaved(*offer, asked.setups, ends, agreed) : readUdp(*offer, asked, ends, agreed)))
     {
         problem = "the SETUP answer's Transport has unusable ports, channels or addresses: " + rtsp::quoted(*header);
+        return std::nullopt;
+    }
+    const zr::media::TrackTransport &track = agreed.track;
+    if (interleaved && (asked.taken[track.rtpChannel] || asked.taken[track.rtcpChannel]))
+    {
+        problem = "the SETUP answer's Transport has channels that are another track's: " + rtsp::quoted(*header);
         return std::nullopt;
     }
     return agreed;

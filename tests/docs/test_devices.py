@@ -38,6 +38,7 @@ class DevicesTest(unittest.TestCase):
         for row in self.rows:
             with self.subTest(row=row[0]):
                 self.assertEqual(len(row), 4)
+                self.assertTrue(all(row), "a column is empty")
                 named = re.findall(r"`([^`]+)`", row[3])
                 self.assertTrue(named)
                 self.assertEqual([name for name in named if name not in known], [])

@@ -94,7 +94,7 @@ TEST_F(WireAnswers, ReadTheTransportOfASetup)
         {udp, "RTP/AVP;unicast;source=0.0.0.0;server_port=0-0", "1: 192.0.2.1 0,0 to 5002"},
         {udp, "RTP/AVP;unicast;source=239.1.2.3", "1: 192.0.2.1 0,0 to 5002"},
         {udp, "RTP/AVP;source=evil.example", "1: 192.0.2.1 0,0 to 5002"},
-        {udp, "RTP/AVP;source=[2001:db8::1]", "1: 2001:db8::1 0,0 to 5002"},
+        {udp, "RTP/AVP;source=[2001:db8::1]", "1: 192.0.2.1 0,0 to 5002"},
         {udp, "RTP/AVP;unicast;server_port=70000-70001", refused},
         {udp, "RTP/AVP;unicast;client_port=5000-", refused},
         {udp, "RTP/AVP/TCP;unicast;interleaved=0-1", refused},
@@ -103,11 +103,14 @@ TEST_F(WireAnswers, ReadTheTransportOfASetup)
         {tcp, "RTP/AVP/TCP;unicast;interleaved=4-5;source=192.0.2.7", "1: 192.0.2.1 $4,5"},
         {tcp, "RTP/AVP/TCP;interleaved=254", "1: 192.0.2.1 $254,255"},
         {tcp, "RTP/AVP/TCP", "1: 192.0.2.1 $2,3"},
+        {tcp, "RTP/AVP/TCP;interleaved=1-2", refused}, // 1 is the first track's
         {tcp, "RTP/AVP/TCP;interleaved=255", refused},
         {tcp, "RTP/AVP/TCP;interleaved=256-257", refused},
         {tcp, "RTP/AVP/TCP;interleaved=2-2", refused},
         {group, "RTP/AVP;multicast;destination=239.1.2.3;port=7000", "1: 192.0.2.1 0,0 to 239.1.2.3:7000"},
-        {group, "RTP/AVP;destination=ff15::1;client_port=7000-7001", "1: 192.0.2.1 0,0 to ff15::1:7000"},
+        {group, "RTP/AVP;destination=239.1.2.4;client_port=7000-7001", "1: 192.0.2.1 0,0 to 239.1.2.4:7000"},
+        {group, "RTP/AVP;multicast;destination=ff15::1;port=7000", refused},
+        {group, "RTP/AVP;multicast;destination=239.1.2.3;port=7000;source=2001:db8::1", refused},
         {group, "RTP/AVP;multicast;destination=10.0.0.1;port=7000", refused},
         {group, "RTP/AVP;multicast;destination=239.1.2.3", refused},
         {group, "RTP/AVP;multicast;destination=239.1.2.3;port=65535", refused},
@@ -122,7 +125,8 @@ TEST_F(WireAnswers, ReadTheTransportOfASetup)
     for (const auto &[asked, header, result] : rows)
     {
         SCOPED_TRACE(header);
-        m_session.setups = 1;
+        m_session = {};
+        map(setup(tcp), 200, {{"Session", "id"}, {"Transport", "RTP/AVP/TCP"}}); // on 0 and 1
         const Mapped mapped = map(setup(asked), 200, {{"Session", "id"}, {"transport", header}});
         EXPECT_EQ(print(mapped), result);
         EXPECT_EQ(mapped.problem.empty(), !mapped.answer.errorCode);
@@ -178,7 +182,7 @@ TEST_F(WireAnswers, CarryTheSessionAndCountItsSetups)
     Mapped mapped = map(interleaved, 200, {{"session", "aB1 ; Timeout=20;x"}, transport});
     EXPECT_TRUE(mapped.answer.kind == 1u && mapped.answer.destinationId == 5u);
     EXPECT_EQ(mapped.answer.sessionId, "aB1");
-    mapped = map(interleaved, 200, {transport, {"Server", "s/1"}});
+    mapped = map(interleaved, 200, {{"Transport", "RTP/AVP/TCP"}, {"Server", "s/1"}});
     EXPECT_EQ(mapped.answer.sessionId, "aB1");
     EXPECT_EQ(mapped.trackNumber, 1u);
     EXPECT_EQ(mapped.answer.server, "s/1");
