@@ -4,7 +4,7 @@
 #include <fstream>
 
 #include "base64.h"
-#include "secrets.h"
+#include "masking.h"
 
 namespace zr::host {
 namespace {
@@ -44,20 +44,6 @@ std::string escaped(const std::string &text)
     return safe;
 }
 
-/// A server may repeat what it was told.
-std::string masked(std::string text, const std::string &secret)
-{
-    if (!isUnmistakable(secret))
-    {
-        return text;
-    }
-    for (size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + 3))
-    {
-        text.replace(at, secret.size(), "***");
-    }
-    return text;
-}
-
 std::string nowText()
 {
     const std::time_t now = std::time(nullptr);
@@ -72,20 +58,18 @@ std::string nowText()
 
 void writePage(const std::string &file, const CheckPage &told)
 {
-    const auto shown = [&](const std::string &text) {
-        return escaped(masked(withoutCredentials(text), told.source.credentials.password));
-    };
+    const auto safe = [](const std::string &text) { return escaped(shown(text)); };
     std::string page = head;
-    page += "<h1>" + shown(told.source.url.text) + "</h1>\n<p>" + nowText() + ": <b>" + shown(told.verdict) +
+    page += "<h1>" + safe(told.source.url.text) + "</h1>\n<p>" + nowText() + ": <b>" + safe(told.verdict) +
             "</b></p>\n<table>\n";
     for (const Row &row : told.table.rows())
     {
         const std::string name = word(row.verdict);
         page.append("<tr><td class=\"").append(name).append("\">").append(name).append("</td><td>");
-        page.append(shown(row.step)).append("</td><td>").append(shown(row.text));
+        page.append(safe(row.step)).append("</td><td>").append(safe(row.text));
         if (!row.advice.empty())
         {
-            page.append("<small>try: ").append(shown(row.advice)).append("</small>");
+            page.append("<small>try: ").append(safe(row.advice)).append("</small>");
         }
         page.append("</td></tr>\n");
     }
@@ -99,7 +83,7 @@ void writePage(const std::string &file, const CheckPage &told)
         const char *kind = lines.kind == ZR_TRACE_SENT       ? "sent"
                            : lines.kind == ZR_TRACE_RECEIVED ? "received"
                                                              : "event";
-        page.append("<span class=\"").append(kind).append("\">").append(shown(lines.text)).append("</span>\n");
+        page.append("<span class=\"").append(kind).append("\">").append(safe(lines.text)).append("</span>\n");
     }
     page += "</pre>\n</body></html>\n";
     std::ofstream out(file, std::ios::binary);

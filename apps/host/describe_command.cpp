@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "commands.h"
+#include "masking.h"
 
 namespace zr::host {
 namespace {
@@ -134,7 +135,10 @@ void describeCommand(const CommonOptions &options, const DescribeOptions &own, R
     Mailbox mailbox(interrupt);
     Plugin plugin(options.plugin);
     Session session(plugin, options.source, mailbox);
-    const auto tellSdp = [&] { report.verbatim("sdp", session.sdp(), {{"sdp", session.sdp()}}); };
+    const auto tellSdp = [&] {
+        const std::string sdp = own.sdp ? session.sdp() : shown(session.sdp()); // as it came where that is asked for
+        report.verbatim("sdp", sdp, {{"sdp", sdp}});
+    };
     try
     {
         session.describe();

@@ -7,7 +7,7 @@
 
 #include "base64.h"
 #include "commands.h"
-#include "secrets.h"
+#include "masking.h"
 #include "trace.h"
 #include "zr_platform.h"
 
@@ -15,15 +15,16 @@ namespace {
 
 using namespace zr::host;
 
-// A line of the plug-in may hold them in clear.
+// A line of the plug-in may hold them in clear, and a server may repeat them.
 void hide(const Credentials &credentials)
 {
-    if (!credentials.user.empty())
+    if (!credentials.password.empty())
     {
         const std::string both = credentials.user + ":" + credentials.password;
-        ZR_LogHide(both.c_str());
-        ZR_LogHide(toBase64(both).c_str()); // as Basic writes them, should a server repeat it
-        ZR_LogHide(isUnmistakable(credentials.password) ? credentials.password.c_str() : nullptr);
+        for (const std::string &secret : {both, toBase64(both), credentials.password}) // the second as Basic writes it
+        {
+            ZR_LogHide(hideSecret(secret) ? secret.c_str() : nullptr);
+        }
     }
 }
 

@@ -235,7 +235,8 @@ Options parseOptions(int argc, char **argv, Hints &hints)
     auto *watch = add(Command::Watch, "watch", "Play many streams at once, and say how they are", watchHelp);
     auto *cameras = add(Command::Cameras, "cameras", "List the cameras that have names", camerasHelp);
     addUrl(*describe, raw);
-    describe->add_flag("--sdp", options.describe.sdp, "Print the description (SDP) as it came, and nothing else");
+    describe->add_flag("--sdp", options.describe.sdp,
+                       "Print only the description (SDP), as it came: nothing is masked");
     addUrl(*check, raw);
     check->add_flag("--multicast", options.check.multicast, "Try multicast as well");
     addForce(*check, options.common);

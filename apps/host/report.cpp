@@ -9,9 +9,12 @@
 #include <limits>
 #include <mutex>
 #include <sstream>
+#include <utility>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include "masking.h"
 
 namespace zr::host {
 namespace {
@@ -264,6 +267,64 @@ private:
     Output m_out;
 };
 
+/// Whatever a server repeats, no secret goes on. Any thread.
+class MaskedReport : public Report
+{
+public:
+    explicit MaskedReport(std::unique_ptr<Report> printed)
+        : m_printed(std::move(printed))
+    {
+    }
+
+    void verbatim(const std::string &name, const std::string &bytes, const Fields &fields) override
+    {
+        m_printed->verbatim(name, bytes, fields);
+    }
+    void event(const std::string &name, const std::string &text, const Fields &fields) override
+    {
+        m_printed->event(name, shown(text), masked(fields));
+    }
+    void judged(const std::string &name, const Row &row, const Fields &fields) override
+    {
+        m_printed->judged(name, {shown(row.step), row.verdict, shown(row.text), shown(row.advice)}, masked(fields));
+    }
+    void warning(const std::string &name, const std::string &text, const Fields &fields) override
+    {
+        m_printed->warning(name, shown(text), masked(fields));
+    }
+    void aside(const std::string &text) override { m_printed->aside(shown(text)); }
+    void status(const Status &now) override
+    {
+        m_printed->status({now.name, shown(now.text), masked(now.fields), now.lines, now.done});
+    }
+    void waiting(const std::string &text) override { m_printed->waiting(shown(text)); }
+    void failure(const Failure &what) override
+    {
+        m_printed->failure(
+            Failure(what.exit(), shown(what.step()), what.code(), shown(what.meaning()), shown(what.advice())));
+    }
+
+private:
+    /// With masked values; names are the program's own.
+    static Fields masked(Fields fields)
+    {
+        if (fields.is_string())
+        {
+            return shown(fields.get_ref<const std::string &>());
+        }
+        if (fields.is_structured())
+        {
+            for (Fields &value : fields)
+            {
+                value = masked(std::move(value));
+            }
+        }
+        return fields;
+    }
+
+    const std::unique_ptr<Report> m_printed;
+};
+
 } // namespace
 
 // Also control characters above 7f (in UTF-8 their first byte is c2) could steer a terminal.
@@ -368,11 +429,16 @@ void Report::judged(const std::string &name, const Row &row, const Fields &field
 
 std::unique_ptr<Report> makeReport(bool json)
 {
+    std::unique_ptr<Report> printed;
     if (json)
     {
-        return std::make_unique<JsonReport>();
+        printed = std::make_unique<JsonReport>();
     }
-    return std::make_unique<TextReport>();
+    else
+    {
+        printed = std::make_unique<TextReport>();
+    }
+    return std::make_unique<MaskedReport>(std::move(printed));
 }
 
 } // namespace zr::host

@@ -75,14 +75,16 @@ TerminalSize terminalSize(int terminal = STDOUT_FILENO);
 /// @throws Failure  when what was written to stdout does not arrive: nobody is left to play for then
 void flushOutput();
 
-/// What servers sent may stand in any text: it is made harmless for terminals and for JSON by reports, and only there.
+/// What servers sent may stand in any text: it is made harmless for terminals and for JSON by reports, and only there;
+/// there, too, secrets become "***" (see masking.h).
 /// Any thread may call.
 class Report
 {
 public:
     virtual ~Report() = default;
 
-    /// What a server sent is wanted as it came: byte for byte, where no terminal would be steered by it.
+    /// What a server sent is wanted as it came: byte for byte, where no terminal would be steered by it. Nothing is
+    /// masked.
     /// @param fields  for programs
     virtual void verbatim(const std::string &name, const std::string &bytes, const Fields &fields)
     {

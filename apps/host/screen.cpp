@@ -6,6 +6,7 @@
 #include <exception>
 #include <utility>
 
+#include "masking.h"
 #include "terminal_mode.h"
 
 namespace zr::host {
@@ -66,7 +67,7 @@ void Screen::event(const std::string &name, const std::string &text, const Field
     {
         return m_report.event(name, text, fields);
     }
-    m_said.push_back(harmless(text));
+    m_said.push_back(harmless(shown(text)));
     m_lastSaid = Clock::now();
     if (m_said.size() > keptLines)
     {
@@ -82,7 +83,7 @@ void Screen::event(const std::string &name, const std::string &text, const Field
 void Screen::status(const Status &now)
 {
     const std::scoped_lock lock(m_mutex);
-    m_status = (now.done ? bar(*now.done) : "") + harmless(now.text);
+    m_status = (now.done ? bar(*now.done) : "") + harmless(shown(now.text));
     draw();
 }
 

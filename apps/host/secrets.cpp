@@ -1,6 +1,5 @@
 #include "secrets.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
@@ -129,28 +128,6 @@ std::string askPassword(const std::string &whom)
                       "--password-file FILE, or the environment's ZR_RTSP_PASSWORD");
     }
     return line;
-}
-
-bool isUnmistakable(const std::string &secret)
-{
-    constexpr size_t unmistakable = 4;
-    return secret.size() >= unmistakable;
-}
-
-std::string withoutCredentials(const std::string &text)
-{
-    std::string safe = text;
-    for (size_t scheme = safe.find("://"); scheme != std::string::npos; scheme = safe.find("://", scheme + 3))
-    {
-        const size_t begin = scheme + 3;
-        const size_t end = std::min(safe.find_first_of(" \n", begin), safe.size()); // a password may hold a slash
-        const size_t at = safe.substr(0, end).rfind('@');
-        if (at != std::string::npos && at >= begin)
-        {
-            safe.replace(begin, at - begin, "***");
-        }
-    }
-    return safe;
 }
 
 } // namespace zr::host

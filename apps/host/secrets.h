@@ -1,5 +1,5 @@
 /// @file
-/// Passwords that do not stand on the command line, and texts that are safe to show.
+/// Passwords that do not stand on the command line.
 #pragma once
 
 #include <string>
@@ -28,11 +28,5 @@ bool canAskPassword();
 /// @param whom  such as "admin at 192.0.2.10"; shown
 /// @throws Failure  when no line is typed (Ctrl-D), or one that is too long
 std::string askPassword(const std::string &whom);
-
-/// Whether a secret can be hidden wherever it stands: a short one stands in many words.
-bool isUnmistakable(const std::string &secret);
-
-/// The text with the credentials of all its URLs as "***".
-std::string withoutCredentials(const std::string &text);
 
 } // namespace zr::host

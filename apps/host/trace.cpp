@@ -6,6 +6,8 @@
 #include <sstream>
 #include <strings.h>
 
+#include "masking.h"
+
 namespace zr::host {
 namespace {
 
@@ -39,7 +41,7 @@ std::string linesOf(const ZrTraceEvent &event)
 {
     const std::string when = timeOf(event) + " #" + std::to_string(event.ulAOIPortID) + " ";
     const std::string happened = when + "* ";
-    const std::string message(event.pszText, event.ulLength);
+    const std::string message = shown(std::string(event.pszText, event.ulLength));
     std::string out = event.ullMissed == 0 ? "" : happened + std::to_string(event.ullMissed) + " are missing here\n";
     const std::string counts = countsOf(event);
     out += counts.empty() ? "" : happened + counts + "\n";

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <numeric>
 
-#include "secrets.h"
+#include "masking.h"
 
 namespace zr::host {
 namespace {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "masking.h"
+
 namespace zr::host {
 namespace {
 
@@ -38,7 +40,7 @@ Stream::Stream(size_t number, const Source &source, Report &report)
     , m_report(report)
 {
     m_facts.number = number;
-    m_facts.url = source.url.text;
+    m_facts.url = shown(source.url.text);
     m_facts.name = source.name;
     m_facts.since = std::chrono::system_clock::now();
 }
@@ -91,7 +93,7 @@ void Stream::enter(StreamState state, const std::string &reason)
     }
     const bool alive = state == StreamState::Alive;
     m_facts.state = state;
-    m_facts.reason = alive ? "" : reason;
+    m_facts.reason = alive ? "" : shown(reason);
     m_facts.kilobitsPerSecond = alive ? m_facts.kilobitsPerSecond : 0;
 }
 

@@ -11,8 +11,9 @@ import urllib.parse
 import urllib.request
 
 import faulty_device
-from programs import CREDENTIALS, LOST, OK, PASSWORD, USER, HostTest, command
+from programs import CREDENTIALS, LOST, OK, PASSWORD, REFUSED, USER, HostTest, command
 
+TOLD_IN_URL = "top_secret"
 GROWN = 1000  # bytes, of what a session tells at the least at the level of debugging
 REALMS = ("zr_rtsp_device", "cam")
 DIGEST = 'WWW-Authenticate: Digest realm="cam", nonce="{nonce}", qop="auth", algorithm='
@@ -30,6 +31,7 @@ def secrets():
                 yield digest(f"{USER}:{realm}:{password}".encode()).hexdigest()
     yield faulty_device.PASSWORD
     yield 'response="'
+    yield TOLD_IN_URL
 
 
 class SecretsTest(HostTest):
@@ -139,6 +141,27 @@ class SecretsTest(HostTest):
         self.addCleanup(device.close)
         self.tell(CREDENTIALS, "play", f"rtsp://127.0.0.1:{device.port}/s", *login, "--http", shown=True)
         self.check()
+
+    def test_repeated(self):
+        """A server may repeat what it was told, and a URL may hold a password of its own."""
+        password, query = faulty_device.PASSWORD, "password=" + TOLD_IN_URL
+        basic = base64.b64encode(f"{USER}:{password}".encode()).decode()
+        login = ("--user", USER, "--password", password)
+        repeated = f"{basic} {USER}:{password}"
+        body = f"v=0\r\ns={repeated}\r\nt=0 0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:video\r\n"
+        device = faulty_device.Device({"DESCRIBE": {"body": body}, "SETUP": {"status": f"400 Bad {repeated}"}})
+        self.addCleanup(device.close)
+        for number, path in enumerate((f"s?user=a&{query}", f"user=a_{query}_channel=1.sdp")):
+            url, listed = f"rtsp://127.0.0.1:{device.port}/{path}", self.file("list")
+            with open(listed, "w", encoding="utf-8") as file:
+                file.write(url + "\n")
+            for form in ((), ("--json",)):
+                self.tell(OK, "describe", url, *login, *form, shown=True)
+                self.tell(REFUSED, "play", url, *login, *form, "--tcp", shown=True)
+                self.tell(LOST, "watch", listed, *login, *form, "--duration", "0.3", shown=True)
+            self.tell(REFUSED, "check", url, *login, "--report", self.output(f"page{number}.html"), shown=True)
+        self.check()
+        self.assertIn(body, self.run_host(OK, "describe", url, *login, "--sdp").out)  # as it came
 
 
 if __name__ == "__main__":
