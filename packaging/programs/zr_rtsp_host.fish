@@ -20,7 +20,7 @@ complete -c zr_rtsp_host -n __fish_use_subcommand -a tv -d 'Play a recording, se
 complete -c zr_rtsp_host -n __fish_use_subcommand -a watch -d 'Play many streams at once, and say how they are'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a cameras -d 'List the cameras that have names'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv' -a '(__zr_rtsp_host_names)'
-complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe' -l sdp -d 'Print the description (SDP) as it came, and nothing else'
+complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe' -l sdp -d 'Print only the description (SDP), as it came: nothing is masked'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -s h -l help -d 'Print this page'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l help-all -d 'More, such as --user, --password-file, --json, --trace'
 complete -c zr_rtsp_host -n '__fish_seen_subcommand_from describe check play replay download tv watch cameras' -l user -x -d 'User name, instead of one in the URL'

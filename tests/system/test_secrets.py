@@ -161,7 +161,7 @@ class SecretsTest(HostTest):
                 self.tell(LOST, "watch", listed, *login, *form, "--duration", "0.3", shown=True)
             self.tell(REFUSED, "check", url, *login, "--report", self.output(f"page{number}.html"), shown=True)
         self.check()
-        self.assertIn(body, self.run_host(OK, "describe", url, *login, "--sdp").out)  # as it came
+        self.assertIn(repeated, self.run_host(OK, "describe", url, *login, "--sdp").out)  # as it came
 
 
 if __name__ == "__main__":
