@@ -207,7 +207,11 @@ void Controls::takePicture()
 
 void Controls::toggleRecording()
 {
-    if (m_course.recording().empty())
+    if (m_course.recording().empty() && m_course.paused())
+    {
+        say("nothing comes to record while the stream is paused");
+    }
+    else if (m_course.recording().empty())
     {
         m_course.record(freeName(".mkv"));
     }

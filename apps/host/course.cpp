@@ -19,8 +19,9 @@ constexpr milliseconds firstMediaWithin{5000};
 constexpr milliseconds firstUdpWithin{3000}; // where TCP may follow
 constexpr milliseconds pollEvery{50};
 constexpr milliseconds lookEvery{500};
-constexpr double rateOver = 0.9; // seconds
-constexpr double probeAfter = 1; // seconds without a packet over UDP
+constexpr double rateOver = 0.9;         // seconds
+constexpr milliseconds stoppedFor{1500}; // without a look: the program itself was, as by Ctrl-Z
+constexpr double probeAfter = 1;         // seconds without a packet over UDP
 constexpr double probeAgainAfter = 5;
 constexpr unsigned tracksOverUdp = 2; // a media port's pairs of sockets
 
@@ -205,7 +206,7 @@ void Course::awaitMedia()
         }
         notice = m_mailbox.wait(pollEvery);
     }
-    m_begin = m_lastLook = m_lastRate = Clock::now();
+    m_begin = m_lastRate = m_lastLook = Clock::now();
     m_report.event("media", "media arrives", withTime());
     if (notice) // which came right behind the first packet
     {
@@ -254,7 +255,8 @@ void Course::measure()
 {
     tellFiles();
     lookAfterRecording();
-    const auto now = m_lastLook = Clock::now();
+    const auto now = Clock::now();
+    const bool stopped = now - std::exchange(m_lastLook, now) >= stoppedFor;
     const ZrMediaStatistics statistics = m_session->statistics();
     m_media.packets = statistics.ullPackets;
     m_media.bytes = statistics.ullBytes;
@@ -262,11 +264,15 @@ void Course::measure()
     m_media.reordered = m_session->reordered();
     m_media.frames = statistics.ullFrames;
     m_media.covered = static_cast<double>(statistics.ullMediaMs) / 1000;
-    const double sinceRate = inSeconds(now - m_lastRate);
-    if (m_paused || sinceRate >= rateOver)
+    const double sinceRate = inSeconds(now - m_lastRate.value_or(now));
+    if (stopped) // what came meanwhile is still to be read, all at once
+    {
+        m_lastRate.reset();
+    }
+    else if (m_paused || !m_lastRate || sinceRate >= rateOver)
     {
         const auto bits = static_cast<double>(m_media.bytes - m_rateBytes) * 8;
-        m_media.kilobitsPerSecond = m_paused ? 0 : bits / 1000 / sinceRate;
+        m_media.kilobitsPerSecond = m_paused ? 0 : m_lastRate ? bits / 1000 / sinceRate : m_media.kilobitsPerSecond;
         m_rateBytes = m_media.bytes;
         m_lastRate = now;
     }
@@ -321,7 +327,8 @@ void Course::playOn()
 
 void Course::endPause()
 {
-    m_resumed = m_lastLook = m_lastRate = Clock::now();
+    m_resumed = m_lastLook = Clock::now();
+    m_lastRate = m_lastLook;
     m_rateBytes = m_session->statistics().ullBytes;
     if (m_paused)
     {

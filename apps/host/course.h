@@ -100,6 +100,8 @@ public:
     Fields withTime(Fields fields = nullptr) const;
     /// Whether, if nothing more comes, that is the end of what was asked for.
     bool mayHaveEnded() const;
+    /// Whether it plays backwards and came to where the recording begins.
+    bool atBegin() const;
     /// Whether the latest frame of a replay is that one.
     /// @param mark  a tagZrReplayMark of an end
     bool toldEnd(ZR_ULONG mark) const;
@@ -155,7 +157,7 @@ private:
     std::optional<Clock::time_point> m_begin; ///< of media
     Clock::time_point m_resumed;              ///< when the server last agreed to play
     Clock::time_point m_lastLook;
-    Clock::time_point m_lastRate; ///< when the rate was last reckoned, and of which bytes
+    std::optional<Clock::time_point> m_lastRate; ///< since when the rate is reckoned, and of which bytes; none: anew
     uint64_t m_rateBytes = 0;
     std::optional<Clock::time_point> m_paused;
     double m_pausedSeconds = 0;

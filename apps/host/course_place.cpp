@@ -70,7 +70,8 @@ std::optional<double> Course::length() const
 {
     const Span span = parseSpan(m_description.range);
     const auto from = m_playback.from.empty() ? span.begin : parsePosition(m_playback.from);
-    auto to = m_playback.to.empty() ? span.end : parsePosition(m_playback.to);
+    const auto &last = speedFactor(m_playback.speedCode) < 0 ? span.begin : span.end;
+    auto to = m_playback.to.empty() ? last : parsePosition(m_playback.to);
     if (to && !to->clock) // more than there is does not come
     {
         to = clamped(*to, span);
@@ -97,6 +98,18 @@ std::optional<Position> Course::position() const
         *position = clamped(*position, span);
     }
     return position;
+}
+
+bool Course::atBegin() const
+{
+    constexpr double nearly = 1; // seconds
+    const Span span = this->span();
+    const auto place = position();
+    const auto to = parsePosition(m_playback.to);
+    const auto isThere = [&](const std::optional<Position> &one) {
+        return one && span.begin && one->clock == span.begin->clock && one->seconds <= span.begin->seconds + nearly;
+    };
+    return speedFactor(m_playback.speedCode) < 0 && isThere(place) && (!to || isThere(to));
 }
 
 Position Course::within(Position place, bool backwards) const

@@ -197,7 +197,9 @@ void Play::judge()
     if ((media.silent >= silenceOfRecording && m_course.mayHaveEnded()) ||
         (media.silent >= silenceOfLastFrame && m_course.toldEnd(ZR_REPLAY_TERMINAL)))
     {
-        m_report.event("end_of_stream", "the recording ended", m_course.withTime());
+        m_report.event("end_of_stream",
+                       m_course.atBegin() ? "the recording's begin was reached" : "the recording ended",
+                       m_course.withTime());
         m_course.stop();
     }
     else if (media.silent >= 2 * m_options.course.silence)

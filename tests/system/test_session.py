@@ -57,6 +57,8 @@ class SessionTest(HostTest):
                 self.assertNotIn("set up", result.out)
         # more than there is ends with it, and is no stream that stopped
         self.assertIn("the recording ended", self.run_host(OK, "play", url, "--tcp", "--from", "8", "--to", "99").out)
+        back = self.run_host(OK, "play", url, "--tcp", "--from", "2", "--speed=-1")
+        self.assertIn("the recording's begin was reached", back.out)
 
     def test_keys(self):
         url = self.device("--vod-length", "40").url("vod")
@@ -83,7 +85,7 @@ class SessionTest(HostTest):
         os.write(terminal, shlex.join(command("play", url)).encode() + b"\n")
         until("? keys")
         self.assertEqual((usual, mode()), (termios.ECHO | termios.ICANON, 0))
-        for keys, text in ((b" ", "paused  0:0"), (b" ", "playing on"), (b"\x1b[C", "playing from 0:1"),
+        for keys, text in ((b" ", "paused  0:0"), (b"r", "nothing comes to record"), (b" ", "playing on"), (b"\x1b[C", "playing from 0:1"),
                            (b"+", " at speed x2"), (b"s", "wrote the picture zr_rtsp-"), (b"i", "jitter"),
                            (b"\x1a", "ready:"), (b"fg\n", "  x2  "), (b"\x1b[6~", "playing from 0:00")):
             os.write(terminal, keys)
