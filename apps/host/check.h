@@ -109,6 +109,7 @@ private:
     void stopIfAsked() const;
     void sleep(std::chrono::milliseconds time) const;
     void conclude();
+    void tellPage(const std::string &verdict);
 
     const CommonOptions &m_common;
     const CheckOptions &m_options;

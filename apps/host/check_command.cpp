@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <utility>
 
+#include <unistd.h>
+
 #include "addresses.h"
 #include "check_page.h"
 #include "terminal_mode.h"
@@ -95,6 +97,15 @@ bool Check::reachable()
     {
         stopIfAsked();
         m_table.failed(step, failed, true);
+        constexpr const char *needs = "it needs the step before";
+        if (step == "name")
+        {
+            skip({"route", "TCP"}, needs);
+        }
+        else if (step == "route")
+        {
+            skip({"TCP"}, needs);
+        }
         return false;
     }
     stopIfAsked();
@@ -182,7 +193,7 @@ bool Check::describedBy(Session &session, const std::string &step, bool given, s
         tellTls(session, failure);
         if (m_table.failure())
         {
-            m_table.skipped("DESCRIBE", "it needs TLS");
+            skip({"OPTIONS", "DESCRIBE"}, "it needs TLS");
             return false;
         }
         if (!failure || failure->exit() != ExitCode::Unreachable)
@@ -257,13 +268,24 @@ void Check::conclude()
     const std::string verdict = (failure ? "the stream does not play" : "the stream plays") +
                                 (steps.empty() ? std::string() : "; failed: " + steps);
     m_report.event("checked", verdict, {{"plays", !failure.has_value()}, {"failed", steps}});
-    if (!m_options.html.empty())
+    tellPage(verdict);
+    const bool seen = !m_common.json && isatty(STDOUT_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+    if (failure && seen) // with its cause and advice, a few lines above
     {
-        writePage(m_options.html, {m_source, m_table, verdict, m_picture, m_trace.kept()});
+        throw Failure(failure->exit(), "checking", failure->code(), "the table tells why");
     }
     if (failure)
     {
         throw Failure(*failure);
+    }
+}
+
+void Check::tellPage(const std::string &verdict)
+{
+    if (!m_options.html.empty())
+    {
+        writePage(m_options.html, {m_source, m_table, verdict, m_picture, m_trace.kept()});
+        m_report.event("page", "wrote the page " + m_options.html, {{"file", m_options.html}});
     }
 }
 
@@ -272,7 +294,7 @@ void Check::tryAll()
     constexpr const char *needs = "it needs a step that failed";
     if (!reachable())
     {
-        skip({"DESCRIBE", "SETUP", "PLAY"}, needs);
+        skip({"TLS", "OPTIONS", "DESCRIBE", "SETUP", "PLAY"}, needs);
     }
     else if (!described())
     {
@@ -310,6 +332,10 @@ void Check::run()
     }
     catch (const Failure &failed)
     {
+        if (m_interrupt.asked())
+        {
+            tellPage("interrupted: what comes behind the last row was not tried");
+        }
         stopIfAsked();
         m_table.failed(
             "session",

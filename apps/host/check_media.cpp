@@ -246,7 +246,7 @@ void Check::tryPlaying(Course &course, const std::string &step, const std::strin
             }
             sleep(pollEvery);
         }
-        m_table.ok(step, text + ", media after " + inMs(since(answered)), took(since(answered)));
+        m_table.ok(step, "media came " + inMs(since(answered)) + " after asking " + text, took(since(answered)));
     }
     catch (const Failure &failed)
     {
@@ -285,7 +285,7 @@ void Check::tryPause(Course &course)
                                "do without it: live streams of many devices do not pause"),
                        false);
     }
-    tryPlaying(course, "play on", "playing", [&] { course.playOn(); });
+    tryPlaying(course, "play on", "to play on", [&] { course.playOn(); });
 }
 
 void Check::tryPlaces(Course &course)
@@ -296,13 +296,15 @@ void Check::tryPlaces(Course &course)
         skip({"seek", "Scale"}, "the stream is live");
         return;
     }
+    constexpr const char *notLookedAt = "; whether it is that was not looked at";
     Position middle = *span.begin;
     middle.seconds += (span.end->seconds - span.begin->seconds) / 2;
     Playback playback{positionText(middle), positionText(*span.end), std::nullopt, std::nullopt};
-    tryPlaying(course, "seek", "to " + positionShown(middle), [&] { course.seek(playback); });
+    tryPlaying(course, "seek", "for " + positionShown(middle) + notLookedAt, [&] { course.seek(playback); });
     playback.from = positionText(*span.begin);
     playback.speedCode = speedCode("2");
-    tryPlaying(course, "Scale", "2, from the beginning", [&] { course.seek(playback); });
+    tryPlaying(course, "Scale", std::string("for speed 2, from the beginning") + notLookedAt,
+               [&] { course.seek(playback); });
 }
 
 void Check::end(Course &course)

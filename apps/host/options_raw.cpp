@@ -63,7 +63,13 @@ void tunnel(Source &source, tagZrTunnel kind)
 
 Source completeSource(const RawOptions &raw, const std::string &tag)
 {
-    Source source = makeSource(raw.url, givenCredentials(raw), tag);
+    Credentials given = givenCredentials(raw);
+    given.user = raw.camera && given.user.empty() ? raw.camera->user : given.user;
+    Source source = makeSource(raw.url, given, tag);
+    if (source.credentials.user.empty() && (raw.password || !raw.passwordFile.empty()))
+    {
+        throw wrongUsage("there is a password, but no user name: give --user as well, or one in the URL");
+    }
     complete(source.credentials, " at " + source.url.host);
     urlForDescribe(source.url.text, source.credentials); // refuses what cannot be handed over
     return source;

@@ -203,8 +203,12 @@ void Session::throwDescribeFailed(ZR_ULONG result) const
     }
     if (challenged)
     {
+        const bool none = m_source.credentials.password.empty();
         throw Failure(ExitCode::Credentials, "describe", unauthorized,
-                      "the server refused the user name or the password", "check --user and --password");
+                      none ? "the server refused the user name, which no password was given with"
+                           : "the server refused the user name or the password",
+                      none ? "give one: --password-file FILE, or ZR_RTSP_PASSWORD in the environment"
+                           : "check --user and --password");
     }
     if (result == ZR_RTSP_INVALID_PARAMETER)
     {

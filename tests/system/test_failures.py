@@ -86,6 +86,7 @@ class FailuresTest(HostTest):
                 ("is no ordinary file", "see zr_rtsp_host download --help", ("download", url, "/dev/null")),
                 ("play does not know --pasword (--password?)", help_of_play, (*play, "--pasword", PASSWORD)),
                 ("there is more than play takes", help_of_play, (*play, PASSWORD)),
+                ("a password, but no user name", help_of_play, (*play, "--password", PASSWORD)),
                 ("a colon in the user name", help_of_play,
                  (*play, "--tag", "plain", "--user", "a:b", "--password", PASSWORD))):
             with self.subTest(arguments=arguments):
@@ -127,6 +128,8 @@ class FailuresTest(HostTest):
         self.assertIn("the stream plays; failed: picture", result.out)
         result = self.run_host(USAGE, "check", url, "--tag", "plain", "--user", "a:b", "--password", PASSWORD)
         self.assertIn("the stream does not play; failed: session", result.out)
+        result = self.run_host(UNREACHABLE, "check", "rtsp://127.0.0.1:9/", "--report", self.file("page.html"))
+        self.assertRegex(result.out, r"failed +TCP[^?]*skipped +TLS[^?]*skipped +OPTIONS[^?]*wrote the page ")
 
     def test_device_says_why_it_cannot_serve(self):
         with socket.create_server(("127.0.0.1", 0)) as taken:
