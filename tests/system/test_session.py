@@ -2,6 +2,7 @@
 
 import os
 import pty
+import re
 import select
 import shlex
 import signal
@@ -71,7 +72,7 @@ class SessionTest(HostTest):
 
         def until(text):
             seen = ""
-            while text not in seen:
+            while re.search(text, seen, re.S) is None:
                 self.assertTrue(select.select([terminal], [], [], 30)[0], f"no {text!r} in {seen!r}")
                 seen += os.read(terminal, 4096).decode(errors="replace")
             return seen
@@ -83,9 +84,11 @@ class SessionTest(HostTest):
         until("\nready:")
         usual = mode()
         os.write(terminal, shlex.join(command("play", url)).encode() + b"\n")
-        until("? keys")
+        until("[?] keys")
         self.assertEqual((usual, mode()), (termios.ECHO | termios.ICANON, 0))
-        for keys, text in ((b" ", "paused  0:0"), (b"r", "nothing comes to record"), (b" ", "playing on"), (b"\x1b[C", "playing from 0:1"),
+        for keys, text in ((b" ", "paused  0:0"), (b"r", "nothing comes to record"), (b" ", "playing on.*playing  0:(0[1-9]|1)"),
+                           # gst-rtsp-server gives up, now and then, where a seek comes before the former PLAY's media
+                           (b"\x1b[C", "playing from 0:1"),
                            (b"+", " at speed x2"), (b"s", "wrote the picture zr_rtsp-"), (b"i", "jitter"),
                            (b"\x1a", "ready:"), (b"fg\n", "  x2  "), (b"\x1b[6~", "playing from 0:00")):
             os.write(terminal, keys)
