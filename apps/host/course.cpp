@@ -30,7 +30,7 @@ double inSeconds(Course::Clock::duration duration)
     return std::chrono::duration<double>(duration).count();
 }
 
-std::string shown(const std::string &asked)
+std::string placeShown(const std::string &asked)
 {
     const auto position = parsePosition(asked);
     return position && position->clock ? positionShown(*position) : asked;
@@ -176,8 +176,8 @@ void Course::start()
     m_session->play(m_playback);
     m_resumed = Clock::now();
     std::string text = "playing";
-    text += m_playback.from.empty() ? "" : " from " + shown(m_playback.from);
-    text += m_playback.to.empty() ? "" : " to " + shown(m_playback.to);
+    text += m_playback.from.empty() ? "" : " from " + placeShown(m_playback.from);
+    text += m_playback.to.empty() ? "" : " to " + placeShown(m_playback.to);
     text += m_options.speed.empty() ? "" : " at speed " + m_options.speed;
     m_report.event("playing", text, nullptr);
 }
