@@ -474,6 +474,14 @@ extern "C"
     /// Has the log write "***" wherever this text stands in a line, such as a password; for all time. Any thread.
     /// @param pszText  NULL and empty: without effect
     ZR_PLATFORM_API void ZR_LogHide(const char *pszText);
+    /// What a host may show of a text that a server had a hand in, such as a reason, a description or a URL: with "***"
+    /// where credentials stand, as ZR_TraceSet has it. In time linear in the text. Any thread.
+    /// @param pszText    may hold anything, also zeros; NULL: an empty one
+    /// @param ulLength   its bytes
+    /// @param pszMasked  receives the masked text, cut to fit, without a zero behind it; may be NULL
+    /// @param ulSize     bytes that there is room for
+    /// @return the masked text's bytes, which may be more than the text's; 0: the text is empty, or there is no memory
+    ZR_PLATFORM_API ZR_ULONG ZR_TextMask(const char *pszText, ZR_ULONG ulLength, char *pszMasked, ZR_ULONG ulSize);
     /// Writes the log to a rotating file instead of stderr; NULL: back to stderr.
     ZR_PLATFORM_API void ZR_LogSetFile(const char *pszFile);
 }

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -7,7 +6,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/dist_sink.h>
@@ -15,6 +13,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include "log_line.h"
+#include "masking.h"
 #include "platform_log.h"
 #include "zr_platform.h"
 
@@ -89,32 +88,10 @@ public:
         applyLevel();
     }
 
-    void hide(const std::string &text)
-    {
-        const std::lock_guard<std::mutex> lock(m_hiddenMutex);
-        const auto longestFirst = [](const std::string &left, const std::string &right) {
-            return left.size() != right.size() ? left.size() > right.size() : left < right;
-        };
-        const auto place = std::lower_bound(m_hidden.begin(), m_hidden.end(), text, longestFirst);
-        if (!text.empty() && (place == m_hidden.end() || *place != text))
-            m_hidden.insert(place, text);
-    }
-
     void write(tagZrLogLevel level, std::string line)
     {
-        conceal(line);
+        zr::common::conceal(line);
         m_logger.log(spdlogLevel(level), line);
-    }
-
-    void conceal(std::string &line)
-    {
-        static const std::string stars = "***";
-        const std::lock_guard<std::mutex> lock(m_hiddenMutex);
-        for (const std::string &text : m_hidden)
-        {
-            for (size_t at = line.find(text); at != std::string::npos; at = line.find(text, at + stars.size()))
-                line.replace(at, text.size(), stars);
-        }
     }
 
 private:
@@ -135,9 +112,7 @@ private:
 
     std::mutex m_mutex; ///< guards what the next two say and their agreement with destination and threshold
     bool m_toFile = false;
-    ZR_ULONG m_level = 0;              ///< as the host set it; 0: it did not
-    std::mutex m_hiddenMutex;          ///< guards m_hidden; held for a moment only
-    std::vector<std::string> m_hidden; ///< the longest first, for it may hold others
+    ZR_ULONG m_level = 0; ///< as the host set it; 0: it did not
     std::shared_ptr<spdlog::sinks::dist_sink_mt> m_destination;
     std::shared_ptr<spdlog::sinks::sink> m_stderr;
     spdlog::logger m_logger;
@@ -169,11 +144,6 @@ void quietly(Action action)
     errno = before;
 }
 
-void concealIn(std::string &text)
-{
-    log().conceal(text);
-}
-
 } // namespace
 
 void CZRWriteLog::writeLog(tagZrLogLevel enLevel, ZR_ULONG ulCode, ZR_ULONG ulModule, const char *pszFile, int iLine,
@@ -192,11 +162,6 @@ void CZRWriteLog::writeLog(tagZrLogLevel enLevel, ZR_ULONG ulCode, ZR_ULONG ulMo
     va_end(arguments);
 }
 
-void zr::common::conceal(std::string &text)
-{
-    concealIn(text);
-}
-
 void ZR_LogSetLevel(tagZrLogLevel enLevel)
 {
     quietly([&] { log().setLevel(enLevel); });
@@ -205,9 +170,4 @@ void ZR_LogSetLevel(tagZrLogLevel enLevel)
 void ZR_LogSetFile(const char *pszFile)
 {
     quietly([&] { log().setFile(pszFile); });
-}
-
-void ZR_LogHide(const char *pszText)
-{
-    quietly([&] { log().hide(pszText == nullptr ? "" : pszText); });
 }

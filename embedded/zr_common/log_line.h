@@ -17,7 +17,4 @@ constexpr size_t logTextLimit = 4096;
 std::string formatLogLine(ZR_ULONG code, ZR_ULONG module, const char *file, int line, const char *format,
                           va_list arguments) __attribute__((format(printf, 5, 0)));
 
-/// Writes "***" wherever what ZR_LogHide was given stands in a text. Throws std::bad_alloc. Any thread.
-void conceal(std::string &text);
-
 } // namespace zr::common

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "masking.h"
 #include "platform_log.h"
 #include "rtsp_text.h"
 #include "session_channel.h"
@@ -78,7 +79,7 @@ bool SessionChannel::follow(const Exchange &exchange, const rtsp::Message &respo
                                                                         : nullptr;
     const std::string *const header = response.find("Location");
     std::string location = rtsp::quoted(header ? *header : "");
-    maskCredentials(location);
+    common::maskCredentials(location);
     if (obstacle)
     {
         ZR_PLATFORM_LOG(WARNING, static_cast<ZR_ULONG>(response.status), Dispatch,

@@ -1,7 +1,5 @@
 #include "wire_trace.h"
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -10,11 +8,10 @@
 #include <thread>
 #include <utility>
 
-#include "log_line.h"
+#include "masking.h"
 #include "platform_log.h"
 #include "quiet_thread.h"
 #include "result_codes.h"
-#include "rtsp_text.h"
 
 namespace zr::dispatch {
 
@@ -103,7 +100,7 @@ private:
     {
         try
         {
-            maskCredentials(told.text);
+            common::maskCredentials(told.text);
             told.event.pszText = told.text.c_str();
             told.event.ulLength = static_cast<ZR_ULONG>(told.text.size());
             callback(&told.event, user);
@@ -147,150 +144,7 @@ size_t wholeWords(std::string_view text)
     return blank == std::string_view::npos ? 0 : blank;
 }
 
-bool isSecretHeader(std::string_view name)
-{
-    static constexpr std::array<std::string_view, 4> names = {"Authorization", "Proxy-Authorization",
-                                                              "Authentication-Info", "Proxy-Authentication-Info"};
-    return std::any_of(names.begin(), names.end(), [&](std::string_view one) { return rtsp::sameText(one, name); });
-}
-
-/// Also the lines on which such a header goes on (RFC 2326, 4.2).
-void maskHeaders(std::string &text)
-{
-    bool secret = false;
-    for (size_t begin = 0; begin < text.size();)
-    {
-        size_t end = std::min(text.find_first_of("\r\n", begin), text.size());
-        const std::string_view line(text.data() + begin, end - begin);
-        const size_t colon = line.find(':');
-        const bool goesOn = !line.empty() && (line.front() == ' ' || line.front() == '\t');
-        secret = line.empty() ? secret && text[end] == '\n' && end > 0 && text[end - 1] == '\r'
-                 : goesOn     ? secret
-                              : isSecretHeader(rtsp::trimmed(line.substr(0, std::min(colon, line.size()))));
-        if (secret && !line.empty())
-        {
-            size_t value = goesOn || colon == std::string_view::npos ? 0 : colon + 1;
-            value = std::min(line.find_first_not_of(" \t", value), line.size());
-            for (const std::string_view scheme : {"Basic ", "Digest "})
-                value += !goesOn && rtsp::beginsWith(line.substr(value), scheme) ? scheme.size() : 0;
-            const size_t at = begin + value;
-            text.replace(at, end - at, "***");
-            end = at + 3;
-        }
-        begin = end + 1;
-    }
-}
-
-/// A text with stretches of another text masked, from its front to its end.
-class Masked
-{
-public:
-    explicit Masked(std::string_view text)
-        : m_text(text)
-    {
-    }
-    void mask(size_t begin, size_t end)
-    {
-        m_out.append(m_text.substr(m_done, begin - m_done)).append("***");
-        m_done = end;
-    }
-    bool any() const { return m_done > 0; }
-    std::string whole() { return std::move(m_out.append(m_text.substr(m_done))); }
-
-private:
-    const std::string_view m_text;
-    std::string m_out;
-    size_t m_done = 0;
-};
-
-constexpr const char *endsOfUrls = " \t\r\n\"<>";
-
-/// A password may hold a slash that should have been escaped: then what looks like the host has more than a port. The
-/// message is its server's, and may be nothing but schemes: no stretch of it is looked at for each of them.
-void maskUserInformation(std::string &text)
-{
-    const std::string_view all = text;
-    Masked masked(all);
-    size_t end = 0; // of the word that holds the URL, and its last @
-    size_t last = std::string_view::npos;
-    size_t next = 0;
-    for (size_t scheme = all.find("://"); scheme != std::string_view::npos; scheme = all.find("://", next))
-    {
-        const size_t begin = next = scheme + 3;
-        if (begin >= end)
-        {
-            end = std::min(all.find_first_of(endsOfUrls, begin), all.size());
-            last = all.substr(begin, end - begin).rfind('@');
-            last = last == std::string_view::npos ? last : begin + last;
-        }
-        const std::string_view authority = all.substr(begin, std::min(all.find_first_of("/?#", begin), end) - begin);
-        size_t at = authority.rfind('@');
-        at = at == std::string_view::npos ? at : begin + at;
-        const size_t colon = authority.find(':');
-        if (at == std::string_view::npos && colon != std::string_view::npos && authority.front() != '[' &&
-            authority.find_first_not_of("0123456789", colon + 1) != std::string_view::npos && last >= begin)
-            at = last;
-        if (at != std::string_view::npos)
-        {
-            masked.mask(begin, at);
-            next = at;
-        }
-    }
-    if (masked.any())
-        text = masked.whole();
-}
-
-/// Behind a mark that is a path's, as some recorders have it (user=admin_password=x_channel=1), another such word ends
-/// it, too.
-size_t endOfValue(std::string_view text, char mark, size_t begin)
-{
-    const size_t end = std::min(text.find_first_of(std::string("&;").append(endsOfUrls), begin), text.size());
-    if (mark != '/' && mark != '_')
-        return end;
-    size_t word = end; // its begin, where this may be one
-    for (size_t at = begin; at < end; ++at)
-    {
-        if (text[at] == '=' && word < at)
-            return word;
-        const bool letter = (text[at] | 0x20) >= 'a' && (text[at] | 0x20) <= 'z';
-        word = text[at] == '_' ? at : letter ? word : end;
-    }
-    return end;
-}
-
-void maskQueries(std::string &text)
-{
-    static constexpr std::array<std::string_view, 5> keys = {"password=", "passwd=", "pwd=", "pass=", "psw="};
-    constexpr const char *marks = "?&;/_";
-    const std::string_view all = text;
-    Masked masked(all);
-    for (size_t mark = all.find_first_of(marks); mark != std::string_view::npos;)
-    {
-        const std::string_view rest = all.substr(mark + 1);
-        const auto *const key =
-            std::find_if(keys.begin(), keys.end(), [&](std::string_view one) { return rtsp::beginsWith(rest, one); });
-        size_t next = mark + 1;
-        if (key != keys.end())
-        {
-            const size_t begin = next + key->size();
-            next = endOfValue(all, all[mark], begin);
-            masked.mask(begin, next);
-        }
-        mark = all.find_first_of(marks, next);
-    }
-    if (masked.any())
-        text = masked.whole();
-}
-
 } // namespace
-
-void maskCredentials(std::string &message)
-{
-    maskHeaders(message);
-    maskUserInformation(message);
-    maskQueries(message);
-    common::conceal(message);
-}
 
 WireTap::Counts &WireTap::counts()
 {

@@ -80,9 +80,4 @@ private:
     std::unique_ptr<Counts> m_counts; ///< since the last that was told; none before the first
 };
 
-/// Writes "***" over what nobody is to see of a message: the values of Authorization and its like but for their scheme
-/// (RFC 7615, RFC 7616, 3), the user information of URLs (RFC 3986, 3.2.1) and passwords in their queries, what
-/// ZR_LogHide was given.
-void maskCredentials(std::string &message);
-
 } // namespace zr::dispatch

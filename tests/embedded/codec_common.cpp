@@ -74,6 +74,44 @@ TEST_F(Log, HidesWhatItIsToldToWhole)
     EXPECT_THAT(linesOf(m_file), ElementsAre(EndsWith(":42 *** *** ***")));
 }
 
+std::string masked(const std::string &text)
+{
+    std::string safe(text.size() + 64, '\0');
+    const auto size = [](const std::string &one) { return static_cast<ZR_ULONG>(one.size()); };
+    safe.resize(ZR_TextMask(text.data(), size(text), safe.data(), size(safe)));
+    return safe;
+}
+
+TEST(TextMask, HidesCredentialsWhereverAServerRepeatsThem)
+{
+    for (const char *secret : {"w0rd", "w0rd/pass", "~q"})
+        ZR_LogHide(secret);
+    const std::pair<const char *, const char *> cases[] = {
+        {"a~q w0rde w0rd/passs w0r", "a*** ***e ***s w0r"}, // the longest that stands there
+        {"to rtsp://a:p@h/x, rtsp://a:p/\"q@h\nrtsp://h:554/x@y", "to rtsp://***@h/x, rtsp://***@h\nrtsp://h:554/x@y"},
+        {"rtsp://[::1]/x?to=rtsp://a:b@c", "rtsp://[::1]/x?to=rtsp://***@c"},
+        {"rtsp://h/s?user=a&Password=x_y=z&ch=1: H264", "rtsp://h/s?user=a&Password=***&ch=1: H264"},
+        {"rtsp://h/user=a_password=x_y_channel=1.sdp", "rtsp://h/user=a_password=***_channel=1.sdp"},
+        {"rtsp://h/s?%70assword=x: H264, not bypwd=x", "rtsp://h/s?%70assword=***: H264, not bypwd=x"},
+        {"a\r\nAuthorization : Digest x,\r\n y\r\n\tz\r\nb: c",
+         "a\r\nAuthorization : Digest ***\r\n ***\r\n\t***\r\nb: c"}};
+    for (const auto &[text, safe] : cases)
+    {
+        EXPECT_EQ(masked(text), safe);
+        EXPECT_EQ(masked(safe), safe);
+    }
+    char little[] = "....";
+    EXPECT_EQ(ZR_TextMask("w0rd/", 5, little, 2), 4U);
+    EXPECT_STREQ(little, "**..");
+    for (const char *part : {"://", "://@", "?pwd=", "_pwd=_", "w0rd", "Authorization:\n"}) // minutes, if not linear
+    {
+        std::string much;
+        while (much.size() < 1000000)
+            much += part;
+        EXPECT_FALSE(masked(much).empty());
+    }
+}
+
 TEST_F(Log, TakesTheLevelsThatWereAskedFor)
 {
     write(ZR_LOG_DEBUG, "off by default");
