@@ -32,6 +32,7 @@ struct Input
 };
 
 void parser(Input input), tunnel(Input input), handOff(Input input), media(Input input), metadata(Input input);
-void answer(Input input), sdp(Input input), elements(Input input), challenge(Input input), url(Input input);
+void answer(Input input), sdp(Input input), elements(Input input), challenge(Input input), url(Input input),
+    masking(Input input);
 
 } // namespace zr::fuzz

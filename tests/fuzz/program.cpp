@@ -22,8 +22,6 @@ void CZRWriteLog::writeLog(tagZrLogLevel /*enLevel*/, ZR_ULONG ulCode, ZR_ULONG 
     assert(line.find_first_of("\r\n") == std::string::npos);
 }
 
-void zr::common::conceal(std::string & /*text*/) {} // nothing is hidden here
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     using namespace zr::fuzz;
@@ -31,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         {"parser", parser},       {"answer", answer},    {"sdp", sdp},
         {"elements", elements},   {"tunnel", tunnel},    {"url", url},
         {"challenge", challenge}, {"hand_off", handOff}, {"media", media},
-        {"metadata", metadata}};
+        {"metadata", metadata},   {"masking", masking}};
     static const char *const name = std::getenv("ZR_FUZZ_TARGET");
     static const auto target = targets.find(name == nullptr ? "" : name);
     assert(target != targets.end() && "ZR_FUZZ_TARGET names a target");

@@ -7,17 +7,21 @@
 
 #include "fuzz.h"
 #include "http_head.h"
+#include "masking.h"
 #include "metadata_file.h"
 #include "port.h"
 #include "rtsp_message.h"
+#include "zr_platform.h"
 
 using zr::rtsp::Parser;
 using namespace zr::media;
 
 /// What a stream brings, as text, when its bytes come in pieces, lent or not.
-static std::string eventsOf(zr::fuzz::Input stream, bool narrow, bool lent, size_t first, size_t others)
+static std::string eventsOf(zr::fuzz::Input stream, uint8_t how, bool lent, size_t first, size_t others)
 {
-    Parser parser(narrow ? zr::rtsp::Limits{24, 3, 80, 40} : zr::rtsp::Limits());
+    Parser parser((how & 1) != 0 ? zr::rtsp::Limits{24, 3, 80, 40} : zr::rtsp::Limits());
+    if ((how & 2) != 0)
+        parser.takeHttp();
     std::string events;
     for (size_t piece = first; !stream.left.empty(); piece = others)
     {
@@ -39,15 +43,16 @@ static std::string eventsOf(zr::fuzz::Input stream, bool narrow, bool lent, size
     return events;
 }
 
-/// A byte for the limits, two for the place of a cut, and a stream: where it is cut changes nothing.
+/// A byte for the limits and whether HTTP may answer, two for the place of a cut, and a stream: where it is cut changes
+/// nothing.
 void zr::fuzz::parser(Input input)
 {
-    const bool narrow = input.byte() % 2 == 1;
+    const uint8_t how = input.byte();
     const size_t cut = size_t{input.byte()} * 256 + input.byte() + 1;
-    const std::string events = eventsOf(input, narrow, false, SIZE_MAX, SIZE_MAX);
-    assert(events == eventsOf(input, narrow, true, cut, SIZE_MAX));
-    assert(events == eventsOf(input, narrow, true, SIZE_MAX, SIZE_MAX));
-    assert(events == eventsOf(input, narrow, cut % 2 == 1, cut % 7 + 1, cut % 5 + 1));
+    const std::string events = eventsOf(input, how, false, SIZE_MAX, SIZE_MAX);
+    assert(events == eventsOf(input, how, true, cut, SIZE_MAX));
+    assert(events == eventsOf(input, how, true, SIZE_MAX, SIZE_MAX));
+    assert(events == eventsOf(input, how, cut % 2 == 1, cut % 7 + 1, cut % 5 + 1));
 }
 
 /// What the head of an HTTP answer says, when its bytes come in pieces; and what is left behind it.
@@ -80,6 +85,16 @@ void zr::fuzz::tunnel(Input input)
     const size_t cut = size_t{input.byte()} * 256 + input.byte() + 1;
     const std::string told = headOf(input, SIZE_MAX, SIZE_MAX);
     assert(told == headOf(input, cut, SIZE_MAX) && told == headOf(input, cut % 7 + 1, cut % 5 + 1));
+}
+
+/// A text: nothing hidden is left in it.
+void zr::fuzz::masking(Input input)
+{
+    for (const char *secret : {"w0rd", "w0rd/pass", "~q"})
+        ZR_LogHide(secret);
+    std::string text(input.left);
+    zr::common::maskCredentials(text);
+    assert(text.find("w0rd") == std::string::npos && text.find("~q") == std::string::npos);
 }
 
 /// Packets: a byte for marker, source and the recording's begin, their number's two bytes, size, and text.
