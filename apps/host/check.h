@@ -14,6 +14,7 @@
 #include "check_table.h"
 #include "commands.h"
 #include "course.h"
+#include "trace.h"
 
 namespace zr::host {
 
@@ -85,6 +86,9 @@ public:
 private:
     void tryAll();
     bool reachable();
+    void tryName();
+    void tryRoute();
+    void tryTcp();
     bool described();
     bool describedBy(Session &session, const std::string &step, bool given, std::optional<Failure> &failure);
     void tellTls(const Session &session, const std::optional<Failure> &failure);
@@ -103,7 +107,10 @@ private:
     void tryPause(Course &course);
     void tryPlaces(Course &course);
     void tryPlaying(Course &course, const std::string &step, const std::string &text,
-                    const std::function<void()> &begin);
+                    const std::function<void()> &begin, const std::function<std::string()> &seen = {});
+    std::string placeAnswered(const Position &asked, double tolerance) const;
+    std::string scaleAnswered(double asked) const;
+    std::optional<Trace::Answer> answerTo(const std::string &method, Course::Clock::time_point asked) const;
     void end(Course &course);
     void skip(std::initializer_list<const char *> steps, const std::string &why);
     void stopIfAsked() const;

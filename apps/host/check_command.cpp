@@ -72,44 +72,60 @@ void Check::skip(std::initializer_list<const char *> steps, const std::string &w
     }
 }
 
-bool Check::reachable()
+void Check::tryName()
+{
+    std::string found;
+    for (const std::string &address : addressesOf(m_source.url.host, m_interrupt))
+    {
+        found += (found.empty() ? "" : ", ") + address;
+    }
+    m_table.ok("name", m_source.url.host + (found == m_source.url.host ? "" : " is " + found), {{"addresses", found}});
+}
+
+void Check::tryRoute()
+{
+    const std::string local = localAddressTowards(m_source.url.host, m_source.url.port, m_interrupt);
+    const std::string interface = interfaceOf(local);
+    m_table.ok("route", "from " + local + (interface.empty() ? "" : " by " + interface),
+               {{"local", local}, {"interface", interface}});
+}
+
+void Check::tryTcp()
 {
     const Url &url = m_source.url;
-    std::string step = "name";
-    try
+    const double seconds = timeToConnect(url.host, url.port, connectWithin, m_interrupt);
+    m_table.ok("TCP", "port " + std::to_string(url.port) + " answers in " + inMs(seconds), took(seconds));
+}
+
+bool Check::reachable()
+{
+    struct Step
     {
-        std::string found;
-        for (const std::string &address : addressesOf(url.host, m_interrupt))
-        {
-            found += (found.empty() ? "" : ", ") + address;
-        }
-        m_table.ok(step, url.host + (found == url.host ? "" : " is " + found), {{"addresses", found}});
-        step = "route";
-        const std::string local = localAddressTowards(url.host, url.port, m_interrupt);
-        const std::string interface = interfaceOf(local);
-        m_table.ok(step, "from " + local + (interface.empty() ? "" : " by " + interface),
-                   {{"local", local}, {"interface", interface}});
-        step = "TCP";
-        const double seconds = timeToConnect(url.host, url.port, connectWithin, m_interrupt);
-        m_table.ok(step, "port " + std::to_string(url.port) + " answers in " + inMs(seconds), took(seconds));
-    }
-    catch (const Failure &failed)
+        const char *name;
+        void (Check::*tried)();
+    };
+    static constexpr Step steps[] = {{"name", &Check::tryName}, {"route", &Check::tryRoute}, {"TCP", &Check::tryTcp}};
+    bool reached = true;
+    for (const Step &step : steps)
     {
-        stopIfAsked();
-        m_table.failed(step, failed, true);
-        constexpr const char *needs = "it needs the step before";
-        if (step == "name")
+        if (!reached)
         {
-            skip({"route", "TCP"}, needs);
+            m_table.skipped(step.name, "it needs the step before");
+            continue;
         }
-        else if (step == "route")
+        try
         {
-            skip({"TCP"}, needs);
+            (this->*step.tried)();
         }
-        return false;
+        catch (const Failure &failed)
+        {
+            stopIfAsked();
+            m_table.failed(step.name, failed, true);
+            reached = false;
+        }
     }
     stopIfAsked();
-    return true;
+    return reached;
 }
 
 void Check::tellTls(const Session &session, const std::optional<Failure> &failure)

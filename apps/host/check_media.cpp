@@ -3,6 +3,7 @@
 #include "check.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -25,6 +26,14 @@ constexpr ZR_ULONG stoppedAfterMs = 2500;
 constexpr double bearableLoss = 0.01; // of the packets
 constexpr ZR_ULONG pictureWithinMs = 5000;
 constexpr double answerSeconds = std::chrono::duration<double>(answerWithin).count();
+
+/// Of a header.
+std::optional<double> number(const std::string &text)
+{
+    char *end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    return end != text.c_str() && std::isfinite(value) ? std::optional<double>(value) : std::nullopt;
+}
 
 } // namespace
 
@@ -230,11 +239,13 @@ void Check::tryKeepAlive(const Session &session)
 }
 
 /// Does what makes media come again, and waits for it.
+/// @param seen  what the server's answer says beside it; throws a Failure where that is not what was asked for
 void Check::tryPlaying(Course &course, const std::string &step, const std::string &text,
-                       const std::function<void()> &begin)
+                       const std::function<void()> &begin, const std::function<std::string()> &seen)
 {
     try
     {
+        m_trace.forget("PLAY");
         begin();
         const auto answered = Clock::now();
         const uint64_t before = course.session().statistics().ullPackets;
@@ -246,7 +257,9 @@ void Check::tryPlaying(Course &course, const std::string &step, const std::strin
             }
             sleep(pollEvery);
         }
-        m_table.ok(step, "media came " + inMs(since(answered)) + " after asking " + text, took(since(answered)));
+        const double seconds = since(answered);
+        m_table.ok(step, "media came " + inMs(seconds) + " after asking " + text + (seen ? "; " + seen() : ""),
+                   took(seconds));
     }
     catch (const Failure &failed)
     {
@@ -288,6 +301,69 @@ void Check::tryPause(Course &course)
     tryPlaying(course, "play on", "to play on", [&] { course.playOn(); });
 }
 
+/// What the trace has of it, as soon as that is there.
+/// @return nothing when it did not come in time
+std::optional<Trace::Answer> Check::answerTo(const std::string &method, Clock::time_point asked) const
+{
+    constexpr int firstFinal = 200; // what is below says that there is more to come
+    auto answer = m_trace.answerTo(method);
+    while ((!answer || answer->status < firstFinal) && since(asked) < answerSeconds)
+    {
+        sleep(pollEvery);
+        answer = m_trace.answerTo(method);
+    }
+    return answer && answer->status >= firstFinal ? answer : std::nullopt;
+}
+
+std::string Check::placeAnswered(const Position &asked, double tolerance) const
+{
+    const auto answer = answerTo("PLAY", Clock::now());
+    if (!answer || answer->range.empty())
+    {
+        return "the answer has no Range: where it plays from is not known";
+    }
+    const auto begin = parseSpan(answer->range).begin;
+    if (!begin || begin->clock != asked.clock)
+    {
+        return "the answer's Range, " + answer->range + ", does not tell the place";
+    }
+    if (std::fabs(begin->seconds - asked.seconds) > tolerance)
+    {
+        throw Failure(ExitCode::Refused, "seek", 0,
+                      "the server agreed, but plays from elsewhere: asked for " + positionShown(asked) +
+                          ", it answers Range " + answer->range,
+                      "play URL --from TIME --trace, with other times, shows what it answers");
+    }
+    return "its answer says from " + positionShown(*begin);
+}
+
+std::string Check::scaleAnswered(double asked) const
+{
+    const auto answer = answerTo("PLAY", Clock::now());
+    if (!answer || answer->scale.empty())
+    {
+        return "the answer has no Scale: how fast it plays is not known";
+    }
+    constexpr double same = 0.01; // servers print it with few digits
+    const auto scale = number(answer->scale);
+    const auto isAsked = [asked](double factor) { return std::fabs(factor - asked) <= same; };
+    if (!scale)
+    {
+        return "the answer's Scale, " + answer->scale + ", is no number";
+    }
+    if (isAsked(*scale))
+    {
+        return "its answer says Scale " + answer->scale;
+    }
+    if (isAsked(*scale * number(answer->speed).value_or(1)))
+    {
+        return "its answer says Scale " + answer->scale + " and Speed " + answer->speed + ": all pictures, sent faster";
+    }
+    throw Failure(ExitCode::Refused, "Scale", 0,
+                  "the server agreed, but plays at another speed: it answers Scale " + answer->scale,
+                  "play URL --speed 4, or 0.5: servers have speeds of their own choice");
+}
+
 void Check::tryPlaces(Course &course)
 {
     const Span span = parseSpan(course.description().range);
@@ -296,15 +372,23 @@ void Check::tryPlaces(Course &course)
         skip({"seek", "Scale"}, "the stream is live");
         return;
     }
-    constexpr const char *notLookedAt = "; whether it is that was not looked at";
-    Position middle = *span.begin;
-    middle.seconds += (span.end->seconds - span.begin->seconds) / 2;
-    Playback playback{positionText(middle), positionText(*span.end), std::nullopt, std::nullopt};
-    tryPlaying(course, "seek", "for " + positionShown(middle) + notLookedAt, [&] { course.seek(playback); });
+    // By now it plays in the first half: from there to here is a quarter of the recording at least, so that what comes
+    // is told from what a server plays that stayed where it was. Servers begin at a key frame, and devices that save
+    // room have one in some ten seconds.
+    constexpr double part = 0.75;
+    constexpr double betweenKeyFrames = 10;
+    const double length = span.end->seconds - span.begin->seconds;
+    Position place = *span.begin;
+    place.seconds += length * part;
+    Playback playback{positionText(place), positionText(*span.end), std::nullopt, std::nullopt};
+    tryPlaying(
+        course, "seek", "for " + positionShown(place), [&] { course.seek(playback); },
+        [&] { return placeAnswered(place, std::min(betweenKeyFrames, length / 8)); });
     playback.from = positionText(*span.begin);
     playback.speedCode = speedCode("2");
-    tryPlaying(course, "Scale", std::string("for speed 2, from the beginning") + notLookedAt,
-               [&] { course.seek(playback); });
+    tryPlaying(
+        course, "Scale", "for speed 2, from the beginning", [&] { course.seek(playback); },
+        [&] { return scaleAnswered(speedFactor(playback.speedCode)); });
 }
 
 void Check::end(Course &course)
@@ -313,20 +397,16 @@ void Check::end(Course &course)
     try
     {
         const auto begin = Clock::now();
-        m_trace.forgetTeardown();
+        m_trace.forget("TEARDOWN");
         course.end();
-        while (m_trace.tornDown().value_or(0) == 0 && since(begin) < answerSeconds)
-        {
-            sleep(pollEvery);
-        }
-        const int status = m_trace.tornDown().value_or(0);
-        if (status == 0)
+        const auto answer = answerTo("TEARDOWN", begin);
+        if (!answer)
         {
             throw Failure(ExitCode::Unreachable, step, 0, "no answer came within 3 s", deviceLog);
         }
-        if (status >= 300)
+        if (answer->status >= 300)
         {
-            throw requestFailed(step, static_cast<ZR_ULONG>(status));
+            throw requestFailed(step, static_cast<ZR_ULONG>(answer->status));
         }
         m_table.ok(step, "answered in " + inMs(since(begin)), took(since(begin)));
     }

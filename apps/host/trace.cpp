@@ -1,5 +1,6 @@
 #include "trace.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -63,14 +64,18 @@ std::string linesOf(const ZrTraceEvent &event)
     return harmless(out);
 }
 
-std::string cseqOf(const std::string &message)
+/// A header's value; empty: there is none.
+std::string headerOf(const std::string &message, const std::string &name)
 {
     std::istringstream in(message);
     for (std::string line; std::getline(in, line) && line.size() > 1;)
     {
-        if (strncasecmp(line.c_str(), "CSeq:", 5) == 0)
+        if (line.size() > name.size() && line[name.size()] == ':' &&
+            strncasecmp(line.c_str(), name.c_str(), name.size()) == 0)
         {
-            return std::to_string(std::strtoul(line.c_str() + 5, nullptr, 10));
+            const size_t begin = std::min(line.find_first_not_of(" \t", name.size() + 1), line.size());
+            line.erase(line.find_last_not_of(" \t\r") + 1);
+            return line.substr(std::min(begin, line.size()));
         }
     }
     return "";
@@ -134,16 +139,17 @@ std::vector<Trace::Lines> Trace::kept() const
     return m_kept;
 }
 
-std::optional<int> Trace::tornDown() const
+std::optional<Trace::Answer> Trace::answerTo(const std::string &method) const
 {
     const std::scoped_lock lock(m_mutex);
-    return m_tornDown;
+    const auto found = m_asked.find(method);
+    return found == m_asked.end() ? std::nullopt : std::optional<Answer>(found->second.answer);
 }
 
-void Trace::forgetTeardown()
+void Trace::forget(const std::string &method)
 {
     const std::scoped_lock lock(m_mutex);
-    m_tornDown.reset();
+    m_asked.erase(method);
 }
 
 void Trace::tell(const ZrTraceEvent &event)
@@ -160,7 +166,7 @@ void Trace::tell(const ZrTraceEvent &event)
         }
         if (m_keeps)
         {
-            watchTeardown(event, std::string(event.pszText, event.ulLength));
+            watchAnswers(event, std::string(event.pszText, event.ulLength));
             const bool fits = m_keptBytes + lines.size() <= mostKept;
             m_keptBytes += lines.size();
             if (fits)
@@ -175,18 +181,24 @@ void Trace::tell(const ZrTraceEvent &event)
     }
 }
 
-/// An answer to the TEARDOWN that went out last on its connection.
-void Trace::watchTeardown(const ZrTraceEvent &event, const std::string &message)
+void Trace::watchAnswers(const ZrTraceEvent &event, const std::string &message)
 {
-    if (event.ulKind == ZR_TRACE_SENT && message.rfind("TEARDOWN ", 0) == 0)
+    const bool answer = message.rfind("RTSP/", 0) == 0;
+    const unsigned long number = std::strtoul(headerOf(message, "CSeq").c_str(), nullptr, 10);
+    if (event.ulKind == ZR_TRACE_SENT && !answer)
     {
-        m_teardown = {event.ulAOIPortID, cseqOf(message)};
-        m_tornDown = 0;
+        m_asked[message.substr(0, message.find(' '))] = {event.ulAOIPortID, number, {}};
     }
-    else if (event.ulKind == ZR_TRACE_RECEIVED && message.rfind("RTSP/", 0) == 0 &&
-             m_teardown == std::pair(event.ulAOIPortID, cseqOf(message)))
+    else if (event.ulKind == ZR_TRACE_RECEIVED && answer)
     {
-        m_tornDown = std::atoi(message.c_str() + std::min(message.find(' '), message.size()));
+        for (auto &[method, asked] : m_asked)
+        {
+            if (asked.session == event.ulAOIPortID && asked.number == number)
+            {
+                asked.answer = {std::atoi(message.c_str() + std::min(message.find(' '), message.size())),
+                                headerOf(message, "Range"), headerOf(message, "Scale"), headerOf(message, "Speed")};
+            }
+        }
     }
 }
 

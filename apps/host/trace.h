@@ -7,7 +7,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "report.h"
@@ -24,6 +23,14 @@ public:
     {
         ZR_ULONG kind; ///< a tagZrTraceKind
         std::string text;
+    };
+
+    struct Answer
+    {
+        int status = 0;    ///< 0: there is none yet
+        std::string range; ///< headers (RFC 2326, 12.29, 12.34 and 12.35); empty: it has none
+        std::string scale;
+        std::string speed;
     };
 
     explicit Trace(Report &report)
@@ -44,17 +51,26 @@ public:
     void keep();
     /// What was kept so far; when there is too much, its beginning.
     std::vector<Lines> kept() const;
-    /// The status that the latest TEARDOWN was answered with; 0: not yet; none: none was kept.
-    std::optional<int> tornDown() const;
-    /// In front of the next session's end: tornDown() tells of that then, not of a session before.
-    void forgetTeardown();
+    /// How the latest request of this method was answered.
+    /// @return nothing when none was kept
+    std::optional<Answer> answerTo(const std::string &method) const;
+    /// In front of the next request: answerTo() tells of that then, not of one before.
+    void forget(const std::string &method);
     /// Messages of servers so far, also those that could not be read.
     size_t received() const;
 
 private:
+    /// The latest request of a method.
+    struct Asked
+    {
+        ZR_ULONG session;
+        unsigned long number; ///< CSeq
+        Answer answer;
+    };
+
     void begin();
     void tell(const ZrTraceEvent &event);
-    void watchTeardown(const ZrTraceEvent &event, const std::string &message);
+    void watchAnswers(const ZrTraceEvent &event, const std::string &message);
 
     Report &m_report;
     bool m_begun = false;
@@ -66,8 +82,7 @@ private:
     std::vector<Lines> m_kept;
     size_t m_keptBytes = 0;
     size_t m_received = 0;
-    std::pair<ZR_ULONG, std::string> m_teardown; ///< session and CSeq
-    std::optional<int> m_tornDown;
+    std::map<std::string, Asked> m_asked; ///< by method
 };
 
 } // namespace zr::host
