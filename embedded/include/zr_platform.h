@@ -414,8 +414,9 @@ extern "C"
     /// Continues a recording by another of the same stream that begins before it ends, without coding anything anew:
     /// where the other's first key frame is found in it, that is where the other goes on; else behind its end. What
     /// comes out is a new file, which then takes the first one's name; the other stays. Until then, where it fails, and
-    /// where the other ends before it does, both are as they were. Takes as long as copying them does. Any
-    /// thread, one at a time for a file.
+    /// where the other ends before it does, both are as they were. What a process that was killed over it left beside the
+    /// file (FILE.PID-N.part) is removed, where the file system tells that nobody works on it. Takes as long as copying
+    /// them does. Any thread, one at a time for a file.
     /// @return 0; ZR_MEDIA_INVALID when they cannot be one: they are not read, or coded differently; another code
     ZR_PLATFORM_API ZR_ULONG ZR_RecordingContinue(const char *pszFile, const char *pszRest);
 

@@ -93,12 +93,15 @@ ZR_ULONG ZR_RecordingContinue(const char *pszFile, const char *pszRest)
     }
     return withLibrary([=](const ZrMediaLibrary &library) -> ZR_ULONG {
         std::string made;
-        if (const int error = zr::media::createTemporary(pszFile, made))
+        zr::media::Descriptor held;
+        zr::media::removeAbandoned(pszFile);
+        if (const int error = zr::media::createTemporary(pszFile, made, held))
         {
             return refuse(ZR_MEDIA_UNWRITABLE, (made + ": " + zr::media::errorText(error)).c_str());
         }
         const int joined = library.join(pszFile, pszRest, made.c_str(), &writeLog, nullptr);
         ZR_ULONG code = joined != 0 ? 0U : ZR_MEDIA_INVALID;
+        held.reset(); // some network file systems rename no open file
         if (joined == 1 && std::rename(made.c_str(), pszFile) != 0)
         {
             code = refuse(ZR_MEDIA_UNWRITABLE, "the new file cannot take its name");

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "udp.h"
 #include "zr_types.h"
 
 namespace zr::media {
@@ -17,9 +18,14 @@ int createFile(const std::string &file, bool fresh);
 std::string temporaryName(const std::string &file);
 
 /// Makes a new file beside another, which may take its name when it is whole.
-/// @param out  receives its name
+/// @param out   receives its name
+/// @param held  receives what says that somebody works on it, as long as it is open
 /// @return 0, else the system's error number
-int createTemporary(const std::string &file, std::string &out);
+int createTemporary(const std::string &file, std::string &out, Descriptor &held);
+
+/// Removes what createTemporary made beside this file, for a process that is gone. Where the file system cannot tell
+/// that, it stays.
+void removeAbandoned(const std::string &file);
 
 /// "a.mkv" and 2 make "a-002.mkv".
 std::string partName(const std::string &file, ZR_ULONG number);

@@ -1,5 +1,6 @@
 """Recordings are fetched whole, and relayed to a TV wall."""
 
+import fcntl
 import json
 import os
 import signal
@@ -47,12 +48,17 @@ class DownloadTest(HostTest):
             process.send_signal(end)
             process.stdout.read()
             self.assertEqual(process.wait(20), code)
-        result = self.run_host(OK, "download", device.url("vod"), file, "--continue")
+        left, used, other = (f"{file}.{end}" for end in ("1-0.part", "1-1.part", "1x-0.part"))
+        for name in (left, used, other):
+            open(name, "w").close()
+        with open(used, "w") as held:
+            fcntl.lockf(held, fcntl.LOCK_EX, 1, 1 << 62)
+            result = self.run_host(OK, "download", device.url("vod"), file, "--continue")
         self.assertIn("downloaded 9.0 s", result.out)
         complete.communicate(timeout=30)
         self.assertEqual(frames(file), frames(whole))
         self.check_recording(file, 9, "video/x-h264", "audio/x-alaw")
-        self.assertEqual(sorted(os.listdir(self.folder)), ["r.mkv", "whole.mkv"])
+        self.assertEqual({os.path.join(self.folder, name) for name in os.listdir(self.folder)}, {file, whole, used, other})
 
     def test_what_is_live_has_no_rest(self):
         url, file = self.device().url("live"), self.file("r.mkv")
