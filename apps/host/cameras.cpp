@@ -237,22 +237,29 @@ void Cameras::parse(const std::string &text)
         throw wrongFile(m_file,
                         "line " + std::to_string(wrong.source().begin.line) + ": " + std::string(wrong.description()));
     }
-    const auto any = [this](auto &&isIt) { return std::any_of(m_cameras.begin(), m_cameras.end(), isIt); };
-    if (any([](const Camera &one) { return !one.passwordCommand.empty(); }))
+    if (std::any_of(m_cameras.begin(), m_cameras.end(), [](const Camera &one) { return !one.passwordCommand.empty(); }))
     {
         requireOurs(m_file);
     }
-    if (any([](const Camera &one) { return parseUrl(one.url).credentials.complete; }) && isReadByOthers(m_file))
+}
+
+std::vector<std::string> Cameras::warnings(const std::vector<Camera> &used) const
+{
+    std::set<std::string> open;
+    for (const Camera &one : used)
     {
-        m_warnings.push_back(openSecret(m_file));
-    }
-    for (const Camera &one : m_cameras)
-    {
-        if (isReadByOthers(one.passwordFile))
+        for (const std::string &file :
+             {parseUrl(one.url).credentials.complete ? m_file : std::string(), one.passwordFile})
         {
-            m_warnings.push_back(openSecret(one.passwordFile));
+            if (isReadByOthers(file))
+            {
+                open.insert(file);
+            }
         }
     }
+    std::vector<std::string> words;
+    std::transform(open.begin(), open.end(), std::back_inserter(words), openSecret);
+    return words;
 }
 
 const Camera &Cameras::named(const std::string &name) const

@@ -38,15 +38,14 @@ public:
     const std::vector<Camera> &all() const { return m_cameras; }
     /// @throws Failure  Usage, with the names that there are
     const Camera &named(const std::string &name) const;
-    /// What others may read or do, and should not; in words.
-    const std::vector<std::string> &warnings() const { return m_warnings; }
+    /// What of these cameras others may read, and should not; in words.
+    std::vector<std::string> warnings(const std::vector<Camera> &used) const;
 
 private:
     void parse(const std::string &text);
 
     std::string m_file;
     std::vector<Camera> m_cameras;
-    std::vector<std::string> m_warnings;
 };
 
 /// Reads the password's file or runs its command, which may ask on the terminal and take its time.

@@ -75,17 +75,36 @@ Source completeSource(const RawOptions &raw, const std::string &tag)
     return source;
 }
 
+/// Why one camera's password is not known is no reason to leave the others alone.
+Credentials credentialsOf(const Camera &camera, std::optional<Failure> &failure)
+{
+    try
+    {
+        return credentialsOf(camera);
+    }
+    catch (const Failure &failed)
+    {
+        failure.emplace(failed);
+        return {};
+    }
+}
+
 /// Those of a file, or all cameras.
-std::vector<Source> completeSources(const RawOptions &raw, const std::string &tag, const Cameras &cameras)
+std::vector<Source> completeSources(const RawOptions &raw, const std::string &tag, const Cameras &cameras,
+                                    std::vector<std::string> &warnings)
 {
     Credentials given = givenCredentials(raw);
     complete(given, "");
+    std::vector<Camera> used;
     const auto sourceOf = [&](const Camera &camera) {
-        const Credentials own = credentialsOf(camera);
+        used.push_back(camera);
+        std::optional<Failure> failure;
+        const Credentials own = credentialsOf(camera, failure);
         const bool has = own.complete || !own.user.empty() || !parseUrl(camera.url).credentials.user.empty();
-        Source made =
-            makeSource(camera.url, has ? own : given, raw.tag.empty() && !camera.tag.empty() ? camera.tag : tag);
+        Source made = makeSource(camera.url, has || failure ? own : given,
+                                 raw.tag.empty() && !camera.tag.empty() ? camera.tag : tag);
         made.name = camera.name;
+        made.failure = failure;
         if (camera.tunnel != ZR_TUNNEL_NONE && !raw.udp)
         {
             tunnel(made, camera.tunnel);
@@ -95,14 +114,19 @@ std::vector<Source> completeSources(const RawOptions &raw, const std::string &ta
     std::vector<Source> sources;
     if (!raw.file.empty())
     {
-        return readSources(raw.file, given, tag,
-                           [&](const std::string &name) { return sourceOf(cameras.named(name)); });
+        sources =
+            readSources(raw.file, given, tag, [&](const std::string &name) { return sourceOf(cameras.named(name)); });
     }
-    std::transform(cameras.all().begin(), cameras.all().end(), std::back_inserter(sources), sourceOf);
+    else
+    {
+        std::transform(cameras.all().begin(), cameras.all().end(), std::back_inserter(sources), sourceOf);
+    }
     if (sources.empty())
     {
         throw wrongUsage("there is neither a FILE nor a cameras file to watch");
     }
+    const auto open = cameras.warnings(used);
+    warnings.insert(warnings.end(), open.begin(), open.end());
     return sources;
 }
 
@@ -140,11 +164,18 @@ std::optional<Cameras> findCameras(RawOptions &raw, Options &options)
         return std::nullopt;
     }
     const Cameras cameras(raw.camerasFile);
-    warnings.insert(warnings.end(), cameras.warnings().begin(), cameras.warnings().end());
+    std::vector<Camera> used;
     if (named)
     {
         nameCamera(raw, cameras);
+        used = {*raw.camera};
     }
+    else if (options.command == Command::Cameras)
+    {
+        used = cameras.all();
+    }
+    const auto open = cameras.warnings(used);
+    warnings.insert(warnings.end(), open.begin(), open.end());
     return cameras;
 }
 
@@ -262,7 +293,7 @@ void understand(RawOptions &raw, Options &options)
     case Command::Watch:
         options.watch.course.protocol = raw.udp ? PROTOCOL_UDP : PROTOCOL_TCP;
         options.watch.course.fallBack = !raw.tcp && !raw.udp;
-        options.watch.sources = completeSources(raw, tagOr("onvif"), *cameras);
+        options.watch.sources = completeSources(raw, tagOr("onvif"), *cameras, common.warnings);
         break;
     case Command::Cameras:
         options.cameras.file = cameras->file();

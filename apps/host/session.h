@@ -25,6 +25,7 @@ struct Source
     std::string tag = "onvif";           ///< decoder description
     tagZrTunnel tunnel = ZR_TUNNEL_NONE; ///< on the URL's port
     std::string name;                    ///< a camera's; empty: it has none
+    std::optional<Failure> failure;      ///< why its password is not known, and it cannot be played
 
     bool tunnelled() const { return tunnel != ZR_TUNNEL_NONE; }
 };

@@ -148,6 +148,10 @@ bool Stream::run(Plugin &plugin, const Interrupt &interrupt, const WatchOptions 
 /// @throws Failure  when it cannot be printed
 void Stream::runAll(Plugin &plugin, const Interrupt &interrupt, const WatchOptions &options)
 {
+    if (m_source.failure)
+    {
+        return failure(*m_source.failure);
+    }
     try
     {
         makeAttempts(options.reconnect ? Again::Always : Again::Never, interrupt, *this,

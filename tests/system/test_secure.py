@@ -7,7 +7,7 @@ import re
 import subprocess
 import unittest
 
-from programs import CREDENTIALS, OK, OUTPUT, PASSWORD, UNREACHABLE, USAGE, USER, HostTest
+from programs import CREDENTIALS, LOST, OK, OUTPUT, PASSWORD, UNREACHABLE, USAGE, USER, HostTest
 
 
 class Page(html.parser.HTMLParser):
@@ -124,6 +124,7 @@ class SecureTest(HostTest):
             self.assertEqual("> GET /video HTTP/1.0" in result.err, told, result.err)
         self.assertIn("try: yard; there are door, none, yard", self.run_host(USAGE, "play", "yrd").err)
         os.chmod(secret, 0o644)
+        self.assertEqual(self.run_host(OK, *play).err, "")  # of another camera's secret
         events = self.run_host(OK, "cameras", "--json").events()
         self.assertEqual([(event["event"], event.get("url"), event.get("http_one")) for event in events],
                          [("open_secret", None, None), ("camera", url, False), ("camera", "rtsp://127.0.0.1:9/", True),
@@ -145,6 +146,12 @@ class SecureTest(HostTest):
             with self.subTest(text=text):
                 write(file, text, mode)
                 self.assertIn(told, self.run_host(code, *play).err)
+        for failing in ('password-command = "exit 3"', 'password-file = "none"'):
+            write(file, f'{head}{failing}\n[yard]\nurl = "{url}"\nuser = "{USER}"\npassword-file = "yard.secret"', 0o600)
+            events = self.run_host(LOST, "watch", "--duration", "1", "--json").events()
+            self.assertEqual({("open_secret", None), ("failed", "door"), ("media", "yard")},
+                             {(one["event"], one.get("name")) for one in events} & {
+                                 ("open_secret", None), ("failed", "door"), ("media", "door"), ("media", "yard")})
 
 
 if __name__ == "__main__":
