@@ -182,6 +182,20 @@ void Course::start()
     m_report.event("playing", text, nullptr);
 }
 
+Failure Course::nothingArrived(milliseconds within) const
+{
+    const bool udp = m_protocol == PROTOCOL_UDP;
+    const std::string over = m_options.multicast ? " over multicast" : udp && mayFallBack() ? " over UDP" : "";
+    const auto end = parseSpan(m_description.range).end;
+    return {ExitCode::NoMedia, "playing", 0,
+            "no media arrived" + over + " within " + std::to_string(within.count() / 1000) + " s",
+            backwardsFromBegin()
+                ? "--from TIME, where it is to begin backwards" + (end ? ", such as --from " + positionText(*end) : "")
+            : m_options.multicast ? "--udp or --tcp, since a switch or router may not carry the group here"
+            : udp                 ? "--tcp, since a firewall or a router may keep UDP away"
+                                  : "check that the stream plays elsewhere"};
+}
+
 void Course::awaitMedia()
 {
     std::optional<ZR_ULONG> notice;
@@ -197,12 +211,7 @@ void Course::awaitMedia()
         stopIfInterrupted();
         if (Clock::now() - m_resumed > longest)
         {
-            const std::string over = m_options.multicast ? " over multicast" : udp && mayFallBack() ? " over UDP" : "";
-            throw Failure(ExitCode::NoMedia, "playing", 0,
-                          "no media arrived" + over + " within " + std::to_string(longest.count() / 1000) + " s",
-                          m_options.multicast ? "--udp or --tcp, since a switch or router may not carry the group here"
-                          : udp               ? "--tcp, since a firewall or a router may keep UDP away"
-                                              : "check that the stream plays elsewhere");
+            throw nothingArrived(longest);
         }
         notice = m_mailbox.wait(pollEvery);
     }

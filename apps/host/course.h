@@ -129,6 +129,9 @@ private:
     void awaitMedia();
     void measure();
     void requireWithin();
+    Failure nothingArrived(std::chrono::milliseconds within) const;
+    /// Whether it plays backwards from wherever the server begins.
+    bool backwardsFromBegin() const;
     void passOver();
     void lookAfterRecording();
     void endRecordingAtEnd();

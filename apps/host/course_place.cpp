@@ -8,12 +8,25 @@
 
 namespace zr::host {
 
+bool Course::backwardsFromBegin() const
+{
+    return m_playback.from.empty() && speedFactor(m_playback.speedCode) < 0;
+}
+
 // Servers that are asked for what they do not have refuse with a number, play something else, or say nothing.
 void Course::requireWithin()
 {
     const Span span = this->span();
     const auto from = parsePosition(m_playback.from);
     const bool told = span.begin && span.end && span.begin->seconds < span.end->seconds;
+    if (told && backwardsFromBegin() && m_protocol == m_options.protocol) // not once more over the other one
+    {
+        m_report.warning(
+            "outside",
+            "backwards without --from: most servers then begin where the recording begins, and nothing lies "
+            "before that",
+            nullptr);
+    }
     if (!from || !told || from->clock != span.end->clock)
     {
         return;

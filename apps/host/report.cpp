@@ -100,20 +100,21 @@ public:
         {
             return;
         }
-        const size_t columns = isatty(STDERR_FILENO) == 1 ? terminalSize(STDERR_FILENO).columns - 1 : anyWidth;
-        tell("zr_rtsp_host: ", what.what(), columns);
+        tell("zr_rtsp_host: ", what.what());
         if (!what.advice().empty())
         {
-            tell("  try: ", what.advice(), columns);
+            tell("  try: ", what.advice());
         }
     }
 
-private:
-    static void tell(const std::string &before, const std::string &text, size_t columns)
+    /// On stderr.
+    static void tell(const std::string &before, const std::string &text)
     {
+        const size_t columns = isatty(STDERR_FILENO) == 1 ? terminalSize(STDERR_FILENO).columns - 1 : anyWidth;
         std::fprintf(stderr, "%s\n", harmless(hanging(before, text, columns, 7)).c_str());
     }
 
+private:
     bool m_abandoned = false; ///< whoever read it is gone
 };
 
@@ -139,7 +140,13 @@ public:
         m_out.flush();
     }
 
-    void warning(const std::string &, const std::string &text, const Fields &) override { aside("warning: " + text); }
+    void warning(const std::string &, const std::string &text, const Fields &) override
+    {
+        const std::scoped_lock lock(m_mutex);
+        clearStatus();
+        std::fflush(stdout);
+        Output::tell("warning: ", text);
+    }
 
     void aside(const std::string &text) override
     {
