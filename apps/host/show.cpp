@@ -1,9 +1,34 @@
 #include "show.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
 
+#include <unistd.h>
+
 namespace zr::host {
+namespace {
+
+/// What the environment tells of the desktop, and whether it is there; empty: nothing.
+std::string display()
+{
+    std::string found;
+    for (const char *name : {"WAYLAND_DISPLAY", "DISPLAY"})
+    {
+        const char *value = std::getenv(name); // NOLINT(concurrency-mt-unsafe): nobody sets it
+        if (value != nullptr && *value != '\0')
+        {
+            found += std::string(found.empty() ? "" : " and ") + name + "=" + value;
+            unsigned number = 0;
+            const bool here = std::sscanf(value, ":%9u", &number) == 1;
+            const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
+            found += here && access(socket.c_str(), F_OK) != 0 ? " (there is no " + socket + ")" : "";
+        }
+    }
+    return found;
+}
+
+} // namespace
 
 Show::Show(Course &course, Interrupt &interrupt, Report &report)
     : m_course(course)
@@ -30,13 +55,9 @@ Show::~Show()
 
 void Show::requireDisplay()
 {
-    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY"})
+    if (!display().empty())
     {
-        const char *value = std::getenv(name); // NOLINT(concurrency-mt-unsafe): there is one thread yet
-        if (value != nullptr && *value != '\0')
-        {
-            return;
-        }
+        return;
     }
     throw Failure(ExitCode::Usage, "opening a window", 0,
                   "there is no display: neither DISPLAY nor WAYLAND_DISPLAY is in the environment",
@@ -61,11 +82,17 @@ void Show::take(void *self, const unsigned char *rgb, ZR_ULONG width, ZR_ULONG h
 
 void Show::end(bool begun)
 {
-    if (!begun)
+    if (!begun && m_screen != nullptr)
     {
-        m_course.stop(Failure(ExitCode::Output, "showing the picture", 0,
-                              m_screen != nullptr ? "it cannot be decoded" : "there cannot be a window",
-                              "--log-file, which then tells why"));
+        m_course.stop(Failure(ExitCode::Output, "showing the picture", 0, "it cannot be decoded",
+                              "a decoder for it, as from the package gstreamer1.0-libav; --log-file tells why"));
+    }
+    else if (!begun)
+    {
+        m_course.stop(
+            Failure(ExitCode::Output, "opening a window", 0, "nothing can open one on " + display(),
+                    "whether other programs show there; the package gstreamer1.0-x; or --preview, which draws "
+                    "in the terminal (--log-file tells more)"));
     }
     else if (m_screen != nullptr)
     {
