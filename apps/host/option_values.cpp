@@ -1,6 +1,8 @@
 #include "option_values.h"
 
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -37,6 +39,18 @@ CLI::Validator numbers(double least, double most, const std::string &allowed, bo
                 return good ? std::string() : wrong(text, bounds);
             },
             ""};
+}
+
+/// Whether a name ends as other formats' do. What is no format's, such as ".part", promises none.
+bool promisesAnother(const std::string &file, const std::string &own)
+{
+    static constexpr std::array<const char *, 34> formats = {
+        ".mkv", ".webm", ".mp4", ".m4v",  ".m4a", ".mov", ".avi", ".ts",   ".m2ts", ".mts",  ".mpg",  ".mpeg",
+        ".flv", ".wmv",  ".asf", ".3gp",  ".ogg", ".ogv", ".wav", ".mp3",  ".aac",  ".h264", ".h265", ".264",
+        ".265", ".png",  ".jpg", ".jpeg", ".gif", ".bmp", ".tif", ".tiff", ".webp", ".mjpeg"};
+    std::string end = std::filesystem::path(file).extension().string();
+    std::transform(end.begin(), end.end(), end.begin(), [](unsigned char c) { return std::tolower(c); });
+    return end != own && std::find(formats.begin(), formats.end(), end) != formats.end();
 }
 
 bool hasControl(const std::string &text)
@@ -79,9 +93,13 @@ CLI::Validator writable()
     return {[](std::string &file) { return whyUnwritable(file); }, "FILE"};
 }
 
-CLI::Validator media()
+CLI::Validator media(const std::string &what, const std::string &end)
 {
-    return {[](std::string &file) {
+    return {[=](std::string &file) {
+                if (promisesAnother(file, end))
+                {
+                    return file + " is another format's name: " + what + ", name it *" + end;
+                }
                 std::error_code ignored;
                 const bool other =
                     std::filesystem::exists(file, ignored) && !std::filesystem::is_regular_file(file, ignored);

@@ -131,9 +131,14 @@ void addSpeed(CLI::App &app, PlayOptions &play)
     addDuration(app, play.duration, "Seconds of media; without it until its end or Ctrl-C");
 }
 
+CLI::Validator recording()
+{
+    return media("a recording is a Matroska file", ".mkv");
+}
+
 void addRecord(CLI::App &app, PlayOptions &play)
 {
-    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(media());
+    app.add_option("--record", play.course.record, "Record into a Matroska file (.mkv)")->check(recording());
 }
 
 void addPlay(CLI::App &app, RawOptions &raw, PlayOptions &play)
@@ -152,7 +157,8 @@ void addPlay(CLI::App &app, RawOptions &raw, PlayOptions &play)
         ->needs(pauseAt)
         ->option_text("S [2]")
         ->group(moreGroup);
-    app.add_option("--snapshot", play.snapshot, "Write the first whole picture, as PNG")->check(media());
+    app.add_option("--snapshot", play.snapshot, "Write the first whole picture (.png)")
+        ->check(media("a picture is a PNG file", ".png"));
     addRecord(app, play);
     auto *preview = app.add_flag("--preview", play.preview, "Draw the picture in the terminal");
     app.add_flag("--window", play.window, "Show the picture in a window")->excludes(preview);
@@ -164,7 +170,7 @@ void addPlay(CLI::App &app, RawOptions &raw, PlayOptions &play)
 void addDownload(CLI::App &app, RawOptions &raw, DownloadOptions &download)
 {
     addUrl(app, raw);
-    app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(media());
+    app.add_option("FILE", download.course.record, "Matroska file (.mkv) to write")->required()->check(recording());
     addTransport(app, raw, true);
     addRange(app, download.course.playback);
     auto *speed = app.add_option("--speed", raw.downloadTimes, "Ask for a download at 1, 2, 4 or 8 times the speed")
@@ -220,7 +226,10 @@ Options parseOptions(int argc, char **argv, Hints &hints)
         CLI::App *added = app.add_subcommand(name, text);
         added->formatter(std::make_shared<HelpPage>(page));
         added->get_help_ptr()->group(moreGroup);
-        added->set_help_all_flag("--help-all", "More, such as --user, --password-file, --json, --trace")
+        added
+            ->set_help_all_flag("--help-all", command == Command::Cameras
+                                                  ? "How the file is written"
+                                                  : "More, such as --user, --password-file, --json, --trace")
             ->group(moreGroup);
         added->callback([&options, command] { options.command = command; });
         return added;
@@ -258,8 +267,13 @@ Options parseOptions(int argc, char **argv, Hints &hints)
     cameras->add_flag("--names", options.cameras.names)->group(""); // for the shells' completions
     for (CLI::App *command : {describe, check, play, replay, download, tv, watch, cameras})
     {
-        command->option_defaults()->group(commonGroup);
+        // a list asks no device: what all take is taken there, too, but of no use
+        command->option_defaults()->group(command == cameras ? "" : commonGroup);
         addCommon(*command, raw, options.common);
+    }
+    for (const char *useful : {"--cameras", "--json"})
+    {
+        cameras->get_option(useful)->group("Options");
     }
     std::vector<char *> words(argv, argv + argc);
     static std::array<char, 7> helpOption = {"--help"};

@@ -52,7 +52,8 @@ twice as many. --reconnect begins a session anew after pauses of 1, 2, 4 ... 30 
 once there was media; --record then numbers its files. On a terminal a line tells
 state, position, speed, rate, frames, loss and jitter, and keys steer; ? lists them.
 --preview draws by images (sixel, kitty) where the terminal is known to have them,
-else by half blocks.
+else by half blocks. A recording is Matroska, a picture PNG: a FILE that is named for
+another format, such as .mp4, is refused.
 )",
                               R"(
 Examples:
@@ -79,7 +80,8 @@ Without --tcp or --udp a server that refuses TCP is asked for UDP in a new sessi
 Without --speed the recording is simply played into the file. With it the server
 is asked for a download, by the Scale values 101 to 108 (full frame) or 301 to 308
 (sampled): only some recorders know these. Without credentials --tag is then
-"plain", for an onvif source is told the speed only with its authorization.
+"plain", for an onvif source is told the speed only with its authorization. A FILE
+named for another format than Matroska, such as .mp4, is refused.
 
 After Ctrl-C, or when the server was lost, FILE is whole as far as it goes. The
 same command with --continue fetches the rest, by Range, from shortly before FILE's
@@ -100,6 +102,9 @@ It is asked for as another source than onvif (--tag plain by default), which has
 none.
 )",
                             R"(
+It takes a server that relays to walls.
+The demo device, zr_rtsp_device, does not.
+
 Examples:
   zr_rtsp_host tv rtsp://192.0.2.10/vod --to 192.0.2.40:5000
   zr_rtsp_host tv rtsp://192.0.2.10/vod --to 192.0.2.40:5000 --tcp --duration 60

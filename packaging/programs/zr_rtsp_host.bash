@@ -36,7 +36,7 @@ _zr_rtsp_host() {
         download) arguments=(URL FILE) options='--force --tcp --udp --from --to --speed --sampled --full-frame --continue --help --help-all --segment-length --segment-size --metadata --user --password --password-file --cameras --ca --insecure --http --http-one --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         tv) arguments=(URL) options='--to --tcp --duration --help --help-all --user --password --password-file --cameras --ca --insecure --http --http-one --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
         watch) arguments=(FILE) options='--tcp --udp --duration --reconnect --metrics --silence --help --help-all --user --password --password-file --cameras --ca --insecure --http --http-one --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
-        cameras) arguments=() options='--help --help-all --user --password --password-file --cameras --ca --insecure --http --http-one --tag --json --trace --trace-file --log-level --log-file --plugin' ;;
+        cameras) arguments=() options='--cameras --json --help --help-all' ;;
         '') options='describe check play replay download tv watch cameras --version --help --help-all' ;;
     esac
     if [[ $word == -* || -z $command ]]; then
