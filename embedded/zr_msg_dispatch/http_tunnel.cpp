@@ -317,6 +317,8 @@ void HttpTunnel::repeatPost()
 
 void HttpTunnel::lost(const std::string &reason, bool)
 {
+    if (m_get.m_state == Connection::State::Failing)
+        return; // for what the POST was answered, most likely: the first cause counts
     if (m_bodyLeft == 0 && !m_endless && m_post->unsent() == 0)
     {
         endPost();

@@ -184,9 +184,16 @@ void ScriptedServer::serve(BIO *stream, const Script &script)
         {
             const bool answer = begins(request, "RTSP/"); // to a request of the script's
             const After after = answer || step == script.end() ? After::Stay : step->after;
-            if (!answer && step != script.end() && !play(begins(request, "POST ") ? in : stream, *step++, request))
-                return;
-            if (begins(request, "POST "))
+            const bool ofPost = begins(request, "POST ");
+            if (!answer && step != script.end() && !play(ofPost ? in : stream, *step++, request))
+            {
+                if (!ofPost || !post)
+                    return;
+                post.reset();
+                in = stream;
+                continue;
+            }
+            if (ofPost)
             {
                 const size_t length = std::stoul(request.substr(request.find("\r\nContent-Length: ") + 18));
                 body = {true, after == After::ClosePost, length, {}};

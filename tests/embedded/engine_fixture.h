@@ -51,7 +51,7 @@ private:
 enum class After
 {
     Stay,
-    Close,
+    Close, ///< of a tunnel both; of a POST itself: the GET stays
     Reset,
     CloseGet,  ///< of a tunnel, the POST stays
     ClosePost, ///< the GET stays; of a POST itself: at the end of the body that it announces

@@ -122,6 +122,7 @@ TEST_F(EngineTunnel, EndsWithEitherConnection)
     const std::tuple<const char *, ZR_ULONG, Script> cases[] = {
         {"POST: 404 \"Not Found\"", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {"HTTP/1.0 404 Not Found\r\n\r\n"}}}},
         {"POST: 401", ZR_CONNECTION_TUNNEL_CREDENTIALS, {get, {"POST", {"HTTP/1.0 401 x\r\n\r\n"}}}},
+        {"POST: 401", ZR_CONNECTION_TUNNEL_CREDENTIALS, {get, {"POST", {"HTTP/1.0 401 x\r\n\r\n"}, After::Close}}},
         {"POST cannot be read: not an HTTP", ZR_CONNECTION_NO_TUNNEL, {get, {"POST", {"SSH-2.0\r\n"}}}},
         {"HTTP tunnel's POST: the server closed",
          ZR_CONNECTION_TUNNEL_CONNECTIONS,
@@ -148,11 +149,14 @@ TEST_F(EngineTunnel, EndsWithEitherConnection)
          ZR_CONNECTION_BROKEN,
          {get, {"POST", {}}, {"DESCRIBE", {"RTSP/1.0 404 x\r\nCSeq: 1\r\n\r\n"}}, {"", {"$"}, After::CloseGet}}},
     };
-    for (const auto &[why, code, script] : cases)
+    for (size_t number = 0; number < 2 * std::size(cases); ++number)
     {
+        const auto &[why, code, script] = cases[number / 2];
+        const bool secure = number % 2 == 1;
         SCOPED_TRACE(why);
-        ScriptedServer server({script});
+        ScriptedServer server({script}, secure ? authority.issue({}) : nullptr);
         Client client(engine(), 9, server);
+        client.url = server.url(secure ? "rtsps" : "rtsp");
         ZR_SessionSetCredentials(9, "u", "p", 0);
         const bool two = script[0].after == After::Stay;
         ZR_SessionSetTunnel(9, two ? ZR_TUNNEL_HTTP : ZR_TUNNEL_HTTP_ONE, 0);
