@@ -182,6 +182,19 @@ TEST_F(EngineSession, KeepsAShortSession)
     EXPECT_THAT(client.recorder.messages(3, 0ms), SizeIs(2));
 }
 
+/// Before two seconds' time-out is over, also where one of them goes down with its connection.
+TEST_F(EngineSession, KeepsAliveInTime)
+{
+    settings.sessionSecond = 200ms;
+    ScriptedServer server({{{"SETUP", {udpSetupAnswer}}, {"OPTIONS", {}, After::Close}}, {{"OPTIONS", {ok()}}}});
+    Client client(engine(), 3, server);
+    client.protocol = PROTOCOL_UDP;
+    const auto timedOut = dispatch::SteadyClock::now() + 2s;
+    ASSERT_EQ(client.send(AOI_MSG_RTSP_SETUP), 0U);
+    EXPECT_THAT(server.requests(3), SizeIs(3));
+    EXPECT_LT(dispatch::SteadyClock::now(), timedOut);
+}
+
 /// An unanswered keep-alive lets the next request pass, and does not take another one behind it.
 TEST_F(EngineSession, LetsKeepAlivesHoldNobodyUp)
 {
