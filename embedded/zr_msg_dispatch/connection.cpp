@@ -103,7 +103,7 @@ void Connection::read()
     else if (size > 0)
         take({buffer.data(), static_cast<size_t>(size)});
     else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-        fail(systemText(errno));
+        fail(failureOf(errno));
 }
 
 void Connection::take(std::string_view bytes)
@@ -335,7 +335,7 @@ void Connection::send()
             continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK)
             break;
-        failLater(systemText(errno));
+        failLater(failureOf(errno));
         return;
     }
     if (m_outSent == m_out.size() || m_outSent > maxSentKept)
@@ -356,6 +356,13 @@ void Connection::wantOutput(bool wanted)
     m_loop.change(m_stream.get_handle(), wanted ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 
+/// @param error  of sending or receiving; a reset is both of these, to who has seen the other side close before
+std::string Connection::failureOf(int error)
+{
+    m_cutOff = (error == ECONNRESET || error == EPIPE) && m_state == State::Up && !m_parser.midMessage();
+    return systemText(error);
+}
+
 /// A far end that has closed acknowledges nothing that comes later.
 bool Connection::hasUnacknowledged() const
 {
@@ -367,7 +374,7 @@ void Connection::fail(const std::string &reason, bool orderly)
 {
     Owner *const owner = m_owner;
     const std::string told = m_tunnel ? m_tunnel->explained(reason) : reason;
-    m_cutOff = orderly && hasUnacknowledged();
+    m_cutOff = m_cutOff || (orderly && hasUnacknowledged());
     end(told);
     if (owner)
         owner->lost(told, orderly);

@@ -73,7 +73,8 @@ public:
     bool tunnelled() const { return m_tunnel != nullptr; }
     /// Why it was lost, as a tagZrConnectionProblem; within lost().
     ZR_ULONG problem() const;
-    /// Whether the far end cannot have acted on all that was sent, for not all had arrived when it closed; within
+    /// Whether the far end has not acted on what was sent last, between messages: not all had arrived when it closed,
+    /// or it reset the connection, by which TCP shows that something was left unread (RFC 1122, 4.2.2.13). Within
     /// lost().
     bool cutOff() const { return m_cutOff; }
     /// The TLS version, once connected; empty without TLS.
@@ -151,6 +152,7 @@ private:
     void fail(const std::string &reason, bool orderly = false);
     void failLater(const std::string &reason);
     static std::string systemText(int error);
+    std::string failureOf(int error);
 
     IoLoop &m_loop;
     const Settings &m_settings;

@@ -128,7 +128,9 @@ bool ExchangeQueue::awaited() const
 }
 
 /// One that was received: where twice is as good as once (RFC 2616, 8.1.4). A SETUP would leave a stream behind, PLAYs
-/// are queued (RFC 2326, 10.5), and there are servers for which to close is the answer to TEARDOWN.
+/// are queued (RFC 2326, 10.5), and there are servers for which to close is the answer to TEARDOWN. One that was left
+/// unread, whatever it is: should a server reset what it has read, a PLAY goes on twice at worst, and 454 answers the
+/// other TEARDOWN.
 bool ExchangeQueue::repeatable(bool received) const
 {
     return std::all_of(m_onWire.begin(), m_onWire.end(), [received](const Exchange &exchange) {
@@ -136,6 +138,17 @@ bool ExchangeQueue::repeatable(bool received) const
         const bool harmless = isKeepAlive(id) || id == AOI_MSG_RTSP_DESCRIBE || id == AOI_MSG_RTSP_PAUSE;
         return !exchange.accepted || (!exchange.accepted->repeated && (harmless || !received));
     });
+}
+
+AcceptedPtr ExchangeQueue::repeat()
+{
+    for (const Exchange &exchange : m_onWire)
+    {
+        if (exchange.accepted)
+            exchange.accepted->repeated = true;
+    }
+    m_waiting = takeAll();
+    return m_waiting.front();
 }
 
 std::vector<AcceptedPtr> ExchangeQueue::takeAll()

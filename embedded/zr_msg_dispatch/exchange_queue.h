@@ -53,7 +53,7 @@ struct Accepted
     bool own = false;                       ///< a keep-alive of the platform's: nobody is told of its answer
     unsigned redirects = 0;                 ///< that it has followed; on the turn
     unsigned answered = 0;                  ///< challenges for which it was asked again; on the turn
-    bool repeated = false;                  ///< on another connection, within a session; on the turn
+    bool repeated = false;                  ///< on another connection, as it was; on the turn
 };
 using AcceptedPtr = std::shared_ptr<Accepted>;
 
@@ -103,8 +103,11 @@ public:
     bool awaited() const;
 
     /// Whether what is on the wire may be sent once more when its server closes the connection instead of answering.
-    /// @param received  the server may have acted on it
+    /// @param received  the server may have acted on it, within a session
     bool repeatable(bool received) const;
+    /// Has what is on the wire wait again, before all others.
+    /// @return the first that waits; there is one
+    AcceptedPtr repeat();
 
     /// Takes all that is awaited, in order, and forgets the rest.
     std::vector<AcceptedPtr> takeAll();

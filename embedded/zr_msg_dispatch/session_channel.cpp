@@ -195,6 +195,7 @@ void SessionChannel::takeResponse(const rtsp::Message &response)
         return;
     }
     m_answered = true;
+    m_doubted = m_doubted && !isSuccess(response);
     if (isKeepAlive(exchange->messageId) || exchange->messageId == AOI_MSG_RTSP_PLAY)
         m_connection->rest();
     if (exchange->accepted && follow(*exchange, response))
@@ -232,6 +233,12 @@ void SessionChannel::noteFacts(const Exchange &exchange, const rtsp::Message &re
 /// It stays here; what it says of the session counts.
 void SessionChannel::takeOwnAnswer(const Exchange &exchange, const rtsp::Message &response)
 {
+    if (m_doubted && response.status == statusSessionNotFound)
+    {
+        m_connection->close();
+        lost("the server knows the session no longer, it may have restarted", false);
+        return;
+    }
     mapResponse(exchange.accepted->request, exchange.url, response, m_session, m_connection->ends());
     noteFacts(exchange, response);
     if (isSuccess(response))
@@ -323,14 +330,16 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
     const bool worked = m_wasUp && (m_answered || !m_connection->tunnelled());
     const Problem problem{worked ? ZR_ULONG{ZR_CONNECTION_BROKEN} : m_connection->problem(), reason};
     const std::shared_ptr<Connection> closed = std::move(m_connection);
-    if (orderly && askAgain(*closed))
+    const bool ended = orderly || closed->cutOff();
+    m_doubted = m_doubted || !orderly;
+    if (ended && askAgain(*closed))
         return;
     if (m_life != Life::Open)
     {
         finish();
         return;
     }
-    const bool quiet = orderly && !m_exchanges.awaited() && (m_tornDown || !m_interleaved);
+    const bool quiet = ended && !m_exchanges.awaited() && (m_tornDown || !m_interleaved);
     const bool goesOn = quiet && !m_tornDown && m_session.setups > 0;
     const bool wanted = m_tornDown || m_exchanges.hasTeardown();
     if (quiet)
@@ -343,7 +352,7 @@ void SessionChannel::lost(const std::string &reason, bool orderly)
     const bool missed = m_exchanges.hasKeepAlive(true);
     failAll(reason);
     m_mayReconnect = goesOn;
-    if (goesOn && missed)
+    if (goesOn && (missed || m_doubted))
         m_keeper.missed();
     if (goesOn)
         return;
@@ -373,6 +382,7 @@ void SessionChannel::resetSession()
     m_authenticator.reset();
     m_interleaved = false;
     m_tornDown = false;
+    m_doubted = false;
     m_registration->facts.change([](Facts &facts) { facts.timeoutSeconds = 0; });
 }
 

@@ -139,6 +139,7 @@ private:
     bool m_interleaved = false;
     bool m_tornDown = false;     ///< the last answer was that to a TEARDOWN: the server may close now
     bool m_mayReconnect = false; ///< a UDP session whose server closed between requests
+    bool m_doubted = false;      ///< it reset the connection, by a restart perhaps, and has confirmed nothing since
     std::shared_ptr<media::Port> m_port;
 
     ExchangeQueue m_exchanges;

@@ -109,26 +109,22 @@ void SessionChannel::leadTo(const Url &url, const Accepted &accepted)
 }
 
 /// A server that closes after each answer, as in HTTP, may do so when the next request is under way already: it goes
-/// out again, on a connection of its own. So it does within a session over UDP, which no connection ends (RFC
-/// 2326, 1.1), once, and when it does no harm.
+/// out again, once, on a connection of its own. So it does within a session over UDP, which no connection ends (RFC
+/// 2326, 1.1), when it does no harm, or was not read. Should a reset have been a restart, its answer will tell.
 /// @return false when it may not, or the server has answered nothing on the connection
 bool SessionChannel::askAgain(const Connection &closed)
 {
     const bool within = m_session.setups > 0;
-    const bool wanted = m_life == Life::Open ? m_exchanges.awaited() : closed.cutOff() && m_exchanges.hasTeardown();
+    const bool unread = closed.cutOff();
+    const bool wanted = m_life == Life::Open ? m_exchanges.awaited() || (unread && m_exchanges.hasKeepAlive(true))
+                                             : unread && m_exchanges.hasTeardown();
     if (!m_answered || !wanted || (!within && m_life != Life::Open))
         return false;
-    if (within && (m_interleaved || closed.tunnelled() || m_tornDown || !m_exchanges.repeatable(!closed.cutOff())))
+    if ((within && (m_interleaved || closed.tunnelled() || m_tornDown)) || !m_exchanges.repeatable(within && !unread))
         return false;
     ZR_PLATFORM_LOG(INFO, 0, Dispatch, "%s: the server closed the connection instead of answering, it is asked again",
                     name().c_str());
-    const std::vector<AcceptedPtr> again = m_exchanges.takeAll();
-    for (const AcceptedPtr &accepted : again)
-    {
-        accepted->repeated = within;
-        m_exchanges.push(accepted);
-    }
-    openConnection(*again.front());
+    openConnection(*m_exchanges.repeat());
     return true;
 }
 

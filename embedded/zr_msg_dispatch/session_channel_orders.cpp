@@ -59,6 +59,7 @@ SessionChannel::Authentication SessionChannel::authenticate(const Exchange &exch
     {
     case Authenticator::Verdict::Answer:
         ++accepted->answered;
+        accepted->repeated = false; // it is another one now
         m_exchanges.again(accepted);
         return Authentication::Again;
     case Authenticator::Verdict::Refused:

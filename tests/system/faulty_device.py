@@ -58,6 +58,7 @@ class Device:
         self.heads = []  # of the requests
         self.broken = []  # what of the fault could not be played
         self.uses, self.nonce, self.connections = {}, 1, []
+        self.agreed = None  # the connection of the last SETUP
         self.holder = socket.socket()  # keeps the port while nobody listens
         self.holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
         self.holder.bind(("127.0.0.1", 0))
@@ -89,6 +90,9 @@ class Device:
     def close(self):
         self.hang_up()
         self.holder.close()
+        for connection in self.connections:
+            for sender in connection.udp.values():
+                sender.close()
 
     def hang_up(self):
         end(self.listener, socket.SHUT_RDWR)
@@ -139,13 +143,12 @@ class Connection:
                     "time": 0, "marks": 0}  # of the ONVIF replay extension: seconds since 1970, 0: there is none
         self.udp = {}
         self.receiver = None
+        self.leaving = False  # with the next request unread
 
     def run(self):
         with self.stream, contextlib.suppress(OSError):  # the host has hung up, or the device
             self.act("CONNECT", "")
             self.serve()
-        for sender in self.udp.values():
-            sender.close()
 
     def serve(self):
         received = b""
@@ -154,6 +157,8 @@ class Connection:
             due += [self.playing] if self.playing and not self.answering() else []
             wait = max(0, min(due) - time.monotonic()) if due else None
             if select.select([self.stream], [], [], wait)[0]:
+                if self.leaving:
+                    return  # TCP says so, by a reset
                 more = self.stream.recv(65536)
                 if not more:
                     return
@@ -196,13 +201,16 @@ class Connection:
         step = device.step(method) if admitted else {"status": "401 Unauthorized", "lines": device.fault["auth"]["lines"]}
         if method == "SETUP" and admitted:
             self.set_up(header("Transport"))
+            device.agreed = self
+        elif method == "PLAY" and device.agreed:  # a session over UDP is no connection's
+            self.udp, self.receiver = device.agreed.udp, device.agreed.receiver
         answer = step.get("answer", self.answer(method, step) if head else "")
         data = self.expand(step.get("before", "") + answer + step.get("after", ""))
         begin = max(time.monotonic(), self.plan[-1][0] if self.plan else 0) + step.get("delay", 0)
         size = step.get("pieces", max(len(data), 1))
         self.plan += [(begin + at // size * step.get("every", 0), data[at:at + size]) for at in range(0, len(data), size)]
         ends = {"close": lambda: end(self.stream, socket.SHUT_RDWR), "half": lambda: end(self.stream, socket.SHUT_WR),
-                "reset": self.reset, "restart": threading.Thread(target=device.restart, args=(step.get("away", 0),)).start}
+                "reset": self.reset, "unread": self.leave, "restart": threading.Thread(target=device.restart, args=(step.get("away", 0),)).start}
         if "end" in step:
             self.plan.append((time.monotonic() + step.get("delay", 0) + step.get("after_s", 0), ends[step["end"]]))
         if method == "PLAY" and admitted and step.get("status", "200")[0] == "2":
@@ -279,6 +287,9 @@ class Connection:
             self.rtp.pop("bye", None)
             self.phases.popleft()
             self.playing = self.playing if self.phases else None
+
+    def leave(self):
+        self.leaving = True
 
     def reset(self):
         self.stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
