@@ -14,6 +14,12 @@ namespace {
 constexpr size_t mostForgotten = 32;
 constexpr uint32_t largestCseq = 0xFFFFFFFF;
 
+/// A request that holds others back for a while only.
+bool holdsBriefly(const Exchange &exchange)
+{
+    return isKeepAlive(exchange.messageId) || exchange.accepted->own;
+}
+
 } // namespace
 
 ExchangeQueue::ExchangeQueue(const Settings &settings)
@@ -39,8 +45,7 @@ void ExchangeQueue::restart(AcceptedPtr accepted)
 bool ExchangeQueue::wireBusy(SteadyClock::time_point now) const
 {
     return std::any_of(m_onWire.begin(), m_onWire.end(), [this, now](const Exchange &exchange) {
-        const bool heldLongEnough = isKeepAlive(exchange.messageId) && now - exchange.sent >= m_settings.keepAliveHold;
-        return exchange.accepted && !heldLongEnough;
+        return exchange.accepted && !(holdsBriefly(exchange) && now - exchange.sent >= m_settings.keepAliveHold);
     });
 }
 
@@ -96,7 +101,7 @@ std::optional<SteadyClock::time_point> ExchangeQueue::due(SteadyClock::time_poin
             continue;
         earliest = std::min(earliest, exchange.accepted->deadline);
         const auto released = exchange.sent + m_settings.keepAliveHold;
-        if (isKeepAlive(exchange.messageId) && !m_waiting.empty() && released > now)
+        if (holdsBriefly(exchange) && !m_waiting.empty() && released > now)
             earliest = std::min(earliest, released);
     }
     return earliest == SteadyClock::time_point::max() ? std::nullopt : std::optional(earliest);

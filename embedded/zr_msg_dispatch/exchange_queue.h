@@ -50,7 +50,7 @@ struct Accepted
     const aoi::Request request;
     const SteadyClock::time_point deadline; ///< nobody waits for the answer after that
     std::optional<route::Address> target;   ///< of a request that may open the connection
-    bool own = false;                       ///< a keep-alive of the platform's: nobody is told of its answer
+    bool own = false;                       ///< of the platform's accord: nobody is told of its answer
     unsigned redirects = 0;                 ///< that it has followed; on the turn
     unsigned answered = 0;                  ///< challenges for which it was asked again; on the turn
     bool repeated = false;                  ///< on another connection, as it was; on the turn
@@ -68,9 +68,9 @@ struct Exchange
     unsigned challenge = 0; ///< the number of the challenge that it answers; 0: none
 };
 
-/// One request at a time is on the wire (many cameras fail on pipelining), but for two: a keep-alive that is not
-/// answered holds the others back for a while only, and a TEARDOWN waits for nobody when its session is over. One
-/// thread at a time.
+/// One request at a time is on the wire (many cameras fail on pipelining), but for two: a keep-alive, or a TEARDOWN of
+/// the platform's own, that is not answered holds the others back for a while only, and a TEARDOWN waits for nobody
+/// when its session is over. One thread at a time.
 class ExchangeQueue
 {
 public:

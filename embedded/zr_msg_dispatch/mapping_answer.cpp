@@ -204,7 +204,7 @@ Mapped mapResponse(const aoi::Request &request, const std::string &requestUrl, c
     // a TEARDOWN may be a relation's; nothing follows the session's own
     if (!isRelation(request) && request.messageId != AOI_MSG_RTSP_TEARDOWN)
         session.lastUrl = requestUrl;
-    if (response.status < 200 || response.status >= 300)
+    if (!rtsp::isSuccess(response))
     {
         mapped.answer = failureAnswer(request, static_cast<ZR_ULONG>(response.status));
         if (response.status == statusUnauthorized)

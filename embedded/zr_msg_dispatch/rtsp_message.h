@@ -33,6 +33,12 @@ struct Message
     std::vector<std::string_view> findAll(std::string_view name) const;
 };
 
+/// Whether a response is one of 2xx.
+inline bool isSuccess(const Message &response)
+{
+    return response.status >= 200 && response.status < 300;
+}
+
 /// An interleaved frame; the bytes are the parser's, valid until its next call of append or next.
 struct Frame
 {

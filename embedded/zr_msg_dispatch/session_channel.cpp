@@ -16,11 +16,6 @@ constexpr unsigned mostNotes = 20;
 /// And end its session so many times.
 constexpr unsigned mostAnnouncements = 20;
 
-bool isSuccess(const rtsp::Message &response)
-{
-    return response.status >= 200 && response.status < 300;
-}
-
 } // namespace
 
 SessionChannel::SessionChannel(const ChannelServices &services, RegistrationPtr registration,
@@ -109,8 +104,9 @@ void SessionChannel::send(const AcceptedPtr &accepted)
         return;
     }
     const std::string &userAgent = m_services.settings.userAgent;
-    std::string bytes = accepted->own ? writeKeepAlive(m_session, authorization, m_cseq + 1, userAgent)
-                                      : writeRequest(request, {url, authorization}, m_cseq + 1, m_session, userAgent);
+    std::string bytes = accepted->own && isKeepAlive(request.messageId)
+                            ? writeKeepAlive(m_session, authorization, m_cseq + 1, userAgent)
+                            : writeRequest(request, {url, authorization}, m_cseq + 1, m_session, userAgent);
     if (bytes.empty())
     {
         refuse(*accepted, statusBadRequest, "its URL or transport cannot be written");
@@ -130,19 +126,6 @@ void SessionChannel::send(const AcceptedPtr &accepted)
 bool SessionChannel::maySeeCredentials() const
 {
     return m_session.challengedBy.empty() ? m_target.address == m_asked.address : m_session.challengedBy == farSide();
-}
-
-/// The server is to hear of its session.
-void SessionChannel::keepAlive()
-{
-    aoi::Request request;
-    request.messageId = AOI_MSG_RTSP_OPTIONS;
-    request.sourceId = m_registration->id;
-    request.authorization = m_keeper.authorization();
-    const auto accepted = std::make_shared<Accepted>(m_registration, std::move(request),
-                                                     SteadyClock::now() + m_services.settings.requestTimeout);
-    accepted->own = true;
-    submit(accepted);
 }
 
 // ---- what comes in
@@ -230,29 +213,6 @@ void SessionChannel::noteFacts(const Exchange &exchange, const rtsp::Message &re
     });
 }
 
-/// It stays here; what it says of the session counts.
-void SessionChannel::takeOwnAnswer(const Exchange &exchange, const rtsp::Message &response)
-{
-    if (m_doubted && response.status == statusSessionNotFound)
-    {
-        m_connection->close();
-        lost("the server knows the session no longer, it may have restarted", false);
-        return;
-    }
-    mapResponse(exchange.accepted->request, exchange.url, response, m_session, m_connection->ends());
-    noteFacts(exchange, response);
-    if (isSuccess(response))
-        return;
-    if (mayNote())
-        ZR_PLATFORM_LOG(WARNING, codeProtocol, Dispatch, "%s: the keep-alive is answered %d", name().c_str(),
-                        response.status);
-    if (response.status == statusMethodNotAllowed || response.status == statusNotImplemented)
-    {
-        m_session.publicMethods.clear(); // what it listed it does not know
-        m_keeper.missed();
-    }
-}
-
 void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &response)
 {
     const aoi::Request &request = exchange.accepted->request;
@@ -270,6 +230,8 @@ void SessionChannel::answer(const Exchange &exchange, const rtsp::Message &respo
     if (mapped.answer.errorCode && !isDroppable(request.messageId)) // before whoever waits is told
         m_registration->refusal.set(
             {*mapped.answer.errorCode, mapped.problem.empty() ? response.reason : mapped.problem});
+    if (mapped.answer.errorCode && isSuccess(response) && isUnknown(request))
+        endUnknown(request, exchange.url);
     noteFacts(exchange, response); // before whoever waits is told
     noteDescription(request.messageId, response);
     deliver(mapped.answer);

@@ -98,6 +98,9 @@ private:
     void takeResponse(const rtsp::Message &response);
     void noteFacts(const Exchange &exchange, const rtsp::Message &response);
     void keepAlive();
+    bool isUnknown(const aoi::Request &request) const;
+    void endUnknown(const aoi::Request &setup, const std::string &url);
+    void submitOwn(aoi::Request request);
     void takeOwnAnswer(const Exchange &exchange, const rtsp::Message &response);
     void answer(const Exchange &exchange, const rtsp::Message &response);
     void noteDescription(ZR_ULONG messageId, const rtsp::Message &response);

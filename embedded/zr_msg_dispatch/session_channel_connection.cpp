@@ -114,10 +114,11 @@ void SessionChannel::leadTo(const Url &url, const Accepted &accepted)
 /// @return false when it may not, or the server has answered nothing on the connection
 bool SessionChannel::askAgain(const Connection &closed)
 {
-    const bool within = m_session.setups > 0;
+    const bool ends = m_exchanges.hasTeardown();
+    const bool within = m_session.setups > 0 || ends;
     const bool unread = closed.cutOff();
-    const bool wanted = m_life == Life::Open ? m_exchanges.awaited() || (unread && m_exchanges.hasKeepAlive(true))
-                                             : unread && m_exchanges.hasTeardown();
+    const bool wanted =
+        (m_life == Life::Open && m_exchanges.awaited()) || (unread && (ends || m_exchanges.hasKeepAlive(true)));
     if (!m_answered || !wanted || (!within && m_life != Life::Open))
         return false;
     if ((within && (m_interleaved || closed.tunnelled() || m_tornDown)) || !m_exchanges.repeatable(within && !unread))
