@@ -12,7 +12,7 @@
 namespace zr::host {
 namespace {
 
-constexpr ZR_ULONG unauthorized = 401, forbidden = 403;
+constexpr ZR_ULONG unauthorized = 401;
 constexpr std::chrono::seconds answerWithin{25}; // the plug-in's
 
 ZR_ULONG nextId()
@@ -64,18 +64,14 @@ void Session::make(const std::string &local, ZR_USHORT port)
     {
         throw Failure(ExitCode::Internal, "creating the session", 0, "it cannot be tunnelled");
     }
-    // else the plug-in has them, with the URL, and answers to the description's challenge; of a tunnel's it never hears
-    if (!onvif() || m_source.tunnelled())
-    {
-        handOverCredentials();
-    }
+    handOverCredentials();
     m_control->attachObserver(this);
 }
 
 void Session::handOverCredentials()
 {
     const Credentials &given = m_source.credentials;
-    if (given.user.empty() || m_handedOver)
+    if (given.user.empty())
     {
         return;
     }
@@ -83,7 +79,7 @@ void Session::handOverCredentials()
         ZR_SessionSetCredentials(m_id, given.user.c_str(), given.password.c_str(), ZR_CREDENTIALS_BASIC_IN_CLEAR);
     if (result == ZR_SESSION_INVALID && onvif())
     {
-        return; // the plug-in's answers are all there is
+        return; // the plug-in has them with the URL, and answers to the description's challenge
     }
     if (result == ZR_SESSION_INVALID)
     {
@@ -95,11 +91,6 @@ void Session::handOverCredentials()
         throw requestFailed("handing over the credentials", result);
     }
     m_handedOver = true;
-}
-
-bool Session::asksForMore() const
-{
-    return !m_source.credentials.user.empty() && !m_handedOver && ZR_RequestRefusal(m_id, nullptr, 0) == forbidden;
 }
 
 void Session::close()
@@ -159,7 +150,7 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
     const ZR_ULONG status = ZR_RequestRefusal(m_id, text, sizeof text);
     if (status == unauthorized && m_handedOver)
     {
-        return {ExitCode::Credentials, step, status, text, "check --user and --password"};
+        return credentialsRefused(step, text);
     }
     if (status != 0) // whatever became of the connection, it was answered
     {
@@ -172,6 +163,15 @@ Failure Session::failed(const std::string &step, ZR_ULONG result) const
     }
     return problem == ZR_CONNECTION_NONE ? requestFailed(step, result)
                                          : connectionFailed(step, result, problem, text, m_played);
+}
+
+Failure Session::credentialsRefused(const std::string &step, const std::string &text) const
+{
+    const bool none = m_source.credentials.password.empty();
+    return {ExitCode::Credentials, step, unauthorized,
+            none ? "the server refused the user name, which no password was given with" : text,
+            none ? "give one: --password-file FILE, or ZR_RTSP_PASSWORD in the environment"
+                 : "check --user and --password"};
 }
 
 bool Session::unexplained() const
@@ -202,12 +202,7 @@ void Session::throwDescribeFailed(ZR_ULONG result) const
     }
     if (challenged)
     {
-        const bool none = m_source.credentials.password.empty();
-        throw Failure(ExitCode::Credentials, "describe", unauthorized,
-                      none ? "the server refused the user name, which no password was given with"
-                           : "the server refused the user name or the password",
-                      none ? "give one: --password-file FILE, or ZR_RTSP_PASSWORD in the environment"
-                           : "check --user and --password");
+        throw credentialsRefused("describe", "the server refused the user name or the password");
     }
     if (result == ZR_RTSP_INVALID_PARAMETER)
     {
@@ -219,19 +214,13 @@ void Session::throwDescribeFailed(ZR_ULONG result) const
 
 const Description &Session::describe()
 {
-    const std::string url = urlForDescribe(m_source.url.text, m_source.credentials);
-    const auto ask = [&] { return request("describe", [&] { return m_control->describe(url); }); };
-    ZR_ULONG result = ask();
-    if (result != 0 && asksForMore())
-    {
-        handOverCredentials();
-        result = ask();
-    }
+    // what the platform has the plug-in need not know: it would answer to whomever the session is redirected to
+    const std::string url = urlForDescribe(m_source.url.text, m_handedOver ? Credentials() : m_source.credentials);
+    const ZR_ULONG result = request("describe", [&] { return m_control->describe(url); });
     if (result != 0)
     {
         throwDescribeFailed(result);
     }
-    handOverCredentials(); // for challenges to what the plug-in sends without them, and for nonces that end
     const std::string sdp = ability().getDescribeRspSdp();
     m_description = parseDescription(sdp);
     if (ZR_MediaPortSetDescription(m_id, sdp.c_str()) != 0)

@@ -134,11 +134,9 @@ private:
     /// Whether the server asked the plug-in for credentials, and got some.
     bool authenticated() const;
     void make(const std::string &local, ZR_USHORT port);
-    /// Gives them to the platform, which then answers what the server asks for itself.
+    /// Gives them to the platform, which then answers to all that the server asks for itself, and to no other server.
     /// @throws Failure  of wrong usage, for what cannot be handed over
     void handOverCredentials();
-    /// Whether the plug-in cannot answer how the server asks for credentials.
-    bool asksForMore() const;
     void close();
     static void takeFile(const ZrRecordingFile *file, void *session);
     /// Calls an operation that waits for the server's answer; ends that when the program is interrupted.
@@ -147,6 +145,7 @@ private:
     ZR_ULONG getObserverID() override;
     void notify(ZR_ULONG *code, uintptr_t argument) override;
     Failure failed(const std::string &step, ZR_ULONG result) const;
+    Failure credentialsRefused(const std::string &step, const std::string &text) const;
     void check(const std::string &step, ZR_ULONG result) const;
     /// Whether the latest request was neither refused by the server nor lost with the connection.
     bool unexplained() const;

@@ -142,7 +142,7 @@ Authenticator::Verdict Authenticator::take(const rtsp::Message &response, const 
         return attempt.answered == 0 ? Verdict::Unusable : Verdict::Refused;
     const bool stale = choice.digest && choice.digest->stale;
     const bool again = attempt.challenge != 0 && attempt.challenge == challenge() && sameChallenge(choice, m_choice);
-    problem = "the server refuses the host's user or password";
+    problem = "the server refused the user name or the password";
     if (again && !stale)
         return Verdict::Refused; // other requests may be allowed
     if (attempt.answered > 1 || (attempt.answered == 1 && !stale))

@@ -187,7 +187,7 @@ TEST_F(EngineTunnel, AnswersAChallengeOfHttp)
         Client client(engine(), 7, server);
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_DESCRIBE).error, error);
         EXPECT_THAT(reason(7, error == 0 ? ZR_CONNECTION_NONE : ZR_CONNECTION_TUNNEL_CREDENTIALS),
-                    HasSubstr(error == 0 ? "" : "refuses the host's user"));
+                    HasSubstr(error == 0 ? "" : "refused the user name"));
     }
     ZR_TraceSet(nullptr, nullptr);
     const auto requests = server.requests(6);
@@ -229,7 +229,7 @@ TEST_F(EngineTunnel, AnswersAChallengeOfThePost)
         ZR_SessionSetCredentials(7, "u", "p", 0);
         EXPECT_EQ(client.ask(AOI_MSG_RTSP_DESCRIBE).error, error);
         EXPECT_THAT(reason(7, error == 0 ? ZR_CONNECTION_NONE : ZR_CONNECTION_TUNNEL_CREDENTIALS),
-                    HasSubstr(error == 0 ? "" : "refuses the host's user"));
+                    HasSubstr(error == 0 ? "" : "refused the user name"));
         const auto requests = server.requests(expected);
         ASSERT_THAT(requests, SizeIs(expected));
         EXPECT_THAT(requests[1], AllOf(StartsWith("POST "), Not(HasSubstr("Authorization"))));

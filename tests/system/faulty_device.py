@@ -123,6 +123,8 @@ class Device:
         nonce = f"nonce{self.nonce}" + (f":{given['nc']}:{given['cnonce']}:auth" if "qop" in given else "")
         response = digest(f"{digest(f'{USER}:{realm}:{PASSWORD}')}:{nonce}:{digest(method + ':' + given.get('uri', ''))}")
         known = auth.get("takes", "MD5") == ("SHA-256" if strong else "MD5")
+        if auth.get("insists") and not (given.get("opaque") == "0" and given.get("qop") == "auth"):
+            return False
         right = known and value.startswith("Digest ") and given.get("response") == response
         if right and auth.get("once"):
             self.nonce += 1
