@@ -40,6 +40,8 @@ struct Session
     std::string publicMethods;          ///< of the last Public header, in capitals, after commas; empty: unknown
     std::vector<DescribedGroup> groups; ///< of the description's sections in their order; empty: none is multicast
     std::string challengedBy;           ///< hostAndPort of who asked for credentials last; the owner's to note
+    size_t authorized = 0;              ///< hash of the host's Authorization that went out last, likewise
+    size_t authorizedAt = 0;            ///< and of the hostAndPort where it went to
     bool played = false;                ///< a PLAY was answered 2xx
     PlayPosition position;              ///< what plays, for the Range of OPTIONS answers
 };

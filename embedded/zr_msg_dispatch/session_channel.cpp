@@ -86,7 +86,7 @@ void SessionChannel::send(const AcceptedPtr &accepted)
 {
     const aoi::Request &request = accepted->request;
     std::string_view authorization = request.authorization;
-    if (!authorization.empty() && !maySeeCredentials())
+    if (!authorization.empty() && !maySeeCredentials(authorization))
     {
         ZR_PLATFORM_LOG(WARNING, 0, Dispatch, "%s: credentials for %s are not sent there", name().c_str(),
                         m_session.challengedBy.empty() ? "another server" : m_session.challengedBy.c_str());
@@ -122,10 +122,20 @@ void SessionChannel::send(const AcceptedPtr &accepted)
     m_connection->write(bytes);
 }
 
-/// Neither a host that the requester's host was not, nor another than the one that challenged.
-bool SessionChannel::maySeeCredentials() const
+/// Neither a host that the requester's host was not, nor another than the one that challenged. Whoever a session was
+/// redirected to may challenge as well: it sees nothing that another has seen before.
+bool SessionChannel::maySeeCredentials(std::string_view authorization)
 {
-    return m_session.challengedBy.empty() ? m_target.address == m_asked.address : m_session.challengedBy == farSide();
+    const bool elsewhere = !(m_target.address == m_asked.address);
+    if (m_session.challengedBy.empty() ? elsewhere : m_session.challengedBy != farSide())
+        return false;
+    const size_t what = std::hash<std::string_view>()(authorization);
+    const size_t where = std::hash<std::string>()(farSide());
+    if (elsewhere && m_session.authorized == what && m_session.authorizedAt != where)
+        return false;
+    m_session.authorized = what;
+    m_session.authorizedAt = where;
+    return true;
 }
 
 // ---- what comes in
@@ -338,6 +348,8 @@ void SessionChannel::resetSession()
 {
     Session next;
     next.challengedBy = std::move(m_session.challengedBy);
+    next.authorized = m_session.authorized;
+    next.authorizedAt = m_session.authorizedAt;
     next.groups = std::move(m_session.groups);
     m_session = std::move(next);
     m_keeper.stop();

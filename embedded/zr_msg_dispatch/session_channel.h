@@ -80,7 +80,7 @@ private:
     uint16_t tunnelPort(const Orders &orders) const;
     std::unique_ptr<TunnelPlan> planTunnel(const Accepted &cause, const Orders &orders, uint16_t port) const;
     void dropConnection();
-    bool maySeeCredentials() const;
+    bool maySeeCredentials(std::string_view authorization);
     bool authenticates(const Orders &orders) const;
     bool mayShow(const Credentials &credentials) const;
     unsigned addOrders(std::string &bytes, const Orders &orders);

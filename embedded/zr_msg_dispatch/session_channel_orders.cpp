@@ -50,12 +50,15 @@ unsigned SessionChannel::addOrders(std::string &bytes, const Orders &orders)
 SessionChannel::Authentication SessionChannel::authenticate(const Exchange &exchange, const rtsp::Message &response)
 {
     const auto orders = m_registration->orders->current();
-    if (response.status != statusUnauthorized || !orders->credentials || !(m_target.address == m_asked.address))
+    if (response.status != statusUnauthorized || !orders->credentials)
         return Authentication::None;
     const AcceptedPtr &accepted = exchange.accepted;
-    std::string problem;
-    switch (m_authenticator.take(response, {exchange.challenge, accepted->answered}, mayShow(*orders->credentials),
-                                 problem))
+    const bool elsewhere = !(m_target.address == m_asked.address);
+    std::string problem = "another server, where it was redirected to, asks for credentials, and is not given these";
+    const auto verdict = elsewhere ? Authenticator::Verdict::Refused
+                                   : m_authenticator.take(response, {exchange.challenge, accepted->answered},
+                                                          mayShow(*orders->credentials), problem);
+    switch (verdict)
     {
     case Authenticator::Verdict::Answer:
         ++accepted->answered;
@@ -68,7 +71,7 @@ SessionChannel::Authentication SessionChannel::authenticate(const Exchange &exch
         ZR_PLATFORM_LOG(WARNING, statusUnauthorized, Dispatch, "%s: %s fails: %s", name().c_str(),
                         methodOf(exchange.messageId), problem.c_str());
         if (!isDroppable(exchange.messageId))
-            m_registration->refusal.set({statusUnauthorized, problem});
+            m_registration->refusal.set({elsewhere ? statusForbidden : statusUnauthorized, problem});
         deliver(failureAnswer(accepted->request, statusForbidden)); // 401 is for one who has other credentials
         return Authentication::Refused;
     case Authenticator::Verdict::Unusable:

@@ -102,7 +102,7 @@ TEST_F(EngineOrders, LastForTheSession)
     EXPECT_THAT(server.requests(9).at(2), testing::ContainsRegex("^PLAY.*n1.*nc=00000002.*Require: onvif-replay"));
     EXPECT_THAT(server.requests(9).at(4), testing::ContainsRegex("^PAUSE.*n1.*nc=00000004")) << "taken for a replay";
     ZR_SessionSetCredentials(7, "u", "p", 0);
-    EXPECT_EQ(Client(engine(), 7, server).ask(AOI_MSG_RTSP_DESCRIBE).error, 401U);
+    EXPECT_EQ(Client(engine(), 7, server).ask(AOI_MSG_RTSP_DESCRIBE).error, 403U);
     EXPECT_EQ(other.requests(1).at(0).find("Authorization"), std::string::npos);
 }
 
