@@ -7,6 +7,7 @@
 
 #include "base64.h"
 #include "commands.h"
+#include "masking.h"
 #include "trace.h"
 #include "zr_platform.h"
 
@@ -15,26 +16,29 @@ namespace {
 using namespace zr::host;
 
 // A line of the plug-in may hold them in clear, and a server may repeat them.
-void hide(const Credentials &credentials)
+void hide(const Source &source)
 {
     constexpr size_t unmistakable = 4; // shorter ones stand in many words
+    const Credentials &credentials = source.credentials;
+    std::vector<std::string> secrets = secretsIn(source.url.text);
     if (!credentials.password.empty())
     {
         const std::string both = credentials.user + ":" + credentials.password;
-        for (const std::string &secret : {both, toBase64(both), credentials.password}) // the second as Basic writes it
-        {
-            ZR_LogHide(secret.size() < unmistakable ? nullptr : secret.c_str());
-        }
+        secrets.insert(secrets.end(), {both, toBase64(both), credentials.password}); // the second as Basic writes it
+    }
+    for (const std::string &secret : secrets)
+    {
+        ZR_LogHide(secret.size() < unmistakable ? nullptr : secret.c_str());
     }
 }
 
 void setUpLog(const Options &all)
 {
     const CommonOptions &options = all.common;
-    hide(options.source.credentials);
+    hide(options.source);
     for (const Source &source : all.watch.sources)
     {
-        hide(source.credentials);
+        hide(source);
     }
     if (!options.logFile.empty())
     {

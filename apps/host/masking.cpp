@@ -21,6 +21,29 @@ std::string shown(const std::string &text)
     return safe;
 }
 
+std::vector<std::string> secretsIn(const std::string &text)
+{
+    const std::string stars = "***";
+    const std::string safe = shown(text);
+    std::vector<std::string> secrets;
+    size_t told = 0; // of both, as far as they are alike
+    size_t at = 0;
+    for (size_t mask = safe.find(stars); mask != std::string::npos; mask = safe.find(stars, told))
+    {
+        at += mask - told;
+        told = mask + stars.size();
+        const std::string behind = safe.substr(told, safe.find(stars, told) - told);
+        const size_t end = behind.empty() ? text.size() : text.find(behind, at);
+        if (end == std::string::npos)
+        {
+            break; // the stars are the text's own
+        }
+        secrets.push_back(text.substr(at, end - at));
+        at = end;
+    }
+    return secrets;
+}
+
 std::string withoutCredentials(const std::string &text)
 {
     const size_t scheme = text.find("://");

@@ -132,7 +132,8 @@ extern "C"
     /// offers; or Basic (RFC 7617). The challenge is answered in all further requests, until the server has
     /// another one. Where a right answer is refused, the request fails with 403, and ZR_RequestRefusal says 401. A
     /// challenge that cannot be answered is handed up as without credentials. They go to no other server than the
-    /// session's route leads to, not where a redirect leads either.
+    /// session's route leads to, not where a redirect leads either: a 401 from there is a 403, and ZR_RequestRefusal
+    /// says so.
     ///
     /// Before the session's object is created or while it lives; forgotten when that is torn down. Any thread.
     /// @param ulAOIPortID  the identifier of the session's object
@@ -281,8 +282,9 @@ extern "C"
 
     /// Has the RTSP messages of all sessions told, from now on, instead of to whom they were told before. Where
     /// credentials stand there is "***": values of Authorization headers but for the scheme, user information and
-    /// passwords of URLs, what ZR_LogHide was given. When it returns, all that was noted before has been told to the
-    /// former callback, which is called no more: so call it with NULL before the program ends. Any thread.
+    /// passwords of URLs, responses of Digest, what ZR_LogHide was given. When it returns, all that was noted before
+    /// has been told to the former callback, which is called no more: so call it with NULL before the program ends. Any
+    /// thread.
     /// @param pfnCallback  NULL: nobody
     /// @param pvUser       handed to it
     /// @return 0; ZR_SESSION_FAILED: there is no thread for it (then nobody is told), or it was called by the callback
@@ -414,9 +416,9 @@ extern "C"
     /// Continues a recording by another of the same stream that begins before it ends, without coding anything anew:
     /// where the other's first key frame is found in it, that is where the other goes on; else behind its end. What
     /// comes out is a new file, which then takes the first one's name; the other stays. Until then, where it fails, and
-    /// where the other ends before it does, both are as they were. What a process that was killed over it left beside the
-    /// file (FILE.PID-N.part) is removed, where the file system tells that nobody works on it. Takes as long as copying
-    /// them does. Any thread, one at a time for a file.
+    /// where the other ends before it does, both are as they were. What a process that was killed over it left beside
+    /// the file (FILE.PID-N.part) is removed, where the file system tells that nobody works on it. Takes as long as
+    /// copying them does. Any thread, one at a time for a file.
     /// @return 0; ZR_MEDIA_INVALID when they cannot be one: they are not read, or coded differently; another code
     ZR_PLATFORM_API ZR_ULONG ZR_RecordingContinue(const char *pszFile, const char *pszRest);
 
@@ -472,7 +474,8 @@ extern "C"
     /// Lines below this level are not written (default: ZR_LOG_INFO to a file, ZR_LOG_WARNING to stderr; above
     /// ZR_LOG_ERROR: none is).
     ZR_PLATFORM_API void ZR_LogSetLevel(tagZrLogLevel enLevel);
-    /// Has the log write "***" wherever this text stands in a line, such as a password; for all time. Any thread.
+    /// Has log, trace, ZR_TextMask and what is told of failures and facts write "***" wherever this text stands, such
+    /// as a password; for all time. Any thread.
     /// @param pszText  NULL and empty: without effect
     ZR_PLATFORM_API void ZR_LogHide(const char *pszText);
     /// What a host may show of a text that a server had a hand in, such as a reason, a description or a URL: with "***"

@@ -13,7 +13,6 @@
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include "log_line.h"
-#include "masking.h"
 #include "platform_log.h"
 #include "zr_platform.h"
 
@@ -88,11 +87,7 @@ public:
         applyLevel();
     }
 
-    void write(tagZrLogLevel level, std::string line)
-    {
-        zr::common::conceal(line);
-        m_logger.log(spdlogLevel(level), line);
-    }
+    void write(tagZrLogLevel level, std::string line) { m_logger.log(spdlogLevel(level), line); }
 
 private:
     static std::string line(const char *format, ...) ZR_PRINTF_FORMAT(1, 2)

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "c_locale.h"
+#include "masking.h"
 
 namespace {
 
@@ -37,12 +38,14 @@ std::string zr::common::formatLogLine(ZR_ULONG code, ZR_ULONG module, const char
     std::snprintf(numbers.data(), numbers.size(), ":%d ", line);
     result += numbers.data();
 
-    std::array<char, logTextLimit + 1> text;
+    std::array<char, 2 * logTextLimit> text; // so that what is cut is recognised as secret before it is
     const int length = format == nullptr ? -1 : system::formatC(text.data(), text.size(), format, arguments);
     if (length < 0)
         return result + "(no text: its format failed)";
-    appendHarmless(result, {text.data(), std::min(static_cast<size_t>(length), logTextLimit)});
-    if (static_cast<size_t>(length) > logTextLimit)
+    std::string masked(text.data(), std::min(static_cast<size_t>(length), text.size() - 1));
+    maskCredentials(masked);
+    appendHarmless(result, std::string_view(masked).substr(0, logTextLimit));
+    if (masked.size() > logTextLimit || static_cast<size_t>(length) >= text.size())
         result += cutMark;
     return result;
 }

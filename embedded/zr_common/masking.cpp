@@ -242,12 +242,26 @@ void maskPasswords(std::string &text)
     masked.finish();
 }
 
-} // namespace
-
-void conceal(std::string &text)
+/// An answer to a Digest challenge, out of which a weak password can be found, where it stands outside of its header.
+void maskDigests(std::string &text)
 {
-    secrets().conceal(text);
+    constexpr std::string_view name = "response=";
+    constexpr size_t shortest = 32; // MD5 in hexadecimal
+    Masked masked(text);
+    const std::string_view all = text;
+    for (size_t at = all.find(name); at != std::string_view::npos; at = all.find(name, at))
+    {
+        at += name.size();
+        const size_t begin = std::min(all.find_first_not_of("\\\"", at), all.size());
+        const size_t end = std::min(all.find_first_not_of("0123456789abcdefABCDEF", begin), all.size());
+        if (begin - at <= 2 && end - begin >= shortest)
+            masked.mask(begin, end);
+        at = end;
+    }
+    masked.finish();
 }
+
+} // namespace
 
 // A secret may stand in the names by which the others are found, so it is the last.
 void maskCredentials(std::string &text)
@@ -255,7 +269,8 @@ void maskCredentials(std::string &text)
     maskHeaders(text);
     maskUsers(text);
     maskPasswords(text);
-    conceal(text);
+    maskDigests(text);
+    secrets().conceal(text);
 }
 
 } // namespace zr::common

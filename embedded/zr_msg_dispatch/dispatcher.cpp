@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "callback_thread.h"
+#include "masking.h"
 #include "platform_log.h"
 #include "result_codes.h"
 #include "rtsp_text.h"
@@ -131,9 +132,12 @@ ZR_ULONG Dispatcher::tell(ZR_ULONG id, Registration::Note Registration::*which, 
     if (wanted)
         *text = '\0';
     const auto running = engine();
-    const Problem problem = running ? running->note(id, which) : Problem();
+    Problem problem = running ? running->note(id, which) : Problem();
     if (wanted)
+    {
+        common::maskCredentials(problem.text); // what is cut would not be recognised any more
         text[problem.text.copy(text, size - 1)] = '\0';
+    }
     return problem.code;
 }
 
@@ -261,8 +265,9 @@ ZR_ULONG ZR_RequestRefusal(ZR_ULONG ulAOIPortID, char *pszText, ZR_ULONG ulSize)
 namespace {
 
 template <size_t Size>
-void copyText(const std::string &text, char (&out)[Size])
+void copyText(std::string text, char (&out)[Size])
 {
+    zr::common::maskCredentials(text); // what is cut would not be recognised any more
     out[text.copy(out, Size - 1)] = '\0';
 }
 

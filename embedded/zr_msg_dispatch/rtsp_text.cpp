@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "masking.h"
+
 namespace {
 
 char lower(char c)
@@ -101,12 +103,15 @@ bool hasControlsBut(std::string_view text, std::string_view allowed)
                        [allowed](char c) { return isControl(c) && allowed.find(c) == std::string_view::npos; });
 }
 
+// What is escaped, or cut, would not be recognised as secret any more.
 std::string quoted(std::string_view text)
 {
+    std::string shown(text);
+    common::maskCredentials(shown);
     constexpr size_t longest = 80;
     constexpr char digits[] = "0123456789abcdef";
     std::string out = "\"";
-    for (const char c : text)
+    for (const char c : shown)
     {
         if (out.size() > longest)
             return out + "...\"";

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "masking.h"
 #include "platform_log.h"
 #include "rtsp_text.h"
 #include "session_channel.h"
@@ -78,8 +77,7 @@ bool SessionChannel::follow(const Exchange &exchange, const rtsp::Message &respo
                                  : m_session.setups > 0                 ? "a session is set up"
                                                                         : nullptr;
     const std::string *const header = response.find("Location");
-    std::string location = rtsp::quoted(header ? *header : "");
-    common::maskCredentials(location);
+    const std::string location = rtsp::quoted(header ? *header : "");
     if (obstacle)
     {
         ZR_PLATFORM_LOG(WARNING, static_cast<ZR_ULONG>(response.status), Dispatch,

@@ -92,6 +92,8 @@ TEST(TextMask, HidesCredentialsWhereverAServerRepeatsThem)
         {"rtsp://[::1]/x?to=rtsp://a:b@c", "rtsp://[::1]/x?to=rtsp://***@c"},
         {"rtsp://h/s?user=a&Password=x_y=z&ch=1: H264", "rtsp://h/s?user=a&Password=***&ch=1: H264"},
         {"rtsp://h/user=a_password=x_y_channel=1.sdp", "rtsp://h/user=a_password=***_channel=1.sdp"},
+        {"Digest qop=auth, response=\"0123456789abcdef0123456789ABCDEF\", response=12",
+         "Digest qop=auth, response=\"***\", response=12"},
         {"rtsp://h/s?%70assword=x: H264, not bypwd=x", "rtsp://h/s?%70assword=***: H264, not bypwd=x"},
         {"a\r\nAuthorization : Digest x,\r\n y\r\n\tz\r\nb: c",
          "a\r\nAuthorization : Digest ***\r\n ***\r\n\t***\r\nb: c"}};
@@ -103,7 +105,8 @@ TEST(TextMask, HidesCredentialsWhereverAServerRepeatsThem)
     char little[] = "....";
     EXPECT_EQ(ZR_TextMask("w0rd/", 5, little, 2), 4U);
     EXPECT_STREQ(little, "**..");
-    for (const char *part : {"://", "://@", "?pwd=", "_pwd=_", "w0rd", "Authorization:\n"}) // minutes, if not linear
+    for (const char *part :
+         {"://", "://@", "?pwd=", "_pwd=_", "w0rd", "response=\\", "Authorization:\n"}) // minutes, if not linear
     {
         std::string much;
         while (much.size() < 1000000)
