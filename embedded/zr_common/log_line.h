@@ -13,7 +13,8 @@ namespace zr::common {
 constexpr size_t logTextLimit = 4096;
 
 /// "0x6000003 13501 rtsp_mediactrl:120 text": what the format gives in the C locale. Control characters but the tab
-/// come out as "\x0a", credentials as "***" (maskCredentials), so that no text can begin a line of its own or steer a terminal; other bytes pass as they are.
+/// come out as "\x0a", credentials as "***" (maskCredentials), so that no text can begin a line of its own or steer a
+/// terminal; other bytes pass as they are.
 std::string formatLogLine(ZR_ULONG code, ZR_ULONG module, const char *file, int line, const char *format,
                           va_list arguments) __attribute__((format(printf, 5, 0)));
 
