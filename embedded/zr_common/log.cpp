@@ -87,7 +87,7 @@ public:
         applyLevel();
     }
 
-    void write(tagZrLogLevel level, std::string line) { m_logger.log(spdlogLevel(level), line); }
+    void write(tagZrLogLevel level, const std::string &line) { m_logger.log(spdlogLevel(level), line); }
 
 private:
     static std::string line(const char *format, ...) ZR_PRINTF_FORMAT(1, 2)
