@@ -44,13 +44,18 @@ CLI::Validator numbers(double least, double most, const std::string &allowed, bo
 /// Whether a name ends as other formats' do. What is no format's, such as ".part", promises none.
 bool promisesAnother(const std::string &file, const std::string &own)
 {
-    static constexpr std::array<const char *, 34> formats = {
-        ".mkv", ".webm", ".mp4", ".m4v",  ".m4a", ".mov", ".avi", ".ts",   ".m2ts", ".mts",  ".mpg",  ".mpeg",
-        ".flv", ".wmv",  ".asf", ".3gp",  ".ogg", ".ogv", ".wav", ".mp3",  ".aac",  ".h264", ".h265", ".264",
-        ".265", ".png",  ".jpg", ".jpeg", ".gif", ".bmp", ".tif", ".tiff", ".webp", ".mjpeg"};
+    static constexpr std::array<const char *, 37> formats = {
+        ".mkv", ".webm", ".mp4", ".m4v", ".m4a", ".mov",  ".avi",  ".ts",    ".m2ts", ".mts",  ".mpg", ".mpeg", ".flv",
+        ".wmv", ".asf",  ".3gp", ".ogg", ".ogv", ".wav",  ".mp3",  ".aac",   ".h264", ".h265", ".264", ".265",  ".png",
+        ".jpg", ".jpeg", ".gif", ".bmp", ".tif", ".tiff", ".webp", ".mjpeg", ".pdf",  ".csv",  ".json"};
     std::string end = std::filesystem::path(file).extension().string();
     std::transform(end.begin(), end.end(), end.begin(), [](unsigned char c) { return std::tolower(c); });
     return end != own && std::find(formats.begin(), formats.end(), end) != formats.end();
+}
+
+std::string whyMisnamed(const std::string &file, const std::string &what, const std::string &end)
+{
+    return promisesAnother(file, end) ? file + " is another format's name: " + what + ", name it *" + end : "";
 }
 
 bool hasControl(const std::string &text)
@@ -93,12 +98,21 @@ CLI::Validator writable()
     return {[](std::string &file) { return whyUnwritable(file); }, "FILE"};
 }
 
+CLI::Validator writableAs(const std::string &what, const std::string &end)
+{
+    return {[=](std::string &file) {
+                std::string wrongName = whyMisnamed(file, what, end);
+                return wrongName.empty() ? whyUnwritable(file) : wrongName;
+            },
+            "FILE"};
+}
+
 CLI::Validator media(const std::string &what, const std::string &end)
 {
     return {[=](std::string &file) {
-                if (promisesAnother(file, end))
+                if (std::string wrongName = whyMisnamed(file, what, end); !wrongName.empty())
                 {
-                    return file + " is another format's name: " + what + ", name it *" + end;
+                    return wrongName;
                 }
                 std::error_code ignored;
                 const bool other =

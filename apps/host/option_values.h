@@ -23,10 +23,12 @@ CLI::Validator oneOf(std::vector<std::pair<std::string, ZR_ULONG>> words);
 
 /// A file that can be written, as far as that can be told without writing it.
 CLI::Validator writable();
-/// The same for a recording or a picture, which takes the place of whatever has its name. One that promises another
-/// format than is written is refused.
-/// @param what  is written, such as "a recording is a Matroska file"
-/// @param end   of its names, such as ".mkv"
+/// The same; a name that promises another format than is written is refused.
+/// @param what  is written, such as "a report is an HTML page"
+/// @param end   of its names, such as ".html"
+CLI::Validator writableAs(const std::string &what, const std::string &end);
+
+/// The same for a recording or a picture, which takes the place of whatever has its name.
 CLI::Validator media(const std::string &what, const std::string &end);
 
 /// What stands in requests and must not end their lines.

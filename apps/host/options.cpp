@@ -250,7 +250,7 @@ Options parseOptions(int argc, char **argv, Hints &hints)
     check->add_flag("--multicast", options.check.multicast, "Try multicast as well");
     addForce(*check, options.common);
     check->add_option("--report", options.check.html, "Write a page with the table and a picture (HTML)")
-        ->check(writable());
+        ->check(writableAs("a report is an HTML page", ".html"));
     addPlay(*play, raw, options.play);
     addForce(*play, options.common)->group(moreGroup);
     addUrl(*replay, raw);

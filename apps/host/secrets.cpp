@@ -1,13 +1,17 @@
 #include "secrets.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <limits>
 #include <sstream>
 #include <system_error>
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,6 +41,29 @@ bool readLine(std::istream &in, std::string &line)
         line.pop_back();
     }
     return !line.empty() && line.size() <= longestPassword;
+}
+
+// What a command prints; more than the longest password with its end is read, but not kept.
+// @param onSilence  called once, when nothing comes for a second: it may hang, or ask somebody
+std::string readAll(int file, const std::function<void()> &onSilence)
+{
+    std::string all;
+    std::array<char, 4096> piece = {};
+    for (bool told = false;;)
+    {
+        pollfd wait = {file, POLLIN, 0};
+        if (!told && poll(&wait, 1, 1000) == 0)
+        {
+            onSilence();
+            told = true;
+        }
+        const ssize_t got = TEMP_FAILURE_RETRY(read(file, piece.data(), piece.size()));
+        if (got <= 0)
+        {
+            return all;
+        }
+        all.append(piece.data(), std::min(static_cast<size_t>(got), longestPassword + 2 - all.size()));
+    }
 }
 
 } // namespace
@@ -75,11 +102,8 @@ std::string runForPassword(const std::string &command, const std::string &whose)
     {
         throw failed("cannot be run");
     }
-    std::string printed;
-    for (int c = 0; (c = std::fgetc(pipe)) != EOF;)
-    {
-        printed += printed.size() <= longestPassword ? std::string(1, static_cast<char>(c)) : ""; // it may print more
-    }
+    const std::string printed = readAll(
+        fileno(pipe), [&] { std::fprintf(stderr, "the password-command of %s still runs ...\n", whose.c_str()); });
     const int status = pclose(pipe);
     std::istringstream in(printed);
     std::string line;

@@ -11,7 +11,8 @@ namespace zr::host {
 /// @throws Failure  Usage, when it cannot be read or holds none
 std::string readPassword(const std::string &file, const std::string &whose = {});
 
-/// The first line that a command prints, by the shell, with the terminal as it is.
+/// The first line that a command prints, by the shell, with the terminal as it is; waits as long as it runs (it may
+/// ask somebody), and says so on stderr when it takes longer than a second.
 /// @param whose  a camera's name
 /// @throws Failure  Credentials, when it cannot be run, fails or prints none
 std::string runForPassword(const std::string &command, const std::string &whose);

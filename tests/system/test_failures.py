@@ -86,6 +86,8 @@ class FailuresTest(HostTest):
                 ("a recording is a Matroska file, name it *.mkv", "see zr_rtsp_host download --help",
                  ("download", url, self.file("x.mp4"))),
                 ("names a folder", "see zr_rtsp_host check --help", ("check", url, "--report", self.folder)),
+                ("a report is an HTML page, name it *.html", "see zr_rtsp_host check --help",
+                 ("check", url, "--report", self.file("x.pdf"))),
                 ("is no ordinary file", "see zr_rtsp_host download --help", ("download", url, "/dev/null")),
                 ("play does not know --pasword (--password?)", help_of_play, (*play, "--pasword", PASSWORD)),
                 ("there is more than play takes", help_of_play, (*play, PASSWORD)),

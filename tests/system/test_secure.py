@@ -134,6 +134,7 @@ class SecureTest(HostTest):
                 (CREDENTIALS, "fails with exit code 3", head + 'password-command = "echo no; exit 3"', 0o600),
                 (CREDENTIALS, f"check user and password of door in {file}", head + 'password-command = "echo no"', 0o600),
                 (CREDENTIALS, "prints no password", head + 'password-command = "true"', 0o600),
+                (OK, "the password-command of door still runs ...\n", f"{head}password-command = 'cat {secret}; sleep 1.5'", 0o600),
                 (USAGE, "reading the password of door failed: " + self.file("zr_rtsp/none cannot be read: No such file"),
                  head + 'password-file = "none"', 0o600),
                 (USAGE, "line 4: door: there is no key usr (user?)", head + 'usr = "x"', 0o600),
