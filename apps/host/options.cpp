@@ -237,7 +237,7 @@ Options parseOptions(int argc, char **argv, Hints &hints)
     auto *describe =
         add(Command::Describe, "describe", "Print a stream's tracks, codecs and control URLs", describeHelp);
     auto *check = add(Command::Check, "check", "Try all that a stream needs, and say what fails", checkHelp);
-    auto *play = add(Command::Play, "play", "Play a stream; record it, or take a picture, if asked to", playHelp);
+    auto *play = add(Command::Play, "play", "Play a stream, steered by keys (? lists them); record it", playHelp);
     auto *replay = add(Command::Replay, "replay", "Play an ONVIF recorder's recording by time of day", replayHelp);
     auto *download = add(Command::Download, "download", "Fetch a recording into a file", downloadHelp);
     auto *tv = add(Command::Tv, "tv", "Play a recording, sent to a TV wall as well", tvHelp);

@@ -13,7 +13,7 @@ complete -c zr_rtsp_host -n __fish_use_subcommand -s h -l help -d 'Print this pa
 complete -c zr_rtsp_host -n __fish_use_subcommand -l help-all -d 'The exit codes as well'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a describe -d 'Print a stream\'s tracks, codecs and control URLs'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a check -d 'Try all that a stream needs, and say what fails'
-complete -c zr_rtsp_host -n __fish_use_subcommand -a play -d 'Play a stream; record it, or take a picture, if asked to'
+complete -c zr_rtsp_host -n __fish_use_subcommand -a play -d 'Play a stream, steered by keys (? lists them); record it'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a replay -d 'Play an ONVIF recorder\'s recording by time of day'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a download -d 'Fetch a recording into a file'
 complete -c zr_rtsp_host -n __fish_use_subcommand -a tv -d 'Play a recording, sent to a TV wall as well'
