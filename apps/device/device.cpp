@@ -9,6 +9,7 @@
 
 #include "recording.h"
 #include "replay_media.h"
+#include "seekable_media.h"
 #include "shared_media.h"
 
 namespace zr::device {
@@ -70,6 +71,13 @@ void addLiveMount(GstRTSPMountPoints *mounts, const char *path, const std::strin
 {
     GstRTSPMediaFactory *factory = gst_rtsp_media_factory_new();
     shareMedia(factory);
+    addMount(mounts, path, pipeline, factory);
+}
+
+void addSeekableMount(GstRTSPMountPoints *mounts, const char *path, const std::string &pipeline)
+{
+    GstRTSPMediaFactory *factory = gst_rtsp_media_factory_new();
+    gst_rtsp_media_factory_set_media_gtype(factory, seekableMediaType());
     addMount(mounts, path, pipeline, factory);
 }
 
@@ -219,7 +227,7 @@ Device::Device(const DeviceOptions &options)
     const std::string &recording = m_parts->recording.path();
     addLiveMount(mounts.get(), "/live", livePipeline(options.picture, true));
     addLiveMount(mounts.get(), "/video", livePipeline(options.picture, false));
-    addMount(mounts.get(), "/vod", playbackPipeline(recording), gst_rtsp_media_factory_new());
+    addSeekableMount(mounts.get(), "/vod", playbackPipeline(recording));
     if (!options.replayFrom.empty())
     {
         addReplayMount(mounts.get(), recording, options.replayFrom);

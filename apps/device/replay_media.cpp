@@ -9,6 +9,7 @@ extern "C" // which this header lacks
 }
 
 #include "backwards.h"
+#include "seekable_media.h"
 
 namespace zr::device {
 namespace {
@@ -32,6 +33,7 @@ void shift(GstRTSPTime &time, double seconds)
 // The library converts to seconds since 1900; the recording's own begin with it.
 gboolean convertRange(GstRTSPMedia *media, GstRTSPTimeRange *range, GstRTSPRangeUnit unit)
 {
+    awaitRates(media);
     const double begin = GPOINTER_TO_UINT(g_object_get_data(G_OBJECT(media), beginKey)) + double{from1900To1970};
     if (range->unit == unit)
     {
