@@ -149,6 +149,7 @@ void mapSetup(const aoi::Request &request, const std::string &requestUrl, const 
     mapped.answer.method = request.transport->method;
     mapped.answer.methodTransport = agreed->method;
     mapped.track = agreed->track;
+    mapped.track->url = requestUrl;
     mapped.trackNumber = number;
 }
 

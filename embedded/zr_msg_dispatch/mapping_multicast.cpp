@@ -1,7 +1,6 @@
 #include <arpa/inet.h>
 
-#include <algorithm>
-
+#include "control_url.h"
 #include "mapping_parts.h"
 #include "rtsp_text.h"
 
@@ -119,15 +118,6 @@ private:
     std::vector<DescribedGroup> m_groups;
 };
 
-/// Whether a URL ends with a control attribute, as a piece of its own.
-bool endsWithControl(std::string_view url, std::string_view control)
-{
-    if (control.empty() || url.size() < control.size() || url.substr(url.size() - control.size()) != control)
-        return false;
-    const size_t begin = url.size() - control.size();
-    return begin == 0 || control.front() == '/' || control.front() == '?' || url[begin - 1] == '/';
-}
-
 } // namespace
 
 namespace zr::dispatch {
@@ -174,15 +164,8 @@ std::vector<DescribedGroup> readGroups(std::string_view sdp)
 
 const DescribedGroup *groupFor(const Session &session, std::string_view url, unsigned setups)
 {
-    const DescribedGroup *best = nullptr;
-    for (const DescribedGroup &group : session.groups)
-    {
-        if (endsWithControl(url, group.control) && (best == nullptr || best->control.size() < group.control.size()))
-            best = &group;
-    }
-    if (best == nullptr && setups < session.groups.size())
-        best = &session.groups[setups];
-    return best != nullptr && !best->address.empty() ? best : nullptr;
+    const size_t place = common::sectionOf(session.groups, url, setups);
+    return place < session.groups.size() && !session.groups[place].address.empty() ? &session.groups[place] : nullptr;
 }
 
 } // namespace zr::dispatch

@@ -142,6 +142,10 @@ void readAttribute(std::string_view value, Section &section)
             format->fmtp.assign(value);
         }
     }
+    else if (name == "control")
+    {
+        section.control.assign(trimmed(value));
+    }
 }
 
 bool understood(const std::vector<Section> &sections)
@@ -229,14 +233,14 @@ std::string Description::confirmFormat(const char *media, std::string_view rtpma
     {
         return std::string("the ") + media + " rtpmap '" + std::string(rtpmap) + "' is not the description's; ";
     }
-    m_sections.push_back({media, {handed}});
+    m_sections.push_back({media, {handed}, {}});
     return {};
 }
 
-const Format *Description::find(unsigned track, uint8_t payloadType) const
+const Format *Description::find(size_t section, uint8_t payloadType) const
 {
-    const auto in = [payloadType](const Section &section) -> const Format * {
-        for (const Format &format : section.formats)
+    const auto in = [payloadType](const Section &of) -> const Format * {
+        for (const Format &format : of.formats)
         {
             if (format.payloadType == payloadType && !format.encoding.empty())
             {
@@ -245,16 +249,16 @@ const Format *Description::find(unsigned track, uint8_t payloadType) const
         }
         return nullptr;
     };
-    if (track < m_sections.size())
+    if (section < m_sections.size())
     {
-        if (const Format *format = in(m_sections[track]))
+        if (const Format *format = in(m_sections[section]))
         {
             return format;
         }
     }
-    for (const Section &section : m_sections)
+    for (const Section &other : m_sections)
     {
-        if (const Format *format = in(section))
+        if (const Format *format = in(other))
         {
             return format;
         }

@@ -28,6 +28,7 @@ struct Section
 {
     std::string media;
     std::vector<Format> formats;
+    std::string control; ///< of the URL that sets it up; empty: not said
 };
 
 class Description
@@ -41,9 +42,9 @@ public:
     /// @return what differs or cannot be used, for the log; empty when all agrees
     std::string confirm(const HandOff &handOff);
 
-    /// The meaning of a payload type on a track: of the section at the track's place, else of any section, else the
-    /// static one. Null when there is none.
-    const Format *find(unsigned track, uint8_t payloadType) const;
+    /// The meaning of a payload type in a section: what it says itself, else what any section says, else the static
+    /// one. Null when there is none.
+    const Format *find(size_t section, uint8_t payloadType) const;
 
     bool empty() const { return m_sections.empty(); }
     const std::vector<Section> &sections() const { return m_sections; }

@@ -18,6 +18,7 @@ constexpr unsigned maxTracks = 8;
 /// What a SETUP answer agreed on for one track.
 struct TrackTransport
 {
+    std::string url; ///< that was asked, which names its section of the description; may be empty
     bool interleaved = false;
     uint8_t rtpChannel = 0; ///< interleaved
     uint8_t rtcpChannel = 1;

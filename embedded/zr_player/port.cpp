@@ -5,6 +5,7 @@
 #include <random>
 #include <utility>
 
+#include "control_url.h"
 #include "error_text.h"
 #include "media_mark.h"
 #include "platform_log.h"
@@ -143,7 +144,18 @@ ZR_ULONG MediaPort::setDescription(const char *sdp)
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_description = std::move(description);
+    findSections();
     return 0;
+}
+
+/// Tracks are set up in another order than they are described, and payload types may repeat.
+void MediaPort::findSections()
+{
+    for (size_t number = 0; number < m_tracks.size(); ++number)
+    {
+        Track &track = m_tracks[number];
+        track.setSection(common::sectionOf(m_description.sections(), track.url(), number));
+    }
 }
 
 ZR_ULONG MediaPort::handOff(const uint8_t *data, size_t size)
@@ -158,10 +170,9 @@ void MediaPort::statistics(ZrMediaStatistics &out)
     sum.ulLastArrivalMs = 0xFFFFFFFF;
     const std::lock_guard<std::mutex> lock(m_mutex);
     const TimePoint now = Clock::now();
-    for (unsigned number = 0; number < m_tracks.size(); ++number)
+    for (const Track &track : m_tracks)
     {
-        const Track &track = m_tracks[number];
-        const Format *format = m_description.find(number, track.payloadType());
+        const Format *format = m_description.find(track.section(), track.payloadType());
         sum.ullFrames += format != nullptr && format->media == "video" ? track.frames() : 0;
         sum.ulTracks += track.isSetUp() ? 1 : 0;
         sum.ullPackets += track.packets();
@@ -187,7 +198,7 @@ bool MediaPort::trackStatistics(unsigned number, ZrTrackStatistics &out)
         return false;
     }
     const Track &track = m_tracks[number];
-    const Format *format = m_description.find(number, track.payloadType());
+    const Format *format = m_description.find(track.section(), track.payloadType());
     out = {};
     out.ullPackets = track.packets();
     out.ullBytes = track.bytes();
@@ -230,6 +241,7 @@ void MediaPort::setUpTrack(unsigned number, const TrackTransport &transport, Int
                         "media port %u: track %u: the sender '%.64s' is no numeric address, nothing of it is taken",
                         m_portId, number, transport.peerAddress.c_str());
     }
+    findSections();
     track.punch(m_ssrc, m_cname);
     MediaLoop::instance().schedule(*this, track.nextReport());
 }
@@ -387,7 +399,7 @@ void MediaPort::takeRtp(Track &track, unsigned number, const uint8_t *data, size
     }
     m_mark->store(true, std::memory_order_relaxed); // no lock: who checks does so at its own time
     m_rtpSeen = true;
-    const Format *format = m_description.find(number, packet->payloadType);
+    const Format *format = m_description.find(track.section(), packet->payloadType);
     if (track.takeRtp(*packet, size, format == nullptr ? 0 : format->clockRate, arrival) &&
         ++m_sourceChanges <= maxRepeatedLines)
     {

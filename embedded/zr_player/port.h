@@ -84,6 +84,7 @@ private:
     void release(FileSlot &slot);
 
     // under m_mutex
+    void findSections();
     void takeDatagram(Track &track, unsigned number, bool rtp, const PacketBatch::Packet &packet, TimePoint arrival);
     void takeRtp(Track &track, unsigned number, const uint8_t *data, size_t size, TimePoint arrival);
     void takeRtcp(Track &track, unsigned number, const uint8_t *data, size_t size, TimePoint arrival);

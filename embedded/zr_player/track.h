@@ -29,6 +29,10 @@ public:
     void connectionClosed();
 
     bool isSetUp() const { return m_setUp; }
+    const std::string &url() const { return m_transport.url; }
+    /// Its place in the description, which its port looks up.
+    size_t section() const { return m_section; }
+    void setSection(size_t section) { m_section = section; }
     bool interleavedRtp(uint8_t channel) const { return m_interleaved && channel == m_transport.rtpChannel; }
     bool interleavedRtcp(uint8_t channel) const { return m_interleaved && channel == m_transport.rtcpChannel; }
     bool isMulticast() const { return m_transport.multicast; }
@@ -88,6 +92,7 @@ private:
     bool m_closed = false;      ///< its connection is gone: reports only answer packets
     bool m_heard = false;       ///< a packet since the last report
     TrackTransport m_transport;
+    size_t m_section = 0;
     TrackSockets m_sockets;
     InterleavedWriter m_writer;
     Endpoint m_peer;

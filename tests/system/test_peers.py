@@ -148,6 +148,7 @@ class GstreamerTest(HostTest):
             f"h265={video(H265)} {audio('voaacenc ! rtpmp4gpay pt=97')}",
             f"latm={video(MJPEG)} {audio('voaacenc ! rtpmp4apay pt=97')}",
             f"mjpeg={video(MJPEG)} {audio('mulawenc ! rtppcmupay')}",
+            f"same={video(H264).replace('pay0', 'pay1')} {audio('voaacenc ! rtpmp4gpay pt=96').replace('pay1', 'pay0')}",
         )
         decodes_h265 = subprocess.run(["gst-inspect-1.0", "--exists", "avdec_h265"]).returncode == 0
         for mount, transport, *formats in (
@@ -155,6 +156,7 @@ class GstreamerTest(HostTest):
             ("h265", "--tcp", "video/x-h265", "audio/mpeg"),
             ("latm", "--udp", "image/jpeg", "audio/mpeg"),
             ("mjpeg", "--tcp", "image/jpeg", "audio/x-mulaw"),
+            ("same", "--tcp", "video/x-h264", "audio/mpeg"),  # one payload type for both, and the audio is first
         ):
             with self.subTest(mount, transport=transport):
                 file, picture = self.file(f"{mount}{transport}.mkv"), self.file(f"{mount}{transport}.png")
