@@ -149,8 +149,15 @@ void Course::open()
     {
         m_session->askForMulticast();
     }
+    const std::vector<TrackUrl> tracks = m_session->tracks(m_options.metadata);
+    if (m_options.metadata && (tracks.empty() || tracks.back().media != "metadata"))
+    {
+        m_report.warning("not_set_up",
+                         "metadata is left out: the description has no track of ONVIF metadata that is not compressed",
+                         {{"media", "metadata"}});
+    }
     unsigned number = 0;
-    for (const TrackUrl &track : m_session->tracks(m_options.metadata))
+    for (const TrackUrl &track : tracks)
     {
         if (m_protocol == PROTOCOL_UDP && !m_options.multicast && number++ == tracksOverUdp)
         {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <utility>
 
+#include <strings.h>
 #include <unistd.h>
 
 #include "addresses.h"
@@ -296,7 +297,8 @@ std::vector<TrackUrl> Session::tracks(bool metadata) const
         info.m_strVideoControl.substr(0, info.m_strVideoControl.size() - std::min(own, info.m_strVideoControl.size()));
     for (const Track &track : m_description.tracks)
     {
-        if (metadata && track.media == "application" && track.codec.rfind("vnd.onvif.metadata", 0) == 0)
+        // compressed it has another name; names have no case (RFC 4855, 3)
+        if (metadata && track.media == "application" && strcasecmp(track.codec.c_str(), "vnd.onvif.metadata") == 0)
         {
             found.push_back({"metadata", controlUrl(onvif() ? base : m_source.url.text, track.control)});
             break;

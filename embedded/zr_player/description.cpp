@@ -96,10 +96,10 @@ void readEncoding(std::string_view value, Format &format)
     format.encoding.assign(trimmed(cut(value, '/')).substr(0, maxName));
     std::transform(format.encoding.begin(), format.encoding.end(), format.encoding.begin(),
                    [](char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); });
-    const auto clockRate = number<uint32_t>(trimmed(cut(value, '/')), 10000000);
-    const bool video = format.media == "video";
+    const uint32_t clockRate = number<uint32_t>(trimmed(cut(value, '/')), 10000000).value_or(0);
+    const bool fine = format.media == "video" || format.isMetadata();
     const bool telephone = format.encoding == "PCMU" || format.encoding == "PCMA";
-    format.clockRate = clockRate ? *clockRate : video ? 90000 : telephone ? 8000 : 0;
+    format.clockRate = clockRate != 0 ? clockRate : fine ? 90000 : telephone ? 8000 : 0;
     format.parameters.assign(trimmed(value).substr(0, maxName));
 }
 

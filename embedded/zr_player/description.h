@@ -21,6 +21,9 @@ struct Format
     uint32_t clockRate = 0; ///< Hz; 0: unknown
     std::string parameters; ///< of the rtpmap: an audio's channels
     std::string fmtp;       ///< "packetization-mode=1;sprop-parameter-sets=..."
+
+    /// Whether it is ONVIF metadata, compressed or not.
+    bool isMetadata() const { return encoding.rfind("VND.ONVIF.METADATA", 0) == 0; }
 };
 
 /// A media section and its formats, in the order of its m= line.

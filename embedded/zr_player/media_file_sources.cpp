@@ -83,7 +83,7 @@ std::optional<uint32_t> MediaFile::metadataSource(unsigned track, const Format &
         return std::nullopt;
     }
     m_heard |= 1U << track;
-    const bool plain = format.encoding == "VND.ONVIF.METADATA" && format.clockRate != 0;
+    const bool plain = format.encoding == "VND.ONVIF.METADATA";
     if (!plain || (m_metadataTrack && m_metadataTrack != track))
     {
         leaveOut(track, format, plain ? "there is metadata already" : "compressed metadata is not written");
@@ -109,7 +109,7 @@ void MediaFile::offer(unsigned track, unsigned tracks, const Format &format, con
         return;
     }
     m_tracks = tracks;
-    const bool metadata = format.encoding.rfind("VND.ONVIF.METADATA", 0) == 0;
+    const bool metadata = format.isMetadata();
     const auto source = metadata ? metadataSource(track, format) : sourceOf(track, format);
     if (!source)
     {
