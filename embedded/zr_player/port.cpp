@@ -8,6 +8,7 @@
 #include "control_url.h"
 #include "error_text.h"
 #include "media_mark.h"
+#include "payload.h"
 #include "platform_log.h"
 
 namespace zr::media {
@@ -407,9 +408,18 @@ void MediaPort::takeRtp(Track &track, unsigned number, const uint8_t *data, size
                         number, packet->ssrc, packet->payloadType,
                         format == nullptr ? "unknown" : format->encoding.c_str());
     }
+    if (format == nullptr)
+    {
+        return;
+    }
+    if (const char *why = whyNotDepayable(format->encoding, data + packet->payload, packet->payloadSize))
+    {
+        discard(why, {});
+        return;
+    }
     for (const FileSlot *slot : {&m_recording, &m_picture, &m_show})
     {
-        if (slot->file != nullptr && format != nullptr)
+        if (slot->file != nullptr)
         {
             slot->file->offer(number, static_cast<unsigned>(m_tracks.size()), *format, data, size, arrival);
         }
