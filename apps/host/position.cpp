@@ -22,8 +22,10 @@ bool readClock(const std::string &text, double &seconds)
     }
     day.tm_year -= 1900;
     --day.tm_mon;
-    seconds = static_cast<double>(timegm(&day)) + second;
-    return true;
+    const std::tm asked = day;
+    seconds = static_cast<double>(timegm(&day)) + second; // to which February 30 is March 2
+    return day.tm_mon == asked.tm_mon && day.tm_mday == asked.tm_mday && day.tm_hour == asked.tm_hour &&
+           day.tm_min == asked.tm_min && second >= 0 && second < 61;
 }
 
 bool readNormal(const std::string &text, double &seconds)

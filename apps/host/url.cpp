@@ -108,14 +108,18 @@ Url parseUrl(const std::string &text)
         url.credentials.password = colon == std::string::npos ? "" : percentDecoded(given.substr(colon + 1));
         authority.erase(0, at + 1);
     }
+    if (!authority.empty() && authority.front() == '[')
+    {
+        throw wrongUsage("IPv6 addresses are not supported");
+    }
     const size_t colon = authority.find(':');
     url.host = authority.substr(0, colon);
     url.portNamed = colon != std::string::npos;
     url.port =
         colon == std::string::npos ? static_cast<uint16_t>(tls ? 322 : 554) : parsePort(authority.substr(colon + 1));
-    if (url.host.empty() || url.host.front() == '[')
+    if (url.host.empty())
     {
-        throw wrongUsage(url.host.empty() ? "the URL names no host" : "IPv6 addresses are not supported");
+        throw wrongUsage("the URL names no host");
     }
     url.text = text.substr(0, begin) + authority + text.substr(end, text.find('#', end) - end);
     return url;

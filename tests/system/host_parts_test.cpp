@@ -128,7 +128,8 @@ TEST(HostPosition, isOfARecordingOrOfADay)
     EXPECT_EQ(positionText({span.begin->seconds + 10.5, true}), "20260301T000000.500Z");
     EXPECT_EQ(parsePosition("1:02:03.5")->seconds, 3723.5);
     EXPECT_EQ(positionText(*parsePosition("12")), "12.000");
-    EXPECT_FALSE(parsePosition("now") || parsePosition("") || parsePosition("20260228T2359Z") || parsePosition("1s"));
+    EXPECT_FALSE(parsePosition("now") || parsePosition("") || parsePosition("20260228T2359Z") || parsePosition("1s") ||
+                 parsePosition("20260230T000000Z"));
     EXPECT_FALSE(parsePosition("1e11") || parsePosition("-1e300") || parsePosition("nan"));
     EXPECT_EQ(positionShown(parsePosition("99999999999").value()), "27777777:46:39");
     EXPECT_EQ(clockText("2026-02-28T23:59:50.5Z"), "20260228T235950.5Z");
