@@ -475,7 +475,7 @@ extern "C"
     /// ZR_LOG_ERROR: none is).
     ZR_PLATFORM_API void ZR_LogSetLevel(tagZrLogLevel enLevel);
     /// Has log, trace, ZR_TextMask and what is told of failures and facts write "***" wherever this text stands, such
-    /// as a password; for all time. Any thread.
+    /// as a password, or the Base64 of "user:password", both of which a server may repeat; for all time. Any thread.
     /// @param pszText  NULL and empty: without effect
     ZR_PLATFORM_API void ZR_LogHide(const char *pszText);
     /// What a host may show of a text that a server had a hand in, such as a reason, a description or a URL: with "***"

@@ -22,9 +22,9 @@ constexpr size_t longestName = 64;
 constexpr size_t longestValue = 1024;
 
 /// What the dispatch writes itself, or what would announce a body.
-constexpr std::array<std::string_view, 11> reservedNames = {
-    "CSeq",  "Session", "Transport", "Content-Length",    "Authorization",   "User-Agent",
-    "Scale", "Range",   "Accept",    "Transfer-Encoding", "Content-Encoding"};
+constexpr std::array<std::string_view, 12> reservedNames = {
+    "CSeq",  "Session", "Transport", "Content-Length",    "Authorization",    "User-Agent",
+    "Scale", "Range",   "Accept",    "Transfer-Encoding", "Content-Encoding", "Content-Type"};
 constexpr std::array<std::string_view, 8> methods = {"DESCRIBE", "SETUP",   "PLAY",          "PAUSE",
                                                      "TEARDOWN", "OPTIONS", "GET_PARAMETER", "SET_PARAMETER"};
 
