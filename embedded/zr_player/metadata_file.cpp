@@ -78,7 +78,8 @@ void MetadataFile::take(const std::vector<uint8_t> &packet, TimePoint arrival)
         return;
     }
     const auto distance = static_cast<int16_t>(read->sequence - static_cast<uint16_t>(m_next));
-    if (m_ssrc != read->ssrc || distance > farOff || distance < -farOff)
+    const bool goesOn = distance < 0 && m_late && read->sequence == static_cast<uint16_t>(*m_late + 1);
+    if (m_ssrc != read->ssrc || distance > farOff || distance < -farOff || goesOn)
     {
         release(true);
         m_broken = true; // it may begin within a document
@@ -87,8 +88,10 @@ void MetadataFile::take(const std::vector<uint8_t> &packet, TimePoint arrival)
     }
     else if (distance < 0)
     {
-        return; // too late
+        m_late = read->sequence;
+        return;
     }
+    m_late.reset();
     const uint32_t number = m_next + static_cast<uint16_t>(read->sequence - static_cast<uint16_t>(m_next));
     m_early.insert({number,
                     {read->ssrc, read->timestamp, read->marker, arrival,

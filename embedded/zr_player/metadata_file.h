@@ -71,7 +71,9 @@ private:
     const Log m_log;
 
     std::optional<uint32_t> m_ssrc;
-    uint32_t m_next = 0; ///< number, counted on over wraps
+    uint32_t m_next = 0;            ///< number, counted on over wraps
+    std::optional<uint16_t> m_late; ///< the latest came too late; where the next one follows it, its source counts anew
+                                    ///< (RFC 3550, A.1)
     std::map<uint32_t, Piece> m_early;
     bool m_broken = false; ///< a packet of the document is missing
     Document m_document;
