@@ -26,13 +26,18 @@ TEST(RtpTimelineOfAFile, FollowsTheTimestampsAndBridgesJumps)
 {
     constexpr uint64_t ms = 1000000;
     const std::tuple<uint32_t, uint32_t, uint64_t, uint64_t> rows[] = {
-        {1, 0xFFFFFF00, 500, 500},                 // begins with its arrival
+        {1, 0xFFFFFF00, 500, 500}, // begins with its arrival
+        {1, 0xFFFFFF00 + 3600, 505, 540},
         {1, 0xFFFFFF00 + 90000, 510, 1500},        // faster than it plays, and over the wrap
         {1, 0xFFFFFF00 + 81000, 520, 1400},        // decoding order
-        {1, 700000000, 540, 1520},                 // a seek
-        {1, 700000000 + 90000 * 60, 60550, 61520}, // a pause through which the clock ran on
-        {2, 5, 90000, 62520},                      // another source: at most a second between
-        {2, 5 + 9000, 90001, 62620},
+        {1, 700000000, 540, 1540},                 // a seek, behind the last frame
+        {1, 700000000 + 90000 * 60, 60550, 61540}, // a pause through which the clock ran on
+        {2, 5, 90000, 62540},                      // another source: at most a second between
+        {2, 5 + 9000, 90001, 62640},
+        {2, 5 + 9000 - 100000, 90002, 62740}, // the group of pictures before
+        {2, 5 + 9000 - 190000, 90502, 63240}, // key frames alone, backwards
+        {2, 5 + 9000 + 170000, 94502, 67240},
+        {2, 5 + 9000 - 10000, 94503, 65240}, // decoding order at a frame in a second
     };
     RtpTimeline timeline(90000);
     for (const auto &[ssrc, timestamp, arrivalMs, expectedMs] : rows)

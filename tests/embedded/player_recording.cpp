@@ -498,4 +498,7 @@ TEST(SenderClocksOfARecording, PlaceSoundAndPictureTowardsEachOther)
     ASSERT_TRUE(other.start && !other.undated);
     EXPECT_EQ(other.start->since, 1050U * ms);
     EXPECT_EQ(other.start->unixTime + 1050 * ms, unixTime + 60000 * ms);
+    others.report(0, 3, 14400, unixTime + 60080 * ms); // nor does what was said before a step back
+    const auto back = next(3, 10800 - 360000, 30080);
+    EXPECT_TRUE(back.undated && !back.start);
 }

@@ -155,6 +155,7 @@ Recorder::PartPtr Recorder::partOf(size_t track, GstBuffer *frame, Lock &lock)
     }
     if (time < part->begin)
     {
+        ++m_tracks[track].leftOut;
         return nullptr;
     }
     if (part->caps[track] != m_tracks[track].caps && !codedAlike(part->caps[track].get(), m_tracks[track].caps.get()))
@@ -376,6 +377,15 @@ ZrMediaState Recorder::finish(GstClockTime within)
         }
     }
     const Lock lock(m_mutex);
+    for (const Track &track : m_tracks)
+    {
+        if (track.leftOut != 0)
+        {
+            const std::string text = std::string(track.video ? "video: " : "audio: ") + std::to_string(track.leftOut) +
+                                     " frames were left out, for by their time they come before the file's first";
+            m_log(m_user, 1, text.c_str());
+        }
+    }
     m_state = m_state == ZR_MEDIA_STATE_FAILED ? m_state : m_any ? ZR_MEDIA_STATE_WHOLE : ZR_MEDIA_STATE_EMPTY;
     return m_state;
 }

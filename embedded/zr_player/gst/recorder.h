@@ -57,6 +57,7 @@ private:
         GstPtr<GstCaps> caps; ///< of its latest frame; null: none yet
         GstClockTime first = GST_CLOCK_TIME_NONE;
         uint64_t last = 0;
+        uint64_t leftOut = 0; ///< frames from before the files' begin
     };
 
     /// A file.

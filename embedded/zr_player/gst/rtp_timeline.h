@@ -10,8 +10,8 @@
 namespace zr::media {
 
 /// A file's time follows the RTP timestamps, not the arrival: a recording that is downloaded faster than it was made
-/// keeps its own length. Where the timestamps jump (a seek, another source) the file goes on after what it holds. One
-/// thread.
+/// keeps its own length. Where the timestamps jump (a seek, another source, the next group of pictures backwards) the
+/// file goes on after what it holds. One thread.
 class RtpTimeline
 {
 public:
@@ -29,8 +29,10 @@ public:
         if (!m_begun || ssrc != m_ssrc || jumps(step, arrival))
         {
             const uint64_t silence = m_begun && arrival > m_arrival ? arrival - m_arrival : 0;
-            m_origin = m_begun ? m_latest + std::clamp(silence, shortestGap, longestGap) : arrival;
+            const uint64_t gap = std::max(silence, static_cast<uint64_t>(m_apart)); // what came last has its length
+            m_origin = m_begun ? m_latest + std::clamp(gap, shortestGap, longestGap) : arrival;
             m_ticks = 0;
+            m_apart = 0;
             ++m_run;
             m_begun = true;
             m_ssrc = ssrc;
@@ -38,6 +40,8 @@ public:
         else
         {
             m_ticks += step;
+            const int64_t apart = nanoseconds(step);
+            m_apart = apart > 0 && (m_apart == 0 || apart < m_apart) ? apart : m_apart;
         }
         m_timestamp = timestamp;
         m_arrival = arrival;
@@ -67,6 +71,9 @@ private:
     static constexpr int64_t second = 1000000000;
     static constexpr uint64_t shortestGap = 1000000;
     static constexpr uint64_t longestGap = second;
+    /// How far decoding order steps back: 16 frames of 25 in a second, and where there are fewer, few frames.
+    static constexpr int64_t furthestBack = second * 7 / 10;
+    static constexpr int64_t mostFramesBack = 8;
 
     int64_t nanoseconds(int64_t ticks) const
     {
@@ -74,12 +81,13 @@ private:
         return ticks / m_clockRate * second + ticks % m_clockRate * second / m_clockRate;
     }
 
-    /// Far off, and the arrival does not say the same.
+    /// Back by more than decoding order does, or far off, and the arrival does not say the same.
     bool jumps(int32_t step, uint64_t arrival) const
     {
         const int64_t media = nanoseconds(step);
         const auto passed = static_cast<int64_t>(arrival - m_arrival);
-        return std::abs(media) > 10 * second && std::abs(media - passed) > 2 * second;
+        const bool back = -media >= furthestBack && -media > mostFramesBack * m_apart;
+        return back || (std::abs(media) > 10 * second && std::abs(media - passed) > 2 * second);
     }
 
     int64_t m_clockRate;
@@ -91,6 +99,7 @@ private:
     uint64_t m_origin = 0;
     uint64_t m_latest = 0;
     int64_t m_ticks = 0;
+    int64_t m_apart = 0; ///< nanoseconds between the run's frames at least; 0: not known yet
 };
 
 } // namespace zr::media

@@ -12,6 +12,8 @@ constexpr int64_t second = 1000000000;
 /// What nobody notices between picture and sound, and what no sender means.
 constexpr int64_t smallestDelay = second / 25;
 constexpr int64_t largestDelay = 10 * second;
+/// Of a report to the first packet behind a jump, or it is of what came before.
+constexpr int64_t furthestReport = second / 2;
 /// 2001-01-01, where Matroska's dates begin.
 constexpr int64_t oldestDate = 978307200 * second;
 
@@ -44,6 +46,11 @@ SenderClocks::Outcome SenderClocks::follow(size_t track, RtpTimeline &timeline, 
         of.start.reset();
         of.reported.reset();
         of.since = of.run == 0 ? 0 : time;
+        const auto told = of.run != 0 && of.news ? timeline.at(of.news->ssrc, of.news->timestamp) : std::nullopt;
+        if (told && std::abs(static_cast<int64_t>(*told - time)) > furthestReport)
+        {
+            of.news.reset();
+        }
         of.run = timeline.run();
     }
     if (const auto news = std::exchange(of.news, std::nullopt))
