@@ -46,8 +46,9 @@ public:
         m_timestamp = timestamp;
         m_arrival = arrival;
         const int64_t offset = nanoseconds(m_ticks);
-        const uint64_t time =
-            offset < 0 && static_cast<uint64_t>(-offset) > m_origin ? 0 : m_origin + static_cast<uint64_t>(offset);
+        const bool before = offset < 0 && static_cast<uint64_t>(-offset) > m_origin;
+        m_before += before && step != 0 ? 1 : 0;
+        const uint64_t time = before ? 0 : m_origin + static_cast<uint64_t>(offset);
         m_latest = std::max(m_latest, time);
         return time;
     }
@@ -66,6 +67,9 @@ public:
 
     /// Changes where timestamps jump: what was known of them before counts no more.
     unsigned run() const { return m_run; }
+
+    /// Frames from before the time 0, which they were given.
+    uint64_t before() const { return m_before; }
 
 private:
     static constexpr int64_t second = 1000000000;
@@ -98,6 +102,7 @@ private:
     uint64_t m_arrival = 0;
     uint64_t m_origin = 0;
     uint64_t m_latest = 0;
+    uint64_t m_before = 0;
     int64_t m_ticks = 0;
     int64_t m_apart = 0; ///< nanoseconds between the run's frames at least; 0: not known yet
 };

@@ -458,6 +458,11 @@ ZrMediaState ZrMediaSink::finish(uint32_t timeoutMs)
     }
     for (const Track &track : m_tracks)
     {
+        if (ended && track.timeline.before() != 0)
+        {
+            write(true, std::string(mediaOf(track.video)) + ": " + std::to_string(track.timeline.before()) +
+                            " frames are of a time before the first one's, and lost");
+        }
         if (ended && track.gaps != 0)
         {
             write(false, std::string(mediaOf(track.video)) + ": " + std::to_string(track.missing) +
